@@ -1,0 +1,48 @@
+// The parts of file unlocking that no platform changes: the signal forms and the batch.
+#include "core/file_unlock_service.h"
+
+namespace korvane {
+
+FileUnlockService::FileUnlockService() : m_impl(makeImplPlatform())
+{
+    registerRecordMetaTypes();
+}
+
+FileUnlockService::~FileUnlockService() = default;
+
+void FileUnlockService::query(const QList<QString>& paths)
+{
+    const LockerProbe probe = probeLockers(paths);
+    if (probe.ok)
+        Q_EMIT queryFinished(probe.processes);
+    else
+        Q_EMIT queryFailed(probe.error);
+}
+
+void FileUnlockService::closeHandles()
+{
+    const OpResult result = closeHandlesSync();
+    Q_EMIT operationLog(result.message, result.ok ? OpLevel::Info : OpLevel::Error);
+}
+
+void FileUnlockService::killProcesses(const QList<unsigned int>& pids)
+{
+    if (pids.isEmpty())
+        return;
+    int succeeded = 0;
+    int failed = 0;
+    for (const unsigned int pid : pids) {
+        const OpResult result = killProcess(pid);
+        if (result.ok) {
+            ++succeeded;
+            continue;
+        }
+        ++failed;
+        Q_EMIT operationLog(result.message, OpLevel::Warning);
+    }
+    const QString summary = QStringLiteral("批量杀进程完成:成功 %1 / 失败 %2")
+                                .arg(QString::number(succeeded), QString::number(failed));
+    Q_EMIT operationLog(summary, failed > 0 ? OpLevel::Warning : OpLevel::Info);
+}
+
+} // namespace korvane

@@ -1,0 +1,81 @@
+// The service that finds and releases the processes holding files, and that ends processes.
+#pragma once
+
+#include "core/singleton.h"
+#include "core/system_records.h"
+#include "platform/platform.h"
+
+#include <QObject>
+
+#include <memory>
+
+namespace korvane {
+
+/// Result of a probe for the processes that hold files.
+struct LockerProbe
+{
+    bool ok = false;              ///< The probe could run.
+    QString error;                ///< Why it could not.
+    QList<ProcessInfo> processes; ///< One entry per process that holds at least one of the files.
+};
+
+/// Releases files held by other processes. The probing and the operations on handles and
+/// processes are the platform's. A probe and the close that follows it belong together: the
+/// service acts on the last probe. Main thread only.
+class FileUnlockService : public QObject, public Singleton<FileUnlockService>
+{
+    Q_OBJECT
+
+public:
+    enum class OpLevel {
+        Info = 0,    ///< Progress and success.
+        Warning = 1, ///< A step failed but the batch went on.
+        Error = 2,   ///< The operation failed.
+    };
+    Q_ENUM(OpLevel)
+
+    ~FileUnlockService() override;
+
+    /// Signal form of probeLockers(): emits queryFinished() or queryFailed().
+    void query(const QList<QString>& paths);
+
+    /// Platform operation: finds the processes that hold any of `paths`, and remembers the
+    /// handles found.
+    LockerProbe probeLockers(const QList<QString>& paths);
+
+    /// Signal form of closeHandlesSync(): reports through operationLog().
+    void closeHandles();
+
+    /// Platform operation: closes the handles that the last probe found.
+    OpResult closeHandlesSync();
+
+    /// Ends the processes one by one; each failure and a summary go to operationLog().
+    void killProcesses(const QList<unsigned int>& pids);
+
+    /// Platform operation: ends one process.
+    OpResult killProcess(unsigned int pid);
+
+    /// Platform operation: has the paths deleted at the next restart; reports through
+    /// operationLog().
+    void scheduleDeleteOnReboot(const QList<QString>& paths);
+
+Q_SIGNALS:
+    void queryFinished(const QList<ProcessInfo>& processes);
+    void queryFailed(const QString& reason);
+    void operationLog(const QString& message, OpLevel level);
+
+private:
+    friend class Singleton<FileUnlockService>;
+    FileUnlockService();
+
+    /// What the platform keeps between a probe and the close that follows.
+    struct Impl;
+    using ImplPointer = std::unique_ptr<Impl, void (*)(Impl*)>;
+
+    /// Platform operation: makes the private object, with the function that destroys it.
+    static ImplPointer makeImplPlatform();
+
+    ImplPointer m_impl;
+};
+
+} // namespace korvane

@@ -1,0 +1,39 @@
+// The service that lists running processes.
+#pragma once
+
+#include "core/process_cpu_table.h"
+#include "core/singleton.h"
+#include "core/system_records.h"
+
+#include <QObject>
+
+namespace korvane {
+
+/// Lists processes through the platform layer. Main thread only.
+class ProcessService : public QObject, public Singleton<ProcessService>
+{
+    Q_OBJECT
+
+public:
+    /// All processes, in the back end's order. A failure is an empty list and lastError().
+    QList<ProcessSnapshot> listAllProcesses() const;
+
+    /// The failure text of the last listing; empty after a success.
+    QString lastError() const { return m_lastError; }
+
+    /// Whether an enumeration has left samples to measure processor use against.
+    bool hasCpuSamples() const { return !m_cpuTable.isEmpty(); }
+
+private:
+    friend class Singleton<ProcessService>;
+    ProcessService() = default;
+
+    /// Platform operation: every process visible to this one. On failure writes a short text to
+    /// `error` (may be null) and returns an empty list. Linux: /proc.
+    QList<ProcessSnapshot> enumPlatform(QString* error) const;
+
+    mutable QString m_lastError;
+    mutable ProcessCpuTable m_cpuTable;
+};
+
+} // namespace korvane

@@ -1,0 +1,161 @@
+// Signature look-ups: memory cache, persisted cache, platform, in that order.
+#include "core/signature_service.h"
+
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QFileInfo>
+
+namespace korvane {
+
+namespace {
+
+/// Modification time in milliseconds since the epoch; 0 when there is no file or no time.
+qint64 modificationTimeMs(const QString& path)
+{
+    const QFileInfo file(path);
+    if (!file.exists())
+        return 0;
+    const QDateTime time = file.lastModified();
+    return time.isValid() ? time.toMSecsSinceEpoch() : 0;
+}
+
+QString recordKey(const QString& path)
+{
+    const QByteArray digest = QCryptographicHash::hash(path.toUtf8(), QCryptographicHash::Sha1);
+    return QStringLiteral("sigcache/") + QString::fromLatin1(digest.toHex());
+}
+
+/// The status in a record "TIME|STATUS" if it is whole and its time is `mtimeMs`.
+SignatureStatus statusOfRecord(const QString& record, qint64 mtimeMs)
+{
+    const qsizetype separator = record.indexOf(QLatin1Char('|'));
+    if (separator < 1)
+        return SignatureStatus::Unchecked;
+    bool timeParsed = false;
+    bool statusParsed = false;
+    const qint64 time = record.left(separator).toLongLong(&timeParsed);
+    const int status = record.mid(separator + 1).toInt(&statusParsed);
+    const bool inRange = status >= 0 && status <= static_cast<int>(SignatureStatus::Unknown);
+    if (!timeParsed || !statusParsed || time != mtimeMs || !inRange)
+        return SignatureStatus::Unchecked;
+    return static_cast<SignatureStatus>(status);
+}
+
+} // namespace
+
+QString signatureStatusLabel(SignatureStatus status)
+{
+    switch (status) {
+    case SignatureStatus::Unchecked:
+        return QStringLiteral("—");
+    case SignatureStatus::Trusted:
+        return QStringLiteral("已签名 ✓");
+    case SignatureStatus::Untrusted:
+        return QStringLiteral("签名无效");
+    case SignatureStatus::Unsigned:
+        return QStringLiteral("未签名");
+    case SignatureStatus::Unknown:
+        return QStringLiteral("未知");
+    }
+    return {};
+}
+
+SignatureService::SignatureService() : m_settings(std::make_unique<QSettings>()) {}
+
+SignatureStatus SignatureService::verify(const QString& path)
+{
+    if (path.isEmpty())
+        return SignatureStatus::Unknown;
+    if (const auto known = inMemory(path))
+        return *known;
+
+    const qint64 mtimeMs = modificationTimeMs(path);
+    const bool persistable = mtimeMs >= 1;
+    if (persistable) {
+        const SignatureStatus persisted = loadPersisted(path, mtimeMs);
+        if (persisted != SignatureStatus::Unchecked)
+            return remember(path, persisted);
+    }
+
+    const SignatureStatus status = remember(path, verifyPlatform(path));
+    if (persistable && status != SignatureStatus::Unknown)
+        savePersisted(path, mtimeMs, status);
+    return status;
+}
+
+SignatureStatus SignatureService::cached(const QString& path) const
+{
+    if (path.isEmpty())
+        return SignatureStatus::Unknown;
+    return inMemory(path).value_or(SignatureStatus::Unchecked);
+}
+
+QString SignatureService::signerName(const QString& path)
+{
+    if (path.isEmpty())
+        return {};
+    {
+        const QReadLocker locker(&m_cacheLock);
+        if (const auto known = m_signerCache.constFind(path); known != m_signerCache.constEnd())
+            return *known;
+    }
+    const QString name = signerNamePlatform(path);
+    const QWriteLocker locker(&m_cacheLock);
+    m_signerCache.insert(path, name);
+    return name;
+}
+
+QString SignatureService::cachedSigner(const QString& path) const
+{
+    const QReadLocker locker(&m_cacheLock);
+    return m_signerCache.value(path);
+}
+
+void SignatureService::clearCache()
+{
+    const QWriteLocker locker(&m_cacheLock);
+    m_statusCache.clear();
+    m_signerCache.clear();
+}
+
+void SignatureService::flushPersistent()
+{
+    const QMutexLocker locker(&m_settingsLock);
+    m_settings->sync();
+}
+
+int SignatureService::cacheSize() const
+{
+    const QReadLocker locker(&m_cacheLock);
+    return static_cast<int>(m_statusCache.size());
+}
+
+SignatureStatus SignatureService::loadPersisted(const QString& path, qint64 mtimeMs) const
+{
+    const QMutexLocker locker(&m_settingsLock);
+    return statusOfRecord(m_settings->value(recordKey(path)).toString(), mtimeMs);
+}
+
+void SignatureService::savePersisted(const QString& path, qint64 mtimeMs, SignatureStatus status)
+{
+    const QString record = QStringLiteral("%1|%2").arg(
+        QString::number(mtimeMs), QString::number(static_cast<int>(status)));
+    const QMutexLocker locker(&m_settingsLock);
+    m_settings->setValue(recordKey(path), record);
+}
+
+std::optional<SignatureStatus> SignatureService::inMemory(const QString& path) const
+{
+    const QReadLocker locker(&m_cacheLock);
+    const auto known = m_statusCache.constFind(path);
+    return known == m_statusCache.constEnd() ? std::nullopt : std::optional(*known);
+}
+
+SignatureStatus SignatureService::remember(const QString& path, SignatureStatus status)
+{
+    const QWriteLocker locker(&m_cacheLock);
+    m_statusCache.insert(path, status);
+    return status;
+}
+
+} // namespace korvane

@@ -1,0 +1,89 @@
+// The service that verifies code signatures, with its two layers of cache.
+#pragma once
+
+#include "core/singleton.h"
+
+#include <QHash>
+#include <QMutex>
+#include <QObject>
+#include <QReadWriteLock>
+#include <QSettings>
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+namespace korvane {
+
+/// What is known of a file's signature. The values are persisted.
+enum class SignatureStatus : qint32 {
+    Unchecked = 0, ///< No answer known.
+    Trusted = 1,   ///< Signed, valid and trusted.
+    Untrusted = 2, ///< Signed, but invalid or not trusted.
+    Unsigned = 3,
+    Unknown = 4, ///< Could not be determined.
+};
+
+/// Label of a status; empty for a value outside the enumeration.
+QString signatureStatusLabel(SignatureStatus status);
+
+/// Verifies signatures through the platform layer. Answers are remembered in memory until
+/// clearCache(), and across restarts in the application's settings until the file's modification
+/// time changes. Keys are the paths exactly as given.
+///
+/// Threads: verify(), signerName() and the cache look-ups may be called from any thread. The
+/// cache lock and the settings lock are never held together, and neither is held while the
+/// platform verifies.
+class SignatureService : public QObject, public Singleton<SignatureService>
+{
+    Q_OBJECT
+
+public:
+    /// The status of the file at `path`, verified when neither cache knows it. Unknown for an
+    /// empty path.
+    SignatureStatus verify(const QString& path);
+
+    /// The status in the memory cache; Unchecked when absent, Unknown for an empty path. Touches
+    /// neither the settings nor the file.
+    SignatureStatus cached(const QString& path) const;
+
+    /// The signer of the file at `path`, asked from the platform once; empty when there is none.
+    QString signerName(const QString& path);
+
+    /// The signer in the memory cache; empty when absent.
+    QString cachedSigner(const QString& path) const;
+
+    /// Empties the memory caches; persisted records stay.
+    void clearCache();
+
+    /// Writes pending records to permanent storage.
+    void flushPersistent();
+
+    /// Number of statuses in the memory cache.
+    int cacheSize() const;
+
+private:
+    friend class Singleton<SignatureService>;
+    SignatureService();
+
+    /// Platform operations: verify the signature of a file, and name its signer.
+    SignatureStatus verifyPlatform(const QString& path) const;
+    QString signerNamePlatform(const QString& path) const;
+
+    /// The persisted status of `path` at exactly that modification time (milliseconds since the
+    /// epoch); Unchecked when there is no such record or it is damaged.
+    SignatureStatus loadPersisted(const QString& path, qint64 mtimeMs) const;
+    void savePersisted(const QString& path, qint64 mtimeMs, SignatureStatus status);
+
+    /// The entry of the memory cache, none when absent.
+    std::optional<SignatureStatus> inMemory(const QString& path) const;
+    SignatureStatus remember(const QString& path, SignatureStatus status);
+
+    mutable QReadWriteLock m_cacheLock; ///< Guards the two hashes.
+    QHash<QString, SignatureStatus> m_statusCache;
+    QHash<QString, QString> m_signerCache; ///< Holds empty names too.
+    mutable QMutex m_settingsLock;         ///< Guards the settings object.
+    std::unique_ptr<QSettings> m_settings;
+};
+
+} // namespace korvane

@@ -1,0 +1,185 @@
+// The stdio transport: a reader thread takes lines, the main thread answers, the reader writes.
+#include "mcp/mcp_server.h"
+
+#include "mcp/json_rpc.h"
+
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QMutex>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace korvane {
+
+namespace {
+
+/// A longer line is discarded as it is read: what it may cost has to have an end.
+constexpr std::size_t maxLineBytes = std::size_t{128} * 1024 * 1024;
+
+/// The line buffer is reused, but what one huge line took is given back.
+constexpr std::size_t maxIdleCapacity = std::size_t{1024} * 1024;
+
+enum class LineStatus { Whole, TooLong, EndOfInput };
+
+/// Reads up to the next line feed (not kept) into `line`. A last line without one counts.
+LineStatus readLine(std::istream& input, std::string& line)
+{
+    line.clear();
+    if (line.capacity() > maxIdleCapacity)
+        line.shrink_to_fit();
+
+    std::array<char, 65536> chunk{};
+    bool tooLong = false;
+    for (;;) {
+        input.getline(chunk.data(), chunk.size());
+        const auto taken = static_cast<std::size_t>(input.gcount());
+        if (input.bad() || (input.eof() && taken == 0 && line.empty() && !tooLong))
+            return LineStatus::EndOfInput;
+        // A read that stopped at the line feed counts it but does not store it.
+        const bool stoppedAtLineFeed = input.good();
+        const bool chunkFull = input.fail() && !input.eof();
+        const std::size_t stored = stoppedAtLineFeed ? taken - 1 : taken;
+        tooLong = tooLong || line.size() + stored > maxLineBytes;
+        if (!tooLong)
+            line.append(chunk.data(), stored);
+        if (!chunkFull)
+            break;
+        input.clear();
+    }
+    return tooLong ? LineStatus::TooLong : LineStatus::Whole;
+}
+
+/// Writes one message as a line and flushes. False when standard output takes no more.
+bool writeJsonLine(const QJsonObject& message)
+{
+    static QMutex outputLock;
+    const QByteArray bytes = QJsonDocument(message).toJson(QJsonDocument::Compact);
+    const QMutexLocker locker(&outputLock);
+    const auto size = static_cast<std::size_t>(bytes.size());
+    return std::fwrite(bytes.constData(), 1, size, stdout) == size
+           && std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
+}
+
+QJsonObject parseErrorResponse(const QJsonParseError& error)
+{
+    return makeError(QJsonValue::Null, parseErrorCode,
+                     QStringLiteral("Parse error: %1").arg(error.errorString()));
+}
+
+/// How long either thread looks out for the other before it sleeps. They strictly alternate, and
+/// putting a thread to sleep and waking it costs more than answering a ping does.
+constexpr std::chrono::microseconds lookOutTime{100};
+
+template <typename Predicate> void lookOutFor(const Predicate& happened)
+{
+    const auto deadline = std::chrono::steady_clock::now() + lookOutTime;
+    while (!happened() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+}
+
+/// Hands requests from the reader thread to the main thread, one at a time.
+///
+/// Invariant: `m_response` belongs to the main thread from the posting of a request until
+/// m_answered counts it, and to the reader thread at all other times.
+class HandOver
+{
+public:
+    explicit HandOver(McpServer* server) : m_server(server) {}
+
+    /// Reader thread: has the main thread answer one request, and waits for it.
+    QJsonObject ask(const QJsonObject& request)
+    {
+        const quint32 ticket = m_posted.load() + 1;
+        QMetaObject::invokeMethod(
+            m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
+        m_posted.store(ticket);
+        lookOutFor([&] { return m_answered.load() == ticket; });
+        m_answered.wait(ticket - 1);
+        return std::exchange(m_response, {});
+    }
+
+    /// Main thread: called when it has nothing left to do.
+    void lookOut()
+    {
+        lookOutFor([this] { return m_posted.load() != m_answered.load(); });
+    }
+
+private:
+    void answer(const QJsonObject& request)
+    {
+        m_response = m_server->handleRequest(request, ProgressCallback());
+        m_answered.fetch_add(1);
+        m_answered.notify_one();
+    }
+
+    McpServer* m_server;
+    QJsonObject m_response;
+    std::atomic<quint32> m_posted = 0;
+    std::atomic<quint32> m_answered = 0;
+};
+
+/// The response to one line; empty when there is none to write.
+QJsonObject answerLine(HandOver& handOver, LineStatus status, const std::string& line)
+{
+    QJsonParseError error;
+    if (status == LineStatus::TooLong) {
+        error.error = QJsonParseError::DocumentTooLarge;
+        return parseErrorResponse(error);
+    }
+    const QByteArray bytes =
+        QByteArray::fromRawData(line.data(), static_cast<qsizetype>(line.size()));
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+    // A document that is not an object carries the text of "no error" to the client.
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return parseErrorResponse(error);
+    return handOver.ask(document.object());
+}
+
+/// The reader thread: until the input ends or the output fails, then asks the application to quit.
+void readLines(HandOver& handOver, QCoreApplication* application, std::atomic<bool>& stdinClosed)
+{
+    std::string line;
+    for (;;) {
+        const LineStatus status = readLine(std::cin, line);
+        if (status == LineStatus::EndOfInput)
+            break;
+        if (status == LineStatus::Whole && line.empty())
+            continue;
+        const QJsonObject response = answerLine(handOver, status, line);
+        if (!response.isEmpty() && !writeJsonLine(response))
+            break;
+    }
+    stdinClosed.store(true);
+    QMetaObject::invokeMethod(application, "quit", Qt::QueuedConnection);
+}
+
+} // namespace
+
+int McpServer::runStdio()
+{
+    // Unshared from C stdio, the stream reads in blocks instead of single characters.
+    std::ios::sync_with_stdio(false);
+    QCoreApplication* const application = QCoreApplication::instance();
+    std::atomic<bool> stdinClosed = false;
+    HandOver handOver(this);
+    const auto lookingOut =
+        connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this,
+                [&handOver] { handOver.lookOut(); });
+    std::thread reader(readLines, std::ref(handOver), application, std::ref(stdinClosed));
+    const int exitCode = QCoreApplication::exec();
+    // The reader may still be inside the posting of "quit": nothing it uses may go before it ends.
+    reader.join();
+    disconnect(lookingOut);
+    return exitCode;
+}
+
+} // namespace korvane

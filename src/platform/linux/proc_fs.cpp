@@ -1,0 +1,190 @@
+// System calls on /proc, and the parsing of its texts.
+#include "platform/linux/proc_fs.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+/// PF_KTHREAD of the kernel's task flags; stable, though in no user-space header.
+constexpr quint64 kernelThreadFlag = 0x00200000;
+
+constexpr QByteArrayView deletedMark(" (deleted)");
+
+template <typename Number> bool parseNumber(QByteArrayView text, Number& number)
+{
+    const auto [end, error] = std::from_chars(text.begin(), text.end(), number);
+    return error == std::errc() && end == text.end() && !text.isEmpty();
+}
+
+/// The blank-separated fields of a text, taken one after another.
+class FieldReader
+{
+public:
+    explicit FieldReader(QByteArrayView text) : m_rest(text) {}
+
+    QByteArrayView next()
+    {
+        const qsizetype end = m_rest.indexOf(' ');
+        const QByteArrayView field = end < 0 ? m_rest : m_rest.first(end);
+        m_rest = end < 0 ? QByteArrayView() : m_rest.sliced(end + 1);
+        return field;
+    }
+
+    /// Skips `count` fields and parses the one after them.
+    template <typename Number> bool read(int skipped, Number& number)
+    {
+        for (int i = 0; i < skipped; ++i)
+            next();
+        return parseNumber(next(), number);
+    }
+
+private:
+    QByteArrayView m_rest;
+};
+
+ssize_t readFully(int fd, std::span<char> buffer)
+{
+    std::size_t used = 0;
+    while (used < buffer.size()) {
+        const ssize_t got = ::read(fd, buffer.data() + used, buffer.size() - used);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return -1;
+        if (got == 0)
+            break;
+        used += static_cast<std::size_t>(got);
+    }
+    return static_cast<ssize_t>(used);
+}
+
+} // namespace
+
+std::optional<ProcStat> parseProcStat(QByteArrayView content)
+{
+    // The name stands in brackets and may hold brackets itself: the last one closes it.
+    const qsizetype open = content.indexOf('(');
+    const qsizetype close = content.lastIndexOf(')');
+    if (open < 0 || close < open || close + 2 > content.size())
+        return std::nullopt;
+
+    ProcStat stat;
+    stat.shortName = content.sliced(open + 1, close - open - 1);
+    FieldReader fields(content.sliced(close + 2).trimmed());
+    quint64 flags = 0;
+    quint64 userTicks = 0;
+    quint64 systemTicks = 0;
+    // Counted from the state, the first field after the name.
+    const bool whole = fields.read(1, stat.parentPid) && fields.read(4, flags)
+                       && fields.read(4, userTicks) && fields.read(0, systemTicks)
+                       && fields.read(6, stat.startTicks) && fields.read(1, stat.residentPages);
+    if (!whole)
+        return std::nullopt;
+    stat.isKernelThread = (flags & kernelThreadFlag) != 0;
+    stat.cpuTicks = userTicks + systemTicks;
+    return stat;
+}
+
+QString commandLineFromCmdline(QByteArrayView content)
+{
+    while (content.endsWith('\0'))
+        content.chop(1);
+    QByteArray line = content.toByteArray();
+    line.replace('\0', ' ');
+    return textFromKernel(line);
+}
+
+QString textFromKernel(QByteArrayView bytes)
+{
+    return QString::fromUtf8(bytes);
+}
+
+UniqueFd::~UniqueFd()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+ProcFs::ProcFs(const char* root) : m_directory(::opendir(root)) {}
+
+std::optional<quint32> ProcFs::nextPid()
+{
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(m_directory.get());
+        if (entry == nullptr)
+            return std::nullopt;
+        quint32 pid = 0;
+        if (parseNumber(QByteArrayView(entry->d_name), pid))
+            return pid;
+    }
+}
+
+const char* ProcFs::pathOf(quint32 pid, const char* name)
+{
+    std::snprintf(m_path.data(), m_path.size(), "%u/%s", pid, name);
+    return m_path.data();
+}
+
+std::optional<QByteArrayView> ProcFs::readFile(quint32 pid, const char* name)
+{
+    const UniqueFd file(
+        ::openat(::dirfd(m_directory.get()), pathOf(pid, name), O_RDONLY | O_CLOEXEC));
+    if (!file.isValid())
+        return std::nullopt;
+    const ssize_t size = readFully(file.get(), m_buffer);
+    if (size < 0)
+        return std::nullopt;
+    return QByteArrayView(m_buffer.data(), size);
+}
+
+std::optional<QByteArray> ProcFs::readWholeFile(quint32 pid, const char* name, qsizetype limit)
+{
+    const UniqueFd file(
+        ::openat(::dirfd(m_directory.get()), pathOf(pid, name), O_RDONLY | O_CLOEXEC));
+    if (!file.isValid())
+        return std::nullopt;
+    QByteArray content;
+    while (content.size() < limit) {
+        const ssize_t size = readFully(file.get(), m_buffer);
+        if (size < 0)
+            return std::nullopt;
+        content.append(m_buffer.data(), size);
+        if (static_cast<std::size_t>(size) < m_buffer.size())
+            break;
+    }
+    content.truncate(limit);
+    return content;
+}
+
+std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
+{
+    const int directory = ::dirfd(m_directory.get());
+    const char* link = pathOf(pid, "exe");
+    // One byte is kept for the terminator that the check of the mark needs.
+    const ssize_t size = ::readlinkat(directory, link, m_buffer.data(), m_buffer.size() - 1);
+    if (size < 0)
+        return std::nullopt;
+    const QByteArrayView target(m_buffer.data(), size);
+    if (!target.endsWith(deletedMark))
+        return target;
+
+    // A file may be called that without being deleted: then the path leads to the same file.
+    m_buffer.at(static_cast<std::size_t>(size)) = '\0';
+    struct stat running = {};
+    struct stat named = {};
+    const bool literal = ::fstatat(directory, link, &running, 0) == 0
+                         && ::stat(m_buffer.data(), &named) == 0
+                         && running.st_dev == named.st_dev && running.st_ino == named.st_ino;
+    return literal ? target : target.chopped(deletedMark.size());
+}
+
+} // namespace korvane::linux_platform

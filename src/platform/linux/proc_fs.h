@@ -1,0 +1,92 @@
+// Reading /proc: the handles, and the parsers of what the kernel writes there.
+#pragma once
+
+#include <QByteArray>
+#include <QByteArrayView>
+#include <QString>
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include <dirent.h>
+
+namespace korvane::linux_platform {
+
+/// The fields of /proc/PID/stat that are used here.
+struct ProcStat
+{
+    QByteArrayView shortName; ///< The kernel's name of the process; views the parsed text.
+    quint32 parentPid = 0;
+    bool isKernelThread = false;
+    quint64 cpuTicks = 0;   ///< User and system time, in clock ticks.
+    quint64 startTicks = 0; ///< Start after boot, in clock ticks.
+    qint64 residentPages = 0;
+};
+
+/// Parses the text of /proc/PID/stat; none when it is damaged. The name may hold any bytes, blanks,
+/// brackets and line feeds included.
+std::optional<ProcStat> parseProcStat(QByteArrayView content);
+
+/// The text of /proc/PID/cmdline as one line: arguments joined by one blank, trailing NULs dropped.
+QString commandLineFromCmdline(QByteArrayView content);
+
+/// Text from the kernel, which may be any bytes, as a string; what is not UTF-8 becomes U+FFFD.
+QString textFromKernel(QByteArrayView bytes);
+
+/// An open file descriptor, closed with the object.
+class UniqueFd
+{
+public:
+    explicit UniqueFd(int fd) : m_fd(fd) {}
+    ~UniqueFd();
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    UniqueFd(UniqueFd&&) = delete;
+    UniqueFd& operator=(UniqueFd&&) = delete;
+
+    bool isValid() const { return m_fd >= 0; }
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+/// One /proc, or a directory of its shape: a directory handle and a buffer, both reused for every
+/// process. Results are views into the buffer, valid until the next call. Failure leaves errno.
+class ProcFs
+{
+public:
+    /// Opens the directory; isOpen() tells whether that worked.
+    explicit ProcFs(const char* root = "/proc");
+
+    bool isOpen() const { return m_directory != nullptr; }
+
+    /// The next process in the directory's order, none at the end (errno 0) or on an error.
+    std::optional<quint32> nextPid();
+
+    /// The first bytes of /proc/PID/NAME, at most the buffer's size; none when it cannot be read.
+    std::optional<QByteArrayView> readFile(quint32 pid, const char* name);
+
+    /// The whole of /proc/PID/NAME, at most `limit` bytes; none when it cannot be read.
+    std::optional<QByteArray> readWholeFile(quint32 pid, const char* name, qsizetype limit);
+
+    /// Target of the link /proc/PID/exe, without the mark of a deleted file; none when it cannot
+    /// be read.
+    std::optional<QByteArrayView> executable(quint32 pid);
+
+private:
+    struct CloseDirectory
+    {
+        void operator()(DIR* directory) const { ::closedir(directory); }
+    };
+
+    const char* pathOf(quint32 pid, const char* name);
+
+    std::unique_ptr<DIR, CloseDirectory> m_directory;
+    std::array<char, 64> m_path{};
+    std::array<char, 8192> m_buffer{};
+};
+
+} // namespace korvane::linux_platform

@@ -1,0 +1,19 @@
+// Process command lines from /proc.
+#include "platform/platform.h"
+
+#include "platform/linux/proc_fs.h"
+
+namespace korvane {
+
+QString platform::processCommandLine(unsigned int pid)
+{
+    // The kernel allows arguments of 6 MiB; a process that says it has more is not believed.
+    constexpr qsizetype maxBytes = qsizetype{8} * 1024 * 1024;
+    linux_platform::ProcFs procFs;
+    if (!procFs.isOpen())
+        return {};
+    const auto content = procFs.readWholeFile(pid, "cmdline", maxBytes);
+    return content ? linux_platform::commandLineFromCmdline(*content) : QString();
+}
+
+} // namespace korvane

@@ -1,0 +1,105 @@
+// Process enumeration from /proc.
+#include "core/process_service.h"
+
+#include "platform/linux/proc_fs.h"
+
+#include <QByteArrayView>
+
+#include <cerrno>
+#include <chrono>
+
+#include <unistd.h>
+
+namespace korvane {
+
+namespace {
+
+using namespace linux_platform;
+using std::chrono::nanoseconds;
+
+/// The units of the kernel's figures, which do not change while the machine runs.
+struct KernelUnits
+{
+    qint64 pageBytes = ::sysconf(_SC_PAGESIZE);
+    qint64 nanosecondsPerTick = 1'000'000'000 / ::sysconf(_SC_CLK_TCK);
+};
+
+nanoseconds monotonicNow()
+{
+    return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+QString unreadable(int errorNumber)
+{
+    return QStringLiteral("无法读取 /proc: %1").arg(qt_error_string(errorNumber));
+}
+
+/// Whether a process could not be read because of this program's own limits: leaving it out as if
+/// it had exited would be a wrong answer.
+bool isOwnFailure(int errorNumber)
+{
+    return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
+}
+
+QByteArrayView fileName(QByteArrayView path)
+{
+    return path.sliced(path.lastIndexOf('/') + 1);
+}
+
+/// The name and path from the link to the executable; the kernel's short name without one.
+void readIdentity(ProcFs& procFs, const ProcStat& stat, ProcessSnapshot& process)
+{
+    process.name = textFromKernel(stat.shortName);
+    if (stat.isKernelThread)
+        return;
+    if (const auto executable = procFs.executable(process.pid)) {
+        process.exePath = textFromKernel(*executable);
+        process.name = textFromKernel(fileName(*executable));
+    }
+}
+
+} // namespace
+
+QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
+{
+    static const KernelUnits units;
+    const auto fail = [error](int errorNumber) {
+        if (error != nullptr)
+            *error = unreadable(errorNumber);
+        return QList<ProcessSnapshot>();
+    };
+
+    ProcFs procFs;
+    if (!procFs.isOpen())
+        return fail(errno);
+    QList<ProcessSnapshot> processes;
+    m_cpuTable.beginEnumeration(static_cast<int>(::sysconf(_SC_NPROCESSORS_ONLN)));
+    while (const auto pid = procFs.nextPid()) {
+        const auto content = procFs.readFile(*pid, "stat");
+        if (!content && isOwnFailure(errno))
+            return fail(errno);
+        const auto stat = content ? parseProcStat(*content) : std::nullopt;
+        if (!stat)
+            continue;
+        ProcessSnapshot process;
+        process.pid = *pid;
+        process.parentPid = stat->parentPid;
+        process.memoryBytes = stat->isKernelThread ? 0 : stat->residentPages * units.pageBytes;
+        process.cpuPercent = m_cpuTable.record(
+            {.pid = *pid,
+             .startTime = stat->startTicks,
+             .cpuTime = nanoseconds(static_cast<qint64>(stat->cpuTicks) * units.nanosecondsPerTick),
+             .takenAt = monotonicNow()});
+        readIdentity(procFs, *stat, process);
+        processes.append(process);
+    }
+    if (errno != 0)
+        return fail(errno);
+    // This program is a process itself: a list without any is no list of processes.
+    if (processes.isEmpty())
+        return fail(ENOENT);
+    m_cpuTable.endEnumeration();
+    return processes;
+}
+
+} // namespace korvane

@@ -1,0 +1,54 @@
+// The one narrow layer between the program and the operating system.
+//
+// A platform is a folder beside this header. It defines the free functions below and the
+// `*Platform` members of the service classes in core/ (and, on FileUnlockService, the probing,
+// closing, ending and delete-on-reboot operations); a topic it has no file for is taken from
+// unsupported/. Everything here is called on the main thread unless it says otherwise, never
+// throws, and reports failure in its return value.
+#pragma once
+
+#include <QList>
+#include <QString>
+
+namespace korvane {
+
+struct SystemMetrics;
+
+/// Result of a write operation: what happened, and the text to show.
+struct OpResult
+{
+    bool ok = false;
+    QString message; ///< Why it failed; may carry a note when it succeeded.
+};
+
+namespace platform {
+
+/// Fills all fields of `out`. Rates and percentages are relative to the previous call, so callers
+/// sample twice. All zeros where the platform has no back end.
+void sampleSystemMetrics(SystemMetrics& out);
+
+/// Fills only the memory and commit fields of `out`, cheaply.
+void sampleMemoryOnly(SystemMetrics& out);
+
+/// The full command line of process `pid`; empty when it cannot be read.
+/// Linux: /proc/PID/cmdline, arguments joined by one blank.
+QString processCommandLine(unsigned int pid);
+
+/// Moves `paths` to the recycle bin, from where the user can restore them.
+OpResult moveToRecycleBin(const QList<QString>& paths);
+
+/// Keeps the machine from sleeping while `on`; false when it cannot.
+bool setKeepAwake(bool on);
+
+/// Empties the recycle bin; false when it cannot.
+bool emptyRecycleBin();
+
+/// Removes the downloaded-from-the-internet marker of the file at `path`; false when it cannot.
+bool removeMarkOfTheWeb(const QString& path);
+
+/// Toggles always-on-top of the foreground window; the new state, or -1 when it cannot.
+int toggleForegroundWindowTopmost();
+
+} // namespace platform
+
+} // namespace korvane

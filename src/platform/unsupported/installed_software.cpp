@@ -1,0 +1,14 @@
+// Enumeration of installed software without a back end.
+#include "core/uninstall_service.h"
+#include "platform/unsupported/unsupported.h"
+
+namespace korvane {
+
+QList<UninstallEntry> UninstallService::enumPlatform(QString* error) const
+{
+    static bool logged = false;
+    unsupported::logOnce(logged, "[UninstallService] 当前平台不支持已安装软件枚举");
+    return unsupported::failedListing<UninstallEntry>(error, QStringLiteral("当前平台不支持已安装软件枚举"));
+}
+
+} // namespace korvane

@@ -1,0 +1,30 @@
+// What several tool handlers share: reading arguments, rounding, and failing.
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+namespace korvane {
+
+/// Ends a tool call with `message` as its error.
+[[noreturn]] void throwToolError(const QString& message);
+
+/// The argument as the framework's variant conversion makes it a 64-bit integer: a number is
+/// rounded, a numeric string is parsed, true is 1. 0 when missing, out of range or anything else.
+qint64 integerArgument(const QJsonObject& args, QLatin1String key);
+
+/// The argument as a string without surrounding white space; empty when it is not a string.
+QString trimmedArgument(const QJsonObject& args, QLatin1String key);
+
+/// The value as its text with one decimal reads: 1.26 becomes 1.3.
+double roundedToOneDecimal(double value);
+
+/// Ends the tool call with the service's lastError() when the listing is empty because it failed.
+template <typename List, typename Service>
+void requireListed(const List& list, const Service& service)
+{
+    if (list.isEmpty() && !service.lastError().isEmpty())
+        throwToolError(service.lastError());
+}
+
+} // namespace korvane

@@ -1,0 +1,77 @@
+// A scripted platform: what each operation answers is set by the test, and calls are counted.
+#pragma once
+
+#include "core/file_unlock_service.h"
+#include "core/signature_service.h"
+#include "core/system_records.h"
+#include "platform/platform.h"
+
+#include <QHash>
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+namespace korvane::fake {
+
+/// The answer of an enumeration: `records`, or an empty list with `error` when that is set.
+template <typename Record> struct Listing
+{
+    QList<Record> records;
+    QString error;
+    int calls = 0;
+
+    QList<Record> answer(QString* errorOut)
+    {
+        ++calls;
+        if (error.isEmpty())
+            return records;
+        if (errorOut != nullptr)
+            *errorOut = error;
+        return {};
+    }
+};
+
+/// A write operation's answer, and what it was called with, one line a call: the operation's
+/// name and its arguments, separated by blanks.
+struct Platform
+{
+    Listing<ProcessSnapshot> processes;
+    Listing<StartupItem> startupItems;
+    Listing<StartupItem> scheduledTasks;
+    Listing<StartupItem> shellExtensions;
+    Listing<NetConnection> connections;
+    Listing<UninstallEntry> uninstallEntries;
+    Listing<ServiceItem> services;
+
+    /// Whether a process listing leaves processor samples behind, as a real back end does.
+    bool processesLeaveCpuSamples = true;
+
+    QHash<QString, QStringList> dependents;
+    QHash<QString, QStringList> dependencies;
+    QHash<quint32, QString> commandLines;
+    QList<quint32> commandLinesAsked;
+    QHash<QString, SignatureStatus> signatures; ///< Unknown where absent.
+    QHash<QString, QString> signers;
+    QStringList verified; ///< Paths that reached verifyPlatform, in order.
+    QStringList signersAsked;
+    QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
+    int metricsSamples = 0;
+    LockerProbe lockers{true, {}, {}};
+
+    OpResult writeResult{true, {}}; ///< Answer of every write operation.
+    QStringList writes;
+
+    OpResult write(const QStringList& call)
+    {
+        writes.append(call.join(QLatin1Char(' ')));
+        return writeResult;
+    }
+};
+
+/// The script of the process.
+Platform& platform();
+
+/// Starts a test with an empty script.
+void reset();
+
+} // namespace korvane::fake
