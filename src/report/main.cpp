@@ -1,1 +1,225 @@
-int main() { return 0; }
+// Plays the client at a terminal: starts the server, calls its tools and shows what they answer.
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStringList>
+#include <QTextStream>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <ranges>
+#include <vector>
+
+namespace {
+
+using namespace Qt::StringLiterals;
+
+/// Longer than the slowest answer: a person has 130 s to answer a consent question.
+constexpr int answerTimeoutMs = 150'000;
+
+QTextStream& out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+/// A conversation with a server of its own, which ends with the object.
+class Session
+{
+public:
+    explicit Session(const QString& server)
+    {
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(server, QStringList());
+    }
+
+    ~Session()
+    {
+        m_process.closeWriteChannel();
+        if (!m_process.waitForFinished())
+            m_process.kill();
+    }
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    Session(Session&&) = delete;
+    Session& operator=(Session&&) = delete;
+
+    /// The "result" of a request; none when the server does not answer with one in time.
+    std::optional<QJsonObject> request(const QString& method, const QJsonObject& params = {})
+    {
+        send({{u"jsonrpc"_s, u"2.0"_s},
+              {u"id"_s, ++m_lastId},
+              {u"method"_s, method},
+              {u"params"_s, params}});
+        const QJsonValue result = QJsonDocument::fromJson(readLine())[u"result"_s];
+        return result.isObject() ? std::optional(result.toObject()) : std::nullopt;
+    }
+
+    void notify(const QString& method)
+    {
+        send({{u"jsonrpc"_s, u"2.0"_s}, {u"method"_s, method}});
+    }
+
+    /// A tool's result object; none, with the tool's error shown, when the call fails.
+    std::optional<QJsonObject> call(const QString& tool)
+    {
+        const auto result = request(u"tools/call"_s, {{u"name"_s, tool}});
+        const QString text = result.value_or(QJsonObject())
+                                 .value(u"content"_s)
+                                 .toArray()
+                                 .at(0)[u"text"_s]
+                                 .toString();
+        if (!result || result->value(u"isError"_s).toBool()) {
+            out() << u"  %1: %2\n"_s.arg(tool, text.isEmpty() ? u"没有应答"_s : text);
+            return std::nullopt;
+        }
+        return QJsonDocument::fromJson(text.toUtf8()).object();
+    }
+
+private:
+    void send(const QJsonObject& message)
+    {
+        m_process.write(QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n');
+    }
+
+    QByteArray readLine()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (!m_process.canReadLine()) {
+            const auto left = answerTimeoutMs - static_cast<int>(timer.elapsed());
+            if (left <= 0 || !m_process.waitForReadyRead(left))
+                return {};
+        }
+        return m_process.readLine();
+    }
+
+    QProcess m_process;
+    int m_lastId = 0;
+};
+
+/// Text from the machine, made harmless for a terminal.
+QString printable(QString text)
+{
+    for (QChar& character : text) {
+        if (!character.isPrint())
+            character = u'?';
+    }
+    return text;
+}
+
+void showIdentity(Session& session)
+{
+    const auto info = session.call(u"get_app_info"_s);
+    if (!info)
+        return;
+    const auto text = [&info](const QString& key) { return info->value(key).toString(); };
+    out() << u"%1 %2 — %3\n"_s.arg(text(u"name"_s), text(u"version"_s), text(u"description"_s))
+          << u"系统: %1, 内核 %2\n"_s.arg(text(u"platform"_s), text(u"kernel_version"_s))
+          << u"程序: %1\n"_s.arg(text(u"executable"_s));
+}
+
+void showTools(Session& session)
+{
+    const QJsonObject answer = session.request(u"tools/list"_s).value_or(QJsonObject());
+    QStringList names;
+    for (const QJsonValue tool : answer.value(u"tools"_s).toArray())
+        names.append(tool[u"name"_s].toString());
+    names.sort();
+    out() << u"工具 (%1): %2\n"_s.arg(QString::number(names.size()), names.join(u", "_s));
+}
+
+void showProcesses(Session& session)
+{
+    constexpr std::size_t shown = 10;
+    const auto listing = session.call(u"list_processes"_s);
+    if (!listing)
+        return;
+    const QJsonArray array = listing->value(u"processes"_s).toArray();
+    std::vector<QJsonObject> processes;
+    for (const QJsonValue process : array)
+        processes.push_back(process.toObject());
+    const auto memoryOf = [](const QJsonObject& process) {
+        return process.value(u"memory_bytes"_s).toInteger();
+    };
+    std::ranges::sort(processes, std::ranges::greater(), memoryOf);
+
+    out() << u"\n内存占用最多的进程 (共 %1 个):\n"_s.arg(processes.size())
+          << u"       PID       内存      CPU  名称\n"_s;
+    for (const QJsonObject& process : processes | std::views::take(shown)) {
+        out() << u"  %1 %2 %3  %4\n"_s.arg(
+            QString::number(process.value(u"pid"_s).toInteger()).rightJustified(8),
+            process.value(u"memory_display"_s).toString().rightJustified(10),
+            process.value(u"cpu_display"_s).toString().rightJustified(8),
+            printable(process.value(u"name"_s).toString()));
+    }
+}
+
+void showTree(Session& session)
+{
+    const auto tree = session.call(u"get_process_tree"_s);
+    if (!tree)
+        return;
+    // Level by level, since the depth is whatever the machine's processes make it.
+    const QJsonArray roots = tree->value(u"roots"_s).toArray();
+    QJsonArray level = roots;
+    int depth = 0;
+    while (!level.isEmpty()) {
+        ++depth;
+        QJsonArray next;
+        for (const QJsonValue node : std::as_const(level)) {
+            for (const QJsonValue child : node[u"children"_s].toArray())
+                next.append(child);
+        }
+        level = next;
+    }
+    out() << u"\n进程树: %1 个进程, %2 个根进程, 最深 %3 层\n"_s.arg(
+        QString::number(tree->value(u"total"_s).toInteger()), QString::number(roots.size()),
+        QString::number(depth));
+}
+
+void showClientConfiguration(const QString& command)
+{
+    const QJsonObject server{{u"command"_s, command}, {u"args"_s, QJsonArray()}};
+    const QJsonObject block{{u"mcpServers"_s, QJsonObject{{u"korvane"_s, server}}}};
+    out() << u"\n要让 AI 客户端使用它, 把下面这段加入客户端的 MCP 配置:\n\n"_s
+          << QString::fromUtf8(QJsonDocument(block).toJson());
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() != 3) {
+        QTextStream(stderr) << u"usage: korvane-report SERVER CLIENT-COMMAND\n"_s;
+        return 2;
+    }
+
+    Session session(arguments.at(1));
+    const QJsonObject clientInfo{{u"name"_s, u"korvane-report"_s}, {u"version"_s, u"1"_s}};
+    const auto handshake = session.request(u"initialize"_s, {{u"protocolVersion"_s, u"2024-11-05"_s},
+                                                             {u"capabilities"_s, QJsonObject()},
+                                                             {u"clientInfo"_s, clientInfo}});
+    if (!handshake) {
+        QTextStream(stderr) << u"服务器没有应答: %1\n"_s.arg(arguments.at(1));
+        return 1;
+    }
+    session.notify(u"notifications/initialized"_s);
+
+    showIdentity(session);
+    showTools(session);
+    showProcesses(session);
+    showTree(session);
+    showClientConfiguration(QFileInfo(arguments.at(2)).absoluteFilePath());
+    out().flush();
+    return 0;
+}
