@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Proves on a Debian that has nothing but git that run.sh answers and test.sh passes, and says how
+# long each took. As root: check_fresh_machine.sh SUITE (bookworm, trixie), in a new directory under
+# KORVANE_FRESH_DIR (default /var/tmp) that is removed again when all went well.
+set -euo pipefail
+
+suite=$1
+root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+machine=$(mktemp -d "${KORVANE_FRESH_DIR:-/var/tmp}/korvane-$suite-XXXXXX")
+trap 'mountpoint -q "$machine/proc" && umount -R "$machine/proc" "$machine/sys" "$machine/dev"' EXIT
+
+debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" \
+    "${KORVANE_MIRROR:-http://deb.debian.org/debian}" >"$machine.log"
+cp -L /etc/resolv.conf /etc/hosts "$machine/etc/"
+# The certificates by which this machine trusts its own package registries.
+cp -r /usr/local/share/ca-certificates/. "$machine/usr/local/share/ca-certificates/"
+for directory in proc sys dev; do
+    mount --rbind --make-rslave "/$directory" "$machine/$directory"
+done
+
+in_machine() {
+    chroot "$machine" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb "$@"
+}
+
+in_machine update-ca-certificates >>"$machine.log" 2>&1
+git clone -q --no-hardlinks "$root" "$machine/root/korvane"
+
+seconds() { printf '%s: %s took %s s\n' "$suite" "$1" "$SECONDS"; }
+
+SECONDS=0
+answer=$(echo '{"jsonrpc":"2.0","id":1,"method":"initialize"}' |
+    in_machine /root/korvane/run.sh 2>>"$machine.log")
+echo "$answer"
+case $answer in *'"name":"kor-vane"'*) ;; *) exit 1 ;; esac
+seconds 'the first ./run.sh'
+
+SECONDS=0
+in_machine /root/korvane/test.sh
+seconds './test.sh'
+
+umount -R "$machine/proc" "$machine/sys" "$machine/dev"
+rm -rf --one-file-system "$machine" "$machine.log"

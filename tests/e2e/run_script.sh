@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# run.sh as a client's command, from a copy of this tree: it builds once however many start at once,
+# keeps the streams clean, replaces its binary under running servers, and plays the client at a
+# terminal. Usage: run_script.sh ROOT
+set -euo pipefail
+
+copy=$(mktemp -d)
+old_server_input=
+trap 'exec 8>&-; rm -rf "$copy"' EXIT
+cp -r "$1"/{run.sh,CMakeLists.txt,CMakePresets.json,src,packaging} "$copy"
+cd "$copy"
+
+fail() {
+    echo "FAIL: $1" >&2
+    exit 1
+}
+
+request='{"jsonrpc":"2.0","id":1,"method":"ping"}'
+answer='{"id":1,"jsonrpc":"2.0","result":{}}'
+five_requests=$(printf '%s\n' "$request" "$request" "$request" "$request" "$request")
+five_answers=${five_requests//"$request"/"$answer"}
+
+echo '- two first starts at once'
+./run.sh <<<"$five_requests" >first.out 2>first.err &
+./run.sh <<<"$five_requests" >second.out 2>second.err
+wait $!
+[ "$(cat first.out)" = "$five_answers" ] || fail "first start: $(cat first.out first.err)"
+[ "$(cat second.out)" = "$five_answers" ] || fail "second start: $(cat second.out second.err)"
+[ "$(cat first.err second.err | grep -c 'Linking CXX executable src/korvane-mcp$')" = 1 ] ||
+    fail 'not exactly one build'
+
+echo '- a later start is silent, and is the server itself'
+mkfifo requests
+./run.sh <requests >later.out 2>later.err &
+server=$!
+exec 8>requests
+echo "$request" >&8
+until [ -s later.out ]; do
+    kill -0 "$server" || fail 'the server ended'
+done
+[ "$(readlink "/proc/$server/exe")" = "$copy/build/run/korvane-mcp" ] || fail 'not replaced by exec'
+[ ! -s later.err ] || fail "printed: $(cat later.err)"
+
+echo '- a changed source is built beside the running server'
+echo '// changed' >>src/app/main.cpp
+[ "$(./run.sh <<<"$request" 2>changed.err)" = "$answer" ] || fail 'no answer after the change'
+grep -q 'main.cpp' changed.err || fail 'not built again'
+echo "$request" >&8
+exec 8>&-
+wait "$server" || fail 'the running server did not end quietly'
+[ "$(cat later.out)" = "$answer"$'\n'"$answer" ] || fail 'the running server lost a request'
+
+echo '- a failing build says so on standard error only'
+echo '#error broken' >>src/app/main.cpp
+if ./run.sh <<<"$request" >broken.out 2>broken.err; then
+    fail 'a broken build was started'
+fi
+[ ! -s broken.out ] || fail "protocol spoiled: $(cat broken.out)"
+grep -q 'broken' broken.err || fail 'no message'
+sed -i '$d' src/app/main.cpp
+[ "$(./run.sh <<<"$request" 2>repaired.err)" = "$answer" ] || fail 'not repaired'
+
+echo '- at a terminal it plays the client'
+script -qec ./run.sh /dev/null </dev/null >report.txt
+for expected in Korvane list_processes '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
+    grep -qF "$expected" report.txt || fail "not in the report: $expected: $(cat report.txt)"
+done
