@@ -13,7 +13,7 @@ namespace {
 void ignoreBrokenPipeSignal()
 {
 #ifdef SIGPIPE
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 #endif
 }
 

@@ -8,8 +8,6 @@ FileUnlockService::FileUnlockService() : m_impl(makeImplPlatform())
     registerRecordMetaTypes();
 }
 
-FileUnlockService::~FileUnlockService() = default;
-
 void FileUnlockService::query(const QList<QString>& paths)
 {
     const LockerProbe probe = probeLockers(paths);

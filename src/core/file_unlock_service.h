@@ -34,8 +34,6 @@ public:
     };
     Q_ENUM(OpLevel)
 
-    ~FileUnlockService() override;
-
     /// Signal form of probeLockers(): emits queryFinished() or queryFailed().
     void query(const QList<QString>& paths);
 

@@ -99,7 +99,7 @@ QString SignatureService::signerName(const QString& path)
         if (const auto known = m_signerCache.constFind(path); known != m_signerCache.constEnd())
             return *known;
     }
-    const QString name = signerNamePlatform(path);
+    QString name = signerNamePlatform(path);
     const QWriteLocker locker(&m_cacheLock);
     m_signerCache.insert(path, name);
     return name;
@@ -138,8 +138,8 @@ SignatureStatus SignatureService::loadPersisted(const QString& path, qint64 mtim
 
 void SignatureService::savePersisted(const QString& path, qint64 mtimeMs, SignatureStatus status)
 {
-    const QString record = QStringLiteral("%1|%2").arg(
-        QString::number(mtimeMs), QString::number(static_cast<int>(status)));
+    const QString record = QStringLiteral("%1|%2").arg(QString::number(mtimeMs),
+                                                       QString::number(static_cast<int>(status)));
     const QMutexLocker locker(&m_settingsLock);
     m_settings->setValue(recordKey(path), record);
 }

@@ -27,8 +27,8 @@ QString executableOf(const QString& commandLine)
 
 bool startsAutomatically(const ServiceItem& service)
 {
-    return service.startType == ServiceStartType::Auto
-           || service.startType == ServiceStartType::AutoDelayed;
+    return service.startType == ServiceStartType::Auto ||
+           service.startType == ServiceStartType::AutoDelayed;
 }
 
 StartupItem startupItemOf(const ServiceItem& service)

@@ -76,8 +76,8 @@ struct UninstallEntry
     QString displayVersion;
     QString publisher;
     QString installLocation;
-    QString uninstallString;     ///< Command that uninstalls the program; may be empty.
-    qint64 estimatedSizeKb = 0;  ///< KiB; 0 or less when unknown.
+    QString uninstallString;    ///< Command that uninstalls the program; may be empty.
+    qint64 estimatedSizeKb = 0; ///< KiB; 0 or less when unknown.
 
     /// Size as "2.0 MB", "500 MB" or "3.00 GB"; "—" when unknown.
     QString sizeDisplay() const;

@@ -18,8 +18,7 @@ QJsonObject toolResult(const QString& text, bool isError)
 {
     const QJsonObject content{{QStringLiteral("type"), QStringLiteral("text")},
                               {QStringLiteral("text"), text}};
-    return {{QStringLiteral("content"), QJsonArray{content}},
-            {QStringLiteral("isError"), isError}};
+    return {{QStringLiteral("content"), QJsonArray{content}}, {QStringLiteral("isError"), isError}};
 }
 
 } // namespace

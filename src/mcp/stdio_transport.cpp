@@ -12,8 +12,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <iostream>
 #include <functional>
+#include <iostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -65,8 +65,8 @@ bool writeJsonLine(const QJsonObject& message)
     const QByteArray bytes = QJsonDocument(message).toJson(QJsonDocument::Compact);
     const QMutexLocker locker(&outputLock);
     const auto size = static_cast<std::size_t>(bytes.size());
-    return std::fwrite(bytes.constData(), 1, size, stdout) == size
-           && std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
+    return std::fwrite(bytes.constData(), 1, size, stdout) == size &&
+           std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
 }
 
 QJsonObject parseErrorResponse(const QJsonParseError& error)

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <functional>
 #include <optional>
-#include <ranges>
 #include <vector>
 
 namespace {
@@ -62,10 +61,7 @@ public:
         return result.isObject() ? std::optional(result.toObject()) : std::nullopt;
     }
 
-    void notify(const QString& method)
-    {
-        send({{u"jsonrpc"_s, u"2.0"_s}, {u"method"_s, method}});
-    }
+    void notify(const QString& method) { send({{u"jsonrpc"_s, u"2.0"_s}, {u"method"_s, method}}); }
 
     /// A tool's result object; none, with the tool's error shown, when the call fails.
     std::optional<QJsonObject> call(const QString& tool)
@@ -149,11 +145,12 @@ void showProcesses(Session& session)
     const auto memoryOf = [](const QJsonObject& process) {
         return process.value(u"memory_bytes"_s).toInteger();
     };
-    std::ranges::sort(processes, std::ranges::greater(), memoryOf);
+    std::ranges::sort(processes, std::greater(), memoryOf);
 
     out() << u"\n内存占用最多的进程 (共 %1 个):\n"_s.arg(processes.size())
           << u"       PID       内存      CPU  名称\n"_s;
-    for (const QJsonObject& process : processes | std::views::take(shown)) {
+    processes.resize(std::min(processes.size(), shown));
+    for (const QJsonObject& process : processes) {
         out() << u"  %1 %2 %3  %4\n"_s.arg(
             QString::number(process.value(u"pid"_s).toInteger()).rightJustified(8),
             process.value(u"memory_display"_s).toString().rightJustified(10),
@@ -206,9 +203,10 @@ int main(int argc, char* argv[])
 
     Session session(arguments.at(1));
     const QJsonObject clientInfo{{u"name"_s, u"korvane-report"_s}, {u"version"_s, u"1"_s}};
-    const auto handshake = session.request(u"initialize"_s, {{u"protocolVersion"_s, u"2024-11-05"_s},
-                                                             {u"capabilities"_s, QJsonObject()},
-                                                             {u"clientInfo"_s, clientInfo}});
+    const auto handshake =
+        session.request(u"initialize"_s, {{u"protocolVersion"_s, u"2024-11-05"_s},
+                                          {u"capabilities"_s, QJsonObject()},
+                                          {u"clientInfo"_s, clientInfo}});
     if (!handshake) {
         QTextStream(stderr) << u"服务器没有应答: %1\n"_s.arg(arguments.at(1));
         return 1;

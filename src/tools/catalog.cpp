@@ -6,6 +6,8 @@
 
 namespace korvane {
 
+// One entry a tool, however many there are.
+// NOLINTNEXTLINE(readability-function-size)
 QList<ToolDefinition> toolCatalog()
 {
     // clang-format off

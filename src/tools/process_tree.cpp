@@ -100,7 +100,7 @@ qint64 ProcessTree::textSize() const
     for (const Node& node : m_nodes) {
         const qint64 indent = indentStep * 2 * (node.depth + 1);
         const qint64 memberIndent = indent + indentStep;
-        size += 2 * indent + 5;                                     // {\n and },\n
+        size += 2 * indent + 5;                                    // {\n and },\n
         size += memberIndent + 8 + lengthOf(nameOf(node.pid)) + 2; // "name": ...,\n
         size += memberIndent + 7 + lengthOf(node.pid) + 1;         // "pid": ...\n
         if (!node.children.empty())

@@ -64,9 +64,8 @@ QJsonObject toolListProcesses(const QJsonObject& /*args*/, const ProgressCallbac
         {QStringLiteral("trusted_cached"), counts.value(SignatureStatus::Trusted)},
         {QStringLiteral("untrusted_cached"), counts.value(SignatureStatus::Untrusted)},
         {QStringLiteral("unsigned_cached"), counts.value(SignatureStatus::Unsigned)},
-        {QStringLiteral("note"),
-         QStringLiteral("签名仅返回 panel/MCP 已查询过的缓存值;Korvane GUI "
-                        "里点「验签可见行」会触发实际 WinVerifyTrust")},
+        {QStringLiteral("note"), QStringLiteral("签名仅返回 panel/MCP 已查询过的缓存值;Korvane GUI "
+                                                "里点「验签可见行」会触发实际 WinVerifyTrust")},
     };
     return {{QStringLiteral("total"), objects.size()},
             {QStringLiteral("processes"), objects},
@@ -98,7 +97,7 @@ QJsonObject toolGetProcessCommandLine(const QJsonObject& args, const ProgressCal
     const QString note =
         commandLine.isEmpty()
             ? QStringLiteral(
-                "读取失败 — 可能是受保护进程/系统进程/已退出, 或 32 位进程在 64 位下不可跨位读")
+                  "读取失败 — 可能是受保护进程/系统进程/已退出, 或 32 位进程在 64 位下不可跨位读")
             : QStringLiteral("");
     return {{QStringLiteral("pid"), pid},
             {QStringLiteral("command_line"), commandLine},

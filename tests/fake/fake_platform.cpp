@@ -38,7 +38,7 @@ QString number(qint64 value)
 QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
 {
     fake::Platform& script = fake::platform();
-    const QList<ProcessSnapshot> processes = script.processes.answer(error);
+    QList<ProcessSnapshot> processes = script.processes.answer(error);
     m_cpuTable.beginEnumeration(1);
     if (script.processesLeaveCpuSamples) {
         for (const ProcessSnapshot& process : processes)

@@ -36,10 +36,11 @@ public:
     {
         const QJsonObject params{{QStringLiteral("name"), tool},
                                  {QStringLiteral("arguments"), arguments}};
-        const QJsonObject response = request({{QStringLiteral("id"), 1},
-                                              {QStringLiteral("method"), QStringLiteral("tools/call")},
-                                              {QStringLiteral("params"), params}},
-                                             progress);
+        const QJsonObject response =
+            request({{QStringLiteral("id"), 1},
+                     {QStringLiteral("method"), QStringLiteral("tools/call")},
+                     {QStringLiteral("params"), params}},
+                    progress);
         const QJsonObject result = response.value(QStringLiteral("result")).toObject();
         const QJsonArray content = result.value(QStringLiteral("content")).toArray();
         return {result.value(QStringLiteral("isError")).toBool(),

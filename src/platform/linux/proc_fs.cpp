@@ -83,9 +83,9 @@ std::optional<ProcStat> parseProcStat(QByteArrayView content)
     quint64 userTicks = 0;
     quint64 systemTicks = 0;
     // Counted from the state, the first field after the name.
-    const bool whole = fields.read(1, stat.parentPid) && fields.read(4, flags)
-                       && fields.read(4, userTicks) && fields.read(0, systemTicks)
-                       && fields.read(6, stat.startTicks) && fields.read(1, stat.residentPages);
+    const bool whole = fields.read(1, stat.parentPid) && fields.read(4, flags) &&
+                       fields.read(4, userTicks) && fields.read(0, systemTicks) &&
+                       fields.read(6, stat.startTicks) && fields.read(1, stat.residentPages);
     if (!whole)
         return std::nullopt;
     stat.isKernelThread = (flags & kernelThreadFlag) != 0;
@@ -130,7 +130,7 @@ std::optional<quint32> ProcFs::nextPid()
 
 const char* ProcFs::pathOf(quint32 pid, const char* name)
 {
-    std::snprintf(m_path.data(), m_path.size(), "%u/%s", pid, name);
+    static_cast<void>(std::snprintf(m_path.data(), m_path.size(), "%u/%s", pid, name));
     return m_path.data();
 }
 
@@ -181,9 +181,9 @@ std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
     m_buffer.at(static_cast<std::size_t>(size)) = '\0';
     struct stat running = {};
     struct stat named = {};
-    const bool literal = ::fstatat(directory, link, &running, 0) == 0
-                         && ::stat(m_buffer.data(), &named) == 0
-                         && running.st_dev == named.st_dev && running.st_ino == named.st_ino;
+    const bool literal = ::fstatat(directory, link, &running, 0) == 0 &&
+                         ::stat(m_buffer.data(), &named) == 0 && running.st_dev == named.st_dev &&
+                         running.st_ino == named.st_ino;
     return literal ? target : target.chopped(deletedMark.size());
 }
 

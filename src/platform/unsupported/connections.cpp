@@ -8,7 +8,8 @@ QList<NetConnection> NetMonitorService::enumPlatform(QString* error) const
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[NetMonitorService] 当前平台不支持 TCP 枚举");
-    return unsupported::failedListing<NetConnection>(error, QStringLiteral("当前平台不支持网络监视"));
+    return unsupported::failedListing<NetConnection>(error,
+                                                     QStringLiteral("当前平台不支持网络监视"));
 }
 
 } // namespace korvane

@@ -9,7 +9,8 @@ struct FileUnlockService::Impl
 
 FileUnlockService::ImplPointer FileUnlockService::makeImplPlatform()
 {
-    return {std::make_unique<Impl>().release(), [](Impl* impl) { std::default_delete<Impl>()(impl); }};
+    return {std::make_unique<Impl>().release(),
+            [](Impl* impl) { std::default_delete<Impl>()(impl); }};
 }
 
 LockerProbe FileUnlockService::probeLockers(const QList<QString>& /*paths*/)

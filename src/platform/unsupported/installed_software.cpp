@@ -8,7 +8,8 @@ QList<UninstallEntry> UninstallService::enumPlatform(QString* error) const
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[UninstallService] 当前平台不支持已安装软件枚举");
-    return unsupported::failedListing<UninstallEntry>(error, QStringLiteral("当前平台不支持已安装软件枚举"));
+    return unsupported::failedListing<UninstallEntry>(
+        error, QStringLiteral("当前平台不支持已安装软件枚举"));
 }
 
 } // namespace korvane

@@ -8,17 +8,20 @@ QList<StartupItem> StartupService::enumPlatform(QString* error) const
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[StartupService] 当前平台不支持启动项枚举");
-    return unsupported::failedListing<StartupItem>(error, QStringLiteral("当前平台不支持启动项管理"));
+    return unsupported::failedListing<StartupItem>(error,
+                                                   QStringLiteral("当前平台不支持启动项管理"));
 }
 
 QList<StartupItem> StartupService::enumScheduledTasksPlatform(QString* error) const
 {
-    return unsupported::failedListing<StartupItem>(error, QStringLiteral("当前平台不支持计划任务枚举"));
+    return unsupported::failedListing<StartupItem>(error,
+                                                   QStringLiteral("当前平台不支持计划任务枚举"));
 }
 
 QList<StartupItem> StartupService::enumShellExtensionsPlatform(QString* error) const
 {
-    return unsupported::failedListing<StartupItem>(error, QStringLiteral("当前平台不支持 Shell 扩展枚举"));
+    return unsupported::failedListing<StartupItem>(error,
+                                                   QStringLiteral("当前平台不支持 Shell 扩展枚举"));
 }
 
 OpResult StartupService::setEnabledPlatform(StartupSource /*source*/, const QString& /*name*/,
