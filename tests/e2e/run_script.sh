@@ -5,7 +5,6 @@
 set -euo pipefail
 
 copy=$(mktemp -d)
-old_server_input=
 trap 'exec 8>&-; rm -rf "$copy"' EXIT
 cp -r "$1"/{run.sh,CMakeLists.txt,CMakePresets.json,src,packaging} "$copy"
 cd "$copy"
