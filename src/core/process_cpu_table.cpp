@@ -32,9 +32,10 @@ double ProcessCpuTable::record(const Reading& reading)
     if (current.takenAt - entry.latest.takenAt >= minimumInterval)
         entry.baseline = std::exchange(entry.latest, current);
 
-    const auto elapsed = std::chrono::duration<double>(current.takenAt - entry.baseline.takenAt);
-    if (elapsed.count() <= 0)
+    // Only where the first sample is that young: a tick or two would read as 0 or 100 %.
+    if (current.takenAt - entry.baseline.takenAt < minimumInterval)
         return notMeasured;
+    const auto elapsed = std::chrono::duration<double>(current.takenAt - entry.baseline.takenAt);
     const auto used = std::chrono::duration<double>(current.cpuTime - entry.baseline.cpuTime);
     return std::clamp(100.0 * used.count() / (elapsed.count() * m_processorCount), 0.0, 100.0);
 }

@@ -6,7 +6,9 @@
 #include <cstdio>
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace korvane::linux_platform {
@@ -30,11 +32,14 @@ class FieldReader
 public:
     explicit FieldReader(QByteArrayView text) : m_rest(text) {}
 
+    /// The next field; empty when no blank ends it, since it may be cut.
     QByteArrayView next()
     {
         const qsizetype end = m_rest.indexOf(' ');
-        const QByteArrayView field = end < 0 ? m_rest : m_rest.first(end);
-        m_rest = end < 0 ? QByteArrayView() : m_rest.sliced(end + 1);
+        if (end < 0)
+            return {};
+        const QByteArrayView field = m_rest.first(end);
+        m_rest = m_rest.sliced(end + 1);
         return field;
     }
 
@@ -66,26 +71,46 @@ ssize_t readFully(int fd, std::span<char> buffer)
     return static_cast<ssize_t>(used);
 }
 
+/// Whether `path` leads to the file that `link` in `directory` leads to. Only the kernel's caches
+/// are asked, which hold the path of every running file: a walk over a dead network or FUSE mount
+/// would never return.
+bool leadsToSameFile(int directory, const char* link, const char* path)
+{
+    constexpr int cachedOnly = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_CACHED;
+    const UniqueFd named(
+        static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+    struct statx running = {};
+    struct statx found = {};
+    return named.isValid() &&
+           ::statx(named.get(), "", AT_EMPTY_PATH | cachedOnly, STATX_INO, &found) == 0 &&
+           ::statx(directory, link, cachedOnly, STATX_INO, &running) == 0 &&
+           running.stx_ino == found.stx_ino && running.stx_dev_major == found.stx_dev_major &&
+           running.stx_dev_minor == found.stx_dev_minor;
+}
+
 } // namespace
 
 std::optional<ProcStat> parseProcStat(QByteArrayView content)
 {
     // The name stands in brackets and may hold brackets itself: the last one closes it.
     const qsizetype open = content.indexOf('(');
-    const qsizetype close = content.lastIndexOf(')');
-    if (open < 0 || close < open || close + 2 > content.size())
+    const qsizetype close = content.lastIndexOf(QByteArrayView(") "));
+    if (open < 0 || close < open)
         return std::nullopt;
 
     ProcStat stat;
     stat.shortName = content.sliced(open + 1, close - open - 1);
-    FieldReader fields(content.sliced(close + 2).trimmed());
+    FieldReader fields(content.sliced(close + 2));
     quint64 flags = 0;
     quint64 userTicks = 0;
     quint64 systemTicks = 0;
     // Counted from the state, the first field after the name.
     const bool whole = fields.read(1, stat.parentPid) && fields.read(4, flags) &&
                        fields.read(4, userTicks) && fields.read(0, systemTicks) &&
-                       fields.read(6, stat.startTicks) && fields.read(1, stat.residentPages);
+                       fields.read(6, stat.startTicks);
     if (!whole)
         return std::nullopt;
     stat.isKernelThread = (flags & kernelThreadFlag) != 0;
@@ -165,6 +190,15 @@ std::optional<QByteArray> ProcFs::readWholeFile(quint32 pid, const char* name, q
     return content;
 }
 
+std::optional<qint64> ProcFs::residentPages(quint32 pid)
+{
+    const auto content = readFile(pid, "statm");
+    if (!content)
+        return std::nullopt;
+    qint64 pages = 0;
+    return FieldReader(*content).read(1, pages) ? std::optional(pages) : std::nullopt;
+}
+
 std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
 {
     const int directory = ::dirfd(m_directory.get());
@@ -179,11 +213,7 @@ std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
 
     // A file may be called that without being deleted: then the path leads to the same file.
     m_buffer.at(static_cast<std::size_t>(size)) = '\0';
-    struct stat running = {};
-    struct stat named = {};
-    const bool literal = ::fstatat(directory, link, &running, 0) == 0 &&
-                         ::stat(m_buffer.data(), &named) == 0 && running.st_dev == named.st_dev &&
-                         running.st_ino == named.st_ino;
+    const bool literal = leadsToSameFile(directory, link, m_buffer.data());
     return literal ? target : target.chopped(deletedMark.size());
 }
 

@@ -22,7 +22,6 @@ struct ProcStat
     bool isKernelThread = false;
     quint64 cpuTicks = 0;   ///< User and system time, in clock ticks.
     quint64 startTicks = 0; ///< Start after boot, in clock ticks.
-    qint64 residentPages = 0;
 };
 
 /// Parses the text of /proc/PID/stat; none when it is damaged. The name may hold any bytes, blanks,
@@ -71,6 +70,10 @@ public:
 
     /// The whole of /proc/PID/NAME, at most `limit` bytes; none when it cannot be read.
     std::optional<QByteArray> readWholeFile(quint32 pid, const char* name, qsizetype limit);
+
+    /// Resident pages from /proc/PID/statm: exact, as ps shows them. The figure in stat is an
+    /// estimate that strays by megabytes on machines of many processors.
+    std::optional<qint64> residentPages(quint32 pid);
 
     /// Target of the link /proc/PID/exe, without the mark of a deleted file; none when it cannot
     /// be read.

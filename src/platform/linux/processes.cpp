@@ -5,6 +5,7 @@
 
 #include <QByteArrayView>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 
@@ -22,6 +23,13 @@ struct KernelUnits
 {
     qint64 pageBytes = ::sysconf(_SC_PAGESIZE);
     qint64 nanosecondsPerTick = 1'000'000'000 / ::sysconf(_SC_CLK_TCK);
+
+    /// 292 years at most, where nanoseconds end: 4,096 processors use them in 26 days.
+    nanoseconds cpuTime(quint64 ticks) const
+    {
+        const auto most = static_cast<quint64>(nanoseconds::max().count() / nanosecondsPerTick);
+        return nanoseconds(static_cast<qint64>(std::min(ticks, most)) * nanosecondsPerTick);
+    }
 };
 
 nanoseconds monotonicNow()
@@ -84,13 +92,13 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
         ProcessSnapshot process;
         process.pid = *pid;
         process.parentPid = stat->parentPid;
-        process.memoryBytes = stat->isKernelThread ? 0 : stat->residentPages * units.pageBytes;
-        process.cpuPercent = m_cpuTable.record(
-            {.pid = *pid,
-             .startTime = stat->startTicks,
-             .cpuTime = nanoseconds(static_cast<qint64>(stat->cpuTicks) * units.nanosecondsPerTick),
-             .takenAt = monotonicNow()});
+        process.cpuPercent = m_cpuTable.record({.pid = *pid,
+                                                .startTime = stat->startTicks,
+                                                .cpuTime = units.cpuTime(stat->cpuTicks),
+                                                .takenAt = monotonicNow()});
         readIdentity(procFs, *stat, process);
+        if (!stat->isKernelThread)
+            process.memoryBytes = procFs.residentPages(*pid).value_or(0) * units.pageBytes;
         processes.append(process);
     }
     if (errno != 0)

@@ -1,0 +1,86 @@
+// Tests of the processor shares that are computed from successive readings, on a made-up clock.
+#include "core/process_cpu_table.h"
+
+#include <QTest>
+
+#include <algorithm>
+
+using namespace korvane;
+
+/// Readings of one process: milliseconds on the clock and of processor time, the figure that the
+/// reading has to give, and the start time where it is not 1.
+using Readings = QList<QList<double>>;
+
+class ProcessCpuTableTest : public QObject
+{
+    Q_OBJECT
+
+    static double read(ProcessCpuTable& table, double at, double cpu, double start = 1,
+                       quint32 pid = 7)
+    {
+        using Ms = std::chrono::milliseconds;
+        return table.record({pid, quint64(start), Ms(int(cpu)), Ms(int(at))});
+    }
+
+private Q_SLOTS:
+    void figures_data()
+    {
+        QTest::addColumn<int>("processors");
+        QTest::addColumn<Readings>("readings");
+        // clang-format off
+        QTest::newRow("successive samples") << 1 << Readings{{0, 9000, -1}, {1000, 9500, 50}, {3000, 9600, 5}};
+        QTest::newRow("share of the machine") << 4 << Readings{{0, 0, -1}, {1000, 2000, 50}};
+        QTest::newRow("processors not known") << 0 << Readings{{0, 0, -1}, {1000, 500, 50}};
+        QTest::newRow("recycled PID") << 1 << Readings{{0, 0, -1}, {1000, 500, 50}, {2000, 900, -1, 2}, {3000, 1000, 10, 2}};
+        QTest::newRow("more than there is") << 2 << Readings{{0, 0, -1}, {1000, 5000, 100}};
+        QTest::newRow("time runs back") << 1 << Readings{{0, 500, -1}, {1000, 100, 0}};
+        QTest::newRow("same instant") << 1 << Readings{{500, 0, -1}, {500, 10, -1}};
+        QTest::newRow("soon after the first") << 1 << Readings{{0, 0, -1}, {199, 199, -1}, {400, 200, 50}};
+        QTest::newRow("soon after another") << 1 << Readings{{0, 0, -1}, {1000, 100, 10}, {1010, 110, 11000.0 / 1010}, {1199, 110, 11000.0 / 1199}, {2000, 600, 50}};
+        QTest::newRow("just old enough") << 1 << Readings{{0, 0, -1}, {1000, 0, 0}, {1200, 100, 50}};
+        // clang-format on
+    }
+
+    void figures()
+    {
+        QFETCH(int, processors);
+        QFETCH(Readings, readings);
+        ProcessCpuTable table;
+        for (const QList<double>& r : readings) {
+            table.beginEnumeration(processors);
+            QCOMPARE(read(table, r.at(0), r.at(1), r.value(3, 1)), r.at(2));
+            table.endEnumeration();
+        }
+    }
+
+    void frequentPollingSeesTheLoadEnd()
+    {
+        ProcessCpuTable table;
+        for (int at = 0; at <= 6000; at += 100) {
+            const double percent = read(table, at, std::min(at, 3000));
+            if (at >= 200 && (at <= 3000 || at >= 3400))
+                QCOMPARE(percent, at <= 3000 ? 100.0 : 0.0);
+        }
+    }
+
+    void vanishedProcessesAreForgotten()
+    {
+        ProcessCpuTable table;
+        QVERIFY(table.isEmpty());
+        QList<double> figures;
+        for (const QList<quint32>& pids : {QList<quint32>{7, 8}, {7}, {7, 8}}) {
+            table.beginEnumeration(1);
+            for (const quint32 pid : pids)
+                figures.append(read(table, 1000.0 * double(figures.size()), 0, 1, pid));
+            QVERIFY(!table.isEmpty());
+            table.endEnumeration();
+        }
+        QCOMPARE(figures, (QList<double>{-1, -1, 0, 0, -1}));
+        table.beginEnumeration(1);
+        table.endEnumeration();
+        QVERIFY(table.isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(ProcessCpuTableTest)
+#include "tst_process_cpu_table.moc"
