@@ -1,0 +1,182 @@
+// Tests the reading and parsing of /proc on saved, damaged and hostile text, and on directories of
+// its shape.
+#include "platform/linux/proc_fs.h"
+
+#include <QDir>
+#include <QMap>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cerrno>
+#include <limits>
+
+#include <unistd.h>
+
+using namespace korvane::linux_platform;
+
+namespace {
+
+/// The fields of a saved line that stand after the name, from the state on.
+const QByteArrayList savedFields =
+    QByteArray(
+        "S 811 4711 4711 34817 5120 4194304 3155 921 2 1 64 27 3 1 20 0 1 0 98765 8720384 1250 "
+        "18446744073709551615 1 2 0 0 0 65536 3686404 1266761467 1 0 0 17 1 0 0 0 0 0 1 2 3 4 5 6 7 0")
+        .split(' ');
+QByteArray statLine(const QByteArray& name, const QByteArrayList& fields = savedFields)
+{
+    return "4711 (" + name + ") " + fields.join(' ') + '\n';
+}
+
+/// The saved line with some fields changed.
+QByteArray statWith(const QMap<int, QByteArray>& changes)
+{
+    QByteArrayList fields = savedFields;
+    for (const int field : changes.keys())
+        fields[field] = changes.value(field);
+    return statLine("bash", fields);
+}
+
+} // namespace
+
+class TestProcFs : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init()
+    {
+        m_directory = std::make_unique<QTemporaryDir>();
+        QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("7")));
+    }
+
+    void anyNameIsParsed_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::newRow("plain") << QByteArray("bash");
+        QTest::newRow("empty") << QByteArray("");
+        QTest::newRow("blanks") << QByteArray("  Web Content ");
+        QTest::newRow("looks like more of a line") << QByteArray("x) R 1 2 3 4 5");
+        QTest::newRow("line feeds") << QByteArray("a\n1 (b) S\n");
+        QTest::newRow("not UTF-8") << QByteArray("\xff\xc3(\x80\xed\xa0\x80");
+    }
+    void anyNameIsParsed()
+    {
+        QFETCH(QByteArray, name);
+        const QByteArray line = statLine(name);
+        const auto stat = parseProcStat(line);
+        QVERIFY(stat);
+        QCOMPARE(stat->shortName.toByteArray(), name);
+        QCOMPARE(stat->parentPid, 811U);
+        QCOMPARE(stat->cpuTicks, 64U + 27U);
+        QCOMPARE(stat->startTicks, 98765U);
+        QVERIFY(!stat->isKernelThread);
+
+        // A line cut anywhere up to the end of its last needed field is damaged.
+        const qsizetype needed = line.indexOf(" 98765 ") + 7;
+        for (qsizetype size = 0; size < needed; ++size) {
+            const QByteArray cut(line.constData(), size); // of its own, so that overreads are seen
+            QVERIFY2(!parseProcStat(cut), cut.constData());
+        }
+    }
+
+    void figuresAreParsedToTheirLimits()
+    {
+        const auto stat = parseProcStat(statWith({{1, "4294967295"},
+                                                  {6, "69238848"}, // a kernel thread's flags
+                                                  {19, "18446744073709551615"}}));
+        QVERIFY(stat);
+        QVERIFY(stat->isKernelThread);
+        QCOMPARE(stat->parentPid, std::numeric_limits<quint32>::max());
+        QCOMPARE(stat->startTicks, std::numeric_limits<quint64>::max());
+    }
+
+    void damagedLineIsRefused_data()
+    {
+        QTest::addColumn<QByteArray>("line");
+        QTest::newRow("no brackets") << QByteArray("4711 bash S 811 4711\n");
+        QTest::newRow("brackets the wrong way") << QByteArray("4711 )bash( S 811\n");
+        QTest::newRow("nothing after the name") << QByteArray("4711 (bash)");
+        QTest::newRow("no blank after the name") << statLine("bash").replace(") S", ")S");
+        QTest::newRow("parent beyond 32 bits") << statWith({{1, "4294967296"}});
+        QTest::newRow("negative parent") << statWith({{1, "-1"}});
+        QTest::newRow("flags of letters") << statWith({{6, "0x40"}});
+        QTest::newRow("empty processor time") << statWith({{11, ""}});
+        QTest::newRow("time with a NUL") << statWith({{12, QByteArray("2\0", 2)}});
+        QTest::newRow("start beyond 64 bits") << statWith({{19, "18446744073709551616"}});
+        QTest::newRow("start of fractions") << statWith({{19, "1.5"}});
+    }
+    void damagedLineIsRefused()
+    {
+        QFETCH(QByteArray, line);
+        QVERIFY(!parseProcStat(line));
+    }
+
+    void trailingNulsAreDropped()
+    {
+        QCOMPARE(commandLineFromCmdline(QByteArray()), QString());
+        QCOMPARE(commandLineFromCmdline(QByteArray("\0\0\0", 3)), QString());
+        QCOMPARE(commandLineFromCmdline(QByteArray("a\0b", 3)), QStringLiteral("a b"));
+    }
+
+    void onlyNumericEntriesAreProcesses()
+    {
+        QVERIFY(!ProcFs(path("none").constData()).isOpen());
+        const QByteArray root = path("7");
+        QVERIFY(!ProcFs(root.constData()).nextPid());
+        for (const char* name :
+             {"self", "12x", "-3", "+4", "4294967296", "4294967295", "0x5", "1 "})
+            QVERIFY(QDir().mkpath(QFile::decodeName(root + '/' + name)));
+        ProcFs procFs(root.constData());
+        QCOMPARE(procFs.nextPid(), std::optional(4294967295U));
+        QVERIFY(!procFs.nextPid());
+        QCOMPARE(errno, 0);
+    }
+
+    void filesAreReadToTheirLimit()
+    {
+        constexpr int bufferSize = 8192;
+        ProcFs procFs(path().constData());
+        for (const int size :
+             {0, 1, bufferSize - 1, bufferSize, bufferSize + 1, 5 * bufferSize + 3}) {
+            QByteArray content;
+            while (content.size() < size)
+                content += QByteArray::number(content.size()) + '\n';
+            content.truncate(size);
+            write("7/stat", content);
+            const auto first = procFs.readFile(7, "stat");
+            QVERIFY(first);
+            QCOMPARE(first->toByteArray(), content.left(bufferSize));
+            for (const int limit : {0, 1, bufferSize, bufferSize + 1, 10 * bufferSize})
+                QCOMPARE(procFs.readWholeFile(7, "stat", limit),
+                         std::optional(content.left(limit)));
+        }
+    }
+
+    void residentPagesAreTheSecondField()
+    {
+        ProcFs procFs(path().constData());
+        QVERIFY(!procFs.residentPages(7)); // there is no file yet
+        write("7/statm", "2129 1250 800 1 0 2 0\n");
+        QCOMPARE(procFs.residentPages(7), std::optional<qint64>(1250));
+        write("7/statm", "2129 12");
+        QVERIFY(!procFs.residentPages(7));
+    }
+
+private:
+    QByteArray path(const QByteArray& name = {}) const
+    {
+        return QFile::encodeName(m_directory->path()) + '/' + name;
+    }
+
+    void write(const QByteArray& name, const QByteArray& content) const
+    {
+        QFile file(QFile::decodeName(path(name)));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(content), content.size());
+    }
+
+    std::unique_ptr<QTemporaryDir> m_directory;
+};
+
+QTEST_GUILESS_MAIN(TestProcFs)
+#include "tst_proc_fs.moc"
