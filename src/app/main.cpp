@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 
+#include <clocale>
 #include <csignal>
 
 namespace {
@@ -15,6 +16,16 @@ void ignoreBrokenPipeSignal()
 #ifdef SIGPIPE
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 #endif
+}
+
+/// Makes the locale a UTF-8 one, as the framework does itself, which however says so on standard
+/// error: the bare environment that clients start a server with names no encoding at all.
+void useUtf8Locale()
+{
+    std::setlocale(LC_ALL, "");
+    const QByteArray name = QByteArray(std::setlocale(LC_CTYPE, nullptr)).toUpper();
+    if (!name.contains("UTF-8") && !name.contains("UTF8"))
+        qputenv("LC_ALL", "C.UTF-8");
 }
 
 void setIdentity()
@@ -31,6 +42,7 @@ void setIdentity()
 int main(int argc, char* argv[])
 {
     ignoreBrokenPipeSignal();
+    useUtf8Locale();
     const QCoreApplication application(argc, argv);
     setIdentity();
     korvane::McpServer server;
