@@ -4,20 +4,24 @@
 set -euo pipefail
 
 # Standard input and output belong to the protocol: nothing before the server may touch them.
+[ -e /proc/self/fd/0 ] || exec </dev/null
 exec 3<&0 4>&1 </dev/null 1>&2
 
 root=$(CDPATH='' cd -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")" && pwd)
 installed=$root/build/run
 server=$installed/korvane-mcp
 report=$installed/korvane-report
-stamp=$installed/built
+built_from=$installed/built-from
 
-is_current() {
-    [ -e "$stamp" ] && [ -x "$server" ] && [ -x "$report" ] && [ -z "$(
-        find "$root/src" "$root/CMakeLists.txt" "$root/CMakePresets.json" -newer "$stamp" \
-            -print -quit
-    )" ]
+# Every file that decides what is built, with its size and time.
+sources() {
+    (cd "$root" && find run.sh CMakeLists.txt CMakePresets.json packaging/dependencies.sh src \
+        -printf '%p %s %T@\n' | sort)
 }
+
+is_built() { [ -x "$server" ] && [ -x "$report" ]; }
+
+is_current() { is_built && [ -e "$built_from" ] && [ "$(<"$built_from")" = "$(sources)" ]; }
 
 # A running server keeps the file it was started from: the new one takes its place by a rename.
 put_in_place() {
@@ -28,21 +32,36 @@ put_in_place() {
 build() {
     # shellcheck source=packaging/dependencies.sh
     . "$root/packaging/dependencies.sh"
-    # As old as the start of the build: what changes meanwhile is newer.
-    touch "$stamp.new"
+    # Taken before the build: what changes meanwhile is noticed at the next start.
+    sources >"$built_from.new"
     install_missing "${build_needs[@]}"
     configure_and_build "$root" release -DKORVANE_TESTS=OFF
     put_in_place "$server"
     put_in_place "$report"
-    mv -f -- "$stamp.new" "$stamp"
+    mv -f -- "$built_from.new" "$built_from"
+}
+
+build_once() {
+    exec 9>"$installed/lock"
+    if ! flock -n 9; then
+        echo 'korvane: waiting for the build that another start has begun'
+        flock -w 1800 9
+    fi
+    # Whatever the build starts, and may leave behind, gets neither the client's pipes nor the lock.
+    is_current || build 3<&- 4>&- 9>&-
+    exec 9>&-
 }
 
 if ! is_current; then
-    mkdir -p "$installed"
-    exec 9>"$installed/lock"
-    flock 9
-    is_current || build
-    exec 9>&-
+    mkdir -p "$installed" 2>/dev/null || true
+    if [ -w "$installed" ]; then
+        build_once
+    elif is_built; then
+        echo "korvane: $root has changed but cannot be written; starting what was built before"
+    else
+        echo "korvane: not built yet, and $root cannot be written"
+        exit 1
+    fi
 fi
 
 if [ -t 3 ]; then

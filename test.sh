@@ -1,20 +1,13 @@
 #!/usr/bin/env bash
-# Installs what the tests need, builds, and runs every test. --slow runs the slow ones too; further
-# arguments go to ctest.
+# Installs what the tests need, builds, and runs every test. Arguments go to ctest.
 set -euo pipefail
 
 root=$(CDPATH='' cd -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")" && pwd)
 # shellcheck source=packaging/dependencies.sh
 . "$root/packaging/dependencies.sh"
 
-selection=(-LE slow)
-if [ "${1-}" = --slow ]; then
-    selection=()
-    shift
-fi
-
 install_missing "${test_needs[@]}"
 install_npm_packages "$root/tests/e2e"
 configure_and_build "$root" dev ${CI:+-DKORVANE_WERROR=ON}
 cd "$root"
-exec ctest --preset dev "${selection[@]}" "$@"
+exec ctest --preset dev "$@"

@@ -8,5 +8,5 @@ root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 
 install_missing "${test_needs[@]}"
 install_npm_packages "$root/tests/e2e"
-configure_and_build "$root" release
-exec node "$root/bench/bench.mjs" "$root/build/release/src/korvane-mcp"
+"$root/run.sh" </dev/null # builds, and ends at once
+exec node "$root/bench/bench.mjs" "$root/build/run/korvane-mcp"

@@ -6,7 +6,7 @@ build_needs=(
     g++=g++
     cmake=cmake
     ninja=ninja-build
-    '/usr/lib/*/cmake/Qt6Network/Qt6NetworkConfig.cmake=qt6-base-dev'
+    '/usr/lib/*/cmake/Qt6Core/Qt6CoreConfig.cmake=qt6-base-dev'
 )
 test_needs=(
     "${build_needs[@]}"
@@ -14,7 +14,6 @@ test_needs=(
     npm=npm
     ps=procps
     script=bsdutils
-    unshare=util-linux
 )
 lint_needs=(
     clang-format=clang-format

@@ -25,7 +25,7 @@ void useUtf8Locale()
     std::setlocale(LC_ALL, "");
     const QByteArray name = QByteArray(std::setlocale(LC_CTYPE, nullptr)).toUpper();
     if (!name.contains("UTF-8") && !name.contains("UTF8"))
-        qputenv("LC_ALL", "C.UTF-8");
+        qputenv(qEnvironmentVariableIsEmpty("LC_ALL") ? "LC_CTYPE" : "LC_ALL", "C.UTF-8");
 }
 
 void setIdentity()

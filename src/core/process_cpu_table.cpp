@@ -18,10 +18,19 @@ void ProcessCpuTable::beginEnumeration(int processorCount)
     ++m_enumeration;
 }
 
+ProcessCpuTable::Nanoseconds ProcessCpuTable::settlingTime(Nanoseconds now) const
+{
+    if (isEmpty())
+        return Nanoseconds::zero();
+    return std::max(m_filledAt + minimumInterval - now, Nanoseconds::zero());
+}
+
 double ProcessCpuTable::record(const Reading& reading)
 {
     const Sample current{reading.cpuTime, reading.takenAt};
     const auto found = m_entries.find(reading.pid);
+    if (isEmpty())
+        m_filledAt = reading.takenAt;
     if (found == m_entries.end() || found->startTime != reading.startTime) {
         m_entries.insert(reading.pid, {reading.startTime, current, current, m_enumeration});
         return notMeasured;
@@ -32,7 +41,6 @@ double ProcessCpuTable::record(const Reading& reading)
     if (current.takenAt - entry.latest.takenAt >= minimumInterval)
         entry.baseline = std::exchange(entry.latest, current);
 
-    // Only where the first sample is that young: a tick or two would read as 0 or 100 %.
     if (current.takenAt - entry.baseline.takenAt < minimumInterval)
         return notMeasured;
     const auto elapsed = std::chrono::duration<double>(current.takenAt - entry.baseline.takenAt);

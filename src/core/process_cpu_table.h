@@ -34,8 +34,13 @@ public:
     /// Opens an enumeration on a machine of `processorCount` processors.
     void beginEnumeration(int processorCount);
 
+    /// How long to wait before an enumeration at `now` so that it can measure: the rest of
+    /// minimumInterval after the very first one, else zero.
+    Nanoseconds settlingTime(Nanoseconds now) const;
+
     /// Remembers the reading and returns the share of the whole machine, 0..100, used since the
-    /// sample it is measured against; negative for a process seen for the first time.
+    /// sample it is measured against; negative for a process seen for the first time, or so
+    /// lately that a tick or two of its time would read as 0 or 100 %.
     double record(const Reading& reading);
 
     /// Forgets every process that was not recorded since beginEnumeration().
@@ -59,6 +64,7 @@ private:
     };
 
     QHash<quint32, Entry> m_entries;
+    Nanoseconds m_filledAt{0}; ///< First reading of the first enumeration.
     quint32 m_enumeration = 0;
     int m_processorCount = 1;
 };

@@ -66,7 +66,8 @@ private:
     friend class Singleton<SignatureService>;
     SignatureService();
 
-    /// Platform operations: verify the signature of a file, and name its signer.
+    /// Platform operations: verify the signature of a file, and name its signer. Called from any
+    /// thread, from several at once, and with no lock held.
     SignatureStatus verifyPlatform(const QString& path) const;
     QString signerNamePlatform(const QString& path) const;
 

@@ -6,7 +6,9 @@
 
 namespace korvane {
 
+/// A line that is not JSON, or not an object.
 inline constexpr int parseErrorCode = -32700;
+/// A method this server does not have.
 inline constexpr int methodNotFoundCode = -32601;
 
 /// A success response. An undefined `id` leaves the member out; a null one is written.

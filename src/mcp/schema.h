@@ -13,6 +13,7 @@ QJsonObject schemaEmpty();
 /// Schema of a tool with the given properties; "required" only when it names any.
 QJsonObject schemaObject(const QJsonObject& properties, const QStringList& required = {});
 
+/// A string.
 QJsonObject propString(const QString& description);
 
 /// An integer with a published default.
@@ -21,8 +22,10 @@ QJsonObject propInteger(const QString& description, int defaultValue);
 /// An integer without a default.
 QJsonObject propInteger(const QString& description);
 
+/// A boolean; its default is told only by the description.
 QJsonObject propBoolean(const QString& description);
 
+/// An array of strings.
 QJsonObject propStringArray(const QString& description);
 
 /// A string that is one of `values`, published in that order.

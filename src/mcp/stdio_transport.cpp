@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -22,6 +23,9 @@ namespace {
 
 /// A longer line is discarded as it is read: what it may cost has to have an end.
 constexpr std::size_t maxLineBytes = std::size_t{128} * 1024 * 1024;
+
+/// A parsed value costs many times the bytes of its text, so their number has an end of its own.
+constexpr int maxValues = 1'000'000;
 
 /// The line buffer is reused, but what one huge line took is given back.
 constexpr std::size_t maxIdleCapacity = std::size_t{1024} * 1024;
@@ -56,6 +60,24 @@ LineStatus readLine(std::istream& input, std::string& line)
     return tooLong ? LineStatus::TooLong : LineStatus::Whole;
 }
 
+/// Whether the text, if it is JSON, holds no more than maxValues: each but the first of a container
+/// follows a comma, and each container an opening bracket.
+bool isParsable(const std::string& text)
+{
+    int values = 1;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size() && values <= maxValues; ++i) {
+        const char character = text[i];
+        if (character == '"')
+            inString = !inString;
+        else if (inString)
+            i += character == '\\' ? 1 : 0; // the escaped character may be a quote
+        else if (character == ',' || character == '[' || character == '{')
+            ++values;
+    }
+    return values <= maxValues;
+}
+
 /// Writes one message as a line and flushes. False when standard output takes no more.
 bool writeJsonLine(const QJsonObject& message)
 {
@@ -76,20 +98,22 @@ QJsonObject parseErrorResponse(const QJsonParseError& error)
 /// Hands requests from the reader thread to the main thread, one at a time.
 ///
 /// Invariant: `m_response` belongs to the main thread from the posting of a request until
-/// m_answered counts it, and to the reader thread at all other times.
+/// m_answered counts its end, and to the reader thread at all other times.
 class HandOver
 {
 public:
     explicit HandOver(McpServer* server) : m_server(server) {}
 
-    /// Reader thread: has the main thread answer one request, and waits for it.
+    /// Reader thread: has the main thread answer one request, and waits for it. An empty object
+    /// when the application ends without having taken the request.
     QJsonObject ask(const QJsonObject& request)
     {
         // An atomic looks again a few times before it sleeps, which a blocking invocation does
         // not: on an idle machine that spares most of the wake-ups, the larger part of the cost.
         const quint32 answeredBefore = m_answered.load();
         QMetaObject::invokeMethod(
-            m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
+            m_server, [this, request, end = announcedEnd()] { answer(request); },
+            Qt::QueuedConnection);
         m_answered.wait(answeredBefore);
         return std::exchange(m_response, {});
     }
@@ -98,8 +122,15 @@ private:
     void answer(const QJsonObject& request)
     {
         m_response = m_server->handleRequest(request, ProgressCallback());
-        m_answered.fetch_add(1);
-        m_answered.notify_one();
+    }
+
+    /// Wakes the reader when the last copy goes: with the posted call, run or dropped.
+    std::shared_ptr<void> announcedEnd()
+    {
+        return {this, [this](void*) {
+                    m_answered.fetch_add(1);
+                    m_answered.notify_one();
+                }};
     }
 
     McpServer* m_server;
@@ -111,7 +142,7 @@ private:
 QJsonObject answerLine(HandOver& handOver, LineStatus status, const std::string& line)
 {
     QJsonParseError error;
-    if (status == LineStatus::TooLong) {
+    if (status == LineStatus::TooLong || !isParsable(line)) {
         error.error = QJsonParseError::DocumentTooLarge;
         return parseErrorResponse(error);
     }

@@ -3,8 +3,8 @@
 // A platform is a folder beside this header. It defines the free functions below and the
 // `*Platform` members of the service classes in core/ (and, on FileUnlockService, the probing,
 // closing, ending and delete-on-reboot operations); a topic it has no file for is taken from
-// unsupported/. Everything here is called on the main thread unless it says otherwise, never
-// throws, and reports failure in its return value.
+// unsupported/. Every operation is called on the main thread, but for the two of SignatureService,
+// which may be called from several threads at once. None throws; failure is in the return value.
 #pragma once
 
 #include <QList>

@@ -28,6 +28,16 @@ QTextStream& out()
     return stream;
 }
 
+/// Text from the machine, made harmless for a terminal.
+QString printable(QString text)
+{
+    for (QChar& character : text) {
+        if (!character.isPrint() && !character.isSurrogate())
+            character = u'?';
+    }
+    return text;
+}
+
 /// A conversation with a server of its own, which ends with the object.
 class Session
 {
@@ -73,7 +83,7 @@ public:
                                  .at(0)[u"text"_s]
                                  .toString();
         if (!result || result->value(u"isError"_s).toBool()) {
-            out() << u"  %1: %2\n"_s.arg(tool, text.isEmpty() ? u"没有应答"_s : text);
+            out() << u"  %1: %2\n"_s.arg(tool, text.isEmpty() ? u"没有应答"_s : printable(text));
             return std::nullopt;
         }
         return QJsonDocument::fromJson(text.toUtf8()).object();
@@ -101,22 +111,14 @@ private:
     int m_lastId = 0;
 };
 
-/// Text from the machine, made harmless for a terminal.
-QString printable(QString text)
-{
-    for (QChar& character : text) {
-        if (!character.isPrint())
-            character = u'?';
-    }
-    return text;
-}
-
 void showIdentity(Session& session)
 {
     const auto info = session.call(u"get_app_info"_s);
     if (!info)
         return;
-    const auto text = [&info](const QString& key) { return info->value(key).toString(); };
+    const auto text = [&info](const QString& key) {
+        return printable(info->value(key).toString());
+    };
     out() << u"%1 %2 — %3\n"_s.arg(text(u"name"_s), text(u"version"_s), text(u"description"_s))
           << u"系统: %1, 内核 %2\n"_s.arg(text(u"platform"_s), text(u"kernel_version"_s))
           << u"程序: %1\n"_s.arg(text(u"executable"_s));

@@ -5,10 +5,22 @@
 
 namespace korvane {
 
+// All run on the main thread; failure is a thrown std::runtime_error (see ToolHandler).
+
+/// Name, version, platform and paths of the program; reads nothing but the framework's own
+/// system queries, and cannot fail.
 QJsonObject toolGetAppInfo(const QJsonObject& args, const ProgressCallback& progress);
 
+/// Every process, with the signature verdicts that are cached already. Blocks for half a second
+/// while no processor samples exist. Fails with the back end's text.
 QJsonObject toolListProcesses(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The processes nested by parent. Fails with the back end's text, and for a tree whose text
+/// would pass ProcessTree::maxTextSize.
 QJsonObject toolGetProcessTree(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The command line of process "pid"; an empty one, with a note, when it cannot be read. Fails for
+/// a "pid" that is not a positive integer.
 QJsonObject toolGetProcessCommandLine(const QJsonObject& args, const ProgressCallback& progress);
 
 } // namespace korvane

@@ -53,6 +53,18 @@ private Q_SLOTS:
         }
     }
 
+    void onlyTheVeryFirstEnumerationHasToSettle()
+    {
+        using Ms = std::chrono::milliseconds;
+        ProcessCpuTable table;
+        QVERIFY(table.settlingTime(Ms(0)) == Ms(0));
+        read(table, 1000, 0);
+        QVERIFY(table.settlingTime(Ms(1050)) == Ms(150));
+        QVERIFY(table.settlingTime(Ms(1250)) == Ms(0));
+        read(table, 1250, 0);
+        QVERIFY(table.settlingTime(Ms(1260)) == Ms(0));
+    }
+
     void frequentPollingSeesTheLoadEnd()
     {
         ProcessCpuTable table;

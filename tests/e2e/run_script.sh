@@ -5,7 +5,7 @@
 set -euo pipefail
 
 copy=$(mktemp -d)
-trap 'exec 8>&-; rm -rf "$copy"' EXIT
+trap 'exec 7<&- 8>&-; rm -rf "$copy"' EXIT
 cp -r "$1"/{run.sh,CMakeLists.txt,CMakePresets.json,src,packaging} "$copy"
 cd "$copy"
 
@@ -29,14 +29,15 @@ wait $!
     fail 'not exactly one build'
 
 echo '- a later start is silent, and is the server itself'
-mkfifo requests
-./run.sh <requests >later.out 2>later.err &
+mkfifo requests answers
+./run.sh <requests >answers 2>later.err &
 server=$!
-exec 8>requests
-echo "$request" >&8
-until [ -s later.out ]; do
-    kill -0 "$server" || fail 'the server ended'
-done
+exec 8>requests 7<answers
+ask_running_server() {
+    echo "$request" >&8
+    read -r -t 60 line <&7 && [ "$line" = "$answer" ] || fail "the running server: $line"
+}
+ask_running_server
 [ "$(readlink "/proc/$server/exe")" = "$copy/build/run/korvane-mcp" ] || fail 'not replaced by exec'
 [ ! -s later.err ] || fail "printed: $(cat later.err)"
 
@@ -44,10 +45,9 @@ echo '- a changed source is built beside the running server'
 echo '// changed' >>src/app/main.cpp
 [ "$(./run.sh <<<"$request" 2>changed.err)" = "$answer" ] || fail 'no answer after the change'
 grep -q 'main.cpp' changed.err || fail 'not built again'
-echo "$request" >&8
+ask_running_server
 exec 8>&-
 wait "$server" || fail 'the running server did not end quietly'
-[ "$(cat later.out)" = "$answer"$'\n'"$answer" ] || fail 'the running server lost a request'
 
 echo '- a failing build says so on standard error only'
 echo '#error broken' >>src/app/main.cpp
@@ -58,6 +58,17 @@ fi
 grep -q 'broken' broken.err || fail 'no message'
 sed -i '$d' src/app/main.cpp
 [ "$(./run.sh <<<"$request" 2>repaired.err)" = "$answer" ] || fail 'not repaired'
+
+echo '- what is current or cannot be built is started from a tree that may only be read'
+if [ "$(id -u)" = 0 ]; then
+    as_nobody() { setpriv --reuid 65534 --regid 65534 --clear-groups "$@"; }
+    chmod a+rx "$copy"
+    [ "$(as_nobody ./run.sh <<<"$request" 2>nobody.err)" = "$answer" ] || fail "$(cat nobody.err)"
+    [ ! -s nobody.err ] || fail "printed: $(cat nobody.err)"
+    touch src/app/main.cpp
+    [ "$(as_nobody ./run.sh <<<"$request" 2>nobody.err)" = "$answer" ] || fail "$(cat nobody.err)"
+    grep -q 'cannot be written' nobody.err || fail 'started an older build without a word'
+fi
 
 echo '- at a terminal it plays the client'
 script -qec ./run.sh /dev/null </dev/null >report.txt

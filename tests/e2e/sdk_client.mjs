@@ -185,6 +185,12 @@ test('reads command lines', async (t) => {
   assert.deepEqual(read, { pid, command_line: commandLine, note: '' });
 });
 
+test('a listing right after a tree measures processor use', async (t) => {
+  const session = await Session.start(t, binary);
+  await session.call('get_process_tree');
+  assert((await session.listProcesses()).get(process.pid).cpu_percent >= 0);
+});
+
 test('an unknown tool is a tool error, not a protocol error', async () => {
   const unknown = await linux.answer('no_such_tool');
   assert.deepEqual(unknown, { isError: true, text: 'Unknown tool: no_such_tool' });
@@ -204,6 +210,10 @@ test('exits with code 0 once the client has gone', async (t) => {
 
 test('without a back end, says so in each answer and once in the log', async (t) => {
   const session = await Session.start(t, unsupportedBinary);
+  const byName = (list) => new Map(list.tools.map((tool) => [tool.name, tool]));
+  const onLinux = await Session.start(t, binary);
+  const [tools, linuxTools] = [await session.client.listTools(), await onLinux.client.listTools()];
+  assert.deepEqual(byName(tools), byName(linuxTools));
   const expected = { isError: true, text: "Tool 'list_processes' failed: 当前平台不支持进程枚举" };
   assert.deepEqual(await session.answer('list_processes'), expected);
   assert.deepEqual(await session.answer('list_processes'), expected);

@@ -110,6 +110,13 @@ void TestTransport::answers_data()
     QTest::newRow("64 MiB") << pingWithId(longId)
                             << QByteArrayList{R"({"id":)" + longId +
                                               R"(,"jsonrpc":"2.0","result":{}})"};
+    const QByteArray brackets = R"("\"\\[,{)" + QByteArray(3 << 20, ',') + '"';
+    QTest::newRow("many brackets in a text")
+        << pingWithId(brackets)
+        << QByteArrayList{R"({"id":)" + brackets + R"(,"jsonrpc":"2.0","result":{}})"};
+    QTest::newRow("more values than memory")
+        << pingWithId("[" + QByteArray("[0],").repeated(30 << 20) + "0]") + '\n' + asked
+        << QByteArrayList{parseError("too large document"), answered};
     QTest::newRow("a line without bounds")
         << pingWithId('"' + QByteArray(160 << 20, 'x') + '"') + '\n' + asked
         << QByteArrayList{parseError("too large document"), answered};

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <thread>
 
 #include <unistd.h>
 
@@ -80,6 +81,8 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
     ProcFs procFs;
     if (!procFs.isOpen())
         return fail(errno);
+    // A listing right after the first one, as after a process tree, would measure nothing.
+    std::this_thread::sleep_for(m_cpuTable.settlingTime(monotonicNow()));
     QList<ProcessSnapshot> processes;
     m_cpuTable.beginEnumeration(static_cast<int>(::sysconf(_SC_NPROCESSORS_ONLN)));
     while (const auto pid = procFs.nextPid()) {
@@ -97,8 +100,12 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
                                                 .cpuTime = units.cpuTime(stat->cpuTicks),
                                                 .takenAt = monotonicNow()});
         readIdentity(procFs, *stat, process);
-        if (!stat->isKernelThread)
-            process.memoryBytes = procFs.residentPages(*pid).value_or(0) * units.pageBytes;
+        if (!stat->isKernelThread) {
+            const auto pages = procFs.residentPages(*pid);
+            if (!pages && isOwnFailure(errno))
+                return fail(errno);
+            process.memoryBytes = pages.value_or(0) * units.pageBytes;
+        }
         processes.append(process);
     }
     if (errno != 0)

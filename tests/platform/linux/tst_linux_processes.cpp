@@ -241,8 +241,10 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("role");
         QTest::addColumn<int>("error");
         QTest::newRow("empty /proc") << QStringList{QStringLiteral("--empty-proc")} << ENOENT;
+#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
         QTest::newRow("no descriptor for a process")
             << QStringList{QStringLiteral("--one-descriptor")} << EMFILE;
+#endif
     }
     void unreadableProcIsAnError()
     {
@@ -267,7 +269,10 @@ private:
         return listing;
     }
 
-    Listing listed() { return byPid(m_client.call(QStringLiteral("list_processes"))); }
+    Listing listed()
+    {
+        return byPid(m_client.call(QStringLiteral("list_processes")));
+    }
 
     QString commandLine(qint64 pid)
     {
@@ -292,9 +297,6 @@ bool hideProc()
 /// Lets this process open one file more: /proc, but nothing in it.
 bool leaveOneDescriptor()
 {
-#ifdef __SANITIZE_ADDRESS__
-    return false; // its checks need descriptors of their own
-#endif
     const int next = ::dup(STDIN_FILENO);
     const rlim_t limit = static_cast<rlim_t>(next) + 1;
     const rlimit limits{limit, limit};
