@@ -22,7 +22,7 @@ void ignoreBrokenPipeSignal()
 /// error: the bare environment that clients start a server with names no encoding at all.
 void useUtf8Locale()
 {
-    std::setlocale(LC_ALL, "");
+    static_cast<void>(std::setlocale(LC_ALL, ""));
     const QByteArray name = QByteArray(std::setlocale(LC_CTYPE, nullptr)).toUpper();
     if (!name.contains("UTF-8") && !name.contains("UTF8"))
         qputenv(qEnvironmentVariableIsEmpty("LC_ALL") ? "LC_CTYPE" : "LC_ALL", "C.UTF-8");
