@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -98,22 +97,21 @@ QJsonObject parseErrorResponse(const QJsonParseError& error)
 /// Hands requests from the reader thread to the main thread, one at a time.
 ///
 /// Invariant: `m_response` belongs to the main thread from the posting of a request until
-/// m_answered counts its end, and to the reader thread at all other times.
+/// m_answered counts it, and to the reader thread at all other times.
 class HandOver
 {
 public:
     explicit HandOver(McpServer* server) : m_server(server) {}
 
-    /// Reader thread: has the main thread answer one request, and waits for it. An empty object
-    /// when the application ends without having taken the request.
+    /// Reader thread: has the main thread answer one request, and waits for it. The event loop runs
+    /// as long as the reader does, so the request is never dropped.
     QJsonObject ask(const QJsonObject& request)
     {
         // An atomic looks again a few times before it sleeps, which a blocking invocation does
         // not: on an idle machine that spares most of the wake-ups, the larger part of the cost.
         const quint32 answeredBefore = m_answered.load();
         QMetaObject::invokeMethod(
-            m_server, [this, request, end = announcedEnd()] { answer(request); },
-            Qt::QueuedConnection);
+            m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
         m_answered.wait(answeredBefore);
         return std::exchange(m_response, {});
     }
@@ -122,15 +120,8 @@ private:
     void answer(const QJsonObject& request)
     {
         m_response = m_server->handleRequest(request, ProgressCallback());
-    }
-
-    /// Wakes the reader when the last copy goes: with the posted call, run or dropped.
-    std::shared_ptr<void> announcedEnd()
-    {
-        return {this, [this](void*) {
-                    m_answered.fetch_add(1);
-                    m_answered.notify_one();
-                }};
+        m_answered.fetch_add(1);
+        m_answered.notify_one();
     }
 
     McpServer* m_server;
