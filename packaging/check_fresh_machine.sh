@@ -7,6 +7,7 @@ set -euo pipefail
 suite=$1
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 machine=$(mktemp -d "${KORVANE_FRESH_DIR:-/var/tmp}/korvane-$suite-XXXXXX")
+chmod 755 "$machine" # as the root of any system is
 trap 'mountpoint -q "$machine/proc" && umount -R "$machine/proc" "$machine/sys" "$machine/dev"' EXIT
 
 debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" \
