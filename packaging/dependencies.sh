@@ -6,7 +6,9 @@ build_needs=(
     g++=g++
     cmake=cmake
     ninja=ninja-build
+    pkg-config=pkg-config
     '/usr/lib/*/cmake/Qt6Core/Qt6CoreConfig.cmake=qt6-base-dev'
+    '/usr/lib/*/pkgconfig/libsystemd.pc=libsystemd-dev'
 )
 test_needs=(
     "${build_needs[@]}"

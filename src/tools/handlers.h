@@ -23,4 +23,28 @@ QJsonObject toolGetProcessTree(const QJsonObject& args, const ProgressCallback& 
 /// a "pid" that is not a positive integer.
 QJsonObject toolGetProcessCommandLine(const QJsonObject& args, const ProgressCallback& progress);
 
+/// Every TCP and UDP endpoint with its owner. Fails with the back end's text.
+QJsonObject toolListNetworkConnections(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The endpoints whose local port is "port". Fails for a "port" outside 1..65535, and with the back
+/// end's text.
+QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The programs started automatically. Fails with the back end's text.
+QJsonObject toolListStartupItems(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The installed software. Fails with the back end's text.
+QJsonObject toolListUninstallEntries(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The services of the operating system. Fails with the back end's text.
+QJsonObject toolListServices(const QJsonObject& args, const ProgressCallback& progress);
+
+/// The machine's load, measured over a quarter of a second, for which it blocks. Cannot fail: what
+/// the back end does not know is 0.
+QJsonObject toolGetSystemMetrics(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Signature verdicts of "paths", or of every running executable, which fills the caches that
+/// toolListProcesses() shows. Progress objects: "verified" of "total". Cannot fail.
+QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback& progress);
+
 } // namespace korvane

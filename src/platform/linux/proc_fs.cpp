@@ -1,8 +1,10 @@
 // System calls on /proc, and the parsing of its texts.
 #include "platform/linux/proc_fs.h"
 
+#include "platform/linux/text.h"
+
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 
 #include <fcntl.h>
@@ -19,12 +21,6 @@ namespace {
 constexpr quint64 kernelThreadFlag = 0x00200000;
 
 constexpr QByteArrayView deletedMark(" (deleted)");
-
-template <typename Number> bool parseNumber(QByteArrayView text, Number& number)
-{
-    const auto [end, error] = std::from_chars(text.begin(), text.end(), number);
-    return error == std::errc() && end == text.end() && !text.isEmpty();
-}
 
 /// The blank-separated fields of a text, taken one after another.
 class FieldReader
@@ -69,6 +65,26 @@ ssize_t readFully(int fd, std::span<char> buffer)
         used += static_cast<std::size_t>(got);
     }
     return static_cast<ssize_t>(used);
+}
+
+/// What is left of the file, at most `limit` bytes; none when it cannot be read.
+std::optional<QByteArray> readUpTo(int fd, qsizetype limit)
+{
+    constexpr qsizetype step = qsizetype{64} * 1024;
+    QByteArray content;
+    while (content.size() < limit) {
+        const qsizetype used = content.size();
+        content.resize(used + std::min(step, limit - used));
+        const std::span room(content.data() + used,
+                             static_cast<std::size_t>(content.size() - used));
+        const ssize_t size = readFully(fd, room);
+        if (size < 0)
+            return std::nullopt;
+        content.truncate(used + size);
+        if (static_cast<std::size_t>(size) < room.size())
+            break;
+    }
+    return content;
 }
 
 /// Whether `path` leads to the file that `link` in `directory` leads to. Only the kernel's caches
@@ -124,12 +140,18 @@ QString commandLineFromCmdline(QByteArrayView content)
         content.chop(1);
     QByteArray line = content.toByteArray();
     line.replace('\0', ' ');
-    return textFromKernel(line);
+    return textFromSystem(line);
 }
 
-QString textFromKernel(QByteArrayView bytes)
+bool isOwnFailure(int errorNumber)
 {
-    return QString::fromUtf8(bytes);
+    return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
+}
+
+std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit)
+{
+    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    return file.isValid() ? readUpTo(file.get(), limit) : std::nullopt;
 }
 
 UniqueFd::~UniqueFd()
@@ -177,17 +199,7 @@ std::optional<QByteArray> ProcFs::readWholeFile(quint32 pid, const char* name, q
         ::openat(::dirfd(m_directory.get()), pathOf(pid, name), O_RDONLY | O_CLOEXEC));
     if (!file.isValid())
         return std::nullopt;
-    QByteArray content;
-    while (content.size() < limit) {
-        const ssize_t size = readFully(file.get(), m_buffer);
-        if (size < 0)
-            return std::nullopt;
-        content.append(m_buffer.data(), size);
-        if (static_cast<std::size_t>(size) < m_buffer.size())
-            break;
-    }
-    content.truncate(limit);
-    return content;
+    return readUpTo(file.get(), limit);
 }
 
 std::optional<qint64> ProcFs::residentPages(quint32 pid)
@@ -215,6 +227,19 @@ std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
     m_buffer.at(static_cast<std::size_t>(size)) = '\0';
     const bool literal = leadsToSameFile(directory, link, m_buffer.data());
     return literal ? target : target.chopped(deletedMark.size());
+}
+
+ProcessIdentity ProcFs::identity(quint32 pid, const ProcStat& stat)
+{
+    // The short name first: it lies in the buffer that the next call uses.
+    ProcessIdentity identity{textFromSystem(stat.shortName), {}};
+    if (stat.isKernelThread)
+        return identity;
+    if (const auto path = executable(pid)) {
+        identity.exePath = textFromSystem(*path);
+        identity.name = textFromSystem(path->sliced(path->lastIndexOf('/') + 1));
+    }
+    return identity;
 }
 
 } // namespace korvane::linux_platform

@@ -31,8 +31,19 @@ std::optional<ProcStat> parseProcStat(QByteArrayView content);
 /// The text of /proc/PID/cmdline as one line: arguments joined by one blank, trailing NULs dropped.
 QString commandLineFromCmdline(QByteArrayView content);
 
-/// Text from the kernel, which may be any bytes, as a string; what is not UTF-8 becomes U+FFFD.
-QString textFromKernel(QByteArrayView bytes);
+/// Whether a file could not be read because of this program's own limits: to leave out what it
+/// tells, as if it had vanished, would be a wrong answer.
+bool isOwnFailure(int errorNumber);
+
+/// The first `limit` bytes of the file at `path`; none, and errno, when it cannot be read.
+std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit);
+
+/// What a process is called.
+struct ProcessIdentity
+{
+    QString name;    ///< The file name of its executable; the kernel's short name without one.
+    QString exePath; ///< Empty when it has none or may not be asked for it.
+};
 
 /// An open file descriptor, closed with the object.
 class UniqueFd
@@ -78,6 +89,12 @@ public:
     /// Target of the link /proc/PID/exe, without the mark of a deleted file; none when it cannot
     /// be read.
     std::optional<QByteArrayView> executable(quint32 pid);
+
+    /// Name and path of the process that `stat` was read from.
+    ProcessIdentity identity(quint32 pid, const ProcStat& stat);
+
+    /// The processes' directory itself, to be asked for what this class does not read.
+    int descriptor() const { return ::dirfd(m_directory.get()); }
 
 private:
     struct CloseDirectory

@@ -3,8 +3,6 @@
 
 #include "platform/linux/proc_fs.h"
 
-#include <QByteArrayView>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -43,30 +41,6 @@ QString unreadable(int errorNumber)
     return QStringLiteral("无法读取 /proc: %1").arg(qt_error_string(errorNumber));
 }
 
-/// Whether a process could not be read because of this program's own limits: leaving it out as if
-/// it had exited would be a wrong answer.
-bool isOwnFailure(int errorNumber)
-{
-    return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
-}
-
-QByteArrayView fileName(QByteArrayView path)
-{
-    return path.sliced(path.lastIndexOf('/') + 1);
-}
-
-/// The name and path from the link to the executable; the kernel's short name without one.
-void readIdentity(ProcFs& procFs, const ProcStat& stat, ProcessSnapshot& process)
-{
-    process.name = textFromKernel(stat.shortName);
-    if (stat.isKernelThread)
-        return;
-    if (const auto executable = procFs.executable(process.pid)) {
-        process.exePath = textFromKernel(*executable);
-        process.name = textFromKernel(fileName(*executable));
-    }
-}
-
 } // namespace
 
 QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
@@ -99,7 +73,9 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
                                                 .startTime = stat->startTicks,
                                                 .cpuTime = units.cpuTime(stat->cpuTicks),
                                                 .takenAt = monotonicNow()});
-        readIdentity(procFs, *stat, process);
+        const ProcessIdentity identity = procFs.identity(*pid, *stat);
+        process.name = identity.name;
+        process.exePath = identity.exePath;
         if (!stat->isKernelThread) {
             const auto pages = procFs.residentPages(*pid);
             if (!pages && isOwnFailure(errno))

@@ -1,0 +1,72 @@
+// The tools that list network endpoints and find who holds a port.
+#include "tools/handlers.h"
+
+#include "core/net_monitor_service.h"
+#include "tools/tool_support.h"
+
+#include <QJsonArray>
+
+namespace korvane {
+
+namespace {
+
+QJsonObject connectionObject(const NetConnection& connection)
+{
+    return {
+        {QStringLiteral("protocol"), protocolLabel(connection.protocol)},
+        {QStringLiteral("ip_version"), familyLabel(connection.family)},
+        {QStringLiteral("local"), connection.localEndpoint()},
+        {QStringLiteral("remote"), connection.remoteEndpoint()},
+        {QStringLiteral("state"), stateLabel(connection)},
+        {QStringLiteral("pid"), static_cast<qint64>(connection.pid)},
+        {QStringLiteral("process_name"), connection.processName},
+    };
+}
+
+QList<NetConnection> listConnections()
+{
+    const NetMonitorService& service = Singleton<NetMonitorService>::instance();
+    QList<NetConnection> connections = service.listAll();
+    requireListed(connections, service);
+    return connections;
+}
+
+} // namespace
+
+QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
+                                       const ProgressCallback& /*progress*/)
+{
+    const QList<NetConnection> connections = listConnections();
+    qsizetype tcpCount = 0;
+    qsizetype ipv6Count = 0;
+    QJsonArray objects;
+    for (const NetConnection& connection : connections) {
+        tcpCount += connection.protocol == 0 ? 1 : 0;
+        ipv6Count += connection.family == 1 ? 1 : 0;
+        objects.append(connectionObject(connection));
+    }
+    return {{QStringLiteral("total"), objects.size()},
+            {QStringLiteral("tcp_count"), tcpCount},
+            {QStringLiteral("udp_count"), objects.size() - tcpCount},
+            {QStringLiteral("ipv6_count"), ipv6Count},
+            {QStringLiteral("connections"), objects}};
+}
+
+QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallback& /*progress*/)
+{
+    const qint64 port = integerArgument(args, QLatin1String("port"));
+    if (port < 1 || port > 65535)
+        throwToolError(QStringLiteral("参数 port 缺失或非法 — 必须是 1-65535 的整数"));
+
+    const QList<NetConnection> connections = listConnections();
+    QJsonArray objects;
+    for (const NetConnection& connection : connections) {
+        if (connection.localPort == port)
+            objects.append(connectionObject(connection));
+    }
+    return {{QStringLiteral("port"), port},
+            {QStringLiteral("matches"), objects.size()},
+            {QStringLiteral("connections"), objects}};
+}
+
+} // namespace korvane
