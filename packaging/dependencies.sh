@@ -15,6 +15,7 @@ test_needs=(
     node=nodejs
     npm=npm
     ps=procps
+    ss=iproute2
     script=bsdutils
 )
 lint_needs=(

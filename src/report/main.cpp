@@ -184,6 +184,83 @@ void showTree(Session& session)
         QString::number(depth));
 }
 
+void showLoad(Session& session)
+{
+    const auto metrics = session.call(u"get_system_metrics"_s);
+    if (!metrics)
+        return;
+    const auto number = [&metrics](const QString& key) {
+        return QString::number(metrics->value(key).toDouble(), 'f', 1);
+    };
+    const auto text = [&metrics](const QString& key) {
+        return printable(metrics->value(key).toString());
+    };
+    out() << u"\n当前负载:\n"_s << u"  CPU  %1%\n"_s.arg(number(u"cpu_percent"_s))
+          << u"  内存 %1% (%2), 提交 %3% (%4)\n"_s.arg(
+                 number(u"memory_percent"_s), text(u"memory_display"_s),
+                 number(u"commit_percent"_s), text(u"commit_display"_s))
+          << u"  磁盘 %1% 忙, 读 %2 KB/s, 写 %3 KB/s\n"_s.arg(
+                 number(u"disk_percent"_s), number(u"disk_read_kbs"_s), number(u"disk_write_kbs"_s))
+          << u"  网络 收 %1 KB/s, 发 %2 KB/s\n"_s.arg(number(u"net_recv_kbs"_s),
+                                                      number(u"net_send_kbs"_s));
+}
+
+void showListeners(Session& session)
+{
+    const auto listing = session.call(u"list_network_connections"_s);
+    if (!listing)
+        return;
+    QStringList rows;
+    for (const QJsonValue row : listing->value(u"connections"_s).toArray()) {
+        if (row[u"state"_s].toString() != u"监听中")
+            continue;
+        const qint64 pid = row[u"pid"_s].toInteger();
+        const QString owner = pid == 0 ? u"(进程不可见)"_s
+                                       : u"%1 (PID %2)"_s.arg(row[u"process_name"_s].toString(),
+                                                              QString::number(pid));
+        rows.append(
+            u"  %1  %2\n"_s.arg(row[u"local"_s].toString().leftJustified(28), printable(owner)));
+    }
+    out() << u"\n监听中的 TCP 端口 (%1), 全部网络连接 %2 个:\n"_s.arg(
+                 QString::number(rows.size()),
+                 QString::number(listing->value(u"total"_s).toInteger()))
+          << rows.join(QString());
+}
+
+/// The units that systemd calls failed, one "NAME ... DESCRIPTION" a line; none when it cannot be
+/// asked. The tools know only whether a service runs.
+std::optional<QStringList> failedUnits()
+{
+    constexpr int patienceMs = 5000;
+    QProcess systemctl;
+    systemctl.setStandardInputFile(QProcess::nullDevice());
+    systemctl.start(u"systemctl"_s, {u"list-units"_s, u"--type=service"_s, u"--state=failed"_s,
+                                     u"--plain"_s, u"--no-legend"_s, u"--no-pager"_s});
+    const bool ended = systemctl.waitForFinished(patienceMs);
+    if (!ended || systemctl.exitStatus() != QProcess::NormalExit || systemctl.exitCode() != 0)
+        return std::nullopt;
+    const QString output = QString::fromUtf8(systemctl.readAllStandardOutput());
+    return output.split(u'\n', Qt::SkipEmptyParts);
+}
+
+void showServices(Session& session)
+{
+    const auto listing = session.call(u"list_services"_s);
+    if (!listing)
+        return;
+    out() << u"\n服务: 共 %1 个, 运行中 %2 个"_s.arg(
+        QString::number(listing->value(u"total"_s).toInteger()),
+        QString::number(listing->value(u"running"_s).toInteger()));
+    const auto failed = failedUnits();
+    if (!failed) {
+        out() << u", 无法查询出现故障的服务\n"_s;
+        return;
+    }
+    out() << u", 出现故障 %1 个\n"_s.arg(failed->size());
+    for (const QString& unit : *failed)
+        out() << u"  %1\n"_s.arg(printable(unit.simplified()));
+}
+
 void showClientConfiguration(const QString& command)
 {
     const QJsonObject server{{u"command"_s, command}, {u"args"_s, QJsonArray()}};
@@ -219,6 +296,9 @@ int main(int argc, char* argv[])
     showTools(session);
     showProcesses(session);
     showTree(session);
+    showLoad(session);
+    showListeners(session);
+    showServices(session);
     showClientConfiguration(QFileInfo(arguments.at(2)).absoluteFilePath());
     out().flush();
     return 0;

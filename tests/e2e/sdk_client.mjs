@@ -6,8 +6,10 @@ import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
+import { createSocket } from 'node:dgram';
 import { readFileSync, readlinkSync, realpathSync } from 'node:fs';
-import { cpus, release } from 'node:os';
+import { connect, createServer } from 'node:net';
+import { cpus, networkInterfaces, release } from 'node:os';
 import { basename } from 'node:path';
 import { text } from 'node:stream/consumers';
 import { after, test } from 'node:test';
@@ -106,6 +108,8 @@ function readCpu(pid) {
   return { used: (fields[11] + fields[12]) / ticksPerSecond, at: performance.now() / 1000 };
 }
 
+const hasIpv6 = Object.values(networkInterfaces()).flat().some(({ address }) => address === '::1');
+
 const linux = await Session.start({ after }, binary);
 
 test('shakes hands, answers a ping and says what it is', async () => {
@@ -191,15 +195,163 @@ test('a listing right after a tree measures processor use', async (t) => {
   assert((await session.listProcesses()).get(process.pid).cpu_percent >= 0);
 });
 
+/** What a program prints, by line; undefined where it is absent or fails. */
+function linesOf(command, ...args) {
+  try {
+    const env = { ...process.env, LC_ALL: 'C.UTF-8' };
+    const stdio = ['ignore', 'pipe', 'ignore'];
+    const output = execFileSync(command, args, { encoding: 'utf8', maxBuffer: 1 << 30, stdio, env });
+    return output.split('\n').slice(0, -1);
+  } catch {
+    return undefined;
+  }
+}
+
+/** Whether every row of both readings is listed, and every listed row is in one of them. */
+function assertEnclosed(earlier, listed, later) {
+  const [before, rows, after] = [earlier, listed, later].map((list) => new Set(list));
+  for (const row of before) assert(!after.has(row) || rows.has(row), `not listed: ${row}`);
+  for (const row of rows) assert(before.has(row) || after.has(row), `not there: ${row}`);
+}
+
+/** The rows of ss in the words of list_network_connections, one a holder. */
+function readSockets() {
+  const labels = { LISTEN: '监听中', ESTAB: '已建立', 'SYN-RECV': 'SYN_RCVD' };
+  const rows = [];
+  for (const line of linesOf('ss', '-tunapHO')) {
+    const [netid, ssState, , , ssLocal, ssRemote, users = ''] = line.trim().split(/\s+/);
+    const local = ssLocal.replace(/%[^\]:]*/, '').replace(/^\*:/, '[::]:');
+    const isIdle = netid === 'udp' || ssState === 'LISTEN';
+    const remote = isIdle ? '—' : ssRemote.replace(/%[^\]:]*/, '');
+    const state = netid === 'udp' ? '—' : (labels[ssState] ?? ssState.replaceAll('-', '_'));
+    const holders = new Set([...users.matchAll(/pid=(\d+)/g)].map(([, pid]) => pid));
+    for (const pid of holders.size ? holders : ['0'])
+      rows.push([netid.toUpperCase(), local, remote, state, pid].join(' '));
+  }
+  return rows;
+}
+
+/** A listener on a free port whose socket `workers` children share. */
+async function startForkedServer(t, host, workers) {
+  const server = createServer().listen(0, host);
+  await once(server, 'listening');
+  t.after(() => server.close());
+  const children = Array.from({ length: workers }, () =>
+    spawn('sleep', ['600'], { stdio: ['ignore', 'ignore', 'ignore', server._handle.fd] }));
+  t.after(() => children.forEach((child) => child.kill('SIGKILL')));
+  await Promise.all(children.map((child) => once(child, 'spawn')));
+  return { port: server.address().port, pids: [process.pid, ...children.map(({ pid }) => pid)] };
+}
+
+test('lists the sockets that ss shows', async (t) => {
+  const { port } = await startForkedServer(t, '127.0.0.1', 2);
+  if (hasIpv6) await startForkedServer(t, '::', 1);
+  const client = connect(port, '127.0.0.1');
+  t.after(() => client.destroy());
+  await once(client, 'connect');
+  const datagrams = createSocket('udp4').bind(0);
+  t.after(() => datagrams.close());
+  await once(datagrams, 'listening');
+
+  const earlier = readSockets();
+  const { total, tcp_count, udp_count, ipv6_count, connections } =
+    await linux.call('list_network_connections');
+  const isBoundOnly = ({ state }) => state === '已关闭'; // ss does not show these
+  const rows = connections.filter((row) => !isBoundOnly(row)).map((row) =>
+    [row.protocol, row.local, row.remote, row.state, row.pid].join(' '));
+  assertEnclosed(earlier, rows, readSockets());
+  assert(rows.length >= 5);
+  const count = (key, value) => connections.filter((row) => row[key] === value).length;
+  assert.deepEqual([total, tcp_count, udp_count, ipv6_count], [connections.length,
+    count('protocol', 'TCP'), count('protocol', 'UDP'), count('ip_version', 'IPv6')]);
+});
+
+test('finds a forked server with all its workers by its port', async (t) => {
+  for (const host of hasIpv6 ? ['127.0.0.1', '::1'] : ['127.0.0.1']) {
+    const started = await startForkedServer(t, host, 3);
+    const found = await linux.call('find_process_by_port', { port: String(started.port) });
+    assert.deepEqual([found.port, found.matches], [started.port, 4]);
+    const holders = found.connections.map(({ pid, process_name }) => `${pid} ${process_name}`);
+    const nameOf = (pid) => basename(readlinkSync(`/proc/${pid}/exe`));
+    assert.deepEqual(holders.sort(), started.pids.map((pid) => `${pid} ${nameOf(pid)}`).sort());
+  }
+});
+
+test('lists the packages that dpkg-query shows', async () => {
+  const fields = ['db:Status-Status', 'Package', 'Version', 'Maintainer', 'Installed-Size'];
+  const format = fields.map((field) => `\${${field}}`).join('\t');
+  const expected = linesOf('dpkg-query', '-W', `-f=${format}\n`)
+    .filter((line) => line.startsWith('installed\t'))
+    .map((line) => line.replace('installed\t', '').replace(/\t$/, '\t0')); // A size may be missing.
+  const { total, entries } = await linux.call('list_uninstall_entries');
+  assert.equal(total, entries.length);
+  const listed = entries.filter((entry) => entry.uninstall_string.startsWith('apt-get remove '))
+    .map((entry) => [entry.display_name, entry.display_version, entry.publisher, entry.size_kb]);
+  assert(expected.length > 0);
+  assert.deepEqual(listed.map((entry) => entry.join('\t')).sort(), expected.sort());
+});
+
+test('lists the services that systemctl shows', async () => {
+  const options = ['--all', '--plain', '--no-legend', '--type=service'];
+  const units = linesOf('systemctl', 'list-units', ...options);
+  if (units === undefined) { // Nothing to talk to.
+    const { isError, text: reason } = await linux.answer('list_services');
+    assert(isError && reason.startsWith("Tool 'list_services' failed: 无法连接系统总线"), reason);
+    return;
+  }
+  const { total, running, entries } = await linux.call('list_services');
+  assert.equal(total, entries.length);
+  const byName = new Map(entries.map((entry) => [entry.name, entry]));
+  const labels = { active: '运行中', reloading: '运行中', activating: '启动中…',
+    deactivating: '停止中…', inactive: '已停止', failed: '已停止' };
+  let active = 0;
+  for (const line of units) {
+    const [unit, load, state] = line.trim().split(/\s+/);
+    if (load === 'not-found') continue;
+    const entry = byName.get(unit.replace(/\.service$/, ''));
+    assert(entry, `${unit} is not listed`);
+    assert.equal(entry.state, labels[state], unit);
+    active += labels[state] === '运行中';
+    const [mainPid] = linesOf('systemctl', 'show', '-pMainPID', unit);
+    assert.equal(`MainPID=${entry.pid}`, mainPid, unit);
+  }
+  assert.deepEqual([running, active > 0], [active, true]);
+});
+
+test('measures the load that /proc and free show', async (t) => {
+  const readMemory = () => linesOf('free', '-b')[1].trim().split(/\s+/).map(Number);
+  await startBurner(t);
+  const before = readMemory();
+  const metrics = await linux.call('get_system_metrics');
+  const after = readMemory();
+  const used = [before, after].map(([, total, , , , , available]) => total - available);
+  assert.equal(metrics.memory_total_bytes, before[1]);
+  const margin = 64 * 1024 * 1024; // Other processes come and go.
+  const [low, high] = used.sort((a, b) => a - b);
+  assertWithin(metrics.memory_used_bytes, low - margin, high + margin, 'memory');
+  assertWithin(metrics.cpu_percent, 90 / cpus().length, 100, 'cpu_percent');
+  const rates = ['disk_percent', 'disk_read_kbs', 'disk_write_kbs', 'net_recv_kbs', 'net_send_kbs'];
+  for (const key of rates) assert(metrics[key] >= 0, key);
+});
+
+test('has no startup items and no verdict on signatures here', async () => {
+  const failed = { isError: true, text: "Tool 'list_startup_items' failed: 当前平台不支持启动项管理" };
+  assert.deepEqual(await linux.answer('list_startup_items'), failed);
+  const paths = ['/bin/sh', '/bin/sh'];
+  const { unknown, results } = await linux.call('verify_signatures', { paths });
+  assert.deepEqual([unknown, results], [1, [{ path: '/bin/sh', signature: '未知' }]]);
+});
+
 test('an unknown tool is a tool error, not a protocol error', async () => {
   const unknown = await linux.answer('no_such_tool');
   assert.deepEqual(unknown, { isError: true, text: 'Unknown tool: no_such_tool' });
 });
 
-test('every listed tool was called, and standard error stayed empty', async () => {
+test('every listed tool was called, and the log names only what has no back end', async () => {
   const { tools } = await linux.client.listTools();
   for (const { name } of tools) assert(linux.called.has(name), `${name} needs a call in this file`);
-  assert.equal(await linux.close(), '');
+  assert.equal(await linux.close(), '[StartupService] 当前平台不支持启动项枚举\n' +
+    '[SignatureService] 当前平台不支持 Authenticode 签名验证\n');
 });
 
 test('exits with code 0 once the client has gone', async (t) => {
