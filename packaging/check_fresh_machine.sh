@@ -8,13 +8,15 @@ suite=$1
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 machine=$(mktemp -d "${KORVANE_FRESH_DIR:-/var/tmp}/korvane-$suite-XXXXXX")
 chmod 755 "$machine" # as the root of any system is
-trap 'mountpoint -q "$machine/proc" && umount -R "$machine/proc" "$machine/sys" "$machine/dev"' EXIT
+trap '! mountpoint -q "$machine" || umount -R "$machine"' EXIT
 
 debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" \
     "${KORVANE_MIRROR:-http://deb.debian.org/debian}" >"$machine.log"
 cp -L /etc/resolv.conf /etc/hosts "$machine/etc/"
 # The certificates by which this machine trusts its own package registries.
 cp -r /usr/local/share/ca-certificates/. "$machine/usr/local/share/ca-certificates/"
+# Its root is a mount of its own, or the kernel refuses it mount namespaces.
+mount --bind --make-private "$machine" "$machine"
 for directory in proc sys dev; do
     mount --rbind --make-rslave "/$directory" "$machine/$directory"
 done
@@ -39,5 +41,5 @@ SECONDS=0
 in_machine /root/korvane/test.sh
 seconds './test.sh'
 
-umount -R "$machine/proc" "$machine/sys" "$machine/dev"
+umount -R "$machine"
 rm -rf --one-file-system "$machine" "$machine.log"
