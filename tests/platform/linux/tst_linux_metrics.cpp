@@ -90,7 +90,7 @@ QByteArray contentOf(const QString& path)
 QList<double> diskCounters()
 {
     static const QRegularExpression disks(
-        u"^([svh]d[a-z]+|xvd[a-z]+|sr\\d+|mmcblk\\d+(boot\\d)?|nvme\\d+(c\\d+)?n\\d+)$"_s);
+        u"^([svh]d[a-z]+|xvd[a-z]+|sr\\d+|mmcblk\\d+(boot\\d)?|nvme\\d+n\\d+)$"_s);
     QList<double> kib{0, 0};
     for (const QByteArray& line : contentOf(u"/proc/diskstats"_s).split('\n')) {
         const QByteArrayList words = line.simplified().split(' ');
