@@ -34,25 +34,18 @@ class InspectionToolsTest : public QObject
         return QString::fromUtf8(compact).replace(u'"', u'`');
     }
 
-    /// The values of each object below `key`, in the order of `names`; objects with other keys are
-    /// shown whole.
-    static QString rows(const QJsonObject& result, const QString& key, const QString& names)
+    /// The result, its objects as arrays of their values in the order of `names`; an object with
+    /// other keys stays as it is.
+    static QString shortText(QJsonObject result, const QString& key, const QString& names)
     {
-        QStringList rows;
+        QJsonArray rows;
         for (const QJsonValue value : result.value(key).toArray()) {
-            const QJsonObject object = value.toObject();
-            QStringList row;
+            QJsonArray row;
             for (const QString& name : names.split(u' '))
-                row += object.value(name).toVariant().toString();
-            rows += object.size() == row.size() ? row.join(u',') : text(object);
+                row.append(value.toObject().value(name));
+            rows.append(value.toObject().size() == row.size() ? QJsonValue(row) : value);
         }
-        return rows.join(u'|');
-    }
-
-    /// The result without the array below `key`.
-    static QString totals(QJsonObject result, const QString& key)
-    {
-        result.remove(key);
+        result.insert(key, rows);
         return text(result);
     }
 
@@ -82,40 +75,37 @@ private Q_SLOTS:
         Singleton<SignatureService>::instance().clearCache();
     }
 
+    // clang-format off
     void listings_data()
     {
-        QTest::addColumn<QString>("tool");
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("names");
-        QTest::addColumn<QString>("expectedRows");
-        QTest::addColumn<QString>("expectedTotals");
-        QTest::addColumn<QString>("emptyTotals");
-        // clang-format off
-        QTest::newRow("connections") << u"list_network_connections"_s << u"connections"_s << u"protocol ip_version local remote state pid process_name"_s
-            << u"TCP,IPv4,0.0.0.0:8080,—,监听中,4294967295,服务 %2|TCP,IPv6,[::]:8080,—,监听中,11,b|UDP,IPv4,127.0.0.1:8080,—,—,12,|"
-               "TCP,IPv6,[fe80::1%eth0]:5000,[::ffff:1.2.3.4]:8080,已建立,0,|UDP,IPv6,[::1]:65535,—,—,13,d|UDP,IPv4,1.1.1.1:1,2.2.2.2:2,,14,e"_s
-            << u"{`ipv6_count`:3,`tcp_count`:3,`total`:6,`udp_count`:3}"_s << u"{`ipv6_count`:0,`tcp_count`:0,`total`:0,`udp_count`:0}"_s;
-        QTest::newRow("startup items") << u"list_startup_items"_s << u"startup_items"_s << u"name command exe_path source source_label source_path enabled"_s
-            << u"名 %1,c -x,/e,hklm,系统,HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run,true|s,,,hkcu,服务,Windows 服务 (自动启动),false|t,,,hkcu,,,true"_s
-            << u"{`total`:3}"_s << u"{`total`:0}"_s;
-        QTest::newRow("software") << u"list_uninstall_entries"_s << u"entries"_s << u"display_name display_version publisher install_location uninstall_string size_kb size_display source"_s
-            << u"n,1.0,p,/l,u -x,9007199254740993,8589934592.00 GB,系统 64|o,,,,,2048,2.0 MB,系统 32|q,,,,,0,—,用户|r,,,,,-5,—,"_s
-            << u"{`total`:4}"_s << u"{`total`:0}"_s;
-        QTest::newRow("services") << u"list_services"_s << u"entries"_s << u"name display_name description binary_path state start_type pid"_s
-            << u"a,A,d,/a -x,运行中,自动,4294967295|b,,,,启动中…,引导,0|c,,,,运行中,未知,0|e,,,,,,0"_s
-            << u"{`running`:2,`total`:4}"_s << u"{`running`:0,`total`:0}"_s;
-        QTest::newRow("holders of a port") << u"find_process_by_port"_s << u"connections"_s << u"protocol ip_version local remote state pid process_name"_s
-            << u"TCP,IPv4,0.0.0.0:8080,—,监听中,4294967295,服务 %2|TCP,IPv6,[::]:8080,—,监听中,11,b|UDP,IPv4,127.0.0.1:8080,—,—,12,"_s
-            << u"{`matches`:3,`port`:8080}"_s << u"{`matches`:0,`port`:8080}"_s;
-        // clang-format on
+        for (const char* column : {"tool", "key", "names", "expected", "expectedWhenEmpty"})
+            QTest::addColumn<QString>(column);
+        const auto row = [](const char* tag, const char* tool, const char* key, const char* names, const char* expected, const char* empty) {
+            QTest::newRow(tag) << QString::fromUtf8(tool) << QString::fromUtf8(key) << QString::fromUtf8(names) << QString::fromUtf8(expected) << QString::fromUtf8(empty);
+        };
+        row("connections", "list_network_connections", "connections", "protocol ip_version local remote state pid process_name",
+            "{`connections`:[[`TCP`,`IPv4`,`0.0.0.0:8080`,`—`,`监听中`,4294967295,`服务 %2`],[`TCP`,`IPv6`,`[::]:8080`,`—`,`监听中`,11,`b`],[`UDP`,`IPv4`,`127.0.0.1:8080`,`—`,`—`,12,``],[`TCP`,`IPv6`,`[fe80::1%eth0]:5000`,`[::ffff:1.2.3.4]:8080`,`已建立`,0,``],[`UDP`,`IPv6`,`[::1]:65535`,`—`,`—`,13,`d`],[`UDP`,`IPv4`,`1.1.1.1:1`,`2.2.2.2:2`,``,14,`e`]],`ipv6_count`:3,`tcp_count`:3,`total`:6,`udp_count`:3}",
+            "{`connections`:[],`ipv6_count`:0,`tcp_count`:0,`total`:0,`udp_count`:0}");
+        row("holders of a port", "find_process_by_port", "connections", "protocol ip_version local remote state pid process_name",
+            "{`connections`:[[`TCP`,`IPv4`,`0.0.0.0:8080`,`—`,`监听中`,4294967295,`服务 %2`],[`TCP`,`IPv6`,`[::]:8080`,`—`,`监听中`,11,`b`],[`UDP`,`IPv4`,`127.0.0.1:8080`,`—`,`—`,12,``]],`matches`:3,`port`:8080}",
+            "{`connections`:[],`matches`:0,`port`:8080}");
+        row("startup items", "list_startup_items", "startup_items", "name command exe_path source source_label source_path enabled",
+            "{`startup_items`:[[`名 %1`,`c -x`,`/e`,`hklm`,`系统`,`HKLM\\\\Software\\\\Microsoft\\\\Windows\\\\CurrentVersion\\\\Run`,true],[`s`,``,``,`hkcu`,`服务`,`Windows 服务 (自动启动)`,false],[`t`,``,``,`hkcu`,``,``,true]],`total`:3}",
+            "{`startup_items`:[],`total`:0}");
+        row("software", "list_uninstall_entries", "entries", "display_name display_version publisher install_location uninstall_string size_kb size_display source",
+            "{`entries`:[[`n`,`v1`,`p`,`/l`,`u -x`,9007199254740993,`8589934592.00 GB`,`系统 64`],[`o`,``,``,``,``,2048,`2.0 MB`,`系统 32`],[`q`,``,``,``,``,0,`—`,`用户`],[`r`,``,``,``,``,-5,`—`,``]],`total`:4}",
+            "{`entries`:[],`total`:0}");
+        row("services", "list_services", "entries", "name display_name description binary_path state start_type pid",
+            "{`entries`:[[`a`,`A`,`d`,`/a -x`,`运行中`,`自动`,4294967295],[`b`,``,``,``,`启动中…`,`引导`,0],[`c`,``,``,``,`运行中`,`未知`,0],[`e`,``,``,``,``,``,0]],`running`:2,`total`:4}",
+            "{`entries`:[],`running`:0,`total`:0}");
     }
+    // clang-format on
     void listings()
     {
         QFETCH(QString, tool);
         QFETCH(QString, key);
         const auto call = [&] { return m_client.call(tool, {{u"port"_s, 8080}}); };
-        QTEST(totals(call().json(), key), "emptyTotals");
-        QVERIFY(call().json().value(key).isArray());
+        QTEST(text(call().json()), "expectedWhenEmpty");
 
         openConnections();
         m_script.startupItems.records = {
@@ -123,7 +113,7 @@ private Q_SLOTS:
             {StartupSource(1), StartupCategory(1), u"s"_s, {}, {}, false},
             {StartupSource(2), StartupCategory(4), u"t"_s, {}, {}, true}};
         m_script.uninstallEntries.records = {
-            {0, u"i"_s, u"n"_s, u"1.0"_s, u"p"_s, u"/l"_s, u"u -x"_s, 9007199254740993},
+            {0, u"i"_s, u"n"_s, u"v1"_s, u"p"_s, u"/l"_s, u"u -x"_s, 9007199254740993},
             {1, {}, u"o"_s, {}, {}, {}, {}, 2048},
             {2, {}, u"q"_s, {}, {}, {}, {}, 0},
             {3, {}, u"r"_s, {}, {}, {}, {}, -5}};
@@ -133,10 +123,8 @@ private Q_SLOTS:
             {u"b"_s, {}, {}, {}, ServiceState::StartPending, ServiceStartType::Boot, 0},
             {u"c"_s, {}, {}, {}, ServiceState::Running, ServiceStartType::Unknown, 0},
             {u"e"_s, {}, {}, {}, ServiceState(8), ServiceStartType(7), 0}};
-        const QJsonObject result = call().json();
         QFETCH(QString, names);
-        QTEST(rows(result, key, names), "expectedRows");
-        QTEST(totals(result, key), "expectedTotals");
+        QTEST(shortText(call().json(), key, names), "expected");
         QCOMPARE(m_script.scheduledTasks.calls + m_script.shellExtensions.calls, 0);
 
         for (QString* error : {&m_script.connections.error, &m_script.startupItems.error,
@@ -193,43 +181,37 @@ private Q_SLOTS:
 
         fake::reset();
         const QJsonObject zeros = call().json();
-        QCOMPARE(zeros.size(), 15);
-        QCOMPARE(zeros.value(u"memory_display"_s), QJsonValue(u"0.0 / 0.0 GB"_s));
-        QCOMPARE(zeros.value(u"memory_percent"_s), QJsonValue(0));
+        QCOMPARE(zeros.value("memory_display"_L1), QJsonValue(u"0.0 / 0.0 GB"_s));
+        QCOMPARE(zeros.value("memory_percent"_L1), QJsonValue(0));
     }
 
+    // clang-format off
     void signatures_data()
     {
-        QTest::addColumn<QString>("arguments");
-        QTest::addColumn<QString>("expected");
-        QTest::addColumn<QString>("verified");
-        QTest::addColumn<QString>("signersAsked");
-        // The digit in a file's name is its status; files whose name has an s have a signer.
-        // clang-format off
-        const QString none = u"{`note`:`无可验签路径 (入参 paths 为空且无可读 exe 路径的进程)`,`results`:[],`total`:0}"_s;
-        const auto plain = [](const QString& path, const QString& label) { return u"{`path`:`"_s + path + u"`,`signature`:`"_s + label + u"`}"_s; };
-        const auto counts = [](const QString& results, int total, int trusted, int unknown, int unsign, int untrusted) {
-            return u"`results`:["_s + results + u"],`total`:%1,`trusted`:%2,`unknown`:%3,`unsigned`:%4,`untrusted`:%5}"_s.arg(QString::number(total), QString::number(trusted), QString::number(unknown), QString::number(unsign), QString::number(untrusted));
+        for (const char* column : {"arguments", "results", "others", "verified", "signersAsked"})
+            QTest::addColumn<QString>(column);
+        const auto row = [](const char* tag, const char* arguments, const char* results, const char* others, const char* verified = "", const char* signersAsked = "") {
+            QTest::newRow(tag) << QString::fromUtf8(arguments) << QString::fromUtf8(results) << QString::fromUtf8(others) << QString::fromUtf8(verified) << QString::fromUtf8(signersAsked);
         };
-        const QString processes = u'{' + counts(plain(u"/3"_s, u"未签名"_s) + u',' + plain(u"/1s"_s, u"已签名 ✓"_s), 2, 1, 0, 1, 0);
-        const QString mixed = u"`/1s`,`/2`,`/1`,`/2s`,`/3s`,`/4s`,`/0`,`/9s`,`/x`"_s;
-        QTest::newRow("processes") << u"{}"_s << processes << u"/3 /1s"_s << QString();
-        QTest::newRow("no paths") << u"{`paths`:[],`only_suspicious`:`true`,`include_signer`:1}"_s << processes << u"/3 /1s"_s << QString();
-        QTest::newRow("no array") << u"{`paths`:`/2`,`only_suspicious`:1,`include_signer`:`true`}"_s << processes << u"/3 /1s"_s << QString();
-        QTest::newRow("empty paths") << u"{`paths`:[``,``,null,5,[`/1`]],`only_suspicious`:true}"_s << none << QString() << QString();
-        QTest::newRow("order, duplicates") << u"{`paths`:[`/b3`,`/a3`,``,`/b3`,7,`/B3`]}"_s
-            << u'{' + counts(plain(u"/b3"_s, u"未签名"_s) + u',' + plain(u"/a3"_s, u"未签名"_s) + u',' + plain(u"/B3"_s, u"未签名"_s), 3, 0, 0, 3, 0) << u"/b3 /a3 /B3"_s << QString();
-        QTest::newRow("signers") << u"{`paths`:[%1],`include_signer`:true}"_s.arg(mixed)
-            << u'{' + counts(u"{`path`:`/1s`,`signature`:`已签名 ✓`,`signer`:`公司 %1`},"_s + plain(u"/2"_s, u"签名无效"_s) + u',' + plain(u"/1"_s, u"已签名 ✓"_s) + u",{`path`:`/2s`,`signature`:`签名无效`,`signer`:`公司 %1`},"_s
-                + plain(u"/3s"_s, u"未签名"_s) + u',' + plain(u"/4s"_s, u"未知"_s) + u',' + plain(u"/0"_s, u"—"_s) + u',' + plain(u"/9s"_s, {}) + u',' + plain(u"/x"_s, u"未知"_s), 9, 2, 4, 1, 2)
-            << u"/1s /2 /1 /2s /3s /4s /0 /9s /x"_s << u"/1s /2 /1 /2s"_s;
-        QTest::newRow("only suspicious") << u"{`paths`:[`/1s`,`/2`,`/1`],`only_suspicious`:true,`include_signer`:true}"_s
-            << u"{`note`:`only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 2 个已签名进程`,`omitted_trusted`:2,`only_suspicious`:true,"_s + counts(plain(u"/2"_s, u"签名无效"_s), 3, 2, 0, 0, 1) << u"/1s /2 /1"_s << u"/2"_s;
-        // clang-format on
+        const char* const ofTwo = "{`total`:2,`trusted`:1,`unknown`:0,`unsigned`:1,`untrusted`:0}";
+        row("processes", "{}", "/3 未签名|/1s 已签名 ✓", ofTwo, "/3 /1s");
+        row("no paths", "{`paths`:[],`only_suspicious`:`true`,`include_signer`:1}", "/3 未签名|/1s 已签名 ✓", ofTwo, "/3 /1s");
+        row("no array", "{`paths`:`/2`,`only_suspicious`:1,`include_signer`:`true`}", "/3 未签名|/1s 已签名 ✓", ofTwo, "/3 /1s");
+        row("empty paths", "{`paths`:[``,``,null,5,[`/1`]],`only_suspicious`:true}", "", "{`note`:`无可验签路径 (入参 paths 为空且无可读 exe 路径的进程)`,`total`:0}");
+        row("order, duplicates", "{`paths`:[`/b3`,`/a3`,``,`/b3`,7,`/B3`]}", "/b3 未签名|/a3 未签名|/B3 未签名", "{`total`:3,`trusted`:0,`unknown`:0,`unsigned`:3,`untrusted`:0}", "/b3 /a3 /B3");
+        row("signers", "{`paths`:[`/1s`,`/2`,`/1`,`/2s`,`/3s`,`/4s`,`/0s`,`/9s`,`/x`],`include_signer`:true}",
+            "/1s 已签名 ✓ 公司 %1|/2 签名无效|/1 已签名 ✓|/2s 签名无效 公司 %1|/3s 未签名|/4s 未知|/0s —|/9s |/x 未知",
+            "{`total`:9,`trusted`:2,`unknown`:4,`unsigned`:1,`untrusted`:2}", "/1s /2 /1 /2s /3s /4s /0s /9s /x", "/1s /2 /1 /2s");
+        row("only suspicious", "{`paths`:[`/1s`,`/2`,`/1`],`only_suspicious`:true,`include_signer`:true}", "/2 签名无效",
+            "{`note`:`only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 2 个已签名进程`,`omitted_trusted`:2,`only_suspicious`:true,`total`:3,`trusted`:2,`unknown`:0,`unsigned`:0,`untrusted`:1}", "/1s /2 /1", "/2");
+        row("none suspicious", "{`paths`:[`/1`],`only_suspicious`:true}", "",
+            "{`note`:`only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 1 个已签名进程`,`omitted_trusted`:1,`only_suspicious`:true,`total`:1,`trusted`:1,`unknown`:0,`unsigned`:0,`untrusted`:0}", "/1");
     }
+    // clang-format on
     void signatures()
     {
-        for (const QString& path : u"/1s /2 /1 /2s /3 /3s /b3 /a3 /B3 /4s /0 /9s"_s.split(u' ')) {
+        // The digit in a file's name is its status; one whose name ends in s has a signer.
+        for (const QString& path : u"/1s /2 /1 /2s /3 /3s /b3 /a3 /B3 /4s /0s /9s"_s.split(u' ')) {
             const QString digit = QString(path).remove(QRegularExpression(u"\\D"_s));
             m_script.signatures.insert(path, SignatureStatus(digit.toInt()));
             if (path.endsWith(u's'))
@@ -238,7 +220,16 @@ private Q_SLOTS:
         for (const QString& path : {u"/3"_s, QString(), u"/1s"_s, u"/3"_s})
             m_script.processes.records.append({1, 0, {}, path, 0, 0});
         QFETCH(QString, arguments);
-        QTEST(text(m_client.call(u"verify_signatures"_s, json(arguments)).json()), "expected");
+        QJsonObject answer = m_client.call(u"verify_signatures"_s, json(arguments)).json();
+        QStringList results;
+        for (const QJsonValue result : answer.take(u"results"_s).toArray()) {
+            QStringList values; // Of path, signature and, where it is there, signer.
+            for (const QJsonValue value : result.toObject())
+                values.append(value.toString());
+            results.append(values.join(u' '));
+        }
+        QTEST(results.join(u'|'), "results");
+        QTEST(text(answer), "others");
         QTEST(m_script.verified.join(u' '), "verified");
         QTEST(m_script.signersAsked.join(u' '), "signersAsked");
         QCOMPARE(m_script.processes.calls, m_script.verified.startsWith(u"/3"_s) ? 1 : 0);

@@ -13,6 +13,7 @@
 #include <QTemporaryDir>
 #include <QTemporaryFile>
 #include <QTest>
+#include <QTextStream>
 
 #include <cmath>
 #include <cstdlib>
@@ -132,17 +133,15 @@ void writeFiles(const Files& files, const QDir& root)
     }
 }
 
-/// "cpu %|memory KiB/of %|commit KiB/of %|disk % read written|net received sent".
 QString shown(const SystemMetrics& m)
 {
-    const auto n = [](double value) { return QString::number(value); };
-    const auto kib = [](quint64 bytes) { return QString::number(bytes / 1024); };
-    return u"cpu %1|memory %2/%3 %4|commit %5/%6 %7|disk %8"_s.arg(
-               n(m.cpuPercent), kib(m.memoryUsedBytes), kib(m.memoryTotalBytes), n(m.memoryPercent),
-               kib(m.commitChargeBytes), kib(m.commitLimitBytes), n(m.commitPercent),
-               n(m.diskPercent)) +
-           u" %1 %2|net %3 %4"_s.arg(n(m.diskReadKbs), n(m.diskWriteKbs), n(m.netRecvKbs),
-                                     n(m.netSendKbs));
+    QString text;
+    QTextStream(&text) << "cpu " << m.cpuPercent << "|memory " << m.memoryUsedBytes / 1024 << '/'
+                       << m.memoryTotalBytes / 1024 << ' ' << m.memoryPercent << "|commit "
+                       << m.commitChargeBytes / 1024 << '/' << m.commitLimitBytes / 1024 << ' '
+                       << m.commitPercent << "|disk " << m.diskPercent << ' ' << m.diskReadKbs
+                       << ' ' << m.diskWriteKbs << "|net " << m.netRecvKbs << ' ' << m.netSendKbs;
+    return text;
 }
 
 const QByteArray most = "18446744073709551615";
@@ -194,11 +193,8 @@ private Q_SLOTS:
         cpu("each kind of time", "cpu  101 2 103 704 105 6 7 8 999 999\n", "cpu 75");
         cpu("iowait backwards", "cpu  200 0 100 800 50 0 0 0 0 0\n", "cpu 50");
         cpu("huge times", "cpu  " + most + " 0 100 " + most + " 100 0 0 " + most + "\n", "cpu 66.6667");
-        cpu("time out of range", "cpu  18446744073709551616 0 100 800 100 0 0 0\n", "cpu 0");
-        cpu("negative time", "cpu  -1 0 100 800 100 0 0 0\n", "cpu 0");
-        cpu("too few times", "cpu  150 0 100 800\n", "cpu 0");
-        cpu("cut line", "cpu  150 0 100 800 150 0 0 0", "cpu 0");
-        cpu("another line", "cpu0  150 0 100 800 150 0 0 0\n", "cpu 0");
+        for (const QByteArray stat : {"cpu  18446744073709551616 0 100 800 100 0 0 0\n", "cpu  -1 0 100 800 100 0 0 0\n", "cpu  150 0 100 800\n", "cpu  150 0 100 800 150 0 0 0", "cpu0  150 0 100 800 150 0 0 0\n"})
+            cpu(("damaged: " + stat.trimmed()).constData(), stat, "cpu 0");
 
         const auto memory = [&row](const char* tag, const QByteArray& text, const char* expected, const QByteArray& mode = "0\n") {
             row(tag, {{"proc/meminfo", text}, {"proc/sys/vm/overcommit_memory", mode}}, {}, expected);
@@ -230,12 +226,9 @@ private Q_SLOTS:
         sda("plugged in", {{"sys/block/sdc/device/", {}}, {"sys/block/sdc/stat", disk("9999", "9999", "9999")}}, "disk 50 101 202");
         sda("replaced", {{"sys/block/sda/diskseq", "10\n"}}, "disk 1 1 2", {{"sys/block/sda/diskseq", "9\n"}});
         sda("not replaced", {}, "disk 50 101 202", {{"sys/block/sda/diskseq", "9\n"}});
-        sda("reads backwards", {{"sys/block/sda/stat", disk("999", "2800", "4000")}}, "disk 1 1 2");
-        sda("writes backwards", {{"sys/block/sda/stat", disk("1400", "1999", "4000")}}, "disk 1 1 2");
-        sda("time backwards", {{"sys/block/sda/stat", disk("1400", "2800", "2999")}}, "disk 1 1 2");
+        for (const QByteArray& stat : {disk("999", "2800", "4000"), disk("1400", "1999", "4000"), disk("1400", "2800", "2999"), disk("1400", "x", "4000"), QByteArray("7 7 1400 7")})
+            sda(("backwards or damaged: " + stat.trimmed()).constData(), {{"sys/block/sda/stat", stat}}, "disk 1 1 2");
         sda("huge counters", {{"sys/block/sda/stat", disk(most, most, most)}}, "disk 100 1 2");
-        sda("damaged", {{"sys/block/sda/stat", disk("1400", "x", "4000")}}, "disk 1 1 2");
-        sda("cut", {{"sys/block/sda/stat", "7 7 1400 7"}}, "disk 1 1 2");
 
         const auto net = [&row](const char* tag, const QByteArray& added, const char* expected, const Files& first = {}, const QByteArray& old = ethAfter) {
             row(tag, Files{{"proc/net/dev", lo + eth + link("wl0:", "0", "0")}} + first, {{"proc/net/dev", loAfter + old + added}}, expected);
@@ -249,9 +242,8 @@ private Q_SLOTS:
         net("none physical", wlan, "net 11 22.4883", {{"sys/class/net/eth0/device", "-"}});
         net("gone", {}, "net 0 0", device, {});
         net("came", wlan + link("usb0: ", "9999", "9999"), "net 11 22.4883", device + Files{{"sys/class/net/usb0/device/", {}}});
-        net("received backwards", wlan, "net 1 2", device, link("eth0: ", "999", "43960"));
-        net("sent backwards", wlan, "net 1 2", device, link("eth0: ", "21480", "1999"));
-        net("huge counters", wlan, "net 1 2", device, link("eth0: ", most, most));
+        for (const QByteArray& old : {link("eth0: ", "999", "43960"), link("eth0: ", "21480", "1999"), link("eth0: ", most, most)})
+            net(("backwards or huge: " + old.trimmed()).constData(), wlan, "net 1 2", device, old);
         net("damaged", wlan + ":\n:::\n\n../../block/sda: 9 9\n\xff: 1 1", "net 1 2", device, "eth0: 21480 7 7\n");
         net("cut line", wlan.chopped(1), "net 10 20.4883", device);
     }
