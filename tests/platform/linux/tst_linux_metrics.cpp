@@ -176,39 +176,14 @@ class LinuxMetricsTest : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
     // clang-format off
-    void figures_data()
+    static void row(const char* tag, const Files& first, const Files& second, const char* expected)
     {
-        QTest::addColumn<Files>("first"); // Added to what is there before.
-        QTest::addColumn<Files>("second"); // Added to what is there two seconds later.
-        QTest::addColumn<QString>("expected");
-        const auto row = [](const char* tag, const Files& first, const Files& second, const char* expected) {
-            QTest::newRow(tag) << first << second << QString::fromUtf8(expected);
-        };
-        row("plain", {}, {}, "cpu 25|memory 400/1000 40|commit 650/2000 32.5|disk 50 100 200|net 10 20.4883");
-        row("nothing there", {{"proc", "-"}, {"sys", "-"}}, {{"proc", "-"}, {"sys", "-"}}, "cpu 0|memory 0/0 0|commit 0/0 0|disk 0 0 0|net 0 0");
+        QTest::newRow(tag) << first << second << QString::fromUtf8(expected);
+    }
 
-        const auto cpu = [&row](const char* tag, const QByteArray& stat, const char* expected) { row(tag, {}, {{"proc/stat", stat}}, expected); };
-        cpu("each kind of time", "cpu  101 2 103 704 105 6 7 8 999 999\n", "cpu 75");
-        cpu("iowait backwards", "cpu  200 0 100 800 50 0 0 0 0 0\n", "cpu 50");
-        cpu("huge times", "cpu  " + most + " 0 100 " + most + " 100 0 0 " + most + "\n", "cpu 66.6667");
-        for (const QByteArray stat : {"cpu  18446744073709551616 0 100 800 100 0 0 0\n", "cpu  -1 0 100 800 100 0 0 0\n", "cpu  150 0 100 800\n", "cpu  150 0 100 800 150 0 0 0", "cpu0  150 0 100 800 150 0 0 0\n"})
-            cpu(("damaged: " + stat.trimmed()).constData(), stat, "cpu 0");
-
-        const auto memory = [&row](const char* tag, const QByteArray& text, const char* expected, const QByteArray& mode = "0\n") {
-            row(tag, {{"proc/meminfo", text}, {"proc/sys/vm/overcommit_memory", mode}}, {}, expected);
-        };
-        memory("promises count", meminfo + swapInfo, "commit 1200/1500 80", "2\n");
-        memory("promises beyond the limit", "CommitLimit: 1500 kB\nCommitted_AS: 3000 kB\n", "commit 3000/1500 100", "2\n");
-        memory("promises do not count", meminfo + swapInfo, "commit 650/2000 32.5", "1\n");
-        memory("no estimate", QByteArray(meminfo).replace("MemAvailable", "x") + swapInfo, "memory 700/1000 70|commit 950/2000 47.5");
-        memory("only a total", "MemTotal: 1000 kB\nSwapTotal: 1000 kB\n", "memory 0/1000 0|commit 0/2000 0");
-        memory("more available than there is", "MemTotal: 1000 kB\nMemAvailable: 1001 kB\n", "memory 0/1000 0");
-        memory("huge", "MemTotal: " + most + " kB\nMemAvailable: 1 kB\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
-        memory("damaged", "MemTotal: -5 kB\nMemFree\n:\nMemAvailable: x\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
-        memory("cut", "MemTotal: 1000 kB\nMemAvailable: 60", "memory 0/1000 0");
-
+    static void addDisks()
+    {
         Files doubles;
         Files doublesAfter;
         for (const QByteArray name : {"loop0", "ram0", "zram0", "dm-0", "md127", "sda/sda1", "nvme0n1"}) {
@@ -218,7 +193,7 @@ private Q_SLOTS:
         // The disk of several paths, its only path, and a file where a disk should be.
         doubles += {{"sys/block/nvme0n1/device/subsystem", "->/sys/class/nvme-subsystem"}, {"sys/block/nvme0c0n1/device/subsystem", "->/sys/class/nvme"}, {"sys/block/nvme0c0n1/stat", disk("0", "0", "0")}, {"sys/block/x", {}}};
         row("each byte once", doubles, doublesAfter + Files{{"sys/block/nvme0c0n1/stat", disk("4", "8", "1200")}}, "disk 60 101 202");
-        const auto sda = [&row](const char* tag, const Files& second, const char* expected, const Files& first = {}) {
+        const auto sda = [](const char* tag, const Files& second, const char* expected, const Files& first = {}) {
             row(tag, Files{{"sys/block/sdb/device/", {}}, {"sys/block/sdb/stat", disk("0", "0", "0")}} + first, Files{{"sys/block/sdb/stat", disk("4", "8", "20")}} + second, expected);
         };
         sda("two disks", {}, "disk 50 101 202");
@@ -229,8 +204,11 @@ private Q_SLOTS:
         for (const QByteArray& stat : {disk("999", "2800", "4000"), disk("1400", "1999", "4000"), disk("1400", "2800", "2999"), disk("1400", "x", "4000"), QByteArray("7 7 1400 7")})
             sda(("backwards or damaged: " + stat.trimmed()).constData(), {{"sys/block/sda/stat", stat}}, "disk 1 1 2");
         sda("huge counters", {{"sys/block/sda/stat", disk(most, most, most)}}, "disk 100 1 2");
+    }
 
-        const auto net = [&row](const char* tag, const QByteArray& added, const char* expected, const Files& first = {}, const QByteArray& old = ethAfter) {
+    static void addInterfaces()
+    {
+        const auto net = [](const char* tag, const QByteArray& added, const char* expected, const Files& first = {}, const QByteArray& old = ethAfter) {
             row(tag, Files{{"proc/net/dev", lo + eth + link("wl0:", "0", "0")}} + first, {{"proc/net/dev", loAfter + old + added}}, expected);
         };
         const QByteArray wlan = link("wl0:", "2048", "4096");
@@ -246,6 +224,38 @@ private Q_SLOTS:
             net(("backwards or huge: " + old.trimmed()).constData(), wlan, "net 1 2", device, old);
         net("damaged", wlan + ":\n:::\n\n../../block/sda: 9 9\n\xff: 1 1", "net 1 2", device, "eth0: 21480 7 7\n");
         net("cut line", wlan.chopped(1), "net 10 20.4883", device);
+    }
+
+private Q_SLOTS:
+    void figures_data()
+    {
+        QTest::addColumn<Files>("first"); // Added to what is there before.
+        QTest::addColumn<Files>("second"); // Added to what is there two seconds later.
+        QTest::addColumn<QString>("expected");
+        row("plain", {}, {}, "cpu 25|memory 400/1000 40|commit 650/2000 32.5|disk 50 100 200|net 10 20.4883");
+        row("nothing there", {{"proc", "-"}, {"sys", "-"}}, {{"proc", "-"}, {"sys", "-"}}, "cpu 0|memory 0/0 0|commit 0/0 0|disk 0 0 0|net 0 0");
+
+        const auto cpu = [](const char* tag, const QByteArray& stat, const char* expected) { row(tag, {}, {{"proc/stat", stat}}, expected); };
+        cpu("each kind of time", "cpu  101 2 103 704 105 6 7 8 999 999\n", "cpu 75");
+        cpu("iowait backwards", "cpu  200 0 100 800 50 0 0 0 0 0\n", "cpu 50");
+        cpu("huge times", "cpu  " + most + " 0 100 " + most + " 100 0 0 " + most + "\n", "cpu 66.6667");
+        for (const QByteArray stat : {"cpu  18446744073709551616 0 100 800 100 0 0 0\n", "cpu  -1 0 100 800 100 0 0 0\n", "cpu  150 0 100 800\n", "cpu  150 0 100 800 150 0 0 0", "cpu0  150 0 100 800 150 0 0 0\n"})
+            cpu(("damaged: " + stat.trimmed()).constData(), stat, "cpu 0");
+
+        const auto memory = [](const char* tag, const QByteArray& text, const char* expected, const QByteArray& mode = "0\n") {
+            row(tag, {{"proc/meminfo", text}, {"proc/sys/vm/overcommit_memory", mode}}, {}, expected);
+        };
+        memory("promises count", meminfo + swapInfo, "commit 1200/1500 80", "2\n");
+        memory("promises beyond the limit", "CommitLimit: 1500 kB\nCommitted_AS: 3000 kB\n", "commit 3000/1500 100", "2\n");
+        memory("promises do not count", meminfo + swapInfo, "commit 650/2000 32.5", "1\n");
+        memory("no estimate", QByteArray(meminfo).replace("MemAvailable", "x") + swapInfo, "memory 700/1000 70|commit 950/2000 47.5");
+        memory("only a total", "MemTotal: 1000 kB\nSwapTotal: 1000 kB\n", "memory 0/1000 0|commit 0/2000 0");
+        memory("more available than there is", "MemTotal: 1000 kB\nMemAvailable: 1001 kB\n", "memory 0/1000 0");
+        memory("huge", "MemTotal: " + most + " kB\nMemAvailable: 1 kB\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
+        memory("damaged", "MemTotal: -5 kB\nMemFree\n:\nMemAvailable: x\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
+        memory("cut", "MemTotal: 1000 kB\nMemAvailable: 60", "memory 0/1000 0");
+        addDisks();
+        addInterfaces();
     }
     // clang-format on
     void figures()
