@@ -237,21 +237,22 @@ private Q_SLOTS:
 
     void signaturesOfManyFiles()
     {
-        QJsonArray paths;
-        for (int i = 0; i < 45; ++i)
-            paths.append(u"/%1"_s.arg(i));
-        m_script.signatures.insert(u"/19"_s, SignatureStatus::Trusted); // Left out, yet counted.
         const QString file = m_directory.filePath(u"file"_s);
         QVERIFY(QFile(file).open(QFile::WriteOnly));
         m_script.signatures.insert(file, SignatureStatus::Trusted);
-        paths.append(file);
+        QJsonArray paths{file};
+        for (int i = 1; i < 45; ++i) {
+            paths.append(u"/%1"_s.arg(i));
+            if (i < 10) // These are left out of the results, yet counted.
+                m_script.signatures.insert(paths.last().toString(), SignatureStatus::Trusted);
+        }
+        QFile settings(QSettings().fileName());
         QStringList progress;
         m_client.call(u"verify_signatures"_s, {{u"paths"_s, paths}, {u"only_suspicious"_s, true}},
                       [&progress](const QJsonObject& told) { progress.append(text(told)); });
-        QCOMPARE(progress.join(u' '), u"{`total`:46,`verified`:20} {`total`:46,`verified`:40}"_s);
+        QCOMPARE(progress.join(u' '), u"{`total`:45,`verified`:20} {`total`:45,`verified`:40}"_s);
 
         // What is remembered is on the disk before the answer.
-        QFile settings(QSettings().fileName());
         QVERIFY(settings.open(QFile::ReadOnly));
         const QByteArray digest = QCryptographicHash::hash(file.toUtf8(), QCryptographicHash::Sha1);
         QVERIFY(settings.readAll().contains(digest.toHex()));

@@ -251,7 +251,7 @@ private Q_SLOTS:
         memory("no estimate", QByteArray(meminfo).replace("MemAvailable", "x") + swapInfo, "memory 700/1000 70|commit 950/2000 47.5");
         memory("only a total", "MemTotal: 1000 kB\nSwapTotal: 1000 kB\n", "memory 0/1000 0|commit 0/2000 0");
         memory("more available than there is", "MemTotal: 1000 kB\nMemAvailable: 1001 kB\n", "memory 0/1000 0");
-        memory("huge", "MemTotal: " + most + " kB\nMemAvailable: 1 kB\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
+        memory("huge", "MemTotal: 9007199254740993 kB\nMemAvailable: 1 kB\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
         memory("damaged", "MemTotal: -5 kB\nMemFree\n:\nMemAvailable: x\n" + swapInfo, "memory 0/0 0|commit 250/1000 25");
         memory("cut", "MemTotal: 1000 kB\nMemAvailable: 60", "memory 0/1000 0");
         addDisks();
