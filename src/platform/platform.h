@@ -25,6 +25,7 @@ namespace platform {
 
 /// Fills all fields of `out`. Rates and percentages are relative to the previous call, so callers
 /// sample twice. All zeros where the platform has no back end.
+/// Linux: /proc/stat, /proc/meminfo, /proc/net/dev, /sys/block and /sys/class/net.
 void sampleSystemMetrics(SystemMetrics& out);
 
 /// Fills only the memory and commit fields of `out`, cheaply.
