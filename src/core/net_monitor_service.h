@@ -26,6 +26,7 @@ private:
 
     /// Platform operation: every endpoint with its owner. On failure writes a short text to
     /// `error` (may be null) and returns an empty list.
+    /// Linux: the socket diagnostics of netlink, or /proc/net; /proc/PID/fd.
     QList<NetConnection> enumPlatform(QString* error) const;
 
     mutable QString m_lastError;

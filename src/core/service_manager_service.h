@@ -42,6 +42,7 @@ private:
 
     /// Platform operations. The listing writes a short text to `error` (may be null) on failure
     /// and returns an empty list; the dependency queries have no error channel.
+    /// Linux: org.freedesktop.systemd1 on the system bus.
     QList<ServiceItem> enumPlatform(QString* error) const;
     QList<QString> enumDependentsPlatform(const QString& name) const;
     QList<QString> queryDependenciesPlatform(const QString& name) const;

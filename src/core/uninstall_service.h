@@ -30,6 +30,7 @@ private:
 
     /// Platform operation: every installed program. On failure writes a short text to `error`
     /// (may be null) and returns an empty list.
+    /// Linux: /var/lib/dpkg; the programs rpm, flatpak and snap where the machine has databases.
     QList<UninstallEntry> enumPlatform(QString* error) const;
 
     /// Platform operation: runs the command that uninstalls `entry`.
