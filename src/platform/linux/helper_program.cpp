@@ -16,13 +16,7 @@ namespace korvane::linux_platform {
 
 namespace {
 
-constexpr qsizetype complaintLimit = 300;
-
-/// How long output may gather unseen. While QProcess waits for one channel it takes in all that
-/// comes on the other, so that this bounds the memory which a flood can use.
-constexpr qint64 longestWaitMs = 20;
-
-void prepare(QProcess& process, const QStringList& command)
+void prepare(QProcess& process)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
@@ -30,20 +24,10 @@ void prepare(QProcess& process, const QStringList& command)
     process.setProcessEnvironment(environment);
     process.setStandardInputFile(QProcess::nullDevice());
     process.setWorkingDirectory(QStringLiteral("/"));
-    process.setProgram(command.value(0));
-    process.setArguments(command.mid(1));
     process.setChildProcessModifier([] { ::setpgid(0, 0); });
 }
 
-/// Moves what the process has written to `output` and, up to its limit, to `complaint`.
-void collect(QProcess& process, QByteArray& output, QByteArray& complaint)
-{
-    output += process.readAllStandardOutput();
-    const QByteArray written = process.readAllStandardError();
-    complaint += written.first(std::min(written.size(), complaintLimit - complaint.size()));
-}
-
-/// Ends the process group of `process`, which has not been waited for: its id is still its own.
+/// Ends the group of `process`, which has not been waited for: the id is still its own.
 void killGroup(QProcess& process)
 {
     process.closeReadChannel(QProcess::StandardOutput);
@@ -53,56 +37,45 @@ void killGroup(QProcess& process)
     process.waitForFinished(patienceMs);
 }
 
-/// Waits for the end of `process` and gathers its output. The text is the limit that it passed, by
-/// which it was killed; empty when it ended by itself.
-QString gather(QProcess& process, const HelperLimits& limits, const QDeadlineTimer& deadline,
-               QByteArray& output, QByteArray& complaint)
-{
-    while (process.state() != QProcess::NotRunning) {
-        process.waitForReadyRead(
-            static_cast<int>(std::min(deadline.remainingTime(), longestWaitMs)));
-        collect(process, output, complaint);
-        const bool isTooMuch = output.size() > limits.outputBytes;
-        if (!isTooMuch && !deadline.hasExpired())
-            continue;
-        if (process.state() != QProcess::NotRunning)
-            killGroup(process);
-        return isTooMuch ? QStringLiteral("输出超过 %1 字节").arg(limits.outputBytes)
-                         : QStringLiteral("%1 毫秒内未结束").arg(limits.time.count());
-    }
-    return {};
-}
-
-/// Why the ended `process` failed; empty when it did not.
-QString exitFailure(const QProcess& process, QByteArrayView complaint)
-{
-    if (process.exitStatus() != QProcess::NormalExit)
-        return QStringLiteral("异常终止");
-    if (process.exitCode() == 0)
-        return {};
-    return QStringLiteral("退出码 %1: %2")
-        .arg(QString::number(process.exitCode()), textFromSystem(complaint.trimmed()));
-}
-
 } // namespace
 
-HelperResult runHelper(const QStringList& command, const HelperLimits& limits)
+HelperResult runHelper(const QString& program, const QStringList& arguments,
+                       const HelperLimits& limits)
 {
     const QDeadlineTimer deadline(limits.time);
     QProcess process;
-    prepare(process, command);
-    process.start(QIODevice::ReadOnly);
-    if (!process.waitForStarted(static_cast<int>(deadline.remainingTime())))
+    prepare(process);
+    process.start(program, arguments, QIODevice::ReadOnly);
+    if (!process.waitForStarted(static_cast<int>(limits.time.count())))
         return {{}, QStringLiteral("无法启动: %1").arg(process.errorString())};
 
-    HelperResult result;
+    // While it waits for output, QProcess takes in all that comes on standard error: short waits
+    // bound the memory that a flood there can use.
+    constexpr qint64 longestWaitMs = 20;
+    constexpr qsizetype complaintLimit = 300;
+    QByteArray output;
     QByteArray complaint;
-    result.error = gather(process, limits, deadline, result.output, complaint);
-    if (result.error.isEmpty())
-        result.error = exitFailure(process, complaint);
-    if (!result.error.isEmpty())
-        result.output.clear();
-    return result;
+    while (process.state() != QProcess::NotRunning && !deadline.hasExpired() &&
+           output.size() <= limits.outputBytes) {
+        process.waitForReadyRead(
+            static_cast<int>(std::min(deadline.remainingTime(), longestWaitMs)));
+        output += process.readAllStandardOutput();
+        complaint = (complaint + process.readAllStandardError()).left(complaintLimit);
+    }
+    const bool isStuck = process.state() != QProcess::NotRunning;
+    if (isStuck)
+        killGroup(process);
+    if (output.size() > limits.outputBytes)
+        return {{}, QStringLiteral("输出超过 %1 字节").arg(limits.outputBytes)};
+    if (isStuck)
+        return {{}, QStringLiteral("%1 毫秒内未结束").arg(limits.time.count())};
+    if (process.exitStatus() != QProcess::NormalExit)
+        return {{}, QStringLiteral("异常终止")};
+    if (const int code = process.exitCode(); code != 0)
+        return {{},
+                QStringLiteral("退出码 %1: %2")
+                    .arg(QString::number(code), textFromSystem(complaint.trimmed()))};
+    return {output, {}};
 }
 
 } // namespace korvane::linux_platform

@@ -16,19 +16,18 @@ struct HelperLimits
     qsizetype outputBytes = qsizetype{64} * 1024 * 1024;
 };
 
-/// What a helper program printed, or why that is not to be had.
+/// What a helper program printed on standard output; or a short text why that is not to be had.
 struct HelperResult
 {
-    QByteArray output; ///< Its standard output; empty after a failure.
-    QString error;     ///< Short text; empty after a success.
+    QByteArray output;
+    QString error; ///< Empty after a success.
 };
 
-/// Runs `command`, a program and its arguments, without standard input, in the root directory and
-/// the locale C.UTF-8, and waits for its end. It fails when the program cannot be started, passes a
-/// limit (it and its process group are then killed) or ends with a code other than 0, whose text
-/// holds what it wrote to standard error. Processes that it leaves behind are not waited for. Main
-/// thread only; no thread is created. Where even SIGKILL does not end it at once, as in a dead
-/// mount, the call takes up to half a minute more.
-HelperResult runHelper(const QStringList& command, const HelperLimits& limits = {});
+/// Runs `program` without standard input, in the root directory and the locale C.UTF-8, to its end.
+/// It fails when it cannot be started, passes a limit (it and its process group are then killed) or
+/// ends with a code other than 0. What it leaves running is not waited for. Main thread only; none
+/// is created. Where even SIGKILL ends it late, the call takes up to half a minute more.
+HelperResult runHelper(const QString& program, const QStringList& arguments,
+                       const HelperLimits& limits);
 
 } // namespace korvane::linux_platform

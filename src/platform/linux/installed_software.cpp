@@ -7,15 +7,12 @@
 
 #include <QDebug>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QSet>
 #include <QStandardPaths>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <optional>
 
 namespace korvane {
 
@@ -23,99 +20,87 @@ namespace linux_platform {
 
 namespace {
 
-constexpr qsizetype statusLimit = qsizetype{256} * 1024 * 1024;
-constexpr qsizetype journalFileLimit = qsizetype{1024} * 1024;
-/// dpkg merges its journal at 250 files.
-constexpr qsizetype journalFilesLimit = 1000;
-
-/// What one source answered.
+/// What one package manager answered.
 struct SourceListing
 {
     QString source;
-    QList<UninstallEntry> entries;
-    QString error; ///< Empty after a success.
+    bool exists = true;
+    QString error = {}; ///< Empty after a success.
+    QList<UninstallEntry> entries = {};
 };
 
-/// What `path` holds; none, and `error`, when it cannot be read whole. A file that is not there
-/// leaves `error` empty.
-std::optional<QByteArray> readWhole(const QString& path, qsizetype limit, QString& error)
+/// What `path` holds; empty, and errno, when it cannot be read or is longer than `limit`.
+std::optional<QByteArray> readWhole(const QString& path, qsizetype limit)
 {
     auto content = readSystemFile(QFile::encodeName(path).constData(), limit + 1);
-    if (content && content->size() <= limit)
+    if (!content || content->size() <= limit)
         return content;
-    if (content || errno != ENOENT) {
-        error = QStringLiteral("%1: %2").arg(path, content ? qt_error_string(EFBIG)
-                                                           : qt_error_string(errno));
-    }
+    errno = EFBIG;
     return std::nullopt;
 }
 
-/// The files of dpkg's journal in their order; `error` when one cannot be read. One that vanishes
-/// has just been merged.
-QByteArrayList readJournal(const QString& directory, QString& error)
+SourceListing listDpkg(const QString& directory)
 {
+    constexpr qsizetype statusLimit = qsizetype{256} * 1024 * 1024;
+    constexpr qsizetype updateLimit = qsizetype{1024} * 1024;
+    SourceListing listing{QStringLiteral("dpkg")};
+    const auto fail = [&listing](const QString& path) {
+        listing.error = path + QStringLiteral(": ") + qt_error_string(errno);
+        return listing;
+    };
+    const QString path = directory + QStringLiteral("/status");
+    const auto status = readWhole(path, statusLimit);
+    listing.exists = status || errno != ENOENT;
+    if (!status)
+        return fail(path);
     QByteArrayList journal;
-    const QStringList names = QDir(directory).entryList(QDir::Files, QDir::Name);
-    for (const QString& name : names) {
-        const bool isNumber =
-            std::all_of(name.cbegin(), name.cend(), [](QChar c) { return c >= u'0' && c <= u'9'; });
-        if (!isNumber || !error.isEmpty())
+    const QDir updates(directory + QStringLiteral("/updates"));
+    for (const QString& name : updates.entryList(QDir::Files, QDir::Name)) {
+        if (!std::all_of(name.begin(), name.end(), [](QChar c) { return c >= u'0' && c <= u'9'; }))
             continue;
-        if (const auto file = readWhole(directory + u'/' + name, journalFileLimit, error))
-            journal.append(*file);
-        if (journal.size() > journalFilesLimit)
-            error = QStringLiteral("%1: %2").arg(directory, qt_error_string(EFBIG));
+        const auto update = readWhole(updates.filePath(name), updateLimit);
+        if (update)
+            journal.append(*update);
+        else if (errno != ENOENT) // else dpkg has just merged it
+            return fail(updates.filePath(name));
     }
-    return journal;
-}
-
-std::optional<SourceListing> listDpkg(const SoftwareSources& sources)
-{
-    SourceListing listing{QStringLiteral("dpkg"), {}, {}};
-    const auto status =
-        readWhole(sources.dpkg + QStringLiteral("/status"), statusLimit, listing.error);
-    if (!status && listing.error.isEmpty())
-        return std::nullopt;
-    const QByteArrayList journal =
-        status ? readJournal(sources.dpkg + QStringLiteral("/updates"), listing.error)
-               : QByteArrayList();
-    if (listing.error.isEmpty())
-        listing.entries = parseDpkgDatabase(*status, journal);
+    listing.entries = parseDpkgDatabase(*status, journal);
     return listing;
 }
 
-std::optional<SourceListing> listRpm(const SoftwareSources& sources)
+SourceListing listRpm(const QString& root, const HelperLimits& limits)
 {
-    const auto holdsPackages = [](const QString& directory) {
-        static const std::array files{QStringLiteral("/rpmdb.sqlite"), QStringLiteral("/Packages"),
-                                      QStringLiteral("/Packages.db")};
-        return std::any_of(files.begin(), files.end(), [&directory](const QString& file) {
-            return QFileInfo(directory + file).size() > 0;
-        });
-    };
-    if (std::none_of(sources.rpmDatabases.begin(), sources.rpmDatabases.end(), holdsPackages))
-        return std::nullopt;
-    const HelperResult result = runHelper(
-        sources.rpmProgram +
-            QStringList{QStringLiteral("-qa"), QStringLiteral("--queryformat"), rpmQueryFormat()},
-        sources.helperLimits);
-    return SourceListing{QStringLiteral("rpm"), parseRpmPackages(result.output), result.error};
+    SourceListing listing{QStringLiteral("rpm"), false};
+    for (const char* directory : {"/var/lib/rpm", "/usr/lib/sysimage/rpm"}) {
+        for (const char* file : {"/rpmdb.sqlite", "/Packages", "/Packages.db"}) {
+            const QFileInfo database(root + QLatin1String(directory) + QLatin1String(file));
+            listing.exists = listing.exists || database.size() > 0;
+        }
+    }
+    if (!listing.exists)
+        return listing;
+    const QStringList arguments{QStringLiteral("-qa"), QStringLiteral("--qf"), rpmQueryFormat()};
+    const HelperResult result = runHelper(listing.source, arguments, limits);
+    listing.error = result.error;
+    listing.entries = parseRpmPackages(result.output);
+    return listing;
 }
 
-std::optional<SourceListing> listFlatpak(const SoftwareSources& sources, const QString& directory,
-                                         bool perUser)
+SourceListing listFlatpak(const QString& directory, bool perUser, const HelperLimits& limits)
 {
-    // Without either nothing is installed there; asked all the same, flatpak would create it.
-    if (!QFileInfo::exists(directory + QStringLiteral("/app")) &&
-        !QFileInfo::exists(directory + QStringLiteral("/runtime")))
-        return std::nullopt;
+    const QString program = QStringLiteral("flatpak");
     const QString option = perUser ? QStringLiteral("--user") : QStringLiteral("--system");
+    SourceListing listing{program + u' ' + option};
+    // Without either nothing is installed there; asked all the same, flatpak would create it.
+    listing.exists = QFileInfo::exists(directory + QStringLiteral("/app")) ||
+                     QFileInfo::exists(directory + QStringLiteral("/runtime"));
+    if (!listing.exists)
+        return listing;
     const HelperResult result = runHelper(
-        sources.flatpakProgram + QStringList{QStringLiteral("list"), option,
-                                             QStringLiteral("--columns"), flatpakColumns()},
-        sources.helperLimits);
-    SourceListing listing{QStringLiteral("flatpak ") + option,
-                          parseFlatpakList(result.output, perUser), result.error};
+        program, {QStringLiteral("list"), option, QStringLiteral("--columns=") + flatpakColumns()},
+        limits);
+    listing.error = result.error;
+    listing.entries = parseFlatpakList(result.output, perUser);
     for (UninstallEntry& entry : listing.entries) {
         const QString location = directory + u'/' + entry.identifier + QStringLiteral("/active");
         if (!entry.identifier.isEmpty() && QFileInfo::exists(location))
@@ -124,105 +109,84 @@ std::optional<SourceListing> listFlatpak(const SoftwareSources& sources, const Q
     return listing;
 }
 
-std::optional<SourceListing> listSystemFlatpaks(const SoftwareSources& sources)
+SourceListing listSnaps(const QString& root, const HelperLimits& limits)
 {
-    return listFlatpak(sources, sources.flatpakSystem, false);
-}
-
-std::optional<SourceListing> listUserFlatpaks(const SoftwareSources& sources)
-{
-    return listFlatpak(sources, sources.flatpakUser, true);
-}
-
-std::optional<SourceListing> listSnaps(const SoftwareSources& sources)
-{
-    if (!QFileInfo::exists(sources.snapd + QStringLiteral("/state.json")))
-        return std::nullopt;
-    const HelperResult result = runHelper(
-        sources.snapProgram + QStringList{QStringLiteral("list"), QStringLiteral("--unicode=never"),
-                                          QStringLiteral("--color=never")},
-        sources.helperLimits);
-    SourceListing listing{QStringLiteral("snap"), {}, result.error};
-    if (!result.error.isEmpty())
+    SourceListing listing{QStringLiteral("snap")};
+    const QString snapd = root + QStringLiteral("/var/lib/snapd/");
+    listing.exists = QFileInfo::exists(snapd + QStringLiteral("state.json"));
+    if (!listing.exists)
         return listing;
-    auto entries = parseSnapList(result.output);
-    if (!entries) {
-        listing.error = QStringLiteral("无法识别 snap list 的输出");
-        return listing;
-    }
-    for (UninstallEntry& entry : *entries) {
+    const HelperResult result =
+        runHelper(listing.source,
+                  {QStringLiteral("list"), QStringLiteral("--unicode=never"),
+                   QStringLiteral("--color=never")},
+                  limits);
+    const auto entries = parseSnapList(result.output);
+    listing.error = entries ? result.error : QStringLiteral("无法识别的输出");
+    listing.entries = entries.value_or(QList<UninstallEntry>());
+    for (UninstallEntry& entry : listing.entries) {
         if (entry.identifier.isEmpty())
             continue;
-        const QString location =
-            QStringLiteral("%1/%2/current").arg(sources.snapMounts, entry.displayName);
+        const QString location = QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName);
         if (QFileInfo::exists(location))
             entry.installLocation = location;
-        constexpr qint64 kib = 1024;
-        const QFileInfo image(
-            QStringLiteral("%1/snaps/%2.snap").arg(sources.snapd, entry.identifier));
-        entry.estimatedSizeKb = (image.size() + kib - 1) / kib;
+        const QFileInfo image(QStringLiteral("%1snaps/%2.snap").arg(snapd, entry.identifier));
+        entry.estimatedSizeKb = (image.size() + 1023) / 1024;
     }
-    listing.entries = std::move(*entries);
     return listing;
 }
 
-void logOnce(const SourceListing& listing)
+QString userFlatpaks()
+{
+    const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    return qEnvironmentVariable("FLATPAK_USER_DIR", data + QStringLiteral("/flatpak"));
+}
+
+void logOnce(const SourceListing& failed)
 {
     static QSet<QString> logged;
-    if (logged.contains(listing.source))
+    if (logged.contains(failed.source))
         return;
-    logged.insert(listing.source);
-    qWarning().noquote() << "[UninstallService]"
-                         << QStringLiteral("未列出 %1: %2").arg(listing.source, listing.error);
+    logged.insert(failed.source);
+    qWarning("[UninstallService] 未列出 %s: %s", qUtf8Printable(failed.source),
+             qUtf8Printable(failed.error));
 }
 
 } // namespace
 
-SoftwareSources::SoftwareSources()
-    : flatpakSystem(qEnvironmentVariable("FLATPAK_SYSTEM_DIR")),
-      flatpakUser(qEnvironmentVariable("FLATPAK_USER_DIR"))
+QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLimits& limits,
+                                            QString* error)
 {
-    if (flatpakSystem.isEmpty())
-        flatpakSystem = QStringLiteral("/var/lib/flatpak");
-    if (flatpakUser.isEmpty())
-        flatpakUser = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
-                      QStringLiteral("/flatpak");
-}
-
-QList<UninstallEntry> listInstalledSoftware(const SoftwareSources& sources, QString* error)
-{
-    QList<SourceListing> failed;
-    QList<UninstallEntry> entries;
-    bool isAnyRead = false;
-    for (const auto list : {listDpkg, listRpm, listSystemFlatpaks, listUserFlatpaks, listSnaps}) {
-        auto listing = list(sources);
-        if (listing && listing->error.isEmpty()) {
-            isAnyRead = true;
-            entries += std::move(listing->entries);
-        } else if (listing) {
-            failed.append(std::move(*listing));
-        }
-    }
-    if (isAnyRead) {
-        std::for_each(failed.cbegin(), failed.cend(), logOnce);
-        return entries;
-    }
-    if (error == nullptr)
-        return {};
+    const QString systemFlatpaks = root + QStringLiteral("/var/lib/flatpak");
+    QList<SourceListing> listings{listDpkg(root + QStringLiteral("/var/lib/dpkg")),
+                                  listRpm(root, limits), listFlatpak(systemFlatpaks, false, limits),
+                                  listFlatpak(userFlatpaks(), true, limits),
+                                  listSnaps(root, limits)};
+    listings.removeIf([](const SourceListing& listing) { return !listing.exists; });
     QStringList reasons;
-    for (const SourceListing& listing : failed)
-        reasons += QStringLiteral("%1 (%2)").arg(listing.source, listing.error);
-    if (reasons.isEmpty())
-        reasons += QStringLiteral("未找到 dpkg, rpm, flatpak 或 snap 的数据库");
-    *error = QStringLiteral("无法读取已安装软件: ") + reasons.join(QStringLiteral("; "));
-    return {};
+    QList<UninstallEntry> entries;
+    for (const SourceListing& listing : listings) {
+        entries += listing.entries;
+        if (!listing.error.isEmpty())
+            reasons += QStringLiteral("%1 (%2)").arg(listing.source, listing.error);
+    }
+    const bool isAnyRead = reasons.size() < listings.size();
+    for (const SourceListing& listing : listings) {
+        if (isAnyRead && !listing.error.isEmpty())
+            logOnce(listing);
+    }
+    if (listings.isEmpty())
+        reasons += QStringLiteral("没有 dpkg, rpm, flatpak 或 snap 的数据库");
+    if (error != nullptr && !isAnyRead)
+        *error = QStringLiteral("无法读取已安装软件: ") + reasons.join(QStringLiteral("; "));
+    return entries;
 }
 
 } // namespace linux_platform
 
 QList<UninstallEntry> UninstallService::enumPlatform(QString* error) const
 {
-    return linux_platform::listInstalledSoftware({}, error);
+    return linux_platform::listInstalledSoftware({}, {}, error);
 }
 
 } // namespace korvane

@@ -11,51 +11,37 @@ namespace korvane::linux_platform {
 
 namespace {
 
-/// Places of UninstallEntry::source.
-constexpr quint32 machineWide = 0;
-constexpr quint32 machineWide32Bit = 1;
-constexpr quint32 perUserSource = 2;
-
-/// Longest field that is shown; a longer one is cut.
-constexpr qsizetype shownLimit = 1024;
-/// Longest name that a command is made of.
-constexpr qsizetype nameLimit = 255;
-
+/// A field as it is shown: one of more than 1024 bytes is cut.
 QString shown(QByteArrayView field)
 {
-    return textFromSystem(field.first(std::min(field.size(), shownLimit)));
+    return textFromSystem(field.first(std::min<qsizetype>(field.size(), 1024)));
 }
 
-/// Whether `name` begins with a letter or digit and goes on with those and `others`.
+/// Whether `name`, of at most 255 bytes, is a letter or digit followed by those and `others`.
 bool isPlainName(QByteArrayView name, QByteArrayView others)
 {
     const auto isLetterOrDigit = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
     };
-    return !name.isEmpty() && name.size() <= nameLimit && isLetterOrDigit(name.front()) &&
+    return !name.isEmpty() && name.size() <= 255 && isLetterOrDigit(name.front()) &&
            std::all_of(name.begin(), name.end(),
                        [&](char c) { return isLetterOrDigit(c) || others.contains(c); });
 }
 
-/// Whether programs of `architecture` are 32-bit, by the names of dpkg, rpm and flatpak.
-bool is32Bit(QByteArrayView architecture)
+/// UninstallEntry::source of what is there for all users, by the processor's name in dpkg, rpm or
+/// flatpak.
+quint32 machineWideSource(QByteArrayView architecture)
 {
-    static constexpr std::array<QByteArrayView, 21> others{
-        "x32",   "athlon", "geode", "pentium3", "pentium4", "powerpc", "powerpcspe",
-        "ppc",   "hppa",   "m68k",  "sh3",      "sh4",      "s390",    "sparc",
-        "nios2", "or1k",   "arc",   "csky",     "riscv32",  "loong32", "sparcv9"};
-    // dpkg puts the kernel or the C library before the processor, as in hurd-i386.
+    static constexpr std::array<QByteArrayView, 14> others{
+        "x32", "athlon", "geode", "pentium3", "pentium4", "powerpc", "powerpcspe",
+        "ppc", "hppa",   "m68k",  "sh4",      "s390",     "sparc",   "riscv32"};
+    // dpkg may put the kernel or the C library first, as in hurd-i386.
     const QByteArrayView cpu = architecture.sliced(architecture.lastIndexOf('-') + 1);
-    if (cpu.size() == 4 && cpu[0] == 'i' && cpu.endsWith(QByteArrayView("86")))
-        return true;
-    if (cpu.startsWith("arm") || cpu.startsWith("mips"))
-        return cpu.indexOf(QByteArrayView("64")) < 0;
-    return std::find(others.begin(), others.end(), cpu) != others.end();
-}
-
-quint32 systemSource(QByteArrayView architecture)
-{
-    return is32Bit(architecture) ? machineWide32Bit : machineWide;
+    const bool isArmOrMips = cpu.startsWith("arm") || cpu.startsWith("mips");
+    const bool is32Bit = (isArmOrMips && cpu.indexOf(QByteArrayView("64")) < 0) ||
+                         (cpu.size() == 4 && cpu[0] == 'i' && cpu.endsWith("86")) ||
+                         std::find(others.begin(), others.end(), cpu) != others.end();
+    return is32Bit ? 1 : 0;
 }
 
 /// The number that `text` is; 0, which stands for unknown, when it is none or negative.
@@ -77,13 +63,13 @@ struct DpkgStanza
     QByteArrayView installedSize; ///< KiB
     QByteArrayView multiArch;
 
-    /// The last of the three words of the status.
-    QByteArrayView state() const
+    /// Whether `word` is the last of the three words of the status.
+    bool isInState(QByteArrayView word) const
     {
         QByteArrayView rest = status;
         takeWord(rest);
         takeWord(rest);
-        return takeWord(rest);
+        return takeWord(rest) == word;
     }
 };
 
@@ -93,24 +79,20 @@ struct DpkgField
     QByteArrayView DpkgStanza::*value;
 };
 
-constexpr std::array<DpkgField, 7> dpkgFields{{{"Package", &DpkgStanza::package},
-                                               {"Status", &DpkgStanza::status},
-                                               {"Version", &DpkgStanza::version},
-                                               {"Architecture", &DpkgStanza::architecture},
-                                               {"Maintainer", &DpkgStanza::maintainer},
-                                               {"Installed-Size", &DpkgStanza::installedSize},
-                                               {"Multi-Arch", &DpkgStanza::multiArch}}};
-
 void readDpkgField(QByteArrayView line, DpkgStanza& stanza)
 {
-    QByteArrayView value = line;
-    const QByteArrayView name = takeUntil(value, ':').trimmed();
-    for (const DpkgField& field : dpkgFields) {
-        if (name.size() == field.name.size() &&
-            name.compare(field.name, Qt::CaseInsensitive) == 0) {
-            stanza.*field.value = value.trimmed();
-            return;
-        }
+    static constexpr std::array<DpkgField, 7> fields{
+        {{"Package", &DpkgStanza::package},
+         {"Status", &DpkgStanza::status},
+         {"Version", &DpkgStanza::version},
+         {"Architecture", &DpkgStanza::architecture},
+         {"Maintainer", &DpkgStanza::maintainer},
+         {"Installed-Size", &DpkgStanza::installedSize},
+         {"Multi-Arch", &DpkgStanza::multiArch}}};
+    const QByteArrayView name = takeUntil(line, ':').trimmed();
+    for (const DpkgField& field : fields) {
+        if (name.size() == field.name.size() && name.compare(field.name, Qt::CaseInsensitive) == 0)
+            stanza.*field.value = line.trimmed();
     }
 }
 
@@ -120,8 +102,7 @@ QList<DpkgStanza> parseStanzas(QByteArrayView text)
     DpkgStanza stanza;
     while (!text.isEmpty()) {
         const QByteArrayView line = takeUntil(text, '\n');
-        const bool continues = line.startsWith(' ') || line.startsWith('\t');
-        if (!line.isEmpty() && !continues)
+        if (!line.isEmpty() && line[0] != ' ' && line[0] != '\t')
             readDpkgField(line, stanza);
         if (!line.isEmpty() && !text.isEmpty())
             continue;
@@ -133,52 +114,37 @@ QList<DpkgStanza> parseStanzas(QByteArrayView text)
 }
 
 /// Puts a journalled change where dpkg will: in the place of the same architecture, or of the only
-/// instance of the package, whose architecture may change unless both can be installed together.
+/// instance of the package, which may change its architecture unless both can be there together.
 void applyUpdate(QList<DpkgStanza>& stanzas, const DpkgStanza& update)
 {
     DpkgStanza* replaced = nullptr;
-    DpkgStanza* instance = nullptr;
-    int instances = 0;
+    QList<DpkgStanza*> instances;
     for (DpkgStanza& stanza : stanzas) {
         if (stanza.package != update.package)
             continue;
         if (stanza.architecture == update.architecture)
             replaced = &stanza;
-        if (stanza.state() != QByteArrayView("not-installed")) {
-            instance = &stanza;
-            ++instances;
-        }
+        if (!stanza.isInState("not-installed"))
+            instances.append(&stanza);
     }
-    const auto isShared = [](const DpkgStanza& stanza) {
-        return stanza.multiArch == QByteArrayView("same");
-    };
-    if (instances == 1 && !(isShared(*instance) && isShared(update)))
-        replaced = instance;
+    if (instances.size() == 1 && (instances[0]->multiArch != QByteArrayView("same") ||
+                                  update.multiArch != QByteArrayView("same")))
+        replaced = instances[0];
     if (replaced != nullptr)
         *replaced = update;
     else
         stanzas.append(update);
 }
 
-bool isInstalled(const DpkgStanza& stanza)
-{
-    return stanza.state() == QByteArrayView("installed");
-}
-
 QString dpkgCommand(const DpkgStanza& stanza, QByteArrayView machine)
 {
-    const auto isPlain = [](QByteArrayView name) {
-        return isPlainName(name, "+-.") &&
-               std::none_of(name.begin(), name.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
-    };
     const QByteArrayView architecture = stanza.architecture;
-    const bool isOwn = architecture.isEmpty() || architecture == machine || architecture == "all";
-    if (!isPlain(stanza.package) || !(isOwn || isPlain(architecture)))
+    QByteArray name = stanza.package.toByteArray();
+    if (!architecture.isEmpty() && architecture != machine && architecture != QByteArrayView("all"))
+        name += ':' + architecture.toByteArray();
+    if (!isPlainName(name, "+-.:") || name != name.toLower())
         return {};
-    QString command = QStringLiteral("apt-get remove ") + QLatin1String(stanza.package);
-    if (!isOwn)
-        command += u':' + QLatin1String(architecture);
-    return command;
+    return QStringLiteral("apt-get remove ") + QLatin1String(name);
 }
 
 } // namespace
@@ -190,100 +156,59 @@ QList<UninstallEntry> parseDpkgDatabase(QByteArrayView status, const QByteArrayL
         for (const DpkgStanza& update : parseStanzas(file))
             applyUpdate(stanzas, update);
     }
-    // dpkg is of the machine's own architecture.
-    const auto dpkg = std::find_if(stanzas.cbegin(), stanzas.cend(), [](const DpkgStanza& stanza) {
-        return stanza.package == QByteArrayView("dpkg") && isInstalled(stanza);
-    });
-    const QByteArrayView machine = dpkg == stanzas.cend() ? QByteArrayView() : dpkg->architecture;
-
+    stanzas.removeIf([](const DpkgStanza& stanza) { return !stanza.isInState("installed"); });
+    QByteArrayView machine; // dpkg is of the machine's own architecture
+    for (const DpkgStanza& stanza : stanzas) {
+        if (stanza.package == QByteArrayView("dpkg"))
+            machine = stanza.architecture;
+    }
     QList<UninstallEntry> entries;
     entries.reserve(stanzas.size());
     for (const DpkgStanza& stanza : stanzas) {
-        if (!isInstalled(stanza))
-            continue;
-        UninstallEntry entry;
-        entry.source = systemSource(stanza.architecture);
-        entry.displayName = shown(stanza.package);
-        entry.identifier = entry.displayName + u':' + shown(stanza.architecture);
-        entry.displayVersion = shown(stanza.version);
-        entry.publisher = shown(stanza.maintainer);
-        entry.uninstallString = dpkgCommand(stanza, machine);
-        entry.estimatedSizeKb = sizeFrom(stanza.installedSize);
-        entries.append(std::move(entry));
+        entries.append({.source = machineWideSource(stanza.architecture),
+                        .identifier = shown(stanza.package) + u':' + shown(stanza.architecture),
+                        .displayName = shown(stanza.package),
+                        .displayVersion = shown(stanza.version),
+                        .publisher = shown(stanza.maintainer),
+                        .installLocation = {},
+                        .uninstallString = dpkgCommand(stanza, machine),
+                        .estimatedSizeKb = sizeFrom(stanza.installedSize)});
     }
     return entries;
 }
 
-namespace {
-
-// Control bytes, so that no field of ordinary text can pose as another.
-constexpr char unitSeparator = '\x1f';
-constexpr char recordSeparator = '\x1e';
-
-constexpr std::array<const char*, 8> rpmTags{"NAME", "EPOCH",    "VERSION", "RELEASE",
-                                             "ARCH", "LONGSIZE", "VENDOR",  "PACKAGER"};
-using RpmFields = std::array<QByteArrayView, rpmTags.size()>;
-
-/// The fields of one record; none when there are more or fewer. What a package lacks is empty.
-std::optional<RpmFields> rpmFields(QByteArrayView record)
-{
-    if (std::count(record.begin(), record.end(), unitSeparator) != rpmTags.size() - 1)
-        return std::nullopt;
-    RpmFields fields;
-    for (QByteArrayView& field : fields) {
-        field = takeUntil(record, unitSeparator);
-        if (field == QByteArrayView("(none)"))
-            field = {};
-    }
-    return fields;
-}
-
-qint64 kibFromBytes(qint64 bytes)
-{
-    constexpr qint64 kib = 1024;
-    return bytes / kib + (bytes % kib == 0 ? 0 : 1);
-}
-
-} // namespace
-
 QString rpmQueryFormat()
 {
-    QString format;
-    for (const char* tag : rpmTags) {
-        format += format.isEmpty() ? QString() : QString(QLatin1Char(unitSeparator));
-        format += QStringLiteral("%{") + QLatin1String(tag) + u'}';
-    }
-    return format + QLatin1Char(recordSeparator);
+    // Ends of fields and records are control bytes: no ordinary text can pose as one.
+    return QStringLiteral("%{NAME}\x1f%{NVRA}\x1f%{EVR}\x1f%{ARCH}\x1f%{LONGSIZE}\x1f"
+                          "%|VENDOR?{%{VENDOR}}:{%|PACKAGER?{%{PACKAGER}}|}|\x1e");
 }
 
 QList<UninstallEntry> parseRpmPackages(QByteArrayView output)
 {
     QList<UninstallEntry> entries;
     while (!output.isEmpty()) {
-        const auto fields = rpmFields(takeUntil(output, recordSeparator));
-        if (!fields)
+        QByteArrayView record = takeUntil(output, '\x1e');
+        if (std::count(record.begin(), record.end(), '\x1f') != 5)
             continue;
-        const auto& [name, epoch, version, release, architecture, size, vendor, packager] = *fields;
+        const QByteArrayView name = takeUntil(record, '\x1f');
+        const QByteArrayView key = takeUntil(record, '\x1f');
+        const QByteArrayView version = takeUntil(record, '\x1f');
+        const QByteArrayView architecture = takeUntil(record, '\x1f');
+        const qint64 bytes = sizeFrom(takeUntil(record, '\x1f'));
         // A key that rpm trusts is kept as a package of this name.
         if (name.isEmpty() || name == QByteArrayView("gpg-pubkey"))
             continue;
-        QByteArray key =
-            name.toByteArray() + '-' + version.toByteArray() + '-' + release.toByteArray();
-        if (!architecture.isEmpty())
-            key += '.' + architecture.toByteArray();
-
-        UninstallEntry entry;
-        entry.source = systemSource(architecture);
-        entry.identifier = shown(key);
-        entry.displayName = shown(name);
-        entry.displayVersion = shown(version) + u'-' + shown(release);
-        if (!epoch.isEmpty())
-            entry.displayVersion.prepend(shown(epoch) + u':');
-        entry.publisher = shown(vendor.isEmpty() ? packager : vendor);
-        if (isPlainName(key, "._+~^-"))
-            entry.uninstallString = QStringLiteral("rpm -e ") + QLatin1String(key);
-        entry.estimatedSizeKb = kibFromBytes(sizeFrom(size));
-        entries.append(std::move(entry));
+        entries.append({.source = machineWideSource(architecture),
+                        .identifier = shown(key),
+                        .displayName = shown(name),
+                        .displayVersion = shown(version),
+                        .publisher = shown(record),
+                        .installLocation = {},
+                        .uninstallString = isPlainName(key, "._+~^-")
+                                               ? QStringLiteral("rpm -e ") + QLatin1String(key)
+                                               : QString(),
+                        .estimatedSizeKb = bytes / 1024 + (bytes % 1024 == 0 ? 0 : 1)});
     }
     return entries;
 }
@@ -293,40 +218,23 @@ namespace {
 /// KiB from a size as in "1.5 MB", with an ordinary or a no-break space; 0 when it is none.
 qint64 kibFromSizeText(QByteArrayView text)
 {
-    static constexpr std::array<QByteArrayView, 6> units{"bytes", "kB", "MB", "GB", "TB", "PB"};
-    QByteArray plain = text.toByteArray().replace("\u00a0", " ");
+    static constexpr std::array<QByteArrayView, 5> units{"bytes", "kB", "MB", "GB", "TB"};
+    const QByteArray plain = text.toByteArray().replace("\u00a0", " ");
     QByteArrayView rest = plain;
-    bool isNumber = false;
-    const double number = takeWord(rest).toByteArray().toDouble(&isNumber);
-    const QByteArrayView unitName = takeWord(rest);
-    const auto unit =
-        std::find(units.begin(), units.end(), unitName == "byte" ? "bytes" : unitName);
-    if (!isNumber || unit == units.end())
+    const double number = takeWord(rest).toByteArray().toDouble(); // 0 for what is no number
+    const auto unit = std::find(units.begin(), units.end(), takeWord(rest));
+    // The next unit begins at 1000.
+    if (unit == units.end() || !(number >= 0 && number <= 1000))
         return 0;
-    constexpr double longest = 1e6; // g_format_size() goes over to the next unit at 1000
-    if (!(number >= 0 && number <= longest))
-        return 0;
-    return static_cast<qint64>(
-        std::ceil(number * std::pow(1000.0, std::distance(units.begin(), unit)) / 1024));
-}
-
-/// Whether `ref` is ID/ARCH/BRANCH, each a plain name.
-bool isFlatpakRef(QByteArrayView ref)
-{
-    if (std::count(ref.begin(), ref.end(), '/') != 2)
-        return false;
-    while (!ref.isEmpty()) {
-        if (!isPlainName(takeUntil(ref, '/'), "._-+"))
-            return false;
-    }
-    return true;
+    const double bytes = number * std::pow(1000.0, std::distance(units.begin(), unit));
+    return static_cast<qint64>(std::ceil(bytes / 1024));
 }
 
 } // namespace
 
 QString flatpakColumns()
 {
-    // Those that an application's author words come last: they may hold tabs and line feeds.
+    // What an application's author words comes last: it may hold tabs and line feeds.
     return QStringLiteral("ref,origin,size,options,version,name");
 }
 
@@ -335,96 +243,69 @@ QList<UninstallEntry> parseFlatpakList(QByteArrayView output, bool perUser)
     QList<UninstallEntry> entries;
     while (!output.isEmpty()) {
         QByteArrayView line = takeUntil(output, '\n');
+        if (std::count(line.begin(), line.end(), '\t') < 5)
+            continue;
         const QByteArrayView ref = takeUntil(line, '\t');
         const QByteArrayView origin = takeUntil(line, '\t');
         const QByteArrayView size = takeUntil(line, '\t');
-        const QByteArrayView options = takeUntil(line, '\t');
-        const bool isWhole = line.contains('\t');
+        const bool isRuntime = takeUntil(line, '\t').indexOf(QByteArrayView("runtime")) >= 0;
         const QByteArrayView version = takeUntil(line, '\t');
-        QByteArrayView rest = ref;
-        const QByteArrayView id = takeUntil(rest, '/');
-        const QByteArrayView architecture = takeUntil(rest, '/');
-        if (!isWhole || id.isEmpty() || rest.isEmpty())
-            continue;
-        UninstallEntry entry;
-        entry.source = perUser ? perUserSource : systemSource(architecture);
-        entry.displayName = shown(line.trimmed().isEmpty() ? id : line.trimmed());
-        entry.displayVersion = shown(version.isEmpty() ? rest : version);
-        entry.publisher = shown(origin);
-        entry.estimatedSizeKb = kibFromSizeText(size);
-        if (isFlatpakRef(ref)) {
-            const bool isRuntime = options.indexOf(QByteArrayView("runtime")) >= 0;
-            entry.identifier = (isRuntime ? QStringLiteral("runtime/") : QStringLiteral("app/")) +
-                               QLatin1String(ref);
-            entry.uninstallString = (perUser ? QStringLiteral("flatpak uninstall --user ")
-                                             : QStringLiteral("flatpak uninstall ")) +
-                                    entry.identifier;
-        }
-        entries.append(std::move(entry));
+        QByteArrayView branch = ref;
+        const QByteArrayView id = takeUntil(branch, '/');
+        const QByteArrayView architecture = takeUntil(branch, '/');
+        QString key;
+        if (isPlainName(id, "._-") && isPlainName(architecture, "_") && isPlainName(branch, "._-+"))
+            key = (isRuntime ? QStringLiteral("runtime/") : QStringLiteral("app/")) + shown(ref);
+        const QString command = perUser ? QStringLiteral("flatpak uninstall --user ")
+                                        : QStringLiteral("flatpak uninstall ");
+        entries.append({.source = perUser ? 2 : machineWideSource(architecture),
+                        .identifier = key,
+                        .displayName = shown(line.trimmed().isEmpty() ? id : line.trimmed()),
+                        .displayVersion = shown(version.isEmpty() ? branch : version),
+                        .publisher = shown(origin),
+                        .installLocation = {},
+                        .uninstallString = key.isEmpty() ? QString() : command + key,
+                        .estimatedSizeKb = kibFromSizeText(size)});
     }
     return entries;
 }
-
-namespace {
-
-/// A column of a table for people: where its heading begins and where the next one does.
-struct TableColumn
-{
-    qsizetype begin = -1;
-    qsizetype end = -1;
-
-    TableColumn(const QString& header, QLatin1String heading) : begin(header.indexOf(heading))
-    {
-        end = begin < 0 ? -1 : header.indexOf(u' ', begin);
-        while (end >= 0 && end < header.size() && header[end] == u' ')
-            ++end;
-    }
-
-    /// What stands there in `line`; empty for the dash that marks nothing.
-    QString in(const QString& line) const
-    {
-        const QString cell = line.mid(begin, end < 0 ? -1 : end - begin).trimmed();
-        return cell == u'-' ? QString() : cell;
-    }
-};
-
-/// The publisher without the marks of one that the store has verified or starred.
-QString withoutMarks(QString publisher)
-{
-    while (publisher.endsWith(u'*') || publisher.endsWith(u'\u2713') ||
-           publisher.endsWith(u'\u272a'))
-        publisher.chop(1);
-    return publisher;
-}
-
-} // namespace
 
 std::optional<QList<UninstallEntry>> parseSnapList(QByteArrayView output)
 {
     QList<UninstallEntry> entries;
     if (output.isEmpty()) // it says on standard error that there are none
         return entries;
-    const QString header = textFromSystem(takeUntil(output, '\n'));
-    const TableColumn name(header, QLatin1String("Name"));
-    const TableColumn version(header, QLatin1String("Version"));
-    const TableColumn revision(header, QLatin1String("Rev"));
-    const TableColumn publisher(header, QLatin1String("Publisher"));
-    if (name.begin != 0 || version.begin < 0 || revision.begin < 0 || publisher.begin < 0)
+    const auto takeRow = [&output] {
+        return shown(takeUntil(output, '\n')).split(u' ', Qt::SkipEmptyParts);
+    };
+    const QStringList header = takeRow();
+    if (!header.contains(QStringLiteral("Name")) || !header.contains(QStringLiteral("Rev")))
         return std::nullopt;
     while (!output.isEmpty()) {
-        const QString line = textFromSystem(takeUntil(output, '\n')).left(shownLimit);
-        UninstallEntry entry;
-        entry.displayName = name.in(line);
-        if (entry.displayName.isEmpty())
+        const QStringList row = takeRow();
+        if (row.size() != header.size())
             continue;
-        entry.displayVersion = version.in(line);
-        entry.publisher = withoutMarks(publisher.in(line));
-        const QByteArray key = entry.displayName.toUtf8() + '_' + revision.in(line).toUtf8();
-        if (isPlainName(key, "-_")) {
-            entry.identifier = QLatin1String(key);
-            entry.uninstallString = QStringLiteral("snap remove ") + entry.displayName;
-        }
-        entries.append(std::move(entry));
+        // A dash stands for nothing.
+        const auto cell = [&](const QString& heading) {
+            const QString text = row.value(header.indexOf(heading));
+            return text == u'-' ? QString() : text;
+        };
+        const QString name = cell(QStringLiteral("Name"));
+        QString publisher = cell(QStringLiteral("Publisher"));
+        while (publisher.endsWith(u'*')) // the mark of one that the store has verified
+            publisher.chop(1);
+        QString key = name + u'_' + cell(QStringLiteral("Rev"));
+        if (!isPlainName(key.toUtf8(), "-_"))
+            key.clear();
+        entries.append(
+            {.source = 0,
+             .identifier = key,
+             .displayName = name,
+             .displayVersion = cell(QStringLiteral("Version")),
+             .publisher = publisher,
+             .installLocation = {},
+             .uninstallString = key.isEmpty() ? QString() : QStringLiteral("snap remove ") + name,
+             .estimatedSizeKb = 0});
     }
     return entries;
 }
