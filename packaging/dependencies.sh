@@ -15,6 +15,7 @@ test_needs=(
     node=nodejs
     npm=npm
     ps=procps
+    rpm=rpm
     script=bsdutils
 )
 lint_needs=(

@@ -5,14 +5,15 @@
 #include "platform/linux/package_databases.h"
 #include "platform/linux/proc_fs.h"
 
-#include <QDebug>
 #include <QDir>
 #include <QFileInfo>
-#include <QSet>
+#include <QHash>
 #include <QStandardPaths>
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
+#include <utility>
 
 namespace korvane {
 
@@ -29,37 +30,35 @@ struct SourceListing
     QList<UninstallEntry> entries = {};
 };
 
-/// What `path` holds; empty, and errno, when it cannot be read or is longer than `limit`.
-std::optional<QByteArray> readWhole(const QString& path, qsizetype limit)
+/// What `path` holds; none, and errno, when it cannot be read whole.
+std::optional<QByteArray> readWhole(const QString& path)
 {
-    auto content = readSystemFile(QFile::encodeName(path).constData(), limit + 1);
-    if (!content || content->size() <= limit)
+    constexpr qsizetype limit = qsizetype{256} * 1024 * 1024;
+    auto content = readSystemFile(QFile::encodeName(path).constData(), limit);
+    if (!content || content->size() < limit)
         return content;
     errno = EFBIG;
     return std::nullopt;
 }
 
-SourceListing listDpkg(const QString& directory)
+SourceListing listDpkg(const QString& root)
 {
-    constexpr qsizetype statusLimit = qsizetype{256} * 1024 * 1024;
-    constexpr qsizetype updateLimit = qsizetype{1024} * 1024;
     SourceListing listing{QStringLiteral("dpkg")};
     const auto fail = [&listing](const QString& path) {
         listing.error = path + QStringLiteral(": ") + qt_error_string(errno);
         return listing;
     };
-    const QString path = directory + QStringLiteral("/status");
-    const auto status = readWhole(path, statusLimit);
+    const QString path = root + QStringLiteral("/var/lib/dpkg/status");
+    const auto status = readWhole(path);
     listing.exists = status || errno != ENOENT;
     if (!status)
         return fail(path);
     QByteArrayList journal;
-    const QDir updates(directory + QStringLiteral("/updates"));
+    const QDir updates(root + QStringLiteral("/var/lib/dpkg/updates"));
     for (const QString& name : updates.entryList(QDir::Files, QDir::Name)) {
         if (!std::all_of(name.begin(), name.end(), [](QChar c) { return c >= u'0' && c <= u'9'; }))
             continue;
-        const auto update = readWhole(updates.filePath(name), updateLimit);
-        if (update)
+        if (const auto update = readWhole(updates.filePath(name)))
             journal.append(*update);
         else if (errno != ENOENT) // else dpkg has just merged it
             return fail(updates.filePath(name));
@@ -77,79 +76,69 @@ SourceListing listRpm(const QString& root, const HelperLimits& limits)
             listing.exists = listing.exists || database.size() > 0;
         }
     }
-    if (!listing.exists)
-        return listing;
-    const QStringList arguments{QStringLiteral("-qa"), QStringLiteral("--qf"), rpmQueryFormat()};
-    const HelperResult result = runHelper(listing.source, arguments, limits);
-    listing.error = result.error;
-    listing.entries = parseRpmPackages(result.output);
+    if (listing.exists) {
+        const QString format = QStringLiteral("--queryformat=") + rpmQueryFormat();
+        const HelperResult result =
+            runHelper(QStringLiteral("rpm"), {QStringLiteral("-qa"), format}, limits);
+        listing.error = result.error;
+        listing.entries = parseRpmPackages(result.output);
+    }
     return listing;
+}
+
+/// Notes where `entry` is installed, if that is there.
+void locate(UninstallEntry& entry, const QString& location)
+{
+    if (!entry.identifier.isEmpty() && QFileInfo::exists(location))
+        entry.installLocation = location;
 }
 
 SourceListing listFlatpak(const QString& directory, bool perUser, const HelperLimits& limits)
 {
-    const QString program = QStringLiteral("flatpak");
     const QString option = perUser ? QStringLiteral("--user") : QStringLiteral("--system");
-    SourceListing listing{program + u' ' + option};
+    SourceListing listing{QStringLiteral("flatpak ") + option};
     // Without either nothing is installed there; asked all the same, flatpak would create it.
     listing.exists = QFileInfo::exists(directory + QStringLiteral("/app")) ||
                      QFileInfo::exists(directory + QStringLiteral("/runtime"));
     if (!listing.exists)
         return listing;
-    const HelperResult result = runHelper(
-        program, {QStringLiteral("list"), option, QStringLiteral("--columns=") + flatpakColumns()},
-        limits);
+    const QString columns = QStringLiteral("--columns=") + flatpakColumns();
+    const HelperResult result =
+        runHelper(QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}, limits);
     listing.error = result.error;
     listing.entries = parseFlatpakList(result.output, perUser);
-    for (UninstallEntry& entry : listing.entries) {
-        const QString location = directory + u'/' + entry.identifier + QStringLiteral("/active");
-        if (!entry.identifier.isEmpty() && QFileInfo::exists(location))
-            entry.installLocation = location;
-    }
+    for (UninstallEntry& entry : listing.entries)
+        locate(entry, directory + u'/' + entry.identifier + QStringLiteral("/active"));
     return listing;
 }
 
 SourceListing listSnaps(const QString& root, const HelperLimits& limits)
 {
     SourceListing listing{QStringLiteral("snap")};
-    const QString snapd = root + QStringLiteral("/var/lib/snapd/");
-    listing.exists = QFileInfo::exists(snapd + QStringLiteral("state.json"));
+    const QDir snapd(root + QStringLiteral("/var/lib/snapd"));
+    listing.exists = snapd.exists(QStringLiteral("state.json"));
     if (!listing.exists)
         return listing;
-    const HelperResult result =
-        runHelper(listing.source,
-                  {QStringLiteral("list"), QStringLiteral("--unicode=never"),
-                   QStringLiteral("--color=never")},
-                  limits);
+    const QStringList arguments{QStringLiteral("list"), QStringLiteral("--unicode=never"),
+                                QStringLiteral("--color=never")};
+    const HelperResult result = runHelper(listing.source, arguments, limits);
     const auto entries = parseSnapList(result.output);
     listing.error = entries ? result.error : QStringLiteral("无法识别的输出");
     listing.entries = entries.value_or(QList<UninstallEntry>());
     for (UninstallEntry& entry : listing.entries) {
-        if (entry.identifier.isEmpty())
-            continue;
-        const QString location = QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName);
-        if (QFileInfo::exists(location))
-            entry.installLocation = location;
-        const QFileInfo image(QStringLiteral("%1snaps/%2.snap").arg(snapd, entry.identifier));
+        locate(entry, QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName));
+        const QFileInfo image(snapd, QStringLiteral("snaps/%1.snap").arg(entry.identifier));
         entry.estimatedSizeKb = (image.size() + 1023) / 1024;
     }
     return listing;
 }
 
-QString userFlatpaks()
-{
-    const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    return qEnvironmentVariable("FLATPAK_USER_DIR", data + QStringLiteral("/flatpak"));
-}
-
 void logOnce(const SourceListing& failed)
 {
-    static QSet<QString> logged;
-    if (logged.contains(failed.source))
-        return;
-    logged.insert(failed.source);
-    qWarning("[UninstallService] 未列出 %s: %s", qUtf8Printable(failed.source),
-             qUtf8Printable(failed.error));
+    static QHash<QString, bool> logged;
+    if (!std::exchange(logged[failed.source], true))
+        qWarning("[UninstallService] 未列出 %s: %s", qUtf8Printable(failed.source),
+                 qUtf8Printable(failed.error));
 }
 
 } // namespace
@@ -157,11 +146,13 @@ void logOnce(const SourceListing& failed)
 QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLimits& limits,
                                             QString* error)
 {
-    const QString systemFlatpaks = root + QStringLiteral("/var/lib/flatpak");
-    QList<SourceListing> listings{listDpkg(root + QStringLiteral("/var/lib/dpkg")),
-                                  listRpm(root, limits), listFlatpak(systemFlatpaks, false, limits),
-                                  listFlatpak(userFlatpaks(), true, limits),
-                                  listSnaps(root, limits)};
+    const QString userData = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    const QString userFlatpaks =
+        qEnvironmentVariable("FLATPAK_USER_DIR", userData + QStringLiteral("/flatpak"));
+    QList<SourceListing> listings{
+        listDpkg(root), listRpm(root, limits),
+        listFlatpak(root + QStringLiteral("/var/lib/flatpak"), false, limits),
+        listFlatpak(userFlatpaks, true, limits), listSnaps(root, limits)};
     listings.removeIf([](const SourceListing& listing) { return !listing.exists; });
     QStringList reasons;
     QList<UninstallEntry> entries;

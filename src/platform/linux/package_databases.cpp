@@ -38,7 +38,7 @@ quint32 machineWideSource(QByteArrayView architecture)
     // dpkg may put the kernel or the C library first, as in hurd-i386.
     const QByteArrayView cpu = architecture.sliced(architecture.lastIndexOf('-') + 1);
     const bool isArmOrMips = cpu.startsWith("arm") || cpu.startsWith("mips");
-    const bool is32Bit = (isArmOrMips && cpu.indexOf(QByteArrayView("64")) < 0) ||
+    const bool is32Bit = (isArmOrMips && !cpu.contains("64")) ||
                          (cpu.size() == 4 && cpu[0] == 'i' && cpu.endsWith("86")) ||
                          std::find(others.begin(), others.end(), cpu) != others.end();
     return is32Bit ? 1 : 0;
@@ -127,8 +127,7 @@ void applyUpdate(QList<DpkgStanza>& stanzas, const DpkgStanza& update)
         if (!stanza.isInState("not-installed"))
             instances.append(&stanza);
     }
-    if (instances.size() == 1 && (instances[0]->multiArch != QByteArrayView("same") ||
-                                  update.multiArch != QByteArrayView("same")))
+    if (instances.size() == 1 && (instances[0]->multiArch != "same" || update.multiArch != "same"))
         replaced = instances[0];
     if (replaced != nullptr)
         *replaced = update;
@@ -139,12 +138,11 @@ void applyUpdate(QList<DpkgStanza>& stanzas, const DpkgStanza& update)
 QString dpkgCommand(const DpkgStanza& stanza, QByteArrayView machine)
 {
     const QByteArrayView architecture = stanza.architecture;
-    QByteArray name = stanza.package.toByteArray();
-    if (!architecture.isEmpty() && architecture != machine && architecture != QByteArrayView("all"))
-        name += ':' + architecture.toByteArray();
-    if (!isPlainName(name, "+-.:") || name != name.toLower())
+    const bool isOwn = architecture == machine || architecture == "all";
+    if (!isPlainName(stanza.package, "+-.") || !(isOwn || isPlainName(architecture, "-")))
         return {};
-    return QStringLiteral("apt-get remove ") + QLatin1String(name);
+    const QString command = QStringLiteral("apt-get remove ") + QLatin1String(stanza.package);
+    return isOwn ? command : command + u':' + QLatin1String(architecture);
 }
 
 } // namespace
@@ -159,20 +157,21 @@ QList<UninstallEntry> parseDpkgDatabase(QByteArrayView status, const QByteArrayL
     stanzas.removeIf([](const DpkgStanza& stanza) { return !stanza.isInState("installed"); });
     QByteArrayView machine; // dpkg is of the machine's own architecture
     for (const DpkgStanza& stanza : stanzas) {
-        if (stanza.package == QByteArrayView("dpkg"))
+        if (stanza.package == "dpkg")
             machine = stanza.architecture;
     }
     QList<UninstallEntry> entries;
     entries.reserve(stanzas.size());
     for (const DpkgStanza& stanza : stanzas) {
-        entries.append({.source = machineWideSource(stanza.architecture),
-                        .identifier = shown(stanza.package) + u':' + shown(stanza.architecture),
-                        .displayName = shown(stanza.package),
-                        .displayVersion = shown(stanza.version),
-                        .publisher = shown(stanza.maintainer),
-                        .installLocation = {},
-                        .uninstallString = dpkgCommand(stanza, machine),
-                        .estimatedSizeKb = sizeFrom(stanza.installedSize)});
+        const QString name = shown(stanza.package);
+        entries.append({machineWideSource(stanza.architecture),
+                        name + u':' + shown(stanza.architecture),
+                        name,
+                        shown(stanza.version),
+                        shown(stanza.maintainer),
+                        {},
+                        dpkgCommand(stanza, machine),
+                        sizeFrom(stanza.installedSize)});
     }
     return entries;
 }
@@ -197,18 +196,17 @@ QList<UninstallEntry> parseRpmPackages(QByteArrayView output)
         const QByteArrayView architecture = takeUntil(record, '\x1f');
         const qint64 bytes = sizeFrom(takeUntil(record, '\x1f'));
         // A key that rpm trusts is kept as a package of this name.
-        if (name.isEmpty() || name == QByteArrayView("gpg-pubkey"))
+        if (name.isEmpty() || name == "gpg-pubkey")
             continue;
-        entries.append({.source = machineWideSource(architecture),
-                        .identifier = shown(key),
-                        .displayName = shown(name),
-                        .displayVersion = shown(version),
-                        .publisher = shown(record),
-                        .installLocation = {},
-                        .uninstallString = isPlainName(key, "._+~^-")
-                                               ? QStringLiteral("rpm -e ") + QLatin1String(key)
-                                               : QString(),
-                        .estimatedSizeKb = bytes / 1024 + (bytes % 1024 == 0 ? 0 : 1)});
+        const QString command = QStringLiteral("rpm -e ") + shown(key);
+        entries.append({machineWideSource(architecture),
+                        shown(key),
+                        shown(name),
+                        shown(version),
+                        shown(record),
+                        {},
+                        isPlainName(key, "._+~^-") ? command : QString(),
+                        bytes / 1024 + (bytes % 1024 == 0 ? 0 : 1)});
     }
     return entries;
 }
@@ -248,7 +246,7 @@ QList<UninstallEntry> parseFlatpakList(QByteArrayView output, bool perUser)
         const QByteArrayView ref = takeUntil(line, '\t');
         const QByteArrayView origin = takeUntil(line, '\t');
         const QByteArrayView size = takeUntil(line, '\t');
-        const bool isRuntime = takeUntil(line, '\t').indexOf(QByteArrayView("runtime")) >= 0;
+        const bool isRuntime = takeUntil(line, '\t').contains("runtime");
         const QByteArrayView version = takeUntil(line, '\t');
         QByteArrayView branch = ref;
         const QByteArrayView id = takeUntil(branch, '/');
@@ -258,14 +256,14 @@ QList<UninstallEntry> parseFlatpakList(QByteArrayView output, bool perUser)
             key = (isRuntime ? QStringLiteral("runtime/") : QStringLiteral("app/")) + shown(ref);
         const QString command = perUser ? QStringLiteral("flatpak uninstall --user ")
                                         : QStringLiteral("flatpak uninstall ");
-        entries.append({.source = perUser ? 2 : machineWideSource(architecture),
-                        .identifier = key,
-                        .displayName = shown(line.trimmed().isEmpty() ? id : line.trimmed()),
-                        .displayVersion = shown(version.isEmpty() ? branch : version),
-                        .publisher = shown(origin),
-                        .installLocation = {},
-                        .uninstallString = key.isEmpty() ? QString() : command + key,
-                        .estimatedSizeKb = kibFromSizeText(size)});
+        entries.append({perUser ? 2 : machineWideSource(architecture),
+                        key,
+                        shown(line.trimmed().isEmpty() ? id : line.trimmed()),
+                        shown(version.isEmpty() ? branch : version),
+                        shown(origin),
+                        {},
+                        key.isEmpty() ? QString() : command + key,
+                        kibFromSizeText(size)});
     }
     return entries;
 }
@@ -297,15 +295,15 @@ std::optional<QList<UninstallEntry>> parseSnapList(QByteArrayView output)
         QString key = name + u'_' + cell(QStringLiteral("Rev"));
         if (!isPlainName(key.toUtf8(), "-_"))
             key.clear();
-        entries.append(
-            {.source = 0,
-             .identifier = key,
-             .displayName = name,
-             .displayVersion = cell(QStringLiteral("Version")),
-             .publisher = publisher,
-             .installLocation = {},
-             .uninstallString = key.isEmpty() ? QString() : QStringLiteral("snap remove ") + name,
-             .estimatedSizeKb = 0});
+        const QString command = QStringLiteral("snap remove ") + name;
+        entries.append({0,
+                        key,
+                        name,
+                        cell(QStringLiteral("Version")),
+                        publisher,
+                        {},
+                        key.isEmpty() ? QString() : command,
+                        0});
     }
     return entries;
 }
