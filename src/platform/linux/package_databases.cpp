@@ -139,7 +139,9 @@ QString dpkgCommand(const DpkgStanza& stanza, QByteArrayView machine)
 {
     const QByteArrayView architecture = stanza.architecture;
     const bool isOwn = architecture == machine || architecture == "all";
-    if (!isPlainName(stanza.package, "+-.") || !(isOwn || isPlainName(architecture, "-")))
+    const bool isLower = stanza.package == stanza.package.toByteArray().toLower();
+    if (!isLower || !isPlainName(stanza.package, "+-.") ||
+        !(isOwn || isPlainName(architecture, "-")))
         return {};
     const QString command = QStringLiteral("apt-get remove ") + QLatin1String(stanza.package);
     return isOwn ? command : command + u':' + QLatin1String(architecture);
@@ -277,11 +279,13 @@ std::optional<QList<UninstallEntry>> parseSnapList(QByteArrayView output)
         return shown(takeUntil(output, '\n')).split(u' ', Qt::SkipEmptyParts);
     };
     const QStringList header = takeRow();
-    if (!header.contains(QStringLiteral("Name")) || !header.contains(QStringLiteral("Rev")))
+    if (header.value(0) != u"Name" || !header.contains(QStringLiteral("Rev")))
         return std::nullopt;
     while (!output.isEmpty()) {
-        const QStringList row = takeRow();
-        if (row.size() != header.size())
+        QStringList row = takeRow();
+        for (; row.size() > header.size(); row.removeAt(2))
+            row[1] += u' ' + row[2]; // only a version, the second column, may hold blanks
+        if (row.size() < header.size())
             continue;
         // A dash stands for nothing.
         const auto cell = [&](const QString& heading) {

@@ -31,13 +31,11 @@ QString shell(const QString& script)
 /// The lines that entries make with the same fields, by dpkg-query.
 QStringList dpkgQuery(const QString& options, const QString& fields)
 {
-    const QString output =
-        shell(QStringLiteral("dpkg-query %1 -W -f='${db:Status-Status}|${Package}|"
-                             "${Version}|${Maintainer}|${Installed-Size}%2\\n'")
-                  .arg(options, fields));
-    QStringList lines =
-        output.split(u'\n').filter(QRegularExpression(QStringLiteral("^installed")));
-    return lines.replaceInStrings(QRegularExpression(QStringLiteral("^installed\\|")), {});
+    const QString command = QStringLiteral(
+        R"(dpkg-query %1 -W -f='${db:Status-Status}|${Package}|${Version}|${Maintainer}|)"
+        R"(${Installed-Size}%2\n' |
+           awk -F'|' -v OFS='|' '$1 == "installed" { $5 += 0; sub(/[^|]*./, ""); print }')");
+    return shell(command.arg(options, fields)).split(u'\n', Qt::SkipEmptyParts);
 }
 
 QString line(const UninstallEntry& entry, const QString& last)
@@ -204,7 +202,7 @@ END
         writeProgram("snap", R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
             echo 'Name  Version  Rev  Tracking  Publisher    Notes'
             echo 'core  2        15   -         canonical**  base'
-            echo 'a_b   -        x1   -         -            -'
+            echo 'a_b   1 beta   x1   -         -            -'
             echo 'cut   1')");
         const auto entries = list();
         QCOMPARE(m_error, QString());
@@ -214,7 +212,7 @@ END
                       QStringLiteral("x|1|o|1|flatpak uninstall runtime/x/i386/1|1"),
                       QStringLiteral("n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2"),
                       QStringLiteral("core|2|canonical|2|snap remove core|0"),
-                      QStringLiteral("a_b|||0|snap remove a_b|0")}));
+                      QStringLiteral("a_b|1 beta||0|snap remove a_b|0")}));
         QCOMPARE(entries[0].installLocation, path("var/lib/flatpak/app/a.B/x86_64/stable/active"));
         QCOMPARE(entries[1].installLocation, QString());
         QCOMPARE(entries[2].installLocation, path("user/app/a/i386/b/active"));
@@ -288,6 +286,7 @@ END
     {
         const QByteArrayList names{"-y", "a;b", "a b",  "$(a)", "..",       "../a",
                                    "a&", "a\\", "\x01", "a\"",  "\xc3\xa9", QByteArray(300, 'a')};
+        QCOMPARE(parseDpkgDatabase(stanza("Aa", "1"), {})[0].uninstallString, QString());
         for (const QByteArray& name : names) {
             auto entries = parseDpkgDatabase(stanza(name, "1") + '\n' + stanza("a", "1", name), {});
             entries += parseRpmPackages("a\x1f" + name + "\x1f\x1f\x1f\x1f\x1e");
