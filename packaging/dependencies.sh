@@ -16,6 +16,7 @@ test_needs=(
     npm=npm
     ps=procps
     ss=iproute2
+    rpm=rpm
     script=bsdutils
 )
 lint_needs=(

@@ -1,0 +1,365 @@
+// Tests the listing of installed software beside dpkg-query, on databases of rpm's and the test's
+// own making, and with scripts in the place of programs that lie, hang and flood.
+#include "platform/linux/installed_software.h"
+#include "platform/linux/package_databases.h"
+#include "support/mcp_client.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+
+using namespace korvane;
+using namespace korvane::linux_platform;
+
+namespace {
+
+/// What a shell prints for `script`.
+QString shell(const QString& script)
+{
+    QProcess process;
+    process.start(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    process.waitForFinished(60'000);
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+/// The lines that entries make with the same fields, by dpkg-query.
+QStringList dpkgQuery(const QString& options, const QString& fields)
+{
+    const QString command = QStringLiteral(
+        R"(dpkg-query %1 -W -f='${db:Status-Status}|${Package}|${Version}|${Maintainer}|)"
+        R"(${Installed-Size}%2\n' |
+           awk -F'|' -v OFS='|' '$1 == "installed" { $5 += 0; sub(/[^|]*./, ""); print }')");
+    return shell(command.arg(options, fields)).split(u'\n', Qt::SkipEmptyParts);
+}
+
+QString line(const UninstallEntry& entry, const QString& last)
+{
+    return QStringList{entry.displayName, entry.displayVersion, entry.publisher,
+                       QString::number(entry.estimatedSizeKb), last}
+        .join(u'|');
+}
+
+QStringList lines(const QList<UninstallEntry>& entries)
+{
+    QStringList all;
+    for (const UninstallEntry& entry : entries)
+        all += line(entry, entry.uninstallString + u'|' + QString::number(entry.source));
+    return all;
+}
+
+/// `name` as dpkg keeps it; `more` are whole lines.
+QByteArray stanza(const QByteArray& name, const QByteArray& version,
+                  const QByteArray& architecture = "amd64", const QByteArray& more = {},
+                  const QByteArray& state = "installed")
+{
+    return "Package: " + name + "\nStatus: hold ok " + state +
+           "\nMaintainer: M \xc3\xa9 %1 <m@x>\n" +
+           "Installed-Size: 7\nArchitecture: " + architecture + '\n' + more +
+           "Version: " + version + "\nDescription: d\n";
+}
+
+} // namespace
+
+class TestInstalledSoftware : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init()
+    {
+        m_limits = {};
+        m_root = std::make_unique<QTemporaryDir>();
+        qputenv("HOME", QFile::encodeName(m_root->path()));
+        qputenv("PATH", QFile::encodeName(path("bin")) + ":/usr/bin:/bin");
+        qputenv("FLATPAK_USER_DIR", QFile::encodeName(path("user")));
+    }
+
+    void machineIsListedAsByDpkgQuery()
+    {
+        if (!QFile::exists(QStringLiteral("/var/lib/dpkg/status")))
+            QSKIP("this machine has no dpkg");
+        QStringList listed;
+        const auto reply = test::Client().call(QStringLiteral("list_uninstall_entries")).json();
+        for (const QJsonValue entry : reply.value(QLatin1String("entries")).toArray()) {
+            const auto text = [&](const char* key) {
+                return entry[QLatin1String(key)].toVariant().toString();
+            };
+            if (text("uninstall_string").startsWith(QStringLiteral("apt-get remove ")))
+                listed += QStringList{text("display_name"), text("display_version"),
+                                      text("publisher"), text("size_kb")}
+                              .join(u'|');
+        }
+        QVERIFY(listed.size() > 50);
+        QCOMPARE(listed, dpkgQuery({}, {}));
+    }
+
+    void journalIsMergedAsByDpkg()
+    {
+        if (shell(QStringLiteral("dpkg --print-architecture")) != QStringLiteral("amd64\n"))
+            QSKIP("the database is that of an amd64 machine");
+        const QByteArray same("Multi-Arch: same\n");
+        QByteArray status("pACKAGE:  caps\t\nstatus:\tinstall ok installed\nversion:1:2~x+b1-3 \n"
+                          "ARCHITECTURE: all\nInstalled-Size: 0\n\n");
+        status += stanza("conf", "1", "amd64", "X-Text: t\n x\n Version: x\nX-Version: 5\n");
+        for (const char* name :
+             {"dpkg", "kept", "upgraded", "crossed", "removed", "purged", "half"})
+            status += '\n' + stanza(name, "1");
+        for (const char* name : {"both", "both2", "joined"})
+            status += '\n' + stanza(name, "1", "amd64", same);
+        status +=
+            '\n' + stanza("both", "1", "i386", same) + '\n' + stanza("both2", "1", "i386", same);
+        write("var/lib/dpkg/status", status);
+        const QByteArrayList updates{stanza("upgraded", "2"),
+                                     stanza("upgraded", "3"),
+                                     stanza("crossed", "2", "i386"),
+                                     stanza("removed", "1", "amd64", {}, "config-files"),
+                                     "Package: purged\nStatus: purge ok not-installed\n",
+                                     stanza("half", "2", "amd64", {}, "half-installed"),
+                                     stanza("both", "2", "i386", same),
+                                     stanza("both2", "1", "amd64", same, "not-installed"),
+                                     stanza("joined", "2", "i386", same),
+                                     stanza("new", "1", "all") + '\n' +
+                                         stanza("new2", "1", "armhf")};
+        for (qsizetype i = 0; i < updates.size(); ++i)
+            write("var/lib/dpkg/updates/000" + QByteArray::number(i), updates[i]);
+        write("var/lib/dpkg/updates/tmp.i", stanza("kept", "9"));
+
+        QStringList listed;
+        for (const UninstallEntry& entry : list())
+            listed += line(entry, entry.identifier.section(u':', 1));
+        listed.sort();
+        QCOMPARE(m_error, QString());
+        QStringList expected = dpkgQuery(QStringLiteral("--admindir=") + path("var/lib/dpkg"),
+                                         QStringLiteral("|${Architecture}"));
+        expected.sort();
+        QVERIFY(expected.size() >= 10);
+        QCOMPARE(listed, expected);
+        const QString commands = lines(list()).join(u'\n');
+        for (const char* command : {"remove caps|0", "remove kept|0", "remove both:i386|1"})
+            QVERIFY2(commands.contains(QLatin1String(command)), command);
+    }
+
+    void rpmDatabaseIsListed()
+    {
+        if (!QFile::exists(QStringLiteral("/usr/bin/rpmbuild")))
+            QSKIP("this machine has no rpmbuild");
+        write(".rpmmacros", "%_dbpath %(echo $HOME)/var/lib/rpm\n%_topdir %(echo $HOME)/build\n");
+        const QString script = QStringLiteral(R"(cd; exec 2>&1
+            for package in one:noarch two:i686; do
+                name=${package%:*} cpu=${package#*:}
+                sed 's/^ *//' >spec <<END
+                    Name: $name
+                    Version: 1~rc
+                    Release: 2^git
+                    $(test $name = one && printf 'Epoch: 3\nVendor: V %%%%1')
+                    Packager: P é <p@x>
+                    Summary: s
+                    License: l
+                    %description
+                    %install
+                    mkdir -p %{buildroot}
+                    head -c 5000 /dev/zero >%{buildroot}/$name
+                    %files
+                    /$name
+END
+                rpmbuild -bb --quiet --target $cpu spec
+                rpm -i --justdb --nodeps --ignorearch build/RPMS/$cpu/*.rpm
+            done)");
+        const QString printed = shell(script);
+        QStringList listed = lines(list());
+        listed.sort();
+        const QStringList expected{
+            QStringLiteral("one|3:1~rc-2^git|V %1|5|rpm -e one-1~rc-2^git.noarch|0"),
+            QStringLiteral("two|1~rc-2^git|P é <p@x>|5|rpm -e two-1~rc-2^git.i686|1")};
+        QVERIFY2(listed == expected, qPrintable(listed.join(u'\n') + m_error + printed));
+        write("var/lib/rpm/rpmdb.sqlite", QByteArray(8192, 'x'));
+        QVERIFY(list().isEmpty());
+        QVERIFY2(m_error.contains(QStringLiteral("rpm (退出码 ")), qPrintable(m_error));
+    }
+
+    void programsAreAsked()
+    {
+        const QByteArray columns(" --columns=ref,origin,size,options,version,name");
+        write("var/lib/flatpak/app/a.B/x86_64/stable/active", "x");
+        write("user/app/a/i386/b/active", "x");
+        write("var/lib/snapd/state.json", "x");
+        write("var/lib/snapd/snaps/core_15.snap", QByteArray(1025, 'x'));
+        write("snap/core/current", "x");
+        writeProgram("flatpak", R"(case "$*" in
+            "list --system)" + columns +
+                                    R"(")
+                printf 'a.B/x86_64/stable\to\t1.5\302\240MB\tsystem,current\t1 b\tN\tn\n'
+                printf 'x/i386/1\to\t512 bytes\tsystem,runtime\t\t\na line feed\n' ;;
+            "list --user)" + columns +
+                                    R"(") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
+            *) exit 9 ;; esac)");
+        writeProgram("snap", R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
+            echo 'Name  Version  Rev  Tracking  Publisher    Notes'
+            echo 'core  2        15   -         canonical**  base'
+            echo 'a_b   1 beta   x1   -         -            -'
+            echo 'cut   1')");
+        const auto entries = list();
+        QCOMPARE(m_error, QString());
+        QCOMPARE(lines(entries),
+                 QStringList(
+                     {QStringLiteral("N\tn|1 b|o|1465|flatpak uninstall app/a.B/x86_64/stable|0"),
+                      QStringLiteral("x|1|o|1|flatpak uninstall runtime/x/i386/1|1"),
+                      QStringLiteral("n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2"),
+                      QStringLiteral("core|2|canonical|2|snap remove core|0"),
+                      QStringLiteral("a_b|1 beta||0|snap remove a_b|0")}));
+        QCOMPARE(entries[0].installLocation, path("var/lib/flatpak/app/a.B/x86_64/stable/active"));
+        QCOMPARE(entries[1].installLocation, QString());
+        QCOMPARE(entries[2].installLocation, path("user/app/a/i386/b/active"));
+        QCOMPARE(entries[3].installLocation, path("snap/core/current"));
+    }
+
+    void programMayFail_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QString>("error"); // the beginning of it
+        const QString late = QStringLiteral("1000 毫秒内未结束");
+        QTest::newRow("is not there") << QByteArray() << QStringLiteral("无法启动: ");
+        QTest::newRow("complains")
+            << QByteArray("echo why %1 >&2; exit 3") << QStringLiteral("退出码 3: why %1)");
+        QTest::newRow("is killed") << QByteArray("kill -9 $$") << QStringLiteral("异常终止");
+        QTest::newRow("prints no table")
+            << QByteArray("echo x") << QStringLiteral("无法识别的输出");
+        QTest::newRow("hangs") << QByteArray("sleep 60; :") << late;
+        QTest::newRow("closes its output") << QByteArray("exec >&- 2>&-; sleep 60; :") << late;
+        QTest::newRow("floods errors") << QByteArray("cat /dev/zero >&2; :") << late;
+        QTest::newRow("floods") << QByteArray("cat /dev/zero; :")
+                                << QStringLiteral("输出超过 99999 ");
+        QTest::newRow("reads its input") << QByteArray("cat; echo No snaps >&2") << QString();
+        QTest::newRow("leaves a process behind")
+            << QByteArray("sleep 60 & echo Name Rev") << QString();
+    }
+    void programMayFail()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(QString, error);
+        write("var/lib/snapd/state.json", "x");
+        if (!body.isEmpty())
+            writeProgram("snap", "echo $$ >$HOME/pid\n" + body);
+        m_limits = {std::chrono::seconds(1), 99'999};
+        const QDeadlineTimer deadline(30'000);
+        QVERIFY(list().isEmpty());
+        QVERIFY(!deadline.hasExpired());
+        if (error.isEmpty())
+            QCOMPARE(m_error, QString());
+        else
+            QVERIFY2(m_error.contains(QStringLiteral(": snap (") + error), qPrintable(m_error));
+        const int group = shell(QStringLiteral("cat $HOME/pid 2>&-")).toInt();
+        if (group != 0 && error.isEmpty())
+            ::kill(-group, SIGKILL);
+        if (group != 0) // and all that it started
+            QTRY_VERIFY(::kill(-group, 0) != 0);
+
+        if (error.isEmpty())
+            return;
+        // Where another source can be read, a failure is logged, but only once.
+        static bool isLogged = false;
+        write("var/lib/dpkg/status", stanza("a", "1"));
+        if (!std::exchange(isLogged, true))
+            QTest::ignoreMessage(QtWarningMsg,
+                                 QRegularExpression(QStringLiteral("未列出 snap: .")));
+        QTest::failOnWarning(QRegularExpression(QStringLiteral(".")));
+        QCOMPARE(list().size(), 1);
+        QCOMPARE(m_error, QString());
+    }
+
+    void nothingToReadIsAnError()
+    {
+        QVERIFY(list().isEmpty());
+        QVERIFY2(m_error.contains(QStringLiteral("没有 dpkg, rpm")), qPrintable(m_error));
+        QVERIFY(QDir().mkpath(path("var/lib/dpkg/status")));
+        QVERIFY(list().isEmpty());
+        QVERIFY2(m_error.contains(path("var/lib/dpkg/status: ")), qPrintable(m_error));
+    }
+
+    void commandsAreOnlyMadeOfPlainNames()
+    {
+        const QByteArrayList names{"-y", "a;b", "a b",  "$(a)", "..",       "../a",
+                                   "a&", "a\\", "\x01", "a\"",  "\xc3\xa9", QByteArray(300, 'a')};
+        QCOMPARE(parseDpkgDatabase(stanza("Aa", "1"), {})[0].uninstallString, QString());
+        for (const QByteArray& name : names) {
+            auto entries = parseDpkgDatabase(stanza(name, "1") + '\n' + stanza("a", "1", name), {});
+            entries += parseRpmPackages("a\x1f" + name + "\x1f\x1f\x1f\x1f\x1e");
+            for (const QByteArray& ref : {name + "/c/b", "a/" + name + "/b", "a/c/" + name})
+                entries += parseFlatpakList(ref + "\to\t1 MB\tcurrent\t1\tn\n", true);
+            entries += *parseSnapList("Name Rev\n" + name + " 1\n");
+            QVERIFY(entries.size() >= 6);
+            for (const UninstallEntry& entry : entries)
+                QVERIFY2(entry.uninstallString.isEmpty(), qPrintable(entry.uninstallString));
+        }
+    }
+
+    void damagedTextIsSurvived()
+    {
+        const QByteArray rpm("gpg-pubkey\x1fgpg-pubkey-1-1\x1f"
+                             "1-1\x1f(none)\x1f"
+                             "0\x1f\x1e"
+                             "a\x1f"
+                             "a-1.i586\x1f"
+                             "1\x1fi586\x1f"
+                             "9223372036854775807\x1fv\x1e");
+        QCOMPARE(lines(parseRpmPackages(rpm)),
+                 QStringList(QStringLiteral("a|1|v|9007199254740992|rpm -e a-1.i586|1")));
+        for (const char* size : {"-1 MB", "nan MB", "1e300 TB", "inf kB", "1 XB", "", "2000 kB"})
+            QCOMPARE(parseFlatpakList(QByteArray("a/b/c\to\t") + size + "\t\t\tn", true)[0]
+                         .estimatedSizeKb,
+                     0);
+        const QByteArray text = stanza("a", "1") + '\n' + stanza("b", "1", "i386") + '\n' + rpm +
+                                "Name Rev Publisher\na 1 b**\na/b/c\to\t1 MB\tx\t1\tn\n";
+        QRandomGenerator random(1); // the same damage each time
+        for (int round = 0; round < 2000; ++round) {
+            const auto begin = random.bounded(text.size() - 1);
+            QByteArray damaged = text.mid(begin, 1 + random.bounded(text.size() - begin));
+            for (int i = 0; i < 8; ++i)
+                damaged[random.bounded(damaged.size())] =
+                    "\0\n\t :/\x1f\x1e\xff-"[random.bounded(10)];
+            damaged.squeeze(); // so that an overread is seen
+            const auto entries = parseDpkgDatabase(damaged, {damaged}) + parseRpmPackages(damaged) +
+                                 parseFlatpakList(damaged, false) +
+                                 parseSnapList(damaged).value_or(QList<UninstallEntry>());
+            for (const UninstallEntry& entry : entries)
+                QVERIFY(entry.estimatedSizeKb >= 0);
+        }
+    }
+
+private:
+    QString path(const QByteArray& name) const { return m_root->filePath(QString::fromUtf8(name)); }
+
+    QList<UninstallEntry> list()
+    {
+        m_error.clear();
+        return listInstalledSoftware(m_root->path(), m_limits, &m_error);
+    }
+
+    void write(const QByteArray& name, const QByteArray& content) const
+    {
+        QFile file(path(name));
+        QVERIFY(QDir().mkpath(QFileInfo(file).path()));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(content), content.size());
+    }
+
+    /// A script that is found in PATH.
+    void writeProgram(const QByteArray& name, const QByteArray& body) const
+    {
+        write("bin/" + name, "#!/bin/sh\n" + body);
+        QFile::setPermissions(path("bin/" + name), QFile::ReadOwner | QFile::ExeOwner);
+    }
+
+    std::unique_ptr<QTemporaryDir> m_root;
+    HelperLimits m_limits;
+    QString m_error;
+};
+
+QTEST_GUILESS_MAIN(TestInstalledSoftware)
+#include "tst_installed_software.moc"
