@@ -167,7 +167,7 @@ QList<QString> relatedServices(const QString& serviceName, std::span<const char*
     std::set<QString> names;
     const bool answered = bus.callAll(calls, [&](std::size_t, sd_bus_message* reply) {
         if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "as") <= 0)
-            bus.fail(errorMessage(reply));
+            bus.fail(QStringLiteral("systemd 没有给出 %1 的依赖关系").arg(serviceName));
         for (const QByteArray& related : readTexts(reply)) {
             if (const auto name = serviceNameOf(related))
                 names.insert(*name);

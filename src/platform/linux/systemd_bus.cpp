@@ -118,8 +118,8 @@ UniqueMessage SystemdBus::advance()
     const auto left = duration_cast<microseconds>(m_deadline - steady_clock::now()).count();
     if (left <= 0) {
         const bool isReady = sd_bus_is_ready(m_bus.get()) > 0;
-        fail(QStringLiteral("%1 在 %2 秒内没有应答")
-                 .arg(isReady ? QStringLiteral("systemd") : QStringLiteral("系统总线"),
+        fail(QStringLiteral("%1在 %2 秒内没有应答")
+                 .arg(isReady ? QStringLiteral("systemd ") : QStringLiteral("系统总线"),
                       QString::number(duration<double>(m_limit).count())));
         return nullptr;
     }

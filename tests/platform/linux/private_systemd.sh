@@ -43,7 +43,7 @@ ExecStart=/usr/bin/dbus-daemon --config-file=/run/kv/bus.conf --address=systemd:
 END
 
 /lib/systemd/systemd --user >/run/kv/systemd.log 2>&1 &
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus KORVANE_PRIVATE_SYSTEMD=1
 tries=0
 until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1 >/dev/null 2>&1; do
     tries=$((tries + 1))
