@@ -16,6 +16,8 @@ test_needs=(
     npm=npm
     ps=procps
     script=bsdutils
+    /lib/systemd/systemd=systemd
+    /usr/lib/systemd/user/dbus.socket=dbus-user-session
 )
 lint_needs=(
     clang-format=clang-format

@@ -27,38 +27,22 @@ constexpr int maxUnits = 20'000;
 constexpr auto unitInterface = "org.freedesktop.systemd1.Unit";
 constexpr auto serviceInterface = "org.freedesktop.systemd1.Service";
 
-/// Reads the rows of a list by `readRow`, which returns what sd-bus does; whether all could be.
-template <typename ReadRow>
-bool readRows(sd_bus_message* reply, const char* rowSignature, ReadRow readRow)
+/// Reads one of the two lists; false when it is damaged or too long.
+bool readList(sd_bus_message* reply, bool isOfFiles, ListedServices& services)
 {
+    const char* rowSignature = isOfFiles ? "(ss)" : "(ssssssouso)";
+    std::array<const char*, 4> text{};
     int result = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, rowSignature);
-    for (int rows = 0; result > 0 && rows <= maxUnits; ++rows)
-        result = readRow();
-    return result == 0;
-}
-
-bool readLoadedUnits(sd_bus_message* reply, ListedServices& services)
-{
-    return readRows(reply, "(ssssssouso)", [=, &services] {
-        std::array<const char*, 4> text{};
-        const int result =
-            sd_bus_message_read(reply, "(ssssssouso)", text.data(), &text[1], &text[2], &text[3],
-                                nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-        if (result > 0)
-            addLoadedUnit(services, text[0], text[1], text[2], text[3]);
-        return result;
-    });
-}
-
-bool readUnitFiles(sd_bus_message* reply, ListedServices& services)
-{
-    return readRows(reply, "(ss)", [=, &services] {
-        std::array<const char*, 2> text{};
-        const int result = sd_bus_message_read(reply, "(ss)", text.data(), &text[1]);
-        if (result > 0)
+    for (int rows = 0; result > 0 && rows <= maxUnits; ++rows) {
+        // As many of these as the signature has; what is not needed has no place.
+        result = sd_bus_message_read(reply, rowSignature, text.data(), &text[1], &text[2], &text[3],
+                                     nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (result > 0 && isOfFiles)
             addUnitFile(services, text[0], text[1]);
-        return result;
-    });
+        else if (result > 0)
+            addLoadedUnit(services, text[0], text[1], text[2], text[3]);
+    }
+    return result == 0;
 }
 
 /// The services of both lists; none when the bus failed.
@@ -73,7 +57,7 @@ ListedServices listNames(SystemdBus& bus)
     bus.callAll(calls, [&](std::size_t index, sd_bus_message* reply) {
         if (sd_bus_message_is_method_error(reply, nullptr) > 0)
             bus.fail(QStringLiteral("systemd 拒绝列出服务: %1").arg(errorMessage(reply)));
-        else if (!(index == 0 ? readLoadedUnits : readUnitFiles)(reply, services))
+        else if (!readList(reply, index == 1, services))
             bus.fail(QStringLiteral("systemd 的服务列表无法识别"));
     });
     return services;
@@ -115,7 +99,7 @@ QString readCommandLine(sd_bus_message* reply)
 /// Asks for what the lists do not tell. A service that is gone by now keeps what they told.
 void readProperties(SystemdBus& bus, ListedServices& services)
 {
-    using Reader = void (*)(sd_bus_message * reply, ServiceItem & item);
+    using Reader = void (*)(sd_bus_message*, ServiceItem&);
     std::vector<UniqueMessage> calls;
     std::vector<std::pair<Reader, ServiceItem*>> readers; // of the calls
     for (ListedService& service : services) {
@@ -259,11 +243,9 @@ QList<ServiceItem> listServices(std::chrono::milliseconds limit, QString* error)
     if (error != nullptr)
         *error = bus.error();
     QList<ServiceItem> items;
-    if (bus.error().isEmpty()) {
-        for (const ListedService& service : services)
-            items.append(service.item);
-    }
-    return items;
+    for (const ListedService& service : std::as_const(services))
+        items.append(service.item);
+    return bus.error().isEmpty() ? items : QList<ServiceItem>();
 }
 
 } // namespace linux_platform
