@@ -18,6 +18,8 @@ test_needs=(
     ss=iproute2
     rpm=rpm
     script=bsdutils
+    /lib/systemd/systemd=systemd
+    /usr/lib/systemd/user/dbus.socket=dbus-user-session
 )
 lint_needs=(
     clang-format=clang-format

@@ -1,0 +1,272 @@
+// Services: the service units of systemd, and what they need of one another.
+#include "platform/linux/services.h"
+
+#include "core/service_manager_service.h"
+#include "platform/linux/systemd_bus.h"
+#include "platform/linux/text.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <span>
+
+namespace korvane {
+
+namespace linux_platform {
+
+namespace {
+
+constexpr QByteArrayView serviceSuffix(".service");
+
+/// How long systemd may take for all that is asked in one operation.
+constexpr std::chrono::seconds answerLimit(5);
+
+/// More units than any machine has: a longer list is not believed.
+constexpr int maxUnits = 20'000;
+
+constexpr auto unitInterface = "org.freedesktop.systemd1.Unit";
+constexpr auto serviceInterface = "org.freedesktop.systemd1.Service";
+
+/// Reads one of the two lists; false when it is damaged or too long.
+bool readList(sd_bus_message* reply, bool isOfFiles, ListedServices& services)
+{
+    const char* rowSignature = isOfFiles ? "(ss)" : "(ssssssouso)";
+    std::array<const char*, 4> text{};
+    int result = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, rowSignature);
+    for (int rows = 0; result > 0 && rows <= maxUnits; ++rows) {
+        // As many of these as the signature has; what is not needed has no place.
+        result = sd_bus_message_read(reply, rowSignature, text.data(), &text[1], &text[2], &text[3],
+                                     nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (result > 0 && isOfFiles)
+            addUnitFile(services, text[0], text[1]);
+        else if (result > 0)
+            addLoadedUnit(services, text[0], text[1], text[2], text[3]);
+    }
+    return result == 0;
+}
+
+/// The services of both lists; none when the bus failed.
+ListedServices listNames(SystemdBus& bus)
+{
+    std::vector<UniqueMessage> calls;
+    calls.push_back(bus.managerCall("ListUnitsByPatterns"));
+    calls.push_back(bus.managerCall("ListUnitFilesByPatterns"));
+    for (const UniqueMessage& call : calls)
+        sd_bus_message_append(call.get(), "asas", 0, 1, "*.service");
+    ListedServices services;
+    bus.callAll(calls, [&](std::size_t index, sd_bus_message* reply) {
+        if (sd_bus_message_is_method_error(reply, nullptr) > 0)
+            bus.fail(QStringLiteral("systemd 拒绝列出服务: %1").arg(errorMessage(reply)));
+        else if (!readList(reply, index == 1, services))
+            bus.fail(QStringLiteral("systemd 的服务列表无法识别"));
+    });
+    return services;
+}
+
+QString readText(sd_bus_message* reply)
+{
+    const char* text = nullptr;
+    return sd_bus_message_read(reply, "v", "s", &text) > 0 ? textFromSystem(text) : QString();
+}
+
+/// The array of texts that comes next.
+QByteArrayList readTexts(sd_bus_message* reply)
+{
+    QByteArrayList texts;
+    const char* text = nullptr;
+    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "s") > 0) {
+        while (sd_bus_message_read(reply, "s", &text) > 0)
+            texts.append(text);
+    }
+    return texts;
+}
+
+/// The first command of ExecStart: its program, and the arguments after the name it is given. Only
+/// services of Type=oneshot may have more commands.
+QString readCommandLine(sd_bus_message* reply)
+{
+    const char* program = nullptr;
+    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "a(sasbttttuii)") <= 0 ||
+        sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "(sasbttttuii)") <= 0 ||
+        sd_bus_message_enter_container(reply, SD_BUS_TYPE_STRUCT, "sasbttttuii") <= 0 ||
+        sd_bus_message_read(reply, "s", &program) <= 0)
+        return {};
+    QByteArrayList words{program};
+    words.append(readTexts(reply).mid(1));
+    return textFromSystem(words.join(' '));
+}
+
+/// Asks for what the lists do not tell. A service that is gone by now keeps what they told.
+void readProperties(SystemdBus& bus, ListedServices& services)
+{
+    using Reader = void (*)(sd_bus_message*, ServiceItem&);
+    std::vector<UniqueMessage> calls;
+    std::vector<std::pair<Reader, ServiceItem*>> readers; // of the calls
+    for (ListedService& service : services) {
+        const auto ask = [&](const char* interface, const char* property, Reader reader) {
+            calls.push_back(bus.propertyCall(unitNameOf(service.item.name), interface, property));
+            readers.emplace_back(reader, &service.item);
+        };
+        ask(unitInterface, "Documentation", [](sd_bus_message* reply, ServiceItem& item) {
+            sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "as");
+            item.description = textFromSystem(readTexts(reply).join(' '));
+        });
+        ask(serviceInterface, "ExecStart", [](sd_bus_message* reply, ServiceItem& item) {
+            item.binaryPath = readCommandLine(reply);
+        });
+        if (!service.isLoaded) {
+            ask(unitInterface, "Description", [](sd_bus_message* reply, ServiceItem& item) {
+                item.displayName = readText(reply);
+            });
+        }
+        if (service.isActive) {
+            ask(serviceInterface, "MainPID", [](sd_bus_message* reply, ServiceItem& item) {
+                sd_bus_message_read(reply, "v", "u", &item.pid);
+            });
+        }
+        // Such as a template's instance. Asked for, it costs systemd a search of its folders.
+        if (!service.hasFile) {
+            ask(unitInterface, "UnitFileState", [](sd_bus_message* reply, ServiceItem& item) {
+                item.startType = startTypeFrom(readText(reply).toUtf8());
+            });
+        }
+    }
+    bus.callAll(calls, [&readers](std::size_t index, sd_bus_message* reply) {
+        const auto& [reader, item] = readers[index];
+        reader(reply, *item);
+    });
+}
+
+/// The services that any of the unit properties `relations` of a service names, sorted, each once;
+/// empty on failure.
+QList<QString> relatedServices(const QString& serviceName, std::span<const char* const> relations)
+{
+    const QByteArray unitName = unitNameOf(serviceName);
+    if (!serviceNameOf(unitName))
+        return {};
+    SystemdBus bus(answerLimit);
+    std::vector<UniqueMessage> calls;
+    for (const char* relation : relations)
+        calls.push_back(bus.propertyCall(unitName, unitInterface, relation));
+    std::set<QString> names;
+    const bool answered = bus.callAll(calls, [&](std::size_t, sd_bus_message* reply) {
+        if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "as") <= 0)
+            bus.fail(QStringLiteral("systemd 没有给出 %1 的依赖关系").arg(serviceName));
+        for (const QByteArray& related : readTexts(reply)) {
+            if (const auto name = serviceNameOf(related))
+                names.insert(*name);
+        }
+    });
+    return answered ? QList<QString>(names.begin(), names.end()) : QList<QString>();
+}
+
+} // namespace
+
+std::optional<QString> serviceNameOf(QByteArrayView unitName)
+{
+    constexpr qsizetype longest = 255;
+    static constexpr QByteArrayView allowed(
+        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@");
+    if (unitName.size() > longest || !unitName.endsWith(serviceSuffix))
+        return std::nullopt;
+    const QByteArrayView name = unitName.chopped(serviceSuffix.size());
+    const qsizetype at = name.indexOf('@');
+    if (name.isEmpty() || at == 0 || at == name.size() - 1 ||
+        !std::all_of(name.begin(), name.end(), [](char c) { return allowed.contains(c); }))
+        return std::nullopt;
+    return textFromSystem(name);
+}
+
+QByteArray unitNameOf(const QString& serviceName)
+{
+    return serviceName.toUtf8().append(serviceSuffix);
+}
+
+ServiceState serviceStateFrom(QByteArrayView activeState)
+{
+    if (activeState == "active" || activeState == "reloading")
+        return ServiceState::Running;
+    if (activeState == "activating")
+        return ServiceState::StartPending;
+    if (activeState == "deactivating")
+        return ServiceState::StopPending;
+    if (activeState == "inactive" || activeState == "failed")
+        return ServiceState::Stopped;
+    return ServiceState::Unknown;
+}
+
+ServiceStartType startTypeFrom(QByteArrayView fileState)
+{
+    constexpr std::array<QByteArrayView, 7> manual{
+        "static", "indirect", "generated", "transient", "disabled", "linked", "linked-runtime"};
+    if (fileState == "enabled" || fileState == "enabled-runtime")
+        return ServiceStartType::Auto;
+    if (fileState == "masked" || fileState == "masked-runtime")
+        return ServiceStartType::Disabled;
+    return std::find(manual.begin(), manual.end(), fileState) == manual.end()
+               ? ServiceStartType::Unknown
+               : ServiceStartType::Manual;
+}
+
+void addLoadedUnit(ListedServices& services, QByteArrayView unitName, QByteArrayView description,
+                   QByteArrayView loadState, QByteArrayView activeState)
+{
+    const auto name = serviceNameOf(unitName);
+    if (!name || loadState == "not-found")
+        return;
+    ListedService& service = services[*name];
+    service.item.name = *name;
+    service.item.displayName = textFromSystem(description);
+    service.item.state = serviceStateFrom(activeState);
+    service.isLoaded = true;
+    service.isActive = activeState != "inactive";
+}
+
+void addUnitFile(ListedServices& services, QByteArrayView path, QByteArrayView state)
+{
+    const auto name = serviceNameOf(path.sliced(path.lastIndexOf('/') + 1));
+    if (!name || state == "alias")
+        return;
+    ListedService& service = services[*name];
+    service.item.name = *name;
+    service.item.startType = startTypeFrom(state);
+    if (!service.isLoaded)
+        service.item.state = ServiceState::Stopped;
+    service.hasFile = true;
+}
+
+QList<ServiceItem> listServices(std::chrono::milliseconds limit, QString* error)
+{
+    SystemdBus bus(limit);
+    ListedServices services = listNames(bus);
+    readProperties(bus, services);
+    if (error != nullptr)
+        *error = bus.error();
+    QList<ServiceItem> items;
+    for (const ListedService& service : std::as_const(services))
+        items.append(service.item);
+    return bus.error().isEmpty() ? items : QList<ServiceItem>();
+}
+
+} // namespace linux_platform
+
+QList<ServiceItem> ServiceManagerService::enumPlatform(QString* error) const
+{
+    return linux_platform::listServices(linux_platform::answerLimit, error);
+}
+
+QList<QString> ServiceManagerService::enumDependentsPlatform(const QString& name) const
+{
+    // Who needs it, or stops with it.
+    static constexpr std::array<const char*, 4> relations{"RequiredBy", "RequisiteOf", "BoundBy",
+                                                          "ConsistsOf"};
+    return linux_platform::relatedServices(name, relations);
+}
+
+QList<QString> ServiceManagerService::queryDependenciesPlatform(const QString& name) const
+{
+    static constexpr std::array<const char*, 3> relations{"Requires", "Requisite", "BindsTo"};
+    return linux_platform::relatedServices(name, relations);
+}
+
+} // namespace korvane

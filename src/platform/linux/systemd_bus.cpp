@@ -1,0 +1,135 @@
+// Calls to the systemd on the system bus, many at a time and within one limit.
+#include "platform/linux/systemd_bus.h"
+
+#include "platform/linux/text.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <unordered_map>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+using namespace std::chrono;
+
+/// A system bus refuses a connection's calls beyond 128 pending replies.
+constexpr std::size_t maxCallsInFlight = 64;
+
+/// What an error reply says of the bus or of systemd as a whole; empty when it is about the call.
+QString troubleOf(sd_bus_message* reply)
+{
+    const auto is = [reply](const char* name) {
+        return sd_bus_message_is_method_error(reply, name) > 0;
+    };
+    if (is(SD_BUS_ERROR_SERVICE_UNKNOWN) || is(SD_BUS_ERROR_NAME_HAS_NO_OWNER))
+        return QStringLiteral("系统总线上没有 systemd");
+    if (is(SD_BUS_ERROR_NO_REPLY) || is(SD_BUS_ERROR_LIMITS_EXCEEDED))
+        return QStringLiteral("systemd 未能应答: %1").arg(errorMessage(reply));
+    return {};
+}
+
+} // namespace
+
+QString errorMessage(sd_bus_message* reply)
+{
+    constexpr qsizetype longest = 300;
+    const sd_bus_error* error = sd_bus_message_get_error(reply);
+    return error == nullptr ? QString() : textFromSystem(error->message).left(longest);
+}
+
+SystemdBus::SystemdBus(milliseconds limit) : m_limit(limit), m_deadline(steady_clock::now() + limit)
+{
+    // Neither connects nor authenticates to the end: advance() does, within the limit.
+    sd_bus* bus = nullptr;
+    const int result = sd_bus_open_system(&bus);
+    m_bus.reset(bus);
+    if (result < 0)
+        fail(QStringLiteral("无法连接系统总线: %1").arg(qt_error_string(-result)));
+}
+
+UniqueMessage SystemdBus::newCall(const char* path, const char* interface, const char* member) const
+{
+    sd_bus_message* call = nullptr;
+    sd_bus_message_new_method_call(m_bus.get(), &call, "org.freedesktop.systemd1", path, interface,
+                                   member);
+    // Else the bus would try, for a while, to start a systemd.
+    sd_bus_message_set_auto_start(call, 0);
+    return UniqueMessage(call);
+}
+
+UniqueMessage SystemdBus::managerCall(const char* member) const
+{
+    return newCall("/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", member);
+}
+
+UniqueMessage SystemdBus::propertyCall(const QByteArray& unitName, const char* interface,
+                                       const char* property) const
+{
+    char* path = nullptr;
+    sd_bus_path_encode("/org/freedesktop/systemd1/unit", unitName.constData(), &path);
+    UniqueMessage call = newCall(path, "org.freedesktop.DBus.Properties", "Get");
+    std::free(path); // NOLINT(cppcoreguidelines-no-malloc): the library's own allocation
+    sd_bus_message_append(call.get(), "ss", interface, property);
+    return call;
+}
+
+bool SystemdBus::callAll(const std::vector<UniqueMessage>& calls, const Receiver& receive)
+{
+    std::unordered_map<uint64_t, std::size_t> inFlight; // the calls' indices by their cookies
+    std::size_t sent = 0;
+    while (m_error.isEmpty() && (sent < calls.size() || !inFlight.empty())) {
+        uint64_t cookie = 0;
+        for (; sent < calls.size() && inFlight.size() < maxCallsInFlight; ++sent) {
+            const int result = sd_bus_send(m_bus.get(), calls[sent].get(), &cookie);
+            if (result < 0)
+                return failWith(result);
+            inFlight[cookie] = sent;
+        }
+        const UniqueMessage reply = advance();
+        if (!reply || sd_bus_message_get_reply_cookie(reply.get(), &cookie) < 0)
+            continue;
+        const auto call = inFlight.extract(cookie);
+        if (const QString trouble = troubleOf(reply.get()); !trouble.isEmpty())
+            fail(trouble);
+        else if (!call.empty())
+            receive(call.mapped(), reply.get());
+    }
+    return m_error.isEmpty();
+}
+
+bool SystemdBus::fail(const QString& reason)
+{
+    m_error = reason;
+    m_bus.reset();
+    return false;
+}
+
+bool SystemdBus::failWith(int result)
+{
+    return fail(QStringLiteral("系统总线连接中断: %1").arg(qt_error_string(-result)));
+}
+
+UniqueMessage SystemdBus::advance()
+{
+    sd_bus_message* received = nullptr;
+    int result = sd_bus_process(m_bus.get(), &received);
+    UniqueMessage message(received);
+    const auto left = duration_cast<microseconds>(m_deadline - steady_clock::now()).count();
+    if (left <= 0) {
+        const bool isReady = sd_bus_is_ready(m_bus.get()) > 0;
+        fail(QStringLiteral("%1在 %2 秒内没有应答")
+                 .arg(isReady ? QStringLiteral("systemd ") : QStringLiteral("系统总线"),
+                      QString::number(duration<double>(m_limit).count())));
+        return nullptr;
+    }
+    if (result == 0)
+        result = sd_bus_wait(m_bus.get(), static_cast<uint64_t>(left));
+    if (result < 0 && result != -EINTR)
+        failWith(result);
+    else if (sd_bus_is_open(m_bus.get()) <= 0)
+        failWith(-ECONNRESET);
+    return message;
+}
+
+} // namespace korvane::linux_platform

@@ -1,0 +1,58 @@
+#!/bin/sh
+# Runs a command beside a systemd of its own, which ends with it: in namespaces of their own, a
+# `systemd --user` and a bus with the limits of a system bus, to which DBUS_SYSTEM_BUS_ADDRESS
+# points. Exits as the command does, or with 77 and a line on standard output where that cannot be.
+#
+#   private_systemd.sh COMMAND [ARGUMENT...]
+#
+# KORVANE_UNITS: a folder whose units are there before systemd starts. The command may add others
+# to ~/.config/systemd/user and call `systemctl --user daemon-reload`.
+set -eu
+
+skip() {
+    echo "SKIP   : no systemd of one's own here: $1"
+    exit 77
+}
+
+if [ "${1:-}" != --inside ]; then
+    for program in unshare dbus-daemon systemctl /lib/systemd/systemd /usr/lib/systemd/user/dbus.socket; do
+        command -v "$program" >/dev/null || [ -e "$program" ] || skip "$program is missing"
+    done
+    unshare -m -C -p -f --mount-proc mount -t tmpfs tmpfs /run 2>/dev/null ||
+        skip 'namespaces or mounts are refused'
+    exec unshare -m -C -p -f --mount-proc "$0" --inside "$@"
+fi
+shift
+
+mount -t tmpfs tmpfs /run
+mkdir -p /run/systemd/system
+mkdir -m 700 /run/kv
+mount -t cgroup2 none /sys/fs/cgroup 2>/dev/null || skip 'no control groups'
+
+export HOME=/run/kv/home XDG_RUNTIME_DIR=/run/kv
+unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_CONFIG_DIRS XDG_DATA_DIRS DBUS_SESSION_BUS_ADDRESS NOTIFY_SOCKET
+units=$HOME/.config/systemd/user
+mkdir -p "$units/dbus.service.d"
+[ -z "${KORVANE_UNITS:-}" ] || cp -a "$KORVANE_UNITS/." "$units"
+# Without limits of its own a bus has those of a system bus: 128 pending replies a connection.
+sed '/<limit /d' /usr/share/dbus-1/session.conf >/run/kv/bus.conf
+cat >"$units/dbus.service.d/limits.conf" <<'END'
+[Service]
+ExecStart=
+ExecStart=/usr/bin/dbus-daemon --config-file=/run/kv/bus.conf --address=systemd: --nofork --nopidfile --systemd-activation --syslog-only
+END
+
+/lib/systemd/systemd --user >/run/kv/systemd.log 2>&1 &
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus KORVANE_PRIVATE_SYSTEMD=1
+tries=0
+until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1 >/dev/null 2>&1; do
+    tries=$((tries + 1))
+    if [ "$tries" -gt 200 ] || ! kill -0 $! 2>/dev/null; then
+        cat /run/kv/systemd.log >&2
+        skip 'systemd does not start'
+    fi
+    sleep 0.1
+done
+status=0
+"$@" || status=$?
+exit "$status"

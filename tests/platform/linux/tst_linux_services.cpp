@@ -1,0 +1,311 @@
+// Tests the list of services: on a bus of the test's own that misbehaves, and, run by
+// private_systemd.sh, on units of a real systemd.
+#include "core/service_manager_service.h"
+#include "platform/linux/proc_fs.h"
+#include "platform/linux/services.h"
+#include "support/mcp_client.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <thread>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+using namespace korvane;
+using namespace korvane::linux_platform;
+
+namespace {
+
+/// Answers `call` as the bus, and the systemd on it, of the case `role`; negative to hang up.
+int answer(const QByteArray& role, sd_bus_message* call)
+{
+    const QByteArray member = sd_bus_message_get_member(call);
+    if (member == "Hello")
+        return sd_bus_reply_method_return(call, "s", ":1.1");
+    if (role == "mute systemd")
+        return 0;
+    if (role == "refusing systemd")
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "%s", "%1 no");
+    if (member == "ListUnitsByPatterns" && role == "other type")
+        return sd_bus_reply_method_return(call, "as", 1, "a.service");
+    if (member == "ListUnitsByPatterns")
+        return sd_bus_reply_method_return(call, "a(ssssssouso)", 1, "a.service", "A", "loaded",
+                                          "active", "", "", "/a", 0, "", "/");
+    if (member == "ListUnitFilesByPatterns") {
+        sd_bus_message* reply = nullptr;
+        sd_bus_message_new_method_return(call, &reply);
+        sd_bus_message_open_container(reply, 'a', "(ss)");
+        for (int row = 0; row < (role == "endless list" ? 50'000 : 1); ++row)
+            sd_bus_message_append(reply, "(ss)", "/b.service", "enabled");
+        sd_bus_message_close_container(reply);
+        const int result = sd_bus_message_send(reply);
+        sd_bus_message_unref(reply);
+        return result;
+    }
+    if (role == "lost connection")
+        return -1;
+    static int calls = 0; // one property is gone, the next is not of its type
+    return ++calls % 2 == 0 ? sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "gone")
+                            : sd_bus_reply_method_return(call, "v", "b", 1);
+}
+
+/// Lets the first peer of `listener` talk to the case `role` until one of them hangs up.
+void serve(int listener, const QByteArray& role)
+{
+    const int peer = ::accept(listener, nullptr, nullptr);
+    if (role == "garbage") {
+        const QByteArray garbage(100'000, '\xff');
+        ::send(peer, garbage.constData(), static_cast<size_t>(garbage.size()), MSG_NOSIGNAL);
+        ::close(peer);
+        return;
+    }
+    sd_bus* bus = nullptr;
+    sd_bus_new(&bus);
+    sd_bus_set_fd(bus, peer, peer);
+    sd_bus_set_server(bus, 1, SD_ID128_MAKE(1, 2, 3, 4, 5, 6, 7, 8, 9, a, b, c, d, e, f, 0));
+    int result = sd_bus_start(bus);
+    while (result >= 0 && sd_bus_is_open(bus) > 0) {
+        sd_bus_message* call = nullptr;
+        result = sd_bus_process(bus, &call);
+        if (result == 0)
+            sd_bus_wait(bus, UINT64_MAX);
+        else if (call != nullptr && sd_bus_message_get_member(call) != nullptr)
+            result = answer(role, call);
+        sd_bus_message_unref(call);
+    }
+    sd_bus_close_unref(bus);
+}
+
+QStringList linesOf(const QByteArray& text)
+{
+    return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+/// The lines that a script prints.
+QStringList shell(const char* script)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.start(QStringLiteral("sh"), {QStringLiteral("-c"), QString::fromUtf8(script)});
+    process.waitForFinished(60'000);
+    return linesOf(process.readAll());
+}
+
+/// The entries of list_services, each the values of `keys` with bars between.
+QStringList listed(const char* keys)
+{
+    QStringList rows;
+    const test::ToolReply reply = test::Client().call(QStringLiteral("list_services"));
+    for (const auto entry : reply.json().value(QLatin1String("entries")).toArray()) {
+        QStringList row;
+        for (const QString& key : QString::fromUtf8(keys).split(QLatin1Char(' ')))
+            row += entry.toObject().value(key).toVariant().toString();
+        rows += row.join(QLatin1Char('|'));
+    }
+    return rows;
+}
+
+/// Makes the units that are listed below, and 300 others: more than a system bus lets wait, and
+/// slow, since systemd has to load each.
+constexpr auto makeUnits = R"(
+cd ~/.config/systemd/user
+unit() { printf "[Unit]\n$2\n[Service]\nExecStart=${4:-/bin/sleep infinity}\n$3\n" >$1.service; }
+install='[Install]\nWantedBy=default.target'
+unit begins '' 'Type=notify\nTimeoutStartSec=infinity'
+unit broken '' 'Type=oneshot' /bin/false
+unit ends '' 'ExecStop=/bin/sleep infinity'
+unit needs 'Requires=run.service\nWants=gone.service'
+unit of@ 'Description=<%%i>'
+unit off '' "Type=oneshot\nExecStart=/bin/false\n$install" '@/bin/sh x -c true'
+unit run 'Description=跑步 %%%%1\nDocumentation=man:a(1) https://b' "$install"
+unit tied 'BindsTo=run.service\nRequisite=needs.service\nAfter=needs.service'
+for i in $(seq 300); do unit many$i; done
+ln -s run.service alias.service
+ln -s /dev/null masked.service
+systemctl --user daemon-reload
+systemctl --user -q enable run
+systemctl --user -q start ends needs tied 'of@1.2_3\x2d'
+systemctl --user -q start broken 2>/dev/null
+systemctl --user -q start --no-block begins
+systemctl --user -q stop --no-block ends
+systemd-run --user -q --unit=passing /bin/sleep infinity
+)";
+
+/// How they are listed: name, state, start type, and the texts.
+constexpr auto ownUnits = R"(
+begins|启动中…|手动|begins.service||/bin/sleep infinity
+broken|已停止|手动|broken.service||/bin/false
+ends|停止中…|手动|ends.service||/bin/sleep infinity
+masked|已停止|已禁用|masked.service||
+needs|运行中|手动|needs.service||/bin/sleep infinity
+of@1.2_3\x2d|运行中|手动|<1.2_3\x2d>||/bin/sleep infinity
+off|已停止|手动|off.service||/bin/sh -c true
+passing|运行中|手动|/bin/sleep infinity||/bin/sleep infinity
+run|运行中|自动|跑步 %1|man:a(1) https://b|/bin/sleep infinity
+tied|运行中|手动|tied.service||/bin/sleep infinity
+)";
+
+/// Prints all services as systemctl shows them: process, name, documentation, description.
+constexpr auto showUnits = R"(
+{
+    systemctl --user list-unit-files --plain --no-legend '*.service'
+    systemctl --user list-units --all --plain --no-legend '*.service'
+} | grep -Ev '@\.service| alias | not-found ' | sed 's/\.service .*//' | LC_ALL=C sort -u |
+    sed 's/$/.service/' | tr '\n' '\0' | xargs -0 systemctl --user show -p Id -p Description -p Documentation -p MainPID |
+    awk -v RS= -F '\n' '{
+        for (i = 1; i <= NF; ++i)
+            value[substr($i, 1, index($i, "=") - 1)] = substr($i, index($i, "=") + 1)
+        gsub(/\042/, "", value["Documentation"])
+        sub(/\.service$/, "", value["Id"])
+        print value["Id"] "|" value["Description"] "|" value["Documentation"] "|" value["MainPID"]
+        delete value
+    }'
+)";
+
+} // namespace
+
+class TestLinuxServices : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void unitNamesAreShortened_data()
+    {
+        QTest::addColumn<QByteArray>("unitName");
+        QTest::addColumn<bool>("isService");
+        const QByteArray longest(247, 'x');
+        for (const QByteArray& name : {longest, QByteArray("a@b@c"), QByteArray("a.service")})
+            QTest::addRow("%s", name.constData()) << name + ".service" << true;
+        for (const QByteArray& name :
+             {longest + 'x', QByteArray(), QByteArray("@"), QByteArray("a@"), QByteArray("@a"),
+              QByteArray("a b"), QByteArray("a\n"), QByteArray("\xff"), QByteArray("\xe6\x9c\x8d"),
+              QByteArray("../a"), QByteArray("a\0b", 3)})
+            QTest::addRow("not %s", name.toHex().constData()) << name + ".service" << false;
+        for (const QByteArray name : {"", "service", "a", "a.socket", "a.serviceX"})
+            QTest::addRow("not \"%s\"", name.constData()) << name << false;
+    }
+    void unitNamesAreShortened()
+    {
+        QFETCH(QByteArray, unitName);
+        QFETCH(bool, isService);
+        const auto name = serviceNameOf(unitName);
+        QCOMPARE(name.has_value(), isService);
+        QVERIFY(!name || (unitNameOf(*name) == unitName && name->size() + 8 == unitName.size()));
+    }
+
+    void hostileListsAreMerged()
+    {
+        ListedServices services;
+        for (int i = 0; i < 100'000; ++i) {
+            const QByteArray unit = "u" + QByteArray::number(i % 50'000) + ".service";
+            addUnitFile(services, "/a/" + unit, i % 2 == 0 ? "masked" : "\xff");
+            addLoadedUnit(services, unit, "\xff%1", "loaded", "");
+        }
+        addUnitFile(services, "", "");
+        addUnitFile(services, "/", "enabled");
+        addUnitFile(services, "/x/.service", "enabled");
+        QCOMPARE(services.size(), 50'000);
+        const ListedService service = services.value(QStringLiteral("u7"));
+        QCOMPARE(service.item.displayName,
+                 QString(QChar::ReplacementCharacter) + QLatin1String("%1"));
+        QCOMPARE(service.item.state, ServiceState::Unknown);
+        QCOMPARE(service.item.startType, ServiceStartType::Unknown);
+    }
+
+    void troubleIsTold_data()
+    {
+        QTest::addColumn<QString>("told"); // how it begins; nothing when there is a list
+        const QString lost = QStringLiteral("系统总线连接中断: ");
+        const QString damaged = QStringLiteral("systemd 的服务列表无法识别");
+        QTest::newRow("nobody") << QStringLiteral("无法连接系统总线: ");
+        QTest::newRow("silent bus") << QStringLiteral("系统总线在 0.5 秒内没有应答");
+        QTest::newRow("garbage") << lost;
+        QTest::newRow("bus without systemd") << QStringLiteral("系统总线上没有 systemd");
+        QTest::newRow("mute systemd") << QStringLiteral("systemd 在 0.5 秒内没有应答");
+        QTest::newRow("refusing systemd") << QStringLiteral("systemd 拒绝列出服务: %1 no");
+        QTest::newRow("other type") << damaged;
+        QTest::newRow("endless list") << damaged;
+        QTest::newRow("lost connection") << lost;
+        QTest::newRow("useless properties") << QString();
+    }
+    void troubleIsTold()
+    {
+        QFETCH(QString, told);
+        const QByteArray role = QTest::currentDataTag();
+        const QTemporaryDir directory;
+        QByteArray path = QFile::encodeName(directory.filePath(QStringLiteral("bus")));
+        sockaddr_un address{AF_UNIX, {}};
+        qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+        const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        QCOMPARE(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        if (role != "nobody")
+            QCOMPARE(::listen(listener.get(), 1), 0);
+        QProcess daemon;
+        std::jthread bus;
+        if (role == "bus without systemd") {
+            path += "2";
+            daemon.start(QStringLiteral("dbus-daemon"),
+                         {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                          QStringLiteral("--print-address"),
+                          QStringLiteral("--address=unix:path=") + QFile::decodeName(path)});
+            if (!daemon.waitForReadyRead())
+                QSKIP("dbus-daemon does not run here");
+        } else if (role != "nobody" && role != "silent bus") {
+            bus = std::jthread(serve, listener.get(), role);
+        }
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+        // Only those who say nothing make it wait until the end.
+        const bool isMute = told.contains(QStringLiteral(" 0.5 "));
+        const std::chrono::milliseconds limit(isMute ? 500 : 20'000);
+        QElapsedTimer timer;
+        timer.start();
+        QString error;
+        const QList<ServiceItem> services = listServices(limit, &error);
+        QVERIFY2(told.isEmpty() ? error.isEmpty() : error.startsWith(told), qPrintable(error));
+        QCOMPARE(services.size(), told.isEmpty() ? 2 : 0);
+        QVERIFY(timer.elapsed() < 15'000);
+        daemon.kill();
+        daemon.waitForFinished();
+    }
+
+    void realUnitsAreListed()
+    {
+        if (qEnvironmentVariableIsEmpty("KORVANE_PRIVATE_SYSTEMD"))
+            QSKIP("private_systemd.sh runs this");
+        shell(makeUnits);
+        const QRegularExpression own(QStringLiteral(
+            R"(^(alias|begins|broken|ends|gone|masked|needs|of@.*|off|passing|run|tied)\|)"));
+        const auto ownRows = [&own] {
+            return listed("name state start_type display_name description binary_path").filter(own);
+        };
+        QTRY_COMPARE_WITH_TIMEOUT(ownRows(), linesOf(ownUnits), 2000);
+        const QStringList all = listed("name display_name description pid");
+        QVERIFY(all.size() > 300);
+        QCOMPARE(all, shell(showUnits));
+
+        const auto& services = Singleton<ServiceManagerService>::instance();
+        const QString run = QStringLiteral("run");
+        const QString needs = QStringLiteral("needs");
+        const QString tied = QStringLiteral("tied");
+        QCOMPARE(services.enumDependents(run), (QList<QString>{needs, tied}));
+        QCOMPARE(services.queryDependencies(tied), (QList<QString>{needs, run}));
+        QCOMPARE(services.queryDependencies(QStringLiteral("of@")), QList<QString>());
+    }
+};
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    TestLinuxServices test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_linux_services.moc"
