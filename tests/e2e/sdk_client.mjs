@@ -1,7 +1,7 @@
 // Drives the built server with the official MCP client, as an AI client does, against ps and /proc.
 // Run: KORVANE_MCP=... KORVANE_MCP_UNSUPPORTED=... node sdk_client.mjs
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
-import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv';
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
@@ -34,7 +34,11 @@ class Session {
   static async start(scope, command, args = []) {
     const session = new Session();
     scope.after(() => session.close());
-    session.transport = new StdioClientTransport({ command, args, stderr: 'pipe' });
+    // The client's own choice of the environment, and where the tests' systemd is.
+    const { DBUS_SYSTEM_BUS_ADDRESS } = process.env;
+    const env = getDefaultEnvironment();
+    if (DBUS_SYSTEM_BUS_ADDRESS) Object.assign(env, { DBUS_SYSTEM_BUS_ADDRESS });
+    session.transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
     session.transport.setProtocolVersion = (version) => (session.protocolVersion = version);
     session.stderr = text(session.transport.stderr);
     session.client = new Client({ name: 'korvane-e2e', version: '1.0.0' });

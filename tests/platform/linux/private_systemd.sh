@@ -14,20 +14,37 @@ skip() {
     exit 77
 }
 
-if [ "${1:-}" != --inside ]; then
+# Outside: looks whether it can be, and makes the mounts its own.
+if [ "${1:-}" != --mounts ] && [ "${1:-}" != --inside ]; then
     for program in unshare dbus-daemon systemctl /lib/systemd/systemd /usr/lib/systemd/user/dbus.socket; do
         command -v "$program" >/dev/null || [ -e "$program" ] || skip "$program is missing"
     done
     unshare -m -C -p -f --mount-proc mount -t tmpfs tmpfs /run 2>/dev/null ||
         skip 'namespaces or mounts are refused'
-    exec unshare -m -C -p -f --mount-proc "$0" --inside "$@"
+    exec unshare -m "$0" --mounts "$@"
+fi
+
+# A control group of its own: in a common one, two of these would end each other's processes.
+if [ "$1" = --mounts ]; then
+    shift
+    mount -t cgroup2 none /sys/fs/cgroup 2>/dev/null || skip 'no control groups'
+    group=/sys/fs/cgroup$(sed -n 's/^0:://p' /proc/self/cgroup)/korvane-$$
+    mkdir "$group" 2>/dev/null || skip 'control groups are refused'
+    status=0
+    (
+        echo 0 >"$group/cgroup.procs"
+        exec unshare -m -C -p -f --kill-child --mount-proc "$0" --inside "$@"
+    ) || status=$?
+    find "$group" -depth -type d -exec rmdir {} +
+    exit "$status"
 fi
 shift
 
+umount /sys/fs/cgroup # which showed those of others too
+mount -t cgroup2 none /sys/fs/cgroup
 mount -t tmpfs tmpfs /run
 mkdir -p /run/systemd/system
 mkdir -m 700 /run/kv
-mount -t cgroup2 none /sys/fs/cgroup 2>/dev/null || skip 'no control groups'
 
 export HOME=/run/kv/home XDG_RUNTIME_DIR=/run/kv
 unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_CONFIG_DIRS XDG_DATA_DIRS DBUS_SESSION_BUS_ADDRESS NOTIFY_SOCKET
