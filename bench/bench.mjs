@@ -119,7 +119,8 @@ function report(figure, unit, [ours, peer], bound = {}) {
   const missed = tooMuch || ratio < atLeast;
   const digits = Math.max(ours, peer) >= 1000 ? 0 : 2;
   const numbers = [ours, peer].map((number) => number.toFixed(digits));
-  printRow(figure, ...numbers, unit, ratio.toFixed(2), text, text && (missed ? 'NO, MISSED' : 'yes'));
+  const met = text && (missed ? 'NO, MISSED' : 'yes');
+  printRow(figure, ...numbers, unit, ratio.toFixed(2), text, met);
 }
 
 async function measureStart() {
@@ -202,6 +203,40 @@ async function measureListing(occasion) {
   await server.stop();
 }
 
+/** The back end's own listings, in a process that stays: see listings.cpp. */
+class Listings {
+  constructor(what) {
+    this.child = spawn(fromHere('../build/release/src/korvane-listings'), [what]);
+    this.child.stderr.pipe(process.stderr);
+  }
+
+  /** The milliseconds of one listing. */
+  time = async () => {
+    const answer = once(this.child.stdout, 'data');
+    this.child.stdin.write('\n');
+    return Number((await answer)[0]);
+  };
+
+  async stop() {
+    const exited = once(this.child, 'exit');
+    this.child.stdin.end();
+    await exited;
+  }
+}
+
+/** Times a listing beside the system's own tool: by itself, and as the whole answer of a tool. */
+async function measureInventory(what, occasion, tool, peer) {
+  const listings = new Listings(what);
+  const own = await interleave(listingRounds, listings.time, peer);
+  report(`${what} listed, ${occasion}`, 'ms', own.map(median), { atMost: 1 });
+  await listings.stop();
+  const server = Server.ours();
+  await server.handshake();
+  const whole = await interleave(listingRounds, callOf(server, tool), peer);
+  report(`  ${tool}, the whole answer`, 'ms', whole.map(median));
+  await server.stop();
+}
+
 /** Starts processes with `count` connected sockets in all; the returned function ends them. */
 async function startSockets(count) {
   const perProcess = 5000; // Most systems allow a process some more descriptors than that.
@@ -210,7 +245,8 @@ async function startSockets(count) {
     const server = net.createServer((end) => ends.push(end)).listen(0, '127.0.0.1', async () => {
       const { port } = server.address();
       while (ends.length < ${perProcess - 1}) {
-        const end = net.connect({ port, host: '127.0.0.1', localAddress: \`127.0.1.\${1 + ends.length % 250}\` });
+        const localAddress = \`127.0.1.\${1 + ends.length % 250}\`;
+        const end = net.connect({ port, host: '127.0.0.1', localAddress });
         ends.push(end);
         await new Promise((resolve) => end.once('connect', () => setImmediate(resolve)));
       }
@@ -235,40 +271,30 @@ async function startSockets(count) {
 
 async function measureConnections() {
   const stopSockets = await startSockets(socketCount);
-  const server = Server.ours();
-  await server.handshake();
   const ss = runOf('ss', ['-tunap']);
-  const find = callOf(server, 'find_process_by_port', { port: 1 });
-  const times = await interleave(listingRounds, find, ss);
-  report(`find_process_by_port among ${socketCount} sockets`, 'ms', times.map(median), { atMost: 1 });
-  const all = await interleave(listingRounds, callOf(server, 'list_network_connections'), ss);
-  report('  list_network_connections, all as JSON', 'ms', all.map(median));
-  await server.stop();
+  await measureInventory('connections', `${socketCount} sockets`, 'list_network_connections', ss);
   await stopSockets();
 }
 
 async function measurePackages() {
-  const server = Server.ours();
-  await server.handshake();
   const fields = ['Package', 'Version', 'Architecture', 'Maintainer', 'Installed-Size'];
   const format = fields.map((field) => `\${${field}}\t`).join('');
   const query = runOf('dpkg-query', ['-W', `-f=${format}\n`]);
-  const list = callOf(server, 'list_uninstall_entries');
-  const times = await interleave(listingRounds, list, query);
-  report(`list_uninstall_entries, ${packageCount} packages`, 'ms', times.map(median), { atMost: 1 });
-  await server.stop();
+  await measureInventory('software', `${packageCount} packages`, 'list_uninstall_entries', query);
 }
 
 async function measureServices() {
-  const show = ['show', '--all', '--property=Id,Description,Documentation,ExecStart,MainPID,ActiveState',
-    ...Array.from({ length: serviceCount }, (_, i) => `bench-${i}.service`)];
-  const first = Server.ours();
-  await first.handshake();
-  const cold = await callOf(first, 'list_services')(); // systemd reads the unit files for it.
-  const times = await interleave(listingRounds, callOf(first, 'list_services'), runOf('systemctl', show));
+  const properties = 'Id,Description,Documentation,ExecStart,MainPID,ActiveState,UnitFileState';
+  const units = Array.from({ length: serviceCount }, (_, i) => `bench-${i}.service`);
+  const show = runOf('systemctl', ['show', `--property=${properties}`, ...units]);
+  const server = Server.ours();
+  await server.handshake();
+  const list = callOf(server, 'list_services');
+  const cold = await list(); // systemd reads the unit files for it.
+  const times = await interleave(listingRounds, list, show);
   report(`list_services, ${serviceCount} units more`, 'ms', times.map(median), { within: 500 });
   report('  the first time', 'ms', [cold, median(times[1])], { within: 500 });
-  await first.stop();
+  await server.stop();
 }
 
 /** Runs a part of this program by `command`, which is to start what follows it. */
@@ -292,7 +318,8 @@ function writePackageDatabase(path) {
 
 function writeUnits(directory) {
   for (let i = 0; i < serviceCount; ++i) {
-    const unit = `[Unit]\nDescription=Bench ${i}\nDocumentation=man:true(1)\n[Service]\nExecStart=/bin/true ${i}\n`;
+    const about = `[Unit]\nDescription=Bench ${i}\nDocumentation=man:true(1)\n`;
+    const unit = `${about}[Service]\nExecStart=/bin/true ${i}\n`;
     writeFileSync(join(directory, `bench-${i}.service`), unit);
   }
 }
@@ -327,7 +354,8 @@ async function startIdleProcesses(count) {
 }
 
 async function measureAll() {
-  console.log(`${new Date().toISOString().slice(0, 10)}, ${cpus().length} × ${cpus()[0].model.trim()}`);
+  const today = new Date().toISOString().slice(0, 10);
+  console.log(`${today}, ${cpus().length} × ${cpus()[0].model.trim()}`);
   console.log(`Linux ${release()}, load ${loadavg()[0].toFixed(2)}, node ${process.version}`);
   console.log(`ours: ${binary}`);
   console.log('peer: the least server of the official SDK; for a listing, the system\'s own tool\n');
