@@ -31,6 +31,11 @@ void sampleSystemMetrics(SystemMetrics& out);
 /// Fills only the memory and commit fields of `out`, cheaply.
 void sampleMemoryOnly(SystemMetrics& out);
 
+/// Whether the program at the other end of the connected local socket may answer for this program's
+/// user. Linux: the socket's peer credentials name the same user or root; for a server that sudo
+/// runs as root, the user in SUDO_UID too. Where the platform has no such check: true.
+bool mayAnswerForUser(qintptr socketDescriptor);
+
 /// The full command line of process `pid`; empty when it cannot be read.
 /// Linux: /proc/PID/cmdline, arguments joined by one blank.
 QString processCommandLine(unsigned int pid);

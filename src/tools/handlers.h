@@ -47,4 +47,27 @@ QJsonObject toolGetSystemMetrics(const QJsonObject& args, const ProgressCallback
 /// toolListProcesses() shows. Progress objects: "verified" of "total". Cannot fail.
 QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback& progress);
 
+// The following change the machine, each only after the user has granted exactly that in the desktop
+// program; they block for as long as the user takes. Each fails for arguments that name nothing
+// there is, for a refusal, with its text, and with the back end's text.
+
+/// Ends process "pid".
+QJsonObject toolKillProcess(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Ends every process that holds the local "port", but this one. One that cannot be ended is no
+/// failure but listed.
+QJsonObject toolKillByPort(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Enables or disables the startup item "name" of "source"; asks nobody when it is as it should be.
+QJsonObject toolSetStartupItemEnabled(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Closes the handles that other processes have on the file "path"; asks nobody when there is none.
+QJsonObject toolUnlockFile(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Start, stop and set the start type of the service "name", matched in any letter case; they ask
+/// nobody when it is as it should be.
+QJsonObject toolStartService(const QJsonObject& args, const ProgressCallback& progress);
+QJsonObject toolStopService(const QJsonObject& args, const ProgressCallback& progress);
+QJsonObject toolSetServiceStartType(const QJsonObject& args, const ProgressCallback& progress);
+
 } // namespace korvane

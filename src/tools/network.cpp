@@ -54,10 +54,7 @@ QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
 
 QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
-    const qint64 port = integerArgument(args, QLatin1String("port"));
-    if (port < 1 || port > 65535)
-        throwToolError(QStringLiteral("参数 port 缺失或非法 — 必须是 1-65535 的整数"));
-
+    const qint64 port = portArgument(args);
     const QList<NetConnection> connections = listConnections();
     QJsonArray objects;
     for (const NetConnection& connection : connections) {

@@ -24,9 +24,31 @@ qint64 integerArgument(const QJsonObject& args, QLatin1String key)
     return value.toLongLong();
 }
 
+qint64 portArgument(const QJsonObject& args)
+{
+    const qint64 port = integerArgument(args, QLatin1String("port"));
+    if (port < 1 || port > 65535)
+        throwToolError(QStringLiteral("参数 port 缺失或非法 — 必须是 1-65535 的整数"));
+    return port;
+}
+
+QString textArgument(const QJsonObject& args, QLatin1String key)
+{
+    return args.value(key).toString();
+}
+
 QString trimmedArgument(const QJsonObject& args, QLatin1String key)
 {
-    return args.value(key).toString().trimmed();
+    return textArgument(args, key).trimmed();
+}
+
+void requireConsent(const consent::Request& request)
+{
+    const consent::Result result = consent::requestConsent(request);
+    if (!result.granted) {
+        throwToolError(result.message.isEmpty() ? QStringLiteral("用户未授权此操作")
+                                                : result.message);
+    }
 }
 
 double roundedToOneDecimal(double value)

@@ -1,6 +1,8 @@
 // What several tool handlers share: reading arguments, rounding, and failing.
 #pragma once
 
+#include "consent/consent_client.h"
+
 #include <QJsonObject>
 #include <QString>
 
@@ -15,6 +17,15 @@ qint64 integerArgument(const QJsonObject& args, QLatin1String key);
 
 /// The argument as a string without surrounding white space; empty when it is not a string.
 QString trimmedArgument(const QJsonObject& args, QLatin1String key);
+
+/// The argument "port"; ends the tool call when it is not in 1..65535.
+qint64 portArgument(const QJsonObject& args);
+
+/// Returns when the user grants `request`; ends the tool call with the refusal otherwise.
+void requireConsent(const consent::Request& request);
+
+/// The argument as a string, as it is; empty when it is not one.
+QString textArgument(const QJsonObject& args, QLatin1String key);
 
 /// The value as its text with one decimal reads: 1.26 becomes 1.3.
 double roundedToOneDecimal(double value);

@@ -180,6 +180,11 @@ void sampleMemoryOnly(SystemMetrics& out)
     sampleSystemMetrics(out);
 }
 
+bool mayAnswerForUser(qintptr /*socketDescriptor*/)
+{
+    return fake::platform().peersMayAnswer;
+}
+
 QString processCommandLine(unsigned int pid)
 {
     fake::platform().commandLinesAsked.append(pid);

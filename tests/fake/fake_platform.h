@@ -57,6 +57,7 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
+    bool peersMayAnswer = true;
 
     OpResult writeResult{true, {}}; ///< Answer of every write operation.
     QStringList writes;

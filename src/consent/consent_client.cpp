@@ -1,0 +1,117 @@
+// The client's side of the consent protocol: a request and a reply, a line of JSON each.
+#include "consent/consent_client.h"
+
+#include "consent/consent_exchange.h"
+#include "platform/platform.h"
+
+#include <QDebug>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocalSocket>
+
+namespace korvane::consent {
+
+namespace {
+
+/// More than any answer has; one that goes on is no answer.
+constexpr qsizetype maxReplyBytes = qsizetype{1024} * 1024;
+
+QByteArray encodeRequest(const Request& request)
+{
+    const QJsonObject object{{QStringLiteral("action"), request.action},
+                             {QStringLiteral("title"), request.title},
+                             {QStringLiteral("summary"), request.summary},
+                             {QStringLiteral("detail"), request.detail},
+                             {QStringLiteral("reason"), request.reason}};
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+Result decodeResult(const QByteArray& line)
+{
+    const QJsonObject object = QJsonDocument::fromJson(line).object();
+    return {object.value(QLatin1String("granted")).toBool(),
+            object.value(QLatin1String("message")).toString()};
+}
+
+Result refusal(const QString& message)
+{
+    return {false, message};
+}
+
+Result notRunning()
+{
+    return refusal(QStringLiteral("Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。"
+                                  "请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"));
+}
+
+/// Whether the program at the other end may speak for the user: the socket lives where anyone may
+/// have put it.
+bool isTrusted(const QLocalSocket& socket)
+{
+    if (platform::mayAnswerForUser(socket.socketDescriptor()))
+        return true;
+    static bool logged = false;
+    if (!logged)
+        qWarning("[Consent] 授权通道的另一端不属于当前用户, 已忽略");
+    logged = true;
+    return false;
+}
+
+int milliseconds(std::chrono::milliseconds limit)
+{
+    return static_cast<int>(limit.count());
+}
+
+bool isHarmful(QChar character)
+{
+    const char16_t code = character.unicode();
+    const auto isWithin = [code](char16_t first, char16_t last) {
+        return code >= first && code <= last;
+    };
+    return isWithin(0x0000, 0x001f) || isWithin(0x007f, 0x009f) || // C0, delete, C1
+           code == 0x061c || isWithin(0x200b, 0x200f) ||           // marks, zero width
+           isWithin(0x2028, 0x202e) || // separators of lines and paragraphs, embeddings
+           isWithin(0x2060, 0x206f) || // joiners, isolates, shaping
+           code == 0x180e || code == 0xfeff;
+}
+
+} // namespace
+
+Result exchange(const Request& request, const ExchangeLimits& limits)
+{
+    QLocalSocket socket;
+    socket.connectToServer(limits.serverName, QIODevice::ReadWrite);
+    if (!socket.waitForConnected(milliseconds(limits.connecting)) || !isTrusted(socket))
+        return notRunning();
+
+    socket.write(encodeRequest(request));
+    socket.write("\n");
+    if (!socket.waitForBytesWritten(milliseconds(limits.sending)))
+        return refusal(QStringLiteral("授权请求发送失败。"));
+
+    QByteArray received;
+    while (!received.contains('\n')) {
+        if (received.size() > maxReplyBytes ||
+            !socket.waitForReadyRead(milliseconds(limits.answering)))
+            return refusal(QStringLiteral("用户授权超时 — 已默认拒绝。"));
+        received += socket.readAll();
+    }
+    socket.disconnectFromServer();
+    return decodeResult(received.first(received.indexOf('\n')));
+}
+
+Result requestConsent(const Request& request)
+{
+    return exchange(request, ExchangeLimits());
+}
+
+QString shownText(QString value)
+{
+    for (QChar& character : value) {
+        if (isHarmful(character))
+            character = QChar::ReplacementCharacter;
+    }
+    return value;
+}
+
+} // namespace korvane::consent
