@@ -2,6 +2,7 @@
 #include "core/net_monitor_service.h"
 
 #include "platform/linux/proc_fs.h"
+#include "platform/linux/seen_processes.h"
 #include "platform/linux/socket_tables.h"
 #include "platform/linux/text.h"
 
@@ -111,7 +112,10 @@ private:
     {
         const auto content = m_procFs.readFile(pid, "stat");
         const auto stat = content ? parseProcStat(*content) : std::nullopt;
-        return stat ? std::optional(m_procFs.identity(pid, *stat).name) : std::nullopt;
+        if (!stat)
+            return std::nullopt;
+        seenProcesses().insert(pid, stat->startTicks);
+        return m_procFs.identity(pid, *stat).name;
     }
 
     ProcFs& m_procFs;

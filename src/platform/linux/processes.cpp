@@ -2,6 +2,7 @@
 #include "core/process_service.h"
 
 #include "platform/linux/proc_fs.h"
+#include "platform/linux/seen_processes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -58,6 +59,7 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
     // A listing right after the first one, as after a process tree, would measure nothing.
     std::this_thread::sleep_for(m_cpuTable.settlingTime(monotonicNow()));
     QList<ProcessSnapshot> processes;
+    QHash<quint32, quint64> seen;
     m_cpuTable.beginEnumeration(static_cast<int>(::sysconf(_SC_NPROCESSORS_ONLN)));
     while (const auto pid = procFs.nextPid()) {
         const auto content = procFs.readFile(*pid, "stat");
@@ -83,6 +85,7 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
             process.memoryBytes = pages.value_or(0) * units.pageBytes;
         }
         processes.append(process);
+        seen.insert(*pid, stat->startTicks);
     }
     if (errno != 0)
         return fail(errno);
@@ -90,6 +93,7 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
     if (processes.isEmpty())
         return fail(ENOENT);
     m_cpuTable.endEnumeration();
+    seenProcesses() = seen;
     return processes;
 }
 
