@@ -297,7 +297,9 @@ test('lists the packages that dpkg-query shows', async () => {
 
 test('lists the services that systemctl shows', async () => {
   const options = ['--all', '--plain', '--no-legend', '--type=service'];
-  const units = linesOf('systemctl', 'list-units', ...options);
+  const systemctl = (...args) =>
+    linesOf('systemctl', ...(process.env.KORVANE_PRIVATE_SYSTEMD ? ['--user'] : []), ...args);
+  const units = systemctl('list-units', ...options);
   if (units === undefined) { // Nothing to talk to.
     const { isError, text: reason } = await linux.answer('list_services');
     assert(isError && reason.startsWith("Tool 'list_services' failed: 无法连接系统总线"), reason);
@@ -316,7 +318,7 @@ test('lists the services that systemctl shows', async () => {
     assert(entry, `${unit} is not listed`);
     assert.equal(entry.state, labels[state], unit);
     active += labels[state] === '运行中';
-    const [mainPid] = linesOf('systemctl', 'show', '-pMainPID', unit);
+    const [mainPid] = systemctl('show', '-pMainPID', unit);
     assert.equal(`MainPID=${entry.pid}`, mainPid, unit);
   }
   assert.deepEqual([running, active > 0], [active, true]);

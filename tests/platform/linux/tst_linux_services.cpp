@@ -136,7 +136,7 @@ systemctl --user -q start ends needs tied 'of@1.2_3\x2d'
 systemctl --user -q start broken 2>/dev/null
 systemctl --user -q start --no-block begins
 systemctl --user -q stop --no-block ends
-systemd-run --user -q --unit=passing /bin/sleep infinity
+systemd-run --user -q --unit=passing --description=Passing /bin/sleep infinity
 )";
 
 /// How they are listed: name, state, start type, and the texts.
@@ -148,7 +148,7 @@ masked|已停止|已禁用|masked.service||
 needs|运行中|手动|needs.service||/bin/sleep infinity
 of@1.2_3\x2d|运行中|手动|<1.2_3\x2d>||/bin/sleep infinity
 off|已停止|手动|off.service||/bin/sh -c true
-passing|运行中|手动|/bin/sleep infinity||/bin/sleep infinity
+passing|运行中|手动|Passing||/bin/sleep infinity
 run|运行中|自动|跑步 %1|man:a(1) https://b|/bin/sleep infinity
 tied|运行中|手动|tied.service||/bin/sleep infinity
 )";
