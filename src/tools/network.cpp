@@ -23,20 +23,12 @@ QJsonObject connectionObject(const NetConnection& connection)
     };
 }
 
-QList<NetConnection> listConnections()
-{
-    const NetMonitorService& service = Singleton<NetMonitorService>::instance();
-    QList<NetConnection> connections = service.listAll();
-    requireListed(connections, service);
-    return connections;
-}
-
 } // namespace
 
 QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
                                        const ProgressCallback& /*progress*/)
 {
-    const QList<NetConnection> connections = listConnections();
+    const QList<NetConnection> connections = listAll<NetMonitorService>();
     qsizetype tcpCount = 0;
     qsizetype ipv6Count = 0;
     QJsonArray objects;
@@ -58,7 +50,7 @@ QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallbac
     if (port < 1 || port > 65535)
         throwToolError(QStringLiteral("参数 port 缺失或非法 — 必须是 1-65535 的整数"));
 
-    const QList<NetConnection> connections = listConnections();
+    const QList<NetConnection> connections = listAll<NetMonitorService>();
     QJsonArray objects;
     for (const NetConnection& connection : connections) {
         if (connection.localPort == port)

@@ -1,6 +1,8 @@
 // What several tool handlers share: reading arguments, rounding, and failing.
 #pragma once
 
+#include "core/singleton.h"
+
 #include <QJsonObject>
 #include <QString>
 
@@ -25,6 +27,15 @@ void requireListed(const List& list, const Service& service)
 {
     if (list.isEmpty() && !service.lastError().isEmpty())
         throwToolError(service.lastError());
+}
+
+/// What a service lists; ends the tool call when that failed.
+template <typename Service> auto listAll()
+{
+    const Service& service = Singleton<Service>::instance();
+    auto records = service.listAll();
+    requireListed(records, service);
+    return records;
 }
 
 } // namespace korvane
