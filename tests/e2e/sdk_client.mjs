@@ -302,7 +302,7 @@ test('lists the services that systemctl shows', async () => {
   const units = systemctl('list-units', ...options);
   if (units === undefined) { // Nothing to talk to.
     const { isError, text: reason } = await linux.answer('list_services');
-    assert(isError && reason.startsWith("Tool 'list_services' failed: 无法连接系统总线"), reason);
+    assert(isError && /^Tool 'list_services' failed: .*系统总线/.test(reason), reason);
     return;
   }
   const { total, running, entries } = await linux.call('list_services');
