@@ -206,7 +206,7 @@ async function measureListing(occasion) {
 /** The back end's own listings, in a process that stays: see listings.cpp. */
 class Listings {
   constructor(what) {
-    this.child = spawn(fromHere('../build/release/src/korvane-listings'), [what]);
+    this.child = spawn(fromHere('../build/release/bench/korvane-listings'), [what]);
     this.child.stderr.pipe(process.stderr);
   }
 

@@ -16,6 +16,7 @@ void ProcessCpuTable::beginEnumeration(int processorCount)
 {
     m_processorCount = std::max(processorCount, 1);
     ++m_enumeration;
+    m_isFilling = isEmpty();
 }
 
 ProcessCpuTable::Nanoseconds ProcessCpuTable::settlingTime(Nanoseconds now) const
@@ -29,7 +30,7 @@ double ProcessCpuTable::record(const Reading& reading)
 {
     const Sample current{reading.cpuTime, reading.takenAt};
     const auto found = m_entries.find(reading.pid);
-    if (isEmpty())
+    if (m_isFilling)
         m_filledAt = reading.takenAt;
     if (found == m_entries.end() || found->startTime != reading.startTime) {
         m_entries.insert(reading.pid, {reading.startTime, current, current, m_enumeration});

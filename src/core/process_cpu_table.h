@@ -64,7 +64,10 @@ private:
     };
 
     QHash<quint32, Entry> m_entries;
-    Nanoseconds m_filledAt{0}; ///< First reading of the first enumeration.
+    /// Last reading of the first enumeration: a faster one may follow, and reach every process
+    /// sooner after its start.
+    Nanoseconds m_filledAt{0};
+    bool m_isFilling = false; ///< Whether the first enumeration is under way.
     quint32 m_enumeration = 0;
     int m_processorCount = 1;
 };

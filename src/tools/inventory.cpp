@@ -63,15 +63,6 @@ template <typename Record> QJsonObject inventory(const QList<Record>& records, c
     return {{QStringLiteral("total"), objects.size()}, {key, objects}};
 }
 
-/// What a service lists; ends the tool call when that failed.
-template <typename Service> auto listAll()
-{
-    const Service& service = Singleton<Service>::instance();
-    auto records = service.listAll();
-    requireListed(records, service);
-    return records;
-}
-
 } // namespace
 
 QJsonObject toolListStartupItems(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)

@@ -23,20 +23,12 @@ QJsonObject connectionObject(const NetConnection& connection)
     };
 }
 
-QList<NetConnection> listConnections()
-{
-    const NetMonitorService& service = Singleton<NetMonitorService>::instance();
-    QList<NetConnection> connections = service.listAll();
-    requireListed(connections, service);
-    return connections;
-}
-
 } // namespace
 
 QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
                                        const ProgressCallback& /*progress*/)
 {
-    const QList<NetConnection> connections = listConnections();
+    const QList<NetConnection> connections = listAll<NetMonitorService>();
     qsizetype tcpCount = 0;
     qsizetype ipv6Count = 0;
     QJsonArray objects;
@@ -55,7 +47,7 @@ QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
 QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
     const qint64 port = portArgument(args);
-    const QList<NetConnection> connections = listConnections();
+    const QList<NetConnection> connections = listAll<NetMonitorService>();
     QJsonArray objects;
     for (const NetConnection& connection : connections) {
         if (connection.localPort == port)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "consent/consent_client.h"
+#include "core/singleton.h"
 
 #include <QJsonObject>
 #include <QString>
@@ -36,6 +37,15 @@ void requireListed(const List& list, const Service& service)
 {
     if (list.isEmpty() && !service.lastError().isEmpty())
         throwToolError(service.lastError());
+}
+
+/// What a service lists; ends the tool call when that failed.
+template <typename Service> auto listAll()
+{
+    const Service& service = Singleton<Service>::instance();
+    auto records = service.listAll();
+    requireListed(records, service);
+    return records;
 }
 
 } // namespace korvane

@@ -21,8 +21,8 @@ five_answers=${five_requests//"$request"/"$answer"}
 
 echo '- two first starts at once'
 ./run.sh <<<"$five_requests" >first.out 2>first.err &
-./run.sh <<<"$five_requests" >second.out 2>second.err
-wait $!
+./run.sh <<<"$five_requests" >second.out 2>second.err || fail "$(cat second.err)"
+wait $! || fail "$(cat first.err)"
 [ "$(cat first.out)" = "$five_answers" ] || fail "first start: $(cat first.out first.err)"
 [ "$(cat second.out)" = "$five_answers" ] || fail "second start: $(cat second.out second.err)"
 [ "$(cat first.err second.err | grep -c 'Linking CXX executable src/korvane-mcp$')" = 1 ] ||

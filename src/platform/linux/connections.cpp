@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -27,12 +26,6 @@ using namespace linux_platform;
 
 /// An inode of a socket, and the PID of a process that has it open.
 using Holder = std::pair<quint64, quint32>;
-
-struct CloseDirectory
-{
-    void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
 
 /// The directory /proc/PID/fd; none, and errno, when it cannot be opened.
 DirectoryHandle openDescriptors(const ProcFs& procFs, quint32 pid)

@@ -27,6 +27,15 @@ void prepare(QProcess& process)
     process.setChildProcessModifier([] { ::setpgid(0, 0); });
 }
 
+/// Undoes what whoever started this program may have left to it: where the signal is ignored, the
+/// kernel forgets how a child ended.
+void stopIgnoringChildren()
+{
+    struct sigaction action = {};
+    if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+        static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
+}
+
 /// Ends the group of `process`, which has not been waited for: the id is still its own.
 void killGroup(QProcess& process)
 {
@@ -42,6 +51,7 @@ void killGroup(QProcess& process)
 HelperResult runHelper(const QString& program, const QStringList& arguments,
                        const HelperLimits& limits)
 {
+    stopIgnoringChildren();
     const QDeadlineTimer deadline(limits.time);
     QProcess process;
     prepare(process);

@@ -150,7 +150,8 @@ bool isOwnFailure(int errorNumber)
 
 std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit)
 {
-    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC));
+    // Where something else than a file has come in its place, opening it does not wait.
+    const UniqueFd file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     return file.isValid() ? readUpTo(file.get(), limit) : std::nullopt;
 }
 

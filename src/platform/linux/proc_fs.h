@@ -63,6 +63,12 @@ private:
     int m_fd;
 };
 
+struct CloseDirectory
+{
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
+
 /// One /proc, or a directory of its shape: a directory handle and a buffer, both reused for every
 /// process. Results are views into the buffer, valid until the next call. Failure leaves errno.
 class ProcFs
@@ -97,14 +103,9 @@ public:
     int descriptor() const { return ::dirfd(m_directory.get()); }
 
 private:
-    struct CloseDirectory
-    {
-        void operator()(DIR* directory) const { ::closedir(directory); }
-    };
-
     const char* pathOf(quint32 pid, const char* name);
 
-    std::unique_ptr<DIR, CloseDirectory> m_directory;
+    DirectoryHandle m_directory;
     std::array<char, 64> m_path{};
     std::array<char, 8192> m_buffer{};
 };

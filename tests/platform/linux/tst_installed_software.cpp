@@ -1,8 +1,8 @@
-// Tests the listing of installed software beside dpkg-query, on databases of rpm's and the test's
-// own making, and with scripts in the place of programs that lie, hang and flood.
+// Tests the listing of installed software on databases of rpm's and the test's own making, beside
+// dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the machine's
+// own packages are listed is tested through the official client.
 #include "platform/linux/installed_software.h"
 #include "platform/linux/package_databases.h"
-#include "support/mcp_client.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -78,25 +78,6 @@ private Q_SLOTS:
         qputenv("HOME", QFile::encodeName(m_root->path()));
         qputenv("PATH", QFile::encodeName(path("bin")) + ":/usr/bin:/bin");
         qputenv("FLATPAK_USER_DIR", QFile::encodeName(path("user")));
-    }
-
-    void machineIsListedAsByDpkgQuery()
-    {
-        if (!QFile::exists(QStringLiteral("/var/lib/dpkg/status")))
-            QSKIP("this machine has no dpkg");
-        QStringList listed;
-        const auto reply = test::Client().call(QStringLiteral("list_uninstall_entries")).json();
-        for (const QJsonValue entry : reply.value(QLatin1String("entries")).toArray()) {
-            const auto text = [&](const char* key) {
-                return entry[QLatin1String(key)].toVariant().toString();
-            };
-            if (text("uninstall_string").startsWith(QStringLiteral("apt-get remove ")))
-                listed += QStringList{text("display_name"), text("display_version"),
-                                      text("publisher"), text("size_kb")}
-                              .join(u'|');
-        }
-        QVERIFY(listed.size() > 50);
-        QCOMPARE(listed, dpkgQuery({}, {}));
     }
 
     void journalIsMergedAsByDpkg()
@@ -204,6 +185,7 @@ END
             echo 'core  2        15   -         canonical**  base'
             echo 'a_b   1 beta   x1   -         -            -'
             echo 'cut   1')");
+        std::signal(SIGCHLD, SIG_IGN); // as who started this program may have left it
         const auto entries = list();
         QCOMPARE(m_error, QString());
         QCOMPARE(lines(entries),
