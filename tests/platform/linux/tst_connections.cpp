@@ -2,6 +2,7 @@
 // whole listings agree with ss is tested through the official client.
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/socket_tables.h"
+#include "support/child_process.h"
 #include "support/mcp_client.h"
 
 #include <QCoreApplication>
@@ -25,7 +26,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace korvane;
@@ -83,31 +83,6 @@ private:
     sockaddr_in6 m_address;
     UniqueFd m_fd;
     quint16 m_port = 0;
-};
-
-/// A forked process that sleeps and holds what this one holds; ended and waited for with the object.
-class Worker
-{
-public:
-    Worker() : m_pid(::fork())
-    {
-        if (m_pid != 0)
-            return;
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (;;)
-            ::pause();
-    }
-    ~Worker()
-    {
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    Q_DISABLE_COPY_MOVE(Worker)
-
-    qint64 pid() const { return m_pid; }
-
-private:
-    pid_t m_pid;
 };
 
 /// One line a row: protocol, version, both ends, state and owner.
@@ -190,10 +165,10 @@ private Q_SLOTS:
         QVERIFY(type == SOCK_DGRAM || server.listen());
         const UniqueFd twice(::dup(server.fd())); // is no second holder
         const QString text = shown.arg(server.port());
-        const Worker first;
+        const test::Child first;
         QStringList expected{row(text), row(text, first.pid())};
         {
-            const Worker second;
+            const test::Child second;
             QStringList three = expected + QStringList{row(text, second.pid())};
             three.sort();
             QCOMPARE(rowsOn(m_client, server.port()), three);

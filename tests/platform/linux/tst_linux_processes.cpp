@@ -1,5 +1,6 @@
 // Tests the process tools on awkward processes of the test's own making; that the figures of
 // ordinary ones agree with those of ps is tested through the official client.
+#include "support/child_process.h"
 #include "support/mcp_client.h"
 
 #include <QCoreApplication>
@@ -27,64 +28,12 @@
 #include <unistd.h>
 
 using namespace korvane;
+using test::Child;
+using test::waitForEnd;
 
 namespace {
 
 constexpr int refused = 77; ///< Exit code of a role that cannot be played here.
-
-void waitForEnd()
-{
-    for (;;)
-        ::pause();
-}
-
-/// A forked process that does not outlive this object. The constructor returns once the child,
-/// having run `prepare`, or the program executed there, has closed its standard output.
-class Child
-{
-public:
-    explicit Child(const std::function<void()>& prepare, void (*live)() = waitForEnd)
-    {
-        std::array<int, 2> ready{};
-        if (::pipe2(ready.data(), O_CLOEXEC) != 0)
-            return;
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(ready[1], STDOUT_FILENO);
-            ::close(ready[1]);
-            prepare();
-            ::close(STDOUT_FILENO);
-            live();
-        }
-        ::close(ready[1]);
-        char byte = 0;
-        while (::read(ready[0], &byte, 1) < 0 && errno == EINTR) {
-        }
-        ::close(ready[0]);
-    }
-    ~Child()
-    {
-        if (m_pid <= 0)
-            return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    Q_DISABLE_COPY_MOVE(Child)
-
-    pid_t pid() const { return m_pid; }
-
-    /// Ends the child, which stays a zombie.
-    void end() const
-    {
-        siginfo_t info;
-        ::kill(m_pid, SIGKILL);
-        ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT);
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 /// What makes a Child this program, copied to `path`, which waits for its end.
 std::function<void()> waiterAt(const QByteArray& path, const QByteArrayList& arguments = {})

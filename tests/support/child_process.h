@@ -1,0 +1,77 @@
+// Forked processes that do not outlive the test.
+#pragma once
+
+#include <QtGlobal>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <functional>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace korvane::test {
+
+inline void waitForEnd()
+{
+    for (;;)
+        ::pause();
+}
+
+/// A forked process that does not outlive this object. The constructor returns once the child,
+/// having run `prepare`, or the program executed there, has closed its standard output.
+class Child
+{
+public:
+    explicit Child(
+        const std::function<void()>& prepare = [] {}, void (*live)() = waitForEnd)
+    {
+        std::array<int, 2> ready{};
+        if (::pipe2(ready.data(), O_CLOEXEC) != 0)
+            return;
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::dup2(ready[1], STDOUT_FILENO);
+            ::close(ready[1]);
+            prepare();
+            ::close(STDOUT_FILENO);
+            live();
+        }
+        ::close(ready[1]);
+        char byte = 0;
+        while (::read(ready[0], &byte, 1) < 0 && errno == EINTR) {
+        }
+        ::close(ready[0]);
+    }
+    ~Child() { reap(); }
+    Q_DISABLE_COPY_MOVE(Child)
+
+    pid_t pid() const { return m_pid; }
+
+    /// Ends the child, which stays a zombie.
+    void end() const
+    {
+        siginfo_t info;
+        ::kill(m_pid, SIGKILL);
+        ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT);
+    }
+
+    /// Ends the child and all trace of it.
+    void reap()
+    {
+        if (m_pid <= 0)
+            return;
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+} // namespace korvane::test
