@@ -1,7 +1,5 @@
 // Drives the built server with the official MCP client, as an AI client does, against ps and /proc.
 // Run: KORVANE_MCP=... KORVANE_MCP_UNSUPPORTED=... node sdk_client.mjs
-import { Client } from '@modelcontextprotocol/sdk/client/index.js';
-import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv';
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
@@ -11,69 +9,17 @@ import { readFileSync, readlinkSync, realpathSync } from 'node:fs';
 import { connect, createServer } from 'node:net';
 import { cpus, networkInterfaces, release } from 'node:os';
 import { basename } from 'node:path';
-import { text } from 'node:stream/consumers';
 import { after, test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
+import { binary, Session, unsupportedBinary } from './session.mjs';
 
 // A figure may lie this far outside what a reading just before and one just after it enclose:
 // the kernel's page counters lag, processes live on meanwhile, and a clock tick lasts 10 ms.
 const tolerance = { memoryShare: 0.1, memoryBytes: 2 * 1024 * 1024, cpuShare: 0.1 };
 const ticksPerSecond = Number(execFileSync('getconf', ['CLK_TCK']));
 
-const { KORVANE_MCP: binary, KORVANE_MCP_UNSUPPORTED: unsupportedBinary } = process.env;
-assert(binary && unsupportedBinary, 'KORVANE_MCP and KORVANE_MCP_UNSUPPORTED name the binaries');
-
 const assertWithin = (value, low, high, what) =>
   assert(value >= low && value <= high, `${what}: ${value} is not within ${low}..${high}`);
-
-/** A server, the official client connected to it, and what the server says on standard error. */
-class Session {
-  called = new Set();
-
-  /** Lasts until `scope`, a test or the whole run, is over. */
-  static async start(scope, command, args = []) {
-    const session = new Session();
-    scope.after(() => session.close());
-    // The client's own choice of the environment, and where the tests' systemd is.
-    const { DBUS_SYSTEM_BUS_ADDRESS } = process.env;
-    const env = getDefaultEnvironment();
-    if (DBUS_SYSTEM_BUS_ADDRESS) Object.assign(env, { DBUS_SYSTEM_BUS_ADDRESS });
-    session.transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
-    session.transport.setProtocolVersion = (version) => (session.protocolVersion = version);
-    session.stderr = text(session.transport.stderr);
-    session.client = new Client({ name: 'korvane-e2e', version: '1.0.0' });
-    await session.client.connect(session.transport);
-    return session;
-  }
-
-  /** The tool's answer: whether it is an error, and its one text. */
-  async answer(name, args = {}) {
-    this.called.add(name);
-    const { isError, content } = await this.client.callTool({ name, arguments: args });
-    return { isError, text: content.map((item) => item.text).join() };
-  }
-
-  /** The result object of a call that must succeed. */
-  async call(name, args) {
-    const answer = await this.answer(name, args);
-    assert.equal(answer.isError, false, answer.text);
-    return JSON.parse(answer.text);
-  }
-
-  /** The entries of list_processes by PID. */
-  async listProcesses() {
-    const { total, processes } = await this.call('list_processes');
-    const byPid = new Map(processes.map((entry) => [entry.pid, entry]));
-    assert.deepEqual([processes.length, byPid.size], [total, total]);
-    return byPid;
-  }
-
-  /** Closes the client; returns all that the server wrote to standard error. */
-  async close() {
-    await this.client.close();
-    return this.stderr;
-  }
-}
 
 /** A child that keeps one processor busy until the test ends. */
 async function startBurner(t) {
@@ -327,6 +273,20 @@ test('has no startup items and no verdict on signatures here', async () => {
   const paths = ['/bin/sh', '/bin/sh'];
   const { unknown, results } = await linux.call('verify_signatures', { paths });
   assert.deepEqual([unknown, results], [1, [{ path: '/bin/sh', signature: '未知' }]]);
+});
+
+test('changes nothing where nobody can be asked', async (t) => {
+  const { pid } = await startBurner(t);
+  const notRunning = /failed: Korvane 主程序未运行/;
+  assert.match((await linux.answer('kill_process', { pid })).text, notRunning);
+  process.kill(pid, 0); // Throws for a process that is gone.
+  const { port } = await startForkedServer(t, '127.0.0.1', 1);
+  assert.match((await linux.answer('kill_by_port', { port })).text, notRunning);
+  const item = { source: 'hkcu', name: 'x', enabled: true };
+  assert.match((await linux.answer('set_startup_item_enabled', item)).text, /找不到启动项/);
+  assert.match((await linux.answer('unlock_file', { path: '/' })).text, /仅支持 Windows 10\+/);
+  for (const tool of ['start_service', 'stop_service', 'set_service_start_type'])
+    assert.match((await linux.answer(tool, { name: 'absent', start_type: 'auto' })).text, /找不到服务/);
 });
 
 test('an unknown tool is a tool error, not a protocol error', async () => {

@@ -1,0 +1,65 @@
+// The built server at the other end of the official MCP client.
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import assert from 'node:assert/strict';
+import { mkdtempSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { text } from 'node:stream/consumers';
+
+export const { KORVANE_MCP: binary, KORVANE_MCP_UNSUPPORTED: unsupportedBinary } = process.env;
+assert(binary && unsupportedBinary, 'KORVANE_MCP and KORVANE_MCP_UNSUPPORTED name the binaries');
+
+/** A server, the official client connected to it, and what the server says on standard error. */
+export class Session {
+  called = new Set();
+  /** The server's own directory for sockets: it must not find a desktop program of the user's. */
+  directory = mkdtempSync(join(tmpdir(), 'korvane-e2e-'));
+
+  /** Lasts until `scope`, a test or the whole run, is over. */
+  static async start(scope, command, args = []) {
+    const session = new Session();
+    scope.after(() => session.close());
+    // The client's own choice of the environment, and where the tests' systemd is.
+    const { DBUS_SYSTEM_BUS_ADDRESS } = process.env;
+    const env = { ...getDefaultEnvironment(), TMPDIR: session.directory };
+    if (DBUS_SYSTEM_BUS_ADDRESS) Object.assign(env, { DBUS_SYSTEM_BUS_ADDRESS });
+    session.transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
+    session.transport.setProtocolVersion = (version) => (session.protocolVersion = version);
+    session.stderr = text(session.transport.stderr);
+    session.client = new Client({ name: 'korvane-e2e', version: '1.0.0' });
+    await session.client.connect(session.transport);
+    return session;
+  }
+
+  /** The tool's answer: whether it is an error, and its one text. */
+  async answer(name, args = {}) {
+    this.called.add(name);
+    const options = { timeout: 150_000 }; // A person may take more than two minutes.
+    const call = { name, arguments: args };
+    const { isError, content } = await this.client.callTool(call, undefined, options);
+    return { isError, text: content.map((item) => item.text).join() };
+  }
+
+  /** The result object of a call that must succeed. */
+  async call(name, args) {
+    const answer = await this.answer(name, args);
+    assert.equal(answer.isError, false, answer.text);
+    return JSON.parse(answer.text);
+  }
+
+  /** The entries of list_processes by PID. */
+  async listProcesses() {
+    const { total, processes } = await this.call('list_processes');
+    const byPid = new Map(processes.map((entry) => [entry.pid, entry]));
+    assert.deepEqual([processes.length, byPid.size], [total, total]);
+    return byPid;
+  }
+
+  /** Closes the client; returns all that the server wrote to standard error. */
+  async close() {
+    await this.client.close();
+    rmSync(this.directory, { recursive: true, force: true });
+    return this.stderr;
+  }
+}
