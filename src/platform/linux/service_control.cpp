@@ -2,7 +2,6 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/services.h"
 #include "platform/linux/systemd_bus.h"
-#include "platform/linux/text.h"
 
 #include <QThread>
 
@@ -106,6 +105,7 @@ private:
     QString m_problem;
     QString m_note; ///< What the message of a success adds.
     QByteArray m_fileState;
+    bool m_isKept = false; ///< systemd keeps the unit in memory until this is done.
     bool m_hasChangedFiles = false;
 };
 
@@ -137,7 +137,7 @@ bool UnitControl::runJob(const char* member)
             sd_bus_message_read(signal, "uoss", nullptr, &removed, nullptr, &outcome) <= 0 ||
             QByteArrayView(removed) != job)
             return false;
-        result = textFromSystem(outcome);
+        result = briefText(outcome);
         return true;
     });
     if (m_bus.isOutOfTime())
@@ -159,9 +159,10 @@ QByteArray UnitControl::property(const char* interface, const char* name)
         return text;
     int isTrue = 0;
     sd_bus_message_rewind(m_reply.get(), 1);
-    if (sd_bus_message_read(m_reply.get(), "v", "b", &isTrue) <= 0)
-        return {};
-    return isTrue == 0 ? "no" : "yes";
+    if (sd_bus_message_read(m_reply.get(), "v", "b", &isTrue) > 0)
+        return isTrue == 0 ? "no" : "yes";
+    m_problem = QStringLiteral("systemd 的应答无法识别");
+    return {};
 }
 
 /// Why the service itself ended, where it did not end well.
@@ -170,7 +171,7 @@ QString UnitControl::resultOfService()
     const QByteArray result = property(serviceInterface, "Result");
     return result.isEmpty() || result == "success"
                ? QString()
-               : QStringLiteral(",服务结果为 %1").arg(textFromSystem(result));
+               : QStringLiteral(",服务结果为 %1").arg(briefText(result));
 }
 
 /// Whether the service does what it was started for.
@@ -182,10 +183,10 @@ bool UnitControl::isRunning()
         return false;
     if (serviceStateFrom(state) == ServiceState::Running)
         return true;
-    if (state == "inactive" && property(unitInterface, "ConditionResult") == "no")
+    if (state == "inactive" && m_isKept && property(unitInterface, "ConditionResult") == "no")
         return fail(QStringLiteral("单元的启动条件不满足"));
     if (state == "inactive" && property(serviceInterface, "Type") == "oneshot") {
-        m_note = QStringLiteral(",并已执行完毕");
+        m_note = m_isKept ? QStringLiteral(",并已执行完毕") : QStringLiteral(",现在没有在运行");
         return true;
     }
     return fail(QStringLiteral("启动后没有保持运行") + resultOfService());
@@ -193,6 +194,9 @@ bool UnitControl::isRunning()
 
 OpResult UnitControl::start()
 {
+    // Else systemd forgets a unit that has ended, and what came of it. Only who may start it without
+    // being asked for a password may do this.
+    m_isKept = ask("RefUnit", "s", m_unit.constData());
     if (!runJob("StartUnit") || !isRunning())
         return {false, QStringLiteral("启动服务失败: %1").arg(m_problem)};
     return {true, QStringLiteral("服务已启动") + m_note};
@@ -272,7 +276,7 @@ bool UnitControl::applyStartType(ServiceStartType type)
     if (type == ServiceStartType::Auto) {
         if (std::find(withInstall.begin(), withInstall.end(), m_fileState) == withInstall.end())
             return fail(QStringLiteral("单元没有可用的 [Install] 段 (单元文件状态: %1)")
-                            .arg(textFromSystem(m_fileState)));
+                            .arg(briefText(m_fileState)));
         return change("EnableUnitFiles", "asbb", 1, m_unit.constData(), 0, 0) &&
                (m_hasChangedFiles = true);
     }
@@ -298,7 +302,7 @@ OpResult UnitControl::setStartType(ServiceStartType type)
 
     bool isSet = applyStartType(type) && readFileState();
     if (isSet && startTypeFrom(m_fileState) != type)
-        isSet = fail(QStringLiteral("单元文件状态仍为 %1").arg(textFromSystem(m_fileState)));
+        isSet = fail(QStringLiteral("单元文件状态仍为 %1").arg(briefText(m_fileState)));
     const QString problem = m_problem;
     QString note;
     if (m_hasChangedFiles && !change("Reload", ""))

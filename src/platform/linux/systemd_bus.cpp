@@ -35,11 +35,16 @@ QString troubleOf(sd_bus_message* reply)
 
 } // namespace
 
-QString errorMessage(sd_bus_message* reply)
+QString briefText(QByteArrayView text)
 {
     constexpr qsizetype longest = 300;
+    return textFromSystem(text).left(longest);
+}
+
+QString errorMessage(sd_bus_message* reply)
+{
     const sd_bus_error* error = sd_bus_message_get_error(reply);
-    return error == nullptr ? QString() : textFromSystem(error->message).left(longest);
+    return error == nullptr ? QString() : briefText(error->message);
 }
 
 SystemdBus::SystemdBus(milliseconds limit)

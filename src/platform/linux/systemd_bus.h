@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 #include <chrono>
@@ -18,6 +19,9 @@ struct UnrefMessage
     void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
 using UniqueMessage = std::unique_ptr<sd_bus_message, UnrefMessage>;
+
+/// A text from the bus, shortened for a message.
+QString briefText(QByteArrayView text);
 
 /// The text of an error reply, shortened; empty when `reply` is none.
 QString errorMessage(sd_bus_message* reply);
