@@ -96,20 +96,23 @@ public:
     {
         sockaddr_un address{AF_UNIX, {}};
         qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-        ::bind(m_listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+        const bool isBound =
+            ::bind(m_listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        QVERIFY(isBound);
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
     }
     ~ScriptedBus() { ::shutdown(m_listener.get(), SHUT_RDWR); }
     Q_DISABLE_COPY_MOVE(ScriptedBus)
 
-    void listen() { ::listen(m_listener.get(), 1); }
+    void listen() { QCOMPARE(::listen(m_listener.get(), 1), 0); }
 
     /// Serves one peer after another until it is destroyed.
     void play(const QByteArray& role)
     {
         listen();
         m_server = std::jthread([this, role] {
-            for (int peer; (peer = ::accept(m_listener.get(), nullptr, nullptr)) >= 0;)
+            int peer = -1;
+            while ((peer = ::accept(m_listener.get(), nullptr, nullptr)) >= 0)
                 serve(peer, role);
         });
     }
