@@ -89,13 +89,14 @@ private:
 
     bool runJob(const char* member);
     bool isRunning();
+    bool isUnmet();
     QByteArray property(const char* interface, const char* name);
     QString resultOfService();
 
     bool readFileState();
     bool keepsItsFile();
     bool applyStartType(ServiceStartType type);
-    bool unmask();
+    bool changeBoth(const char* member);
     bool mask();
 
     QByteArray m_unit;
@@ -149,20 +150,24 @@ bool UnitControl::runJob(const char* member)
            fail(QStringLiteral("systemd 的作业结果为 %1").arg(result) + resultOfService());
 }
 
-/// The text of a property, or "yes" or "no"; empty when there is none.
+/// The text of a property; empty when there is none.
 QByteArray UnitControl::property(const char* interface, const char* name)
 {
+    const char* text = nullptr;
     if (!receive(m_bus.propertyCall(m_unit, interface, name), m_limits.asking))
         return {};
-    const char* text = nullptr;
-    if (sd_bus_message_read(m_reply.get(), "v", "s", &text) > 0)
-        return text;
-    int isTrue = 0;
-    sd_bus_message_rewind(m_reply.get(), 1);
-    if (sd_bus_message_read(m_reply.get(), "v", "b", &isTrue) > 0)
-        return isTrue == 0 ? "no" : "yes";
-    m_problem = QStringLiteral("systemd 的应答无法识别");
-    return {};
+    if (sd_bus_message_read(m_reply.get(), "v", "s", &text) <= 0)
+        m_problem = QStringLiteral("systemd 的应答无法识别");
+    return text;
+}
+
+/// Whether systemd did not even try, since a condition of the unit was not met.
+bool UnitControl::isUnmet()
+{
+    int isMet = 1;
+    return m_isKept &&
+           receive(m_bus.propertyCall(m_unit, unitInterface, "ConditionResult"), m_limits.asking) &&
+           sd_bus_message_read(m_reply.get(), "v", "b", &isMet) > 0 && isMet == 0;
 }
 
 /// Why the service itself ended, where it did not end well.
@@ -183,7 +188,7 @@ bool UnitControl::isRunning()
         return false;
     if (serviceStateFrom(state) == ServiceState::Running)
         return true;
-    if (state == "inactive" && m_isKept && property(unitInterface, "ConditionResult") == "no")
+    if (state == "inactive" && isUnmet())
         return fail(QStringLiteral("单元的启动条件不满足"));
     if (state == "inactive" && property(serviceInterface, "Type") == "oneshot") {
         m_note = m_isKept ? QStringLiteral(",并已执行完毕") : QStringLiteral(",现在没有在运行");
@@ -221,14 +226,15 @@ bool UnitControl::readFileState()
     return true;
 }
 
-bool UnitControl::unmask()
+/// Takes back what lasts, and what lasts until the next boot.
+bool UnitControl::changeBoth(const char* member)
 {
     for (const int isRuntime : {0, 1}) {
-        if (!change("UnmaskUnitFiles", "asb", 1, m_unit.constData(), isRuntime))
+        if (!change(member, "asb", 1, m_unit.constData(), isRuntime))
             return false;
         m_hasChangedFiles = true;
     }
-    return readFileState();
+    return true;
 }
 
 bool UnitControl::mask()
@@ -242,23 +248,18 @@ bool UnitControl::mask()
     return false;
 }
 
-/// Whether disabling removes links to the unit's file only from other units. A file that was linked
-/// into the configuration folder from elsewhere would go with them, and the unit with it.
+/// Whether disabling removes links to the unit's file only from the folders of other units. A file
+/// that was linked into the configuration folder would go with them, and the unit with it.
 bool UnitControl::keepsItsFile()
 {
-    for (const int isRuntime : {0, 1}) {
-        const char* link = nullptr;
-        if (!ask("GetUnitFileLinks", "sb", m_unit.constData(), isRuntime))
-            return false;
-        sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_ARRAY, "s");
-        while (sd_bus_message_read(m_reply.get(), "s", &link) > 0) {
-            const QByteArray path = link;
-            const qsizetype name = path.lastIndexOf('/') + 1;
-            const QByteArray folder = path.left(std::max(name - 1, qsizetype(0)));
-            if (path.mid(name) == m_unit && !folder.endsWith(".wants") &&
-                !folder.endsWith(".requires") && !folder.endsWith(".upholds"))
-                return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
-        }
+    const char* link = nullptr;
+    if (!ask("GetUnitFileLinks", "sb", m_unit.constData(), 0))
+        return false;
+    sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_ARRAY, "s");
+    while (sd_bus_message_read(m_reply.get(), "s", &link) > 0) {
+        const QByteArrayView path(link);
+        if (path.endsWith("/system/" + m_unit) || path.endsWith("/user/" + m_unit))
+            return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
     }
     return true;
 }
@@ -271,7 +272,8 @@ bool UnitControl::applyStartType(ServiceStartType type)
         return false;
     if (type == ServiceStartType::Disabled)
         return mask();
-    if (startTypeFrom(m_fileState) == ServiceStartType::Disabled && !unmask())
+    if (startTypeFrom(m_fileState) == ServiceStartType::Disabled &&
+        !(changeBoth("UnmaskUnitFiles") && readFileState()))
         return false;
     if (type == ServiceStartType::Auto) {
         if (std::find(withInstall.begin(), withInstall.end(), m_fileState) == withInstall.end())
@@ -280,16 +282,8 @@ bool UnitControl::applyStartType(ServiceStartType type)
         return change("EnableUnitFiles", "asbb", 1, m_unit.constData(), 0, 0) &&
                (m_hasChangedFiles = true);
     }
-    if (startTypeFrom(m_fileState) == ServiceStartType::Manual)
-        return true;
-    if (!keepsItsFile())
-        return false;
-    for (const int isRuntime : {0, 1}) {
-        if (!change("DisableUnitFiles", "asb", 1, m_unit.constData(), isRuntime))
-            return false;
-        m_hasChangedFiles = true;
-    }
-    return true;
+    return startTypeFrom(m_fileState) == ServiceStartType::Manual ||
+           (keepsItsFile() && changeBoth("DisableUnitFiles"));
 }
 
 OpResult UnitControl::setStartType(ServiceStartType type)

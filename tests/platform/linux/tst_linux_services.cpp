@@ -223,7 +223,7 @@ unit c-conf '' "$install"
 cd ~/linked
 unit c-linked '' "$install"
 cd ~/.local/share/systemd/user
-unit c-Run '' "$install"
+unit c-run '' "$install"
 unit c-plain
 unit c-fails '' Type=oneshot /bin/false
 unit c-ends '' '' /bin/false
@@ -232,7 +232,7 @@ unit c-needs 'Requires=c-fails.service\nAfter=c-fails.service'
 unit c-unmet ConditionPathExists=/nowhere
 unit c-slow '' 'Type=notify\nTimeoutStartSec=infinity'
 unit c-two
-unit c-TWO
+unit C-TWO
 systemctl --user -q enable ~/linked/c-linked.service
 systemctl --user daemon-reload
 )";
@@ -240,50 +240,48 @@ systemctl --user daemon-reload
 /// What is done, whether it is done, what it says, and what systemctl says then: "masked-runtime" of
 /// all that is masked, since this home is in /run.
 constexpr auto changes = R"(
-start c-RUN|+服务已启动|active
-stop c-run|+服务已停止|inactive
-auto c-run|+启动类型已改为自动|enabled
-disabled c-run|+启动类型已改为已禁用|masked-runtime
-start c-run|-启动服务失败: systemd 拒绝: Unit c-Run.service is masked.|inactive
-disable c-run|+服务已被屏蔽,不会自动启动|masked-runtime
-mask --runtime c-Run||masked-runtime
-manual c-run|+启动类型已改为手动|disabled
-enable c-run|+启动类型已改为自动|enabled
-manual c-run|+启动类型已改为手动|disabled
-enable --runtime c-Run||enabled-runtime
-disable c-run|+启动类型已改为手动|disabled
-delayed c-run|-systemd 没有延迟自动启动,请改用自动|disabled
-invalid c-run|-无效的启动类型|disabled
-auto c-plain|-设置启动类型失败: 单元没有可用的 [Install] 段 (单元文件状态: static)|static
-disabled c-plain|+启动类型已改为已禁用|masked-runtime
-auto c-plain|-设置启动类型只完成了一部分: 单元没有可用的 [Install] 段 (单元文件状态: static)|static
-disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists.)|disabled
-manual c-linked|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled
-start c-fails|-启动服务失败: systemd 的作业结果为 failed,服务结果为 exit-code|failed
-start c-ends|-启动服务失败: 启动后没有保持运行,服务结果为 exit-code|failed
-start c-needs|-启动服务失败: systemd 的作业结果为 dependency|inactive
-start c-unmet|-启动服务失败: 单元的启动条件不满足|inactive
-start c-once|+服务已启动,并已执行完毕|inactive
-start c-two|-有多个服务的名称只有大小写不同,无法区分: c-TWO, c-two|inactive
-slowly c-slow|-启动服务失败: 1 秒后仍未完成,systemd 的作业还在进行|activating
-stop c-slow|+服务已停止|inactive
-disabled c-once|+启动类型已改为已禁用|masked-runtime
-start c-gone|-找不到服务: c-gone|inactive
+start c-run|+服务已启动|disabled active
+stop c-run|+服务已停止|disabled inactive
+auto c-run|+启动类型已改为自动|enabled inactive
+disabled c-run|+启动类型已改为已禁用|masked-runtime inactive
+start c-run|-启动服务失败: systemd 拒绝: Unit c-run.service is masked.|masked-runtime inactive
+disable c-run|+服务已被屏蔽,不会自动启动|masked-runtime inactive
+mask --runtime c-run|-|masked-runtime inactive
+enable c-run|+启动类型已改为自动|enabled inactive
+manual c-run|+启动类型已改为手动|disabled inactive
+enable --runtime c-run|-|enabled-runtime inactive
+disable c-run|+启动类型已改为手动|disabled inactive
+delayed c-run|-systemd 没有延迟自动启动,请改用自动|disabled inactive
+invalid c-run|-无效的启动类型|disabled inactive
+auto c-plain|-设置启动类型失败: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
+disabled c-plain|+启动类型已改为已禁用|masked-runtime inactive
+auto c-plain|-设置启动类型只完成了一部分: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
+disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists.)|disabled inactive
+manual c-linked|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled inactive
+start c-fails|-启动服务失败: systemd 的作业结果为 failed,服务结果为 exit-code|static failed
+start c-ends|-启动服务失败: 启动后没有保持运行,服务结果为 exit-code|static failed
+start c-needs|-启动服务失败: systemd 的作业结果为 dependency|static inactive
+start c-unmet|-启动服务失败: 单元的启动条件不满足|static inactive
+start c-once|+服务已启动,并已执行完毕|static inactive
+disabled c-once|+启动类型已改为已禁用|masked-runtime inactive
+slowly c-slow|-启动服务失败: 1 秒后仍未完成,systemd 的作业还在进行|static activating
+stop c-slow|+服务已停止|static inactive
+start c-two|-有多个服务的名称只有大小写不同,无法区分: C-TWO, c-two|static inactive
 )";
 
-/// Does the first two words of a line above; the line as it turns out.
+/// Does what a line above begins with, the name in capitals; the line as it turns out.
 QString changeService(const QString& line)
 {
-    static const QHash<QString, ServiceStartType> types{
-        {QStringLiteral("auto"), ServiceStartType::Auto},
-        {QStringLiteral("manual"), ServiceStartType::Manual},
-        {QStringLiteral("disabled"), ServiceStartType::Disabled},
-        {QStringLiteral("delayed"), ServiceStartType::AutoDelayed},
-        {QStringLiteral("invalid"), static_cast<ServiceStartType>(7)}};
+    static const QHash<QString, int> types{{QStringLiteral("auto"), 2},
+                                           {QStringLiteral("delayed"), 3},
+                                           {QStringLiteral("manual"), 4},
+                                           {QStringLiteral("disabled"), 5},
+                                           {QStringLiteral("invalid"), 7}};
     auto& services = Singleton<ServiceManagerService>::instance();
     const QString command = line.section(QLatin1Char('|'), 0, 0);
     const QString action = command.section(QLatin1Char(' '), 0, 0);
-    const QString name = command.section(QLatin1Char(' '), -1);
+    const QByteArray unit = command.section(QLatin1Char(' '), -1).toUtf8();
+    const QString name = QString::fromUtf8(unit.toUpper());
     OpResult result;
     if (command.contains(QLatin1String("--")))
         shell("systemctl --user -q " + command.toUtf8());
@@ -294,21 +292,14 @@ QString changeService(const QString& line)
     else if (action == u"stop")
         result = services.stopService(name);
     else if (types.contains(action))
-        result = services.setStartType(name, types[action]);
+        result = services.setStartType(name, static_cast<ServiceStartType>(types[action]));
     else
         result = services.setEnabled(name, action == u"enable");
-    // systemctl distinguishes letter case.
-    const QString unit =
-        name.compare(u"c-run", Qt::CaseInsensitive) == 0 ? QStringLiteral("c-Run") : name;
-    const bool isJob =
-        QStringList{QStringLiteral("start"), QStringLiteral("stop"), QStringLiteral("slowly")}
-            .contains(action);
-    const QString state = shell("systemctl --user " +
-                                QByteArray(isJob ? "is-active " : "is-enabled ") + unit.toUtf8())
-                              .value(0);
-    const QString told =
-        result.message.isEmpty() ? QString() : (result.ok ? u'+' : u'-') + result.message;
-    return QStringList{command, told, state}.join(QLatin1Char('|'));
+    const QStringList state =
+        shell("for i in enabled active; do systemctl --user is-$i " + unit + " 2>&1; done");
+    const QStringList row{command, (result.ok ? u'+' : u'-') + result.message,
+                          state.join(QLatin1Char(' '))};
+    return row.join(QLatin1Char('|'));
 }
 
 } // namespace
