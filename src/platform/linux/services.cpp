@@ -27,6 +27,13 @@ constexpr int maxUnits = 20'000;
 constexpr auto unitInterface = "org.freedesktop.systemd1.Unit";
 constexpr auto serviceInterface = "org.freedesktop.systemd1.Service";
 
+/// What the latest successful listing showed: the only services that are changed.
+QStringList& listedNames()
+{
+    static QStringList names;
+    return names;
+}
+
 /// Reads one of the two lists; false when it is damaged or too long.
 bool readList(sd_bus_message* reply, bool isOfFiles, ListedServices& services)
 {
@@ -245,7 +252,20 @@ QList<ServiceItem> listServices(std::chrono::milliseconds limit, QString* error)
     QList<ServiceItem> items;
     for (const ListedService& service : std::as_const(services))
         items.append(service.item);
-    return bus.error().isEmpty() ? items : QList<ServiceItem>();
+    if (!bus.error().isEmpty())
+        return {};
+    listedNames() = services.keys();
+    return items;
+}
+
+QStringList listedNamesLike(const QString& name)
+{
+    QStringList names;
+    for (const QString& listed : std::as_const(listedNames())) {
+        if (listed.compare(name, Qt::CaseInsensitive) == 0)
+            names.append(listed);
+    }
+    return names;
 }
 
 } // namespace linux_platform

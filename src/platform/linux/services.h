@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/system_records.h"
+#include "platform/platform.h"
 
 #include <QByteArray>
 #include <QByteArrayView>
@@ -44,5 +45,20 @@ void addUnitFile(ListedServices& services, QByteArrayView path, QByteArrayView s
 /// All services, by name, asked of systemd within `limit`; a failure is an empty list and
 /// its reason in `error` (may be null).
 QList<ServiceItem> listServices(std::chrono::milliseconds limit, QString* error);
+
+/// The names in the latest listing that had no failure that equal `name`, ignoring letter case.
+/// Main thread only, as the listing.
+QStringList listedNamesLike(const QString& name);
+
+/// How long each step of a change may take.
+struct ControlLimits
+{
+    std::chrono::milliseconds asking{5000};
+    std::chrono::milliseconds authorizing{130'000}; ///< A person may have to enter a password.
+    std::chrono::milliseconds job{30'000};          ///< From its acceptance to its end.
+};
+
+/// ServiceManagerService's startService() under other limits.
+OpResult startListedService(const QString& name, const ControlLimits& limits);
 
 } // namespace korvane::linux_platform

@@ -16,6 +16,10 @@ using namespace std::chrono;
 /// A system bus refuses a connection's calls beyond 128 pending replies.
 constexpr std::size_t maxCallsInFlight = 64;
 
+constexpr auto systemdService = "org.freedesktop.systemd1";
+constexpr auto managerPath = "/org/freedesktop/systemd1";
+constexpr auto managerInterface = "org.freedesktop.systemd1.Manager";
+
 /// What an error reply says of the bus or of systemd as a whole; empty when it is about the call.
 QString troubleOf(sd_bus_message* reply)
 {
@@ -31,15 +35,21 @@ QString troubleOf(sd_bus_message* reply)
 
 } // namespace
 
-QString errorMessage(sd_bus_message* reply)
+QString briefText(QByteArrayView text)
 {
     constexpr qsizetype longest = 300;
-    const sd_bus_error* error = sd_bus_message_get_error(reply);
-    return error == nullptr ? QString() : textFromSystem(error->message).left(longest);
+    return textFromSystem(text).left(longest);
 }
 
-SystemdBus::SystemdBus(milliseconds limit) : m_limit(limit), m_deadline(steady_clock::now() + limit)
+QString errorMessage(sd_bus_message* reply)
 {
+    const sd_bus_error* error = sd_bus_message_get_error(reply);
+    return error == nullptr ? QString() : briefText(error->message);
+}
+
+SystemdBus::SystemdBus(milliseconds limit)
+{
+    allow(limit);
     // Neither connects nor authenticates to the end: advance() does, within the limit.
     sd_bus* bus = nullptr;
     const int result = sd_bus_open_system(&bus);
@@ -48,11 +58,17 @@ SystemdBus::SystemdBus(milliseconds limit) : m_limit(limit), m_deadline(steady_c
         fail(QStringLiteral("无法连接系统总线: %1").arg(qt_error_string(-result)));
 }
 
-UniqueMessage SystemdBus::newCall(const char* path, const char* interface, const char* member) const
+void SystemdBus::allow(milliseconds limit)
+{
+    m_limit = limit;
+    m_deadline = steady_clock::now() + limit;
+}
+
+UniqueMessage SystemdBus::newCall(const char* service, const char* path, const char* interface,
+                                  const char* member) const
 {
     sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(m_bus.get(), &call, "org.freedesktop.systemd1", path, interface,
-                                   member);
+    sd_bus_message_new_method_call(m_bus.get(), &call, service, path, interface, member);
     // Else the bus would try, for a while, to start a systemd.
     sd_bus_message_set_auto_start(call, 0);
     return UniqueMessage(call);
@@ -60,7 +76,18 @@ UniqueMessage SystemdBus::newCall(const char* path, const char* interface, const
 
 UniqueMessage SystemdBus::managerCall(const char* member) const
 {
-    return newCall("/org/freedesktop/systemd1", "org.freedesktop.systemd1.Manager", member);
+    return newCall(systemdService, managerPath, managerInterface, member);
+}
+
+UniqueMessage SystemdBus::matchCall(const char* member) const
+{
+    constexpr auto bus = "org.freedesktop.DBus";
+    UniqueMessage call = newCall(bus, "/org/freedesktop/DBus", bus, "AddMatch");
+    const QByteArray rule = QByteArray("type='signal',sender='") + systemdService + "',path='" +
+                            managerPath + "',interface='" + managerInterface + "',member='" +
+                            member + "'";
+    sd_bus_message_append(call.get(), "s", rule.constData());
+    return call;
 }
 
 UniqueMessage SystemdBus::propertyCall(const QByteArray& unitName, const char* interface,
@@ -68,7 +95,7 @@ UniqueMessage SystemdBus::propertyCall(const QByteArray& unitName, const char* i
 {
     char* path = nullptr;
     sd_bus_path_encode("/org/freedesktop/systemd1/unit", unitName.constData(), &path);
-    UniqueMessage call = newCall(path, "org.freedesktop.DBus.Properties", "Get");
+    UniqueMessage call = newCall(systemdService, path, "org.freedesktop.DBus.Properties", "Get");
     std::free(path); // NOLINT(cppcoreguidelines-no-malloc): the library's own allocation
     sd_bus_message_append(call.get(), "ss", interface, property);
     return call;
@@ -98,6 +125,29 @@ bool SystemdBus::callAll(const std::vector<UniqueMessage>& calls, const Receiver
     return m_error.isEmpty();
 }
 
+UniqueMessage SystemdBus::callOne(UniqueMessage call)
+{
+    UniqueMessage reply;
+    std::vector<UniqueMessage> calls;
+    calls.push_back(std::move(call));
+    callAll(calls, [&reply](std::size_t, sd_bus_message* received) {
+        reply.reset(sd_bus_message_ref(received));
+    });
+    return reply;
+}
+
+UniqueMessage SystemdBus::awaitSignal(const QByteArray& sender,
+                                      const std::function<bool(sd_bus_message*)>& isAwaited)
+{
+    while (m_error.isEmpty()) {
+        UniqueMessage message = advance();
+        if (message && sd_bus_message_get_sender(message.get()) == sender &&
+            isAwaited(message.get()))
+            return message;
+    }
+    return nullptr;
+}
+
 bool SystemdBus::fail(const QString& reason)
 {
     m_error = reason;
@@ -117,6 +167,7 @@ UniqueMessage SystemdBus::advance()
     UniqueMessage message(received);
     const auto left = duration_cast<microseconds>(m_deadline - steady_clock::now()).count();
     if (left <= 0) {
+        m_isOutOfTime = true;
         const bool isReady = sd_bus_is_ready(m_bus.get()) > 0;
         fail(QStringLiteral("%1在 %2 秒内没有应答")
                  .arg(isReady ? QStringLiteral("systemd ") : QStringLiteral("系统总线"),

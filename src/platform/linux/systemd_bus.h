@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 #include <chrono>
@@ -19,19 +20,29 @@ struct UnrefMessage
 };
 using UniqueMessage = std::unique_ptr<sd_bus_message, UnrefMessage>;
 
+/// A text from the bus, shortened for a message.
+QString briefText(QByteArrayView text);
+
 /// The text of an error reply, shortened; empty when `reply` is none.
 QString errorMessage(sd_bus_message* reply);
 
 /// A connection of its own to the system bus, made when first needed and closed with the object; it
 /// starts no thread. All that is asked of it, connecting included, is done within one limit from
-/// its construction. It is of no more use after the first failure, which error() tells.
+/// its construction, or from the latest allow(). It is of no more use after the first failure,
+/// which error() tells.
 class SystemdBus
 {
 public:
     explicit SystemdBus(std::chrono::milliseconds limit);
 
+    /// Begins the next step, for which there is this much time.
+    void allow(std::chrono::milliseconds limit);
+
     /// A call of the manager's method `member`, to which arguments may be appended.
     UniqueMessage managerCall(const char* member) const;
+
+    /// A call that has the bus deliver the manager's signals `member` from then on.
+    UniqueMessage matchCall(const char* member) const;
 
     /// A call that reads a property of a unit. The unit's object path is known without asking;
     /// systemd loads the unit behind it, if it is not, and drops it again.
@@ -45,11 +56,22 @@ public:
     /// with error(), when one got no reply.
     bool callAll(const std::vector<UniqueMessage>& calls, const Receiver& receive);
 
+    /// Makes one call; its reply, which may be an error, or none, with error().
+    UniqueMessage callOne(UniqueMessage call);
+
+    /// Waits for a signal that `isAwaited` takes. What comes from other than `sender` is no signal
+    /// of it: anyone on the bus may send us some. None, with error(), when it does not come.
+    UniqueMessage awaitSignal(const QByteArray& sender,
+                              const std::function<bool(sd_bus_message* signal)>& isAwaited);
+
     /// Ends the use of this connection, with the reason; always false.
     bool fail(const QString& reason);
 
     /// Why the connection failed, for the user; empty while all is well.
     QString error() const { return m_error; }
+
+    /// Whether it failed because the time was up.
+    bool isOutOfTime() const { return m_isOutOfTime; }
 
 private:
     struct CloseBus
@@ -58,7 +80,8 @@ private:
         void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
     };
 
-    UniqueMessage newCall(const char* path, const char* interface, const char* member) const;
+    UniqueMessage newCall(const char* service, const char* path, const char* interface,
+                          const char* member) const;
     /// One step on the bus: sends, receives one message, or waits for the peer.
     UniqueMessage advance();
     bool failWith(int result);
@@ -67,6 +90,7 @@ private:
     std::chrono::steady_clock::time_point m_deadline;
     std::unique_ptr<sd_bus, CloseBus> m_bus;
     QString m_error;
+    bool m_isOutOfTime = false;
 };
 
 } // namespace korvane::linux_platform

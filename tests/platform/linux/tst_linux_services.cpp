@@ -32,6 +32,11 @@ int answer(const QByteArray& role, sd_bus_message* call)
         return sd_bus_reply_method_return(call, "s", ":1.1");
     if (role == "mute systemd")
         return 0;
+    if (member == "Subscribe" || member == "AddMatch" || member == "RefUnit")
+        return sd_bus_reply_method_return(call, nullptr);
+    if (member == "StartUnit")
+        return sd_bus_reply_method_errorf(call, role, "%%1 %d",
+                                          sd_bus_message_get_allow_interactive_authorization(call));
     if (role == "refusing systemd")
         return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "%s", "%1 no");
     if (member == "ListUnitsByPatterns" && role == "other type")
@@ -57,10 +62,9 @@ int answer(const QByteArray& role, sd_bus_message* call)
                             : sd_bus_reply_method_return(call, "v", "b", 1);
 }
 
-/// Lets the first peer of `listener` talk to the case `role` until one of them hangs up.
-void serve(int listener, const QByteArray& role)
+/// Lets `peer` talk to the case `role` until one of them hangs up.
+void serve(int peer, const QByteArray& role)
 {
-    const int peer = ::accept(listener, nullptr, nullptr);
     if (role == "garbage") {
         const QByteArray garbage(100'000, '\xff');
         ::send(peer, garbage.constData(), static_cast<size_t>(garbage.size()), MSG_NOSIGNAL);
@@ -84,13 +88,51 @@ void serve(int listener, const QByteArray& role)
     sd_bus_close_unref(bus);
 }
 
+/// A bus of the test's own, to which DBUS_SYSTEM_BUS_ADDRESS points.
+class ScriptedBus
+{
+public:
+    ScriptedBus()
+    {
+        sockaddr_un address{AF_UNIX, {}};
+        qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+        const bool isBound =
+            ::bind(m_listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        QVERIFY(isBound);
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+    }
+    ~ScriptedBus() { ::shutdown(m_listener.get(), SHUT_RDWR); }
+    Q_DISABLE_COPY_MOVE(ScriptedBus)
+
+    void listen() { QCOMPARE(::listen(m_listener.get(), 1), 0); }
+
+    /// Serves one peer after another until it is destroyed.
+    void play(const QByteArray& role)
+    {
+        listen();
+        m_server = std::jthread([this, role] {
+            int peer = -1;
+            while ((peer = ::accept(m_listener.get(), nullptr, nullptr)) >= 0)
+                serve(peer, role);
+        });
+    }
+
+private:
+    QTemporaryDir m_directory;
+    UniqueFd m_listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::jthread m_server;
+
+public:
+    const QByteArray path = QFile::encodeName(m_directory.filePath(QStringLiteral("bus")));
+};
+
 QStringList linesOf(const QByteArray& text)
 {
     return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 /// The lines that a script prints.
-QStringList shell(const char* script)
+QStringList shell(const QByteArray& script)
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -113,12 +155,17 @@ QStringList listed(const char* keys)
     return rows;
 }
 
+/// What the scripts below make their units with.
+constexpr auto unitMaker = R"(
+unit() { printf "[Unit]\n$2\n[Service]\nExecStart=${4:-/bin/sleep infinity}\n$3\n" >$1.service; }
+install='[Install]\nWantedBy=default.target'
+mkdir -p ~/.local/share/systemd/user ~/linked
+cd ~/.config/systemd/user
+)";
+
 /// Makes the units that are listed below, and 300 others: more than a system bus lets wait, and
 /// slow, since systemd has to load each.
 constexpr auto makeUnits = R"(
-cd ~/.config/systemd/user
-unit() { printf "[Unit]\n$2\n[Service]\nExecStart=${4:-/bin/sleep infinity}\n$3\n" >$1.service; }
-install='[Install]\nWantedBy=default.target'
 unit begins '' 'Type=notify\nTimeoutStartSec=infinity'
 unit broken '' 'Type=oneshot' /bin/false
 unit ends '' 'ExecStop=/bin/sleep infinity'
@@ -169,6 +216,91 @@ constexpr auto showUnits = R"(
         delete value
     }'
 )";
+
+/// Makes the units that are changed below.
+constexpr auto makeChangeableUnits = R"(
+unit c-conf '' "$install"
+cd ~/linked
+unit c-linked '' "$install"
+cd ~/.local/share/systemd/user
+unit c-run '' "$install"
+unit c-plain
+unit c-fails '' Type=oneshot /bin/false
+unit c-ends '' '' /bin/false
+unit c-once '' Type=oneshot /bin/true
+unit c-needs 'Requires=c-fails.service\nAfter=c-fails.service'
+unit c-unmet ConditionPathExists=/nowhere
+unit c-slow '' 'Type=notify\nTimeoutStartSec=infinity'
+unit c-two
+unit C-TWO
+systemctl --user -q enable ~/linked/c-linked.service
+systemctl --user daemon-reload
+)";
+
+/// What is done, whether it is done, what it says, and what systemctl says then: "masked-runtime" of
+/// all that is masked, since this home is in /run.
+constexpr auto changes = R"(
+start c-run|+服务已启动|disabled active
+stop c-run|+服务已停止|disabled inactive
+auto c-run|+启动类型已改为自动|enabled inactive
+disabled c-run|+启动类型已改为已禁用|masked-runtime inactive
+start c-run|-启动服务失败: systemd 拒绝: Unit c-run.service is masked.|masked-runtime inactive
+disable c-run|+服务已被屏蔽,不会自动启动|masked-runtime inactive
+mask --runtime c-run|-|masked-runtime inactive
+enable c-run|+启动类型已改为自动|enabled inactive
+manual c-run|+启动类型已改为手动|disabled inactive
+enable --runtime c-run|-|enabled-runtime inactive
+disable c-run|+启动类型已改为手动|disabled inactive
+delayed c-run|-systemd 没有延迟自动启动,请改用自动|disabled inactive
+invalid c-run|-无效的启动类型|disabled inactive
+auto c-plain|-设置启动类型失败: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
+disabled c-plain|+启动类型已改为已禁用|masked-runtime inactive
+auto c-plain|-设置启动类型只完成了一部分: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
+disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists.)|disabled inactive
+manual c-linked|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled inactive
+start c-fails|-启动服务失败: systemd 的作业结果为 failed,服务结果为 exit-code|static failed
+start c-ends|-启动服务失败: 启动后没有保持运行,服务结果为 exit-code|static failed
+start c-needs|-启动服务失败: systemd 的作业结果为 dependency|static inactive
+start c-unmet|-启动服务失败: 单元的启动条件不满足|static inactive
+start c-once|+服务已启动,并已执行完毕|static inactive
+disabled c-once|+启动类型已改为已禁用|masked-runtime inactive
+slowly c-slow|-启动服务失败: 1 秒后仍未完成,systemd 的作业还在进行|static activating
+stop c-slow|+服务已停止|static inactive
+start c-two|-有多个服务的名称只有大小写不同,无法区分: C-TWO, c-two|static inactive
+)";
+
+/// Does what a line above begins with, the name in capitals; the line as it turns out.
+QString changeService(const QString& line)
+{
+    static const QHash<QString, int> types{{QStringLiteral("auto"), 2},
+                                           {QStringLiteral("delayed"), 3},
+                                           {QStringLiteral("manual"), 4},
+                                           {QStringLiteral("disabled"), 5},
+                                           {QStringLiteral("invalid"), 7}};
+    auto& services = Singleton<ServiceManagerService>::instance();
+    const QString command = line.section(QLatin1Char('|'), 0, 0);
+    const QString action = command.section(QLatin1Char(' '), 0, 0);
+    const QByteArray unit = command.section(QLatin1Char(' '), -1).toUtf8();
+    const QString name = QString::fromUtf8(unit.toUpper());
+    OpResult result;
+    if (command.contains(QLatin1String("--")))
+        shell("systemctl --user -q " + command.toUtf8());
+    else if (action == u"start")
+        result = services.startService(name);
+    else if (action == u"slowly")
+        result = startListedService(name, {.job = std::chrono::seconds(1)});
+    else if (action == u"stop")
+        result = services.stopService(name);
+    else if (types.contains(action))
+        result = services.setStartType(name, static_cast<ServiceStartType>(types[action]));
+    else
+        result = services.setEnabled(name, action == u"enable");
+    const QStringList state =
+        shell("for i in enabled active; do systemctl --user is-$i " + unit + " 2>&1; done");
+    const QStringList row{command, (result.ok ? u'+' : u'-') + result.message,
+                          state.join(QLatin1Char(' '))};
+    return row.join(QLatin1Char('|'));
+}
 
 } // namespace
 
@@ -238,28 +370,22 @@ private Q_SLOTS:
     {
         QFETCH(QString, told);
         const QByteArray role = QTest::currentDataTag();
-        const QTemporaryDir directory;
-        QByteArray path = QFile::encodeName(directory.filePath(QStringLiteral("bus")));
-        sockaddr_un address{AF_UNIX, {}};
-        qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-        const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        QCOMPARE(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        if (role != "nobody")
-            QCOMPARE(::listen(listener.get(), 1), 0);
+        ScriptedBus bus;
         QProcess daemon;
-        std::jthread bus;
         if (role == "bus without systemd") {
-            path += "2";
+            const QByteArray path = bus.path + "2";
             daemon.start(QStringLiteral("dbus-daemon"),
                          {QStringLiteral("--session"), QStringLiteral("--nofork"),
                           QStringLiteral("--print-address"),
                           QStringLiteral("--address=unix:path=") + QFile::decodeName(path)});
             if (!daemon.waitForReadyRead())
                 QSKIP("dbus-daemon does not run here");
-        } else if (role != "nobody" && role != "silent bus") {
-            bus = std::jthread(serve, listener.get(), role);
+            qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+        } else if (role == "silent bus") {
+            bus.listen();
+        } else if (role != "nobody") {
+            bus.play(role);
         }
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
         // Only those who say nothing make it wait until the end.
         const bool isMute = told.contains(QStringLiteral(" 0.5 "));
         const std::chrono::milliseconds limit(isMute ? 500 : 20'000);
@@ -274,11 +400,33 @@ private Q_SLOTS:
         daemon.waitForFinished();
     }
 
+    void refusalIsTold_data()
+    {
+        QTest::addColumn<QString>("told");
+        const QString denied = QStringLiteral("启动服务失败: 没有权限 (%1 1)");
+        QTest::newRow(SD_BUS_ERROR_ACCESS_DENIED) << denied;
+        QTest::newRow(SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED) << denied;
+        QTest::newRow("org.freedesktop.PolicyKit1.Error.NotAuthorized") << denied;
+        QTest::newRow("org.freedesktop.systemd1.NoSuchUnit")
+            << QStringLiteral("启动服务失败: systemd 拒绝: %1 1");
+    }
+    void refusalIsTold()
+    {
+        QFETCH(QString, told);
+        ScriptedBus bus;
+        bus.play(QTest::currentDataTag());
+        auto& services = Singleton<ServiceManagerService>::instance();
+        QCOMPARE(services.listAll().size(), 2);
+        const OpResult result = services.startService(QStringLiteral("A"));
+        QVERIFY(!result.ok);
+        QCOMPARE(result.message, told);
+    }
+
     void realUnitsAreListed()
     {
         if (qEnvironmentVariableIsEmpty("KORVANE_PRIVATE_SYSTEMD"))
             QSKIP("private_systemd.sh runs this");
-        shell(makeUnits);
+        shell(QByteArray(unitMaker) + makeUnits);
         const QRegularExpression own(QStringLiteral(
             R"(^(alias|begins|broken|ends|gone|masked|needs|of@.*|off|passing|run|tied)\|)"));
         const auto ownRows = [&own] {
@@ -296,6 +444,20 @@ private Q_SLOTS:
         QCOMPARE(services.enumDependents(run), (QList<QString>{needs, tied}));
         QCOMPARE(services.queryDependencies(tied), (QList<QString>{needs, run}));
         QCOMPARE(services.queryDependencies(QStringLiteral("of@")), QList<QString>());
+    }
+
+    void realUnitsAreChanged()
+    {
+        if (qEnvironmentVariableIsEmpty("KORVANE_PRIVATE_SYSTEMD"))
+            QSKIP("private_systemd.sh runs this");
+        shell(QByteArray(unitMaker) + makeChangeableUnits);
+        QVERIFY(!Singleton<ServiceManagerService>::instance().listAll().isEmpty());
+        const QStringList files = shell("cat ~/.config/systemd/user/c-*.service");
+        for (const QString& line : linesOf(changes))
+            QCOMPARE(changeService(line), line);
+        QCOMPARE(shell("cat ~/.config/systemd/user/c-*.service"), files);
+        QCOMPARE(shell("readlink ~/.config/systemd/user/c-once.service"),
+                 QStringList(QStringLiteral("/dev/null")));
     }
 };
 
