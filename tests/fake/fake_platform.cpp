@@ -182,7 +182,7 @@ void sampleMemoryOnly(SystemMetrics& out)
 
 bool mayAnswerForUser(qintptr /*socketDescriptor*/)
 {
-    return fake::platform().peersMayAnswer;
+    return fake::platform().peerMayAnswer();
 }
 
 QString processCommandLine(unsigned int pid)
