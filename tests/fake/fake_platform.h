@@ -59,6 +59,7 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
+    QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,

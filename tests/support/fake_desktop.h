@@ -32,6 +32,8 @@ class FakeDesktop
 public:
     FakeDesktop()
     {
+        static const QTemporaryDir directory; // Far from the sockets of a real desktop program.
+        qputenv("TMPDIR", directory.path().toLocal8Bit());
         m_thread->start();
         request("pass\n");
     }
@@ -104,15 +106,5 @@ private:
     QList<QByteArray> m_received;
     std::unique_ptr<QThread> m_thread{QThread::create([this] { run(); })};
 };
-
-/// Runs a suite with sockets of its own, far from those of a real desktop program.
-template <typename Suite> int runSuite(int argc, char** argv)
-{
-    const QTemporaryDir directory;
-    qputenv("TMPDIR", directory.path().toLocal8Bit());
-    const QCoreApplication application(argc, argv);
-    Suite suite;
-    return QTest::qExec(&suite, argc, argv);
-}
 
 } // namespace korvane::test
