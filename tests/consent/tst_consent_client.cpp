@@ -13,9 +13,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString timedOut = u"用户授权超时 — 已默认拒绝。"_s;
+const QString timedOut = u"0 用户授权超时 — 已默认拒绝。"_s;
 const QString notRunning =
-    u"Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"_s;
+    u"0 Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"_s;
 const QByteArray granted = "{\"granted\":true}\n";
 
 /// Whether it was granted, and the message.
@@ -30,9 +30,9 @@ class ConsentClientTest : public QObject
 {
     Q_OBJECT
 
-    std::optional<test::FakeDesktop> m_desktop{std::in_place};
+    std::optional<test::FakeDesktop> m_desktop;
     fake::Platform& m_script = fake::platform();
-    consent::ExchangeLimits m_limits{.answering = std::chrono::seconds(5)};
+    consent::ExchangeLimits m_limits;
     QElapsedTimer m_timer;
 
     QString ask(const QString& reason = {})
@@ -46,8 +46,7 @@ private Q_SLOTS:
     {
         fake::reset();
         m_limits = {.answering = std::chrono::seconds(5)};
-        if (!m_desktop)
-            m_desktop.emplace();
+        m_desktop.emplace();
     }
 
     // clang-format off
@@ -71,9 +70,9 @@ private Q_SLOTS:
         for (const char* line : {"[{`granted`:true}]", "[true]", "null", "true", "", "{`granted`:true", "{`granted`:true}x", "\xff\xfe{}", "Granted: yes"})
             row(qPrintable(u"line "_s + QLatin1String(line)), QByteArray(line) + '\n', u"0 "_s);
         row("deep", QByteArray(100000, '[') + '\n', u"0 "_s);
-        row("closed without an answer", "", u"0 "_s + timedOut, true);
-        row("closed before the end of the line", "{`granted`:true}", u"0 "_s + timedOut, true);
-        row("flood", QByteArray(4 << 20, ' ') + "{`granted`:true}\n", u"0 "_s + timedOut);
+        row("closed without an answer", "", timedOut, true);
+        row("closed before the end of the line", "{`granted`:true}", timedOut, true);
+        row("flood", QByteArray(4 << 20, ' ') + "{`granted`:true}\n", timedOut);
     }
     // clang-format on
     void answers()
@@ -89,9 +88,9 @@ private Q_SLOTS:
     void eachRequestHasAConnectionOfItsOwn()
     {
         m_desktop->setAnswer({{granted}});
-        QCOMPARE(text(consent::requestConsent(
-                     {u"a"_s, u"标题"_s, u"s \"q\" \\"_s, u"一\n二\r"_s, u"r\u2028"_s})),
-                 u"1 "_s);
+        const consent::Request hard{u"a"_s, u"标题"_s, u"s \"q\" \\"_s, u"一\n二\r"_s,
+                                    u"r\u2028"_s};
+        QCOMPARE(text(consent::requestConsent(hard)), u"1 "_s);
         m_desktop->setAnswer({{"{}\n"}});
         QCOMPARE(text(consent::requestConsent({})), u"0 "_s);
         const QByteArray first = "{`action`:`a`,`detail`:`一\\n二\\r`,`reason`:`r\u2028`,"
@@ -111,15 +110,8 @@ private Q_SLOTS:
         QCOMPARE(ask(), u"1 "_s);
         QVERIFY(m_timer.elapsed() > 700);
         m_desktop->setAnswer({{granted.chopped(1)}});
-        QCOMPARE(ask(), u"0 "_s + timedOut);
+        QCOMPARE(ask(), timedOut);
         QVERIFY(m_timer.elapsed() > 595);
-    }
-
-    void nobodyListens()
-    {
-        m_desktop.reset();
-        QCOMPARE(ask(), u"0 "_s + notRunning);
-        QVERIFY(m_timer.elapsed() < 1000);
     }
 
     void strangersLearnNothing()
@@ -133,17 +125,20 @@ private Q_SLOTS:
         m_desktop->setAnswer({{granted}});
         const QStringList results{ask(), ask()};
         qInstallMessageHandler(previous);
-        QCOMPARE(results, QStringList(2, u"0 "_s + notRunning));
+        QCOMPARE(results, QStringList(2, notRunning));
         QCOMPARE(m_desktop->takeReceived(), QList<QByteArray>(2));
         QCOMPARE(warnings, 1);
     }
 
-    void listenersWithoutManners()
+    void listenersThatAreNoDesktopProgram()
     {
         m_desktop.reset();
+        QCOMPARE(ask(), notRunning); // Nobody at all, and no waiting for somebody.
+        QVERIFY(m_timer.elapsed() < 1000);
+
         QLocalServer server;
         QVERIFY(server.listen(test::consentServer)); // The system accepts, nobody reads.
-        const QString notSent = u"0 授权请求发送失败。"_s;
+        const auto notSent = u"0 授权请求发送失败。"_s;
         m_limits.sending = std::chrono::milliseconds(200);
         QCOMPARE(ask(QString(4 << 20, u'x')), notSent);
         QVERIFY(m_timer.elapsed() >= 195);
@@ -182,8 +177,8 @@ private Q_SLOTS:
         if (!QCoreApplication::arguments().contains(u"realLimits"_s))
             QSKIP("Takes minutes: to be run by name.");
         m_desktop->setAnswer({});
-        m_limits = {};
-        QCOMPARE(ask(), u"0 "_s + timedOut);
+        m_timer.start();
+        QCOMPARE(text(consent::requestConsent({})), timedOut);
         QVERIFY(qAbs(m_timer.elapsed() - 130000) < 2000);
         m_desktop.reset();
         QLocalServer server;
@@ -194,7 +189,8 @@ private Q_SLOTS:
             socket.connectToServer(test::consentServer);
             QVERIFY(socket.waitForConnected());
         }
-        QCOMPARE(ask(), u"0 "_s + notRunning);
+        m_timer.start();
+        QCOMPARE(text(consent::requestConsent({})), notRunning);
         QVERIFY(qAbs(m_timer.elapsed() - 3000) < 500);
     }
 };
