@@ -4,6 +4,7 @@
 #include "consent/consent_exchange.h"
 #include "platform/platform.h"
 
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -62,6 +63,17 @@ int milliseconds(std::chrono::milliseconds limit)
     return static_cast<int>(limit.count());
 }
 
+/// Whether all that was written has left within the limit; a single wait ends with the first part.
+bool isSent(QLocalSocket& socket, std::chrono::milliseconds limit)
+{
+    const QDeadlineTimer deadline(limit);
+    while (socket.bytesToWrite() > 0) {
+        if (!socket.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
+            return false;
+    }
+    return true;
+}
+
 bool isHarmful(QChar character)
 {
     const char16_t code = character.unicode();
@@ -86,10 +98,10 @@ Result exchange(const Request& request, const ExchangeLimits& limits)
 
     socket.write(encodeRequest(request));
     socket.write("\n");
-    if (!socket.waitForBytesWritten(milliseconds(limits.sending)))
+    if (!isSent(socket, limits.sending))
         return refusal(QStringLiteral("授权请求发送失败。"));
 
-    QByteArray received;
+    QByteArray received = socket.readAll(); // Sending may have received some.
     while (!received.contains('\n')) {
         if (received.size() > maxReplyBytes ||
             !socket.waitForReadyRead(milliseconds(limits.answering)))

@@ -145,7 +145,7 @@ FileUnlockService::ImplPointer FileUnlockService::makeImplPlatform()
 LockerProbe FileUnlockService::probeLockers(const QList<QString>& paths)
 {
     m_impl->probed = paths;
-    return fake::platform().lockers;
+    return fake::platform().lockersOf.value(paths.value(0), fake::platform().lockers);
 }
 
 OpResult FileUnlockService::closeHandlesSync()
@@ -182,7 +182,7 @@ void sampleMemoryOnly(SystemMetrics& out)
 
 bool mayAnswerForUser(qintptr /*socketDescriptor*/)
 {
-    return fake::platform().peersMayAnswer;
+    return fake::platform().peerMayAnswer();
 }
 
 QString processCommandLine(unsigned int pid)

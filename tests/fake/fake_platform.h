@@ -11,6 +11,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 namespace korvane::fake {
 
 /// The answer of an enumeration: `records`, or an empty list with `error` when that is set.
@@ -57,15 +59,17 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
-    bool peersMayAnswer = true;
+    QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
+    std::function<bool()> peerMayAnswer = [] { return true; };
 
-    OpResult writeResult{true, {}}; ///< Answer of every write operation.
+    OpResult writeResult{true, {}};        ///< Answer of every write operation,
+    QHash<QString, OpResult> writeResults; ///< but of those with a line here.
     QStringList writes;
 
     OpResult write(const QStringList& call)
     {
         writes.append(call.join(QLatin1Char(' ')));
-        return writeResult;
+        return writeResults.value(writes.last(), writeResult);
     }
 };
 

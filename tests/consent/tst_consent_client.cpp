@@ -1,0 +1,199 @@
+// Tests of the consent client against a desktop program played by a local server.
+#include "consent/consent_exchange.h"
+#include "fake/fake_platform.h"
+#include "support/fake_desktop.h"
+
+#include <QElapsedTimer>
+
+#include <array>
+#include <optional>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString timedOut = u"0 用户授权超时 — 已默认拒绝。"_s;
+const QString notRunning =
+    u"0 Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"_s;
+const QByteArray granted = "{\"granted\":true}\n";
+
+/// Whether it was granted, and the message.
+QString text(const consent::Result& result)
+{
+    return QString::number(int(result.granted)) + u' ' + result.message;
+}
+
+} // namespace
+
+class ConsentClientTest : public QObject
+{
+    Q_OBJECT
+
+    std::optional<test::FakeDesktop> m_desktop;
+    fake::Platform& m_script = fake::platform();
+    consent::ExchangeLimits m_limits;
+    QElapsedTimer m_timer;
+
+    QString ask(const QString& reason = {})
+    {
+        m_timer.start();
+        return text(consent::exchange({{}, {}, {}, {}, reason}, m_limits));
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        fake::reset();
+        m_limits = {.answering = std::chrono::seconds(5)};
+        m_desktop.emplace();
+    }
+
+    // clang-format off
+    void answers_data()
+    {
+        QTest::addColumn<QByteArray>("pieces"); // with "|" between them
+        QTest::addColumn<bool>("closes");
+        QTest::addColumn<QString>("expected");
+        const auto row = [](const char* tag, QByteArray pieces, const QString& expected, bool closes = false) {
+            QTest::newRow(tag) << pieces.replace('`', '"') << closes << expected;
+        };
+        row("grant", "{`granted`:true}\n", u"1 "_s);
+        row("grant with a message, then closed", "{`message`:`好 %1`,`granted`:true,`x`:[]}\r\n", u"1 好 %1"_s, true);
+        row("refusal", "{`granted`:false,`message`:` 不\\n行 `}\n", u"0  不\n行 "_s);
+        row("message that is no string", "{`granted`:true,`message`:[`x`]}\n", u"1 "_s);
+        row("second line", "{`granted`:true}\n{`granted`:false}\n", u"1 "_s);
+        row("second line grants", "{`message`:`a`}\n{`granted`:true}\n", u"0 a"_s);
+        row("pieces", "{`gran|ted`:true,`message`:`\xe5|\xa5\xbd`}|\n", u"1 好"_s);
+        for (const char* value : {"1", "`true`", "null", "[true]", "{}"})
+            row(value, QByteArray("{`granted`:") + value + "}\n", u"0 "_s);
+        for (const char* line : {"[{`granted`:true}]", "[true]", "null", "true", "", "{`granted`:true", "{`granted`:true}x", "\xff\xfe{}", "Granted: yes"})
+            row(qPrintable(u"line "_s + QLatin1String(line)), QByteArray(line) + '\n', u"0 "_s);
+        row("deep", QByteArray(100000, '[') + '\n', u"0 "_s);
+        row("closed without an answer", "", timedOut, true);
+        row("closed before the end of the line", "{`granted`:true}", timedOut, true);
+        row("flood", QByteArray(4 << 20, ' ') + "{`granted`:true}\n", timedOut);
+    }
+    // clang-format on
+    void answers()
+    {
+        QFETCH(QByteArray, pieces);
+        QFETCH(bool, closes);
+        m_desktop->setAnswer({pieces.split('|'), closes});
+        QTEST(ask(), "expected");
+        QVERIFY(m_timer.elapsed() < 4000); // Never by waiting the limit out.
+        QCOMPARE(m_desktop->takeReceived().size(), 1);
+    }
+
+    void eachRequestHasAConnectionOfItsOwn()
+    {
+        m_desktop->setAnswer({{granted}});
+        const consent::Request hard{u"a"_s, u"标题"_s, u"s \"q\" \\"_s, u"一\n二\r"_s,
+                                    u"r\u2028"_s};
+        QCOMPARE(text(consent::requestConsent(hard)), u"1 "_s);
+        m_desktop->setAnswer({{"{}\n"}});
+        QCOMPARE(text(consent::requestConsent({})), u"0 "_s);
+        const QByteArray first = "{`action`:`a`,`detail`:`一\\n二\\r`,`reason`:`r\u2028`,"
+                                 "`summary`:`s \\`q\\` \\\\`,`title`:`标题`}\n";
+        const QByteArray second = "{`action`:``,`detail`:``,`reason`:``,`summary`:``,`title`:``}\n";
+        const QByteArray received = m_desktop->takeReceived().join('|').replace('"', '`');
+        QCOMPARE(received, first + '|' + second);
+    }
+
+    void limitIsOfEachPiece()
+    {
+        QList<QByteArray> pieces;
+        for (const char byte : granted)
+            pieces.append(QByteArray(1, byte));
+        m_desktop->setAnswer({pieces, false, 50});
+        m_limits.answering = std::chrono::milliseconds(600);
+        QCOMPARE(ask(), u"1 "_s);
+        QVERIFY(m_timer.elapsed() > 700);
+        m_desktop->setAnswer({{granted.chopped(1)}});
+        QCOMPARE(ask(), timedOut);
+        QVERIFY(m_timer.elapsed() > 595);
+    }
+
+    void strangersLearnNothing()
+    {
+        static int warnings = 0;
+        const auto previous = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext&, const QString& message) {
+                warnings += int(type == QtWarningMsg && message.startsWith(u"[Consent]"));
+            });
+        m_script.peerMayAnswer = [] { return false; };
+        m_desktop->setAnswer({{granted}});
+        const QStringList results{ask(), ask()};
+        qInstallMessageHandler(previous);
+        QCOMPARE(results, QStringList(2, notRunning));
+        QCOMPARE(m_desktop->takeReceived(), QList<QByteArray>(2));
+        QCOMPARE(warnings, 1);
+    }
+
+    void listenersThatAreNoDesktopProgram()
+    {
+        m_desktop.reset();
+        QCOMPARE(ask(), notRunning); // Nobody at all, and no waiting for somebody.
+        QVERIFY(m_timer.elapsed() < 1000);
+
+        QLocalServer server;
+        QVERIFY(server.listen(test::consentServer)); // The system accepts, nobody reads.
+        const auto notSent = u"0 授权请求发送失败。"_s;
+        m_limits.sending = std::chrono::milliseconds(200);
+        QCOMPARE(ask(QString(4 << 20, u'x')), notSent);
+        QVERIFY(m_timer.elapsed() >= 195);
+        QVERIFY(server.waitForNewConnection(0));
+        delete server.nextPendingConnection();
+
+        m_script.peerMayAnswer = [&server] { // Closes before the request.
+            const bool isConnected = server.waitForNewConnection(1000);
+            delete server.nextPendingConnection();
+            return isConnected;
+        };
+        QCOMPARE(ask(), notSent);
+        m_script.peerMayAnswer = [&server] { // Answers before the request.
+            const bool isConnected = server.waitForNewConnection(1000);
+            QLocalSocket* socket = server.nextPendingConnection();
+            return isConnected && socket->write(granted) > 0 && socket->flush();
+        };
+        QCOMPARE(ask(), u"1 "_s);
+    }
+
+    // clang-format off
+    void shownText()
+    {
+        // One by one, since none of them may spare its neighbour.
+        for (const QChar code : u"\x01\t\n\r\x1b\x1f\x7f\u0080\u0085\u009f\u061c\u180e\u200b\u200d\u200e\u200f\u2028\u2029\u202a\u202e\u2060\u2064\u2066\u2069\u206f\ufeff"_s) {
+            const QString value = u"a%1"_s + code + QChar(0) + code + u'b';
+            QCOMPARE(consent::shownText(value), u"a%1\ufffd\ufffd\ufffdb"_s);
+        }
+        const QString ordinary = u" ~\u00a0\u00ad中文「名」、—…é e\u0301 ❤\ufe0f 😀👍🏽 العربية עברית ไทย \u200a\u2010\u2027\u202f\u205f\u2070\ufefe\uffff"_s;
+        QCOMPARE(consent::shownText(ordinary), ordinary);
+    }
+    // clang-format on
+
+    void realLimits()
+    {
+        if (!QCoreApplication::arguments().contains(u"realLimits"_s))
+            QSKIP("Takes minutes: to be run by name.");
+        m_desktop->setAnswer({});
+        m_timer.start();
+        QCOMPARE(text(consent::requestConsent({})), timedOut);
+        QVERIFY(qAbs(m_timer.elapsed() - 130000) < 2000);
+        m_desktop.reset();
+        QLocalServer server;
+        server.setListenBacklogSize(1);
+        QVERIFY(server.listen(test::consentServer));
+        std::array<QLocalSocket, 2> crowd;
+        for (QLocalSocket& socket : crowd) {
+            socket.connectToServer(test::consentServer);
+            QVERIFY(socket.waitForConnected());
+        }
+        m_timer.start();
+        QCOMPARE(text(consent::requestConsent({})), notRunning);
+        QVERIFY(qAbs(m_timer.elapsed() - 3000) < 500);
+    }
+};
+
+QTEST_GUILESS_MAIN(ConsentClientTest)
+#include "tst_consent_client.moc"
