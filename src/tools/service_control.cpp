@@ -18,7 +18,7 @@ ServiceManagerService& manager()
 
 QString nameArgument(const QJsonObject& args)
 {
-    const QString name = trimmedArgument(args, QLatin1String("name"));
+    QString name = trimmedArgument(args, QLatin1String("name"));
     if (name.isEmpty())
         throwToolError(QStringLiteral("参数 name 不能为空"));
     return name;
