@@ -82,23 +82,27 @@ async function startUnit(t) {
 const victims = { kill_process: startSleeper, kill_by_port: startForkedServer };
 if (process.env.KORVANE_PRIVATE_SYSTEMD) victims.stop_service = startUnit;
 
-for (const [tool, startVictim] of Object.entries(victims)) {
-  for (const [outcome, { reply, error }] of Object.entries(outcomes)) {
-    test(`${tool} and ${outcome}`, async (t) => {
-      const session = await Session.start(t, binary);
-      const { args, shows, isUnchanged } = await startVictim(t);
-      const isThere = outcome !== 'absence';
-      const requests = isThere ? await startDesktop(t, session.directory, reply) : [];
-      assert(isUnchanged());
-      const answer = await session.answer(tool, { ...args, reason: '测试' });
-      assert.equal(answer.isError, outcome !== 'grant', answer.text);
-      if (error) assert.match(answer.text, error);
-      assert.equal(isUnchanged(), outcome !== 'grant');
-      assert.equal(requests.length, isThere ? 1 : 0);
-      for (const { action, summary, reason } of requests) {
-        assert.deepEqual([action, reason], [tool, '测试']);
-        assert(summary.includes(shows), summary);
-      }
-    });
+async function check(t, tool, outcome) {
+  const { reply, error } = outcomes[outcome];
+  const session = await Session.start(t, binary);
+  const { args, shows, isUnchanged } = await victims[tool](t);
+  const isThere = outcome !== 'absence';
+  const requests = isThere ? await startDesktop(t, session.directory, reply) : [];
+  assert(isUnchanged());
+  const answer = await session.answer(tool, { ...args, reason: '测试' });
+  assert.equal(answer.isError, outcome !== 'grant', answer.text);
+  if (error) assert.match(answer.text, error);
+  assert.equal(isUnchanged(), outcome !== 'grant');
+  assert.equal(requests.length, isThere ? 1 : 0);
+  for (const { action, summary, reason } of requests) {
+    assert.deepEqual([action, reason], [tool, '测试']);
+    assert(summary.includes(shows), summary);
   }
 }
+
+for (const tool of Object.keys(victims)) {
+  for (const outcome of ['grant', 'refusal', 'absence'])
+    test(`${tool} and ${outcome}`, (t) => check(t, tool, outcome));
+}
+test('every tool and silence', (t) =>
+  Promise.all(Object.keys(victims).map((tool) => check(t, tool, 'silence'))));
