@@ -71,7 +71,16 @@ if [ "$(id -u)" = 0 ]; then
 fi
 
 echo '- at a terminal it plays the client'
+mkfifo listening
+cp /usr/bin/perl $'evil\e[31m'
+"./"$'evil\e[31m' -MIO::Socket::INET -e '
+    $socket = IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1") or die;
+    close STDOUT;
+    sleep 60' >listening &
+evil=$!
+cat listening
 script -qec ./run.sh /dev/null </dev/null >report.txt
-for expected in Korvane list_processes '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
+kill "$evil"
+for expected in 'evil?[31m' Korvane list_processes '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
     grep -qF "$expected" report.txt || fail "not in the report: $expected: $(cat report.txt)"
 done

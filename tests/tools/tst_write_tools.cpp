@@ -148,6 +148,7 @@ private Q_SLOTS:
         row("unlock_file", "`path`:`.`", "{`unlocked`:true,`path`:`DIR`,`note`:`该文件当前未被任何进程占用,无需解锁`}");
         row("unlock_file", "`path`:`..`", "探 %1");
         row("unlock_file", "`path`:` NAME `", "{`unlocked`:true,`path`:`DIR/NAME`,`closed_processes`:[{`pid`:11,`app_name`:`NAME`,`exe_path`:`/e %1`},{`pid`:12,`app_name`:``,`exe_path`:``}],`message`:`成 %1`}", "解锁文件|AI 请求解锁文件「SHOWN」|路径: DIR/SHOWN\n将关闭以下 2 个占用进程的句柄:\n  - SHOWN (PID 11)\n  - PID 12", "closeHandles DIR/NAME");
+        row("unlock_file", "`path`:`/usr/`", "{`unlocked`:true,`path`:`/usr/`,`closed_processes`:[{`pid`:11,`app_name`:`NAME`,`exe_path`:`/e %1`},{`pid`:12,`app_name`:``,`exe_path`:``}],`message`:`成 %1`}", "解锁文件|AI 请求解锁文件「usr」|路径: /usr/\n将关闭以下 2 个占用进程的句柄:\n  - SHOWN (PID 11)\n  - PID 12", "closeHandles /usr/");
 
         row("start_service|stop_service|set_service_start_type", "`name`:` `,`start_type`:`x`", "参数 name 不能为空");
         row("set_service_start_type", "`name`:`absent`,`start_type`:` Boot%1 `", "参数 start_type 非法 (`Boot%1`),必须是 auto/auto_delayed/manual/disabled");

@@ -252,14 +252,16 @@ bool UnitControl::mask()
 /// that was linked into the configuration folder would go with them, and the unit with it.
 bool UnitControl::keepsItsFile()
 {
-    const char* link = nullptr;
-    if (!ask("GetUnitFileLinks", "sb", m_unit.constData(), 0))
-        return false;
-    sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_ARRAY, "s");
-    while (sd_bus_message_read(m_reply.get(), "s", &link) > 0) {
-        const QByteArrayView path(link);
-        if (path.endsWith("/system/" + m_unit) || path.endsWith("/user/" + m_unit))
-            return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
+    for (const int isRuntime : {0, 1}) {
+        const char* link = nullptr;
+        if (!ask("GetUnitFileLinks", "sb", m_unit.constData(), isRuntime))
+            return false;
+        sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_ARRAY, "s");
+        while (sd_bus_message_read(m_reply.get(), "s", &link) > 0) {
+            const QByteArrayView path(link);
+            if (path.endsWith("/system/" + m_unit) || path.endsWith("/user/" + m_unit))
+                return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
+        }
     }
     return true;
 }

@@ -222,6 +222,7 @@ constexpr auto makeChangeableUnits = R"(
 unit c-conf '' "$install"
 cd ~/linked
 unit c-linked '' "$install"
+unit c-passing '' "$install"
 cd ~/.local/share/systemd/user
 unit c-run '' "$install"
 unit c-plain
@@ -234,6 +235,7 @@ unit c-slow '' 'Type=notify\nTimeoutStartSec=infinity'
 unit c-two
 unit C-TWO
 systemctl --user -q enable ~/linked/c-linked.service
+systemctl --user -q enable --runtime ~/linked/c-passing.service
 systemctl --user daemon-reload
 )";
 
@@ -258,6 +260,7 @@ disabled c-plain|+启动类型已改为已禁用|masked-runtime inactive
 auto c-plain|-设置启动类型只完成了一部分: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
 disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists.)|disabled inactive
 manual c-linked|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled inactive
+manual c-passing|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled-runtime inactive
 start c-fails|-启动服务失败: systemd 的作业结果为 failed,服务结果为 exit-code|static failed
 start c-ends|-启动服务失败: 启动后没有保持运行,服务结果为 exit-code|static failed
 start c-needs|-启动服务失败: systemd 的作业结果为 dependency|static inactive

@@ -3,10 +3,13 @@
 #include "core/file_unlock_service.h"
 #include "core/process_service.h"
 #include "support/child_process.h"
+#include "support/fake_desktop.h"
+#include "support/mcp_client.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QProcess>
+#include <QTcpServer>
 #include <QTest>
 
 #include <iostream>
@@ -71,9 +74,9 @@ int playRecycled()
                       << std::flush;
             ::_exit(0);
         });
-    int status = 0;
-    ::waitpid(init.pid(), &status, 0);
-    return WEXITSTATUS(status);
+    siginfo_t end = {};
+    ::waitid(P_PID, static_cast<id_t>(init.pid()), &end, WEXITED | WNOWAIT);
+    return end.si_code == CLD_EXITED ? end.si_status : 1;
 }
 
 } // namespace
@@ -87,9 +90,12 @@ class TestProcessTermination : public QObject
     {
         QProcess process;
         process.start(QCoreApplication::applicationFilePath(), role);
-        if (!process.waitForFinished(60'000) || process.exitCode() == refused)
+        if (process.waitForFinished(60'000) && process.exitCode() == refused)
             return {};
-        return QString::fromUtf8(process.readAllStandardError());
+        const QString said = QString::fromUtf8(process.readAllStandardError());
+        return process.exitCode() == 0 && process.exitStatus() == QProcess::NormalExit
+                   ? said
+                   : said + u", and failed"_s;
     }
 
 private Q_SLOTS:
@@ -119,6 +125,25 @@ private Q_SLOTS:
         if (!name.open(QFile::ReadOnly) || name.readAll() != "kthreadd\n")
             QSKIP("no kernel thread to be seen here");
         QCOMPARE(killed(2), u"no: 拒绝结束内核线程 (PID 2)"_s);
+    }
+
+    void aPortOfThisProgramIsFreedOfTheOthers()
+    {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        test::Client client;
+        test::FakeDesktop desktop;
+        desktop.setAnswer({{"{\"granted\":true}\n"}});
+        const auto freePort = [&] {
+            return client.call(u"kill_by_port"_s, {{u"port"_s, server.serverPort()}});
+        };
+        const QString nobody = freePort().text;
+        QVERIFY2(nobody.endsWith(u" 未发现可结束的占用进程"_s), qPrintable(nobody));
+        QVERIFY(desktop.takeReceived().isEmpty());
+        const Child worker;
+        QCOMPARE(freePort().json().value(u"killed_count"_s), QJsonValue(1));
+        QVERIFY(!isAlive(worker.pid()));
+        QCOMPARE(desktop.takeReceived().size(), 1);
     }
 
     void othersProcessesAreOutOfReach()
