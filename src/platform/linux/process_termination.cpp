@@ -79,7 +79,9 @@ OpResult FileUnlockService::killProcess(unsigned int pid)
     if (!process.isValid())
         return failure(pid, errno);
     ProcFs procFs;
-    const auto content = procFs.isOpen() ? procFs.readFile(pid, "stat") : std::nullopt;
+    if (!procFs.isOpen())
+        return failure(pid, EIO);
+    const auto content = procFs.readFile(pid, "stat");
     if (!content)
         return failure(pid, errno == ENOENT ? ESRCH : errno);
     const auto stat = parseProcStat(*content);
