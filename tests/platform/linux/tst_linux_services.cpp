@@ -457,7 +457,7 @@ private Q_SLOTS:
         QVERIFY(!Singleton<ServiceManagerService>::instance().listAll().isEmpty());
         const QStringList files = shell("cat ~/.config/systemd/user/c-*.service");
         for (const QString& line : linesOf(changes))
-            QCOMPARE(changeService(line), line);
+            QCOMPARE(changeService(line).remove(QLatin1Char('\'')), line); // newer ones quote paths
         QCOMPARE(shell("cat ~/.config/systemd/user/c-*.service"), files);
         QCOMPARE(shell("readlink ~/.config/systemd/user/c-once.service"),
                  QStringList(QStringLiteral("/dev/null")));
