@@ -258,7 +258,7 @@ invalid c-run|-无效的启动类型|disabled inactive
 auto c-plain|-设置启动类型失败: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
 disabled c-plain|+启动类型已改为已禁用|masked-runtime inactive
 auto c-plain|-设置启动类型只完成了一部分: 单元没有可用的 [Install] 段 (单元文件状态: static)|static inactive
-disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists.)|disabled inactive
+disabled c-conf|-设置启动类型失败: 单元文件就在配置目录中,屏蔽会替换它 (File /run/kv/home/.config/systemd/user/c-conf.service already exists)|disabled inactive
 manual c-linked|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled inactive
 manual c-passing|-设置启动类型失败: 单元文件是链接到配置目录的,禁用会移除整个单元|enabled-runtime inactive
 start c-fails|-启动服务失败: systemd 的作业结果为 failed,服务结果为 exit-code|static failed
@@ -456,8 +456,13 @@ private Q_SLOTS:
         shell(QByteArray(unitMaker) + makeChangeableUnits);
         QVERIFY(!Singleton<ServiceManagerService>::instance().listAll().isEmpty());
         const QStringList files = shell("cat ~/.config/systemd/user/c-*.service");
-        for (const QString& line : linesOf(changes))
-            QCOMPARE(changeService(line).remove(QLatin1Char('\'')), line); // newer ones quote paths
+        for (const QString& line : linesOf(changes)) {
+            // Newer versions of systemd quote paths, and end no sentence with a full stop.
+            QCOMPARE(changeService(line)
+                         .remove(QLatin1Char('\''))
+                         .replace(QStringLiteral(".)"), QStringLiteral(")")),
+                     line);
+        }
         QCOMPARE(shell("cat ~/.config/systemd/user/c-*.service"), files);
         QCOMPARE(shell("readlink ~/.config/systemd/user/c-once.service"),
                  QStringList(QStringLiteral("/dev/null")));
