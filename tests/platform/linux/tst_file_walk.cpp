@@ -113,7 +113,7 @@ private:
             fill(depth - 1);
             (void)::chdir("..");
             (void)::chmod(name.constData(),
-                          modes.at(m_random.bounded(16) / 13 * m_random.bounded(4)));
+                          modes.at(m_random.bounded(8U) == 0 ? m_random.bounded(4U) : 0U));
             return;
         case 3: {
             static constexpr std::array targets{"..",          ".",     "../..",
@@ -133,7 +133,7 @@ private:
         default:
             QFile file(QFile::decodeName(name));
             (void)file.open(QIODevice::WriteOnly);
-            (void)file.resize(m_random.bounded(3) * m_random.bounded(1 << 20));
+            (void)file.resize(m_random.bounded(2) == 0 ? 0 : m_random.bounded(1 << 20));
         }
     }
 
