@@ -17,70 +17,56 @@ class JunkCatalogTest : public QObject
 
     QTemporaryDir m_machine;
 
-    /// Directories of the machine, by the names of the variables that are set.
-    static void setEnvironment(const QHash<QByteArray, QString>& directories)
+    void set(const char* variable, const char* directory) const
     {
-        for (const char* name :
-             {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData", "HOME", "TMPDIR"}) {
-            if (directories.contains(name))
-                qputenv(name, directories[name].toUtf8());
-            else
-                qunsetenv(name);
-        }
+        qputenv(variable, (m_machine.path() + QString::fromUtf8(directory)).toUtf8());
     }
 
-    /// The catalog, a row an array, with roots from the machine's root on.
-    QJsonArray catalog() const
+    /// A row an array, roots from the machine's own root on.
+    QByteArray json(const QList<JunkCategory>& catalog) const
     {
         QJsonArray rows;
-        for (const JunkCategory& category : knownJunkCategories()) {
-            QStringList roots = category.roots;
-            roots.replaceInStrings(m_machine.path(), QString());
+        for (JunkCategory category : catalog) {
+            const auto array = &QJsonArray::fromStringList;
+            category.roots.replaceInStrings(m_machine.path(), QString());
             rows.append(QJsonArray{category.id, category.name, category.description,
-                                   int(category.group), int(category.safety),
-                                   QJsonArray::fromStringList(roots),
-                                   QJsonArray::fromStringList(category.patterns),
-                                   QJsonArray::fromStringList(category.guardProcesses)});
+                                   int(category.group), int(category.safety), array(category.roots),
+                                   array(category.patterns), array(category.guardProcesses)});
         }
-        return rows;
+        return QJsonDocument(rows).toJson(QJsonDocument::Compact);
     }
 
-    /// The rows without roots in `directory`, and without those that then have none.
-    static QJsonArray without(const QString& directory, const QJsonArray& rows)
+    /// Without the roots in `directory`, and without the categories that then have none.
+    QByteArray without(const char* directory, QList<JunkCategory> catalog) const
     {
-        QJsonArray rest;
-        for (const QJsonValue value : rows) {
-            QJsonArray row = value.toArray();
-            QJsonArray roots;
-            for (const QJsonValue root : row[5].toArray()) {
-                if (!root.toString().startsWith(directory))
-                    roots.append(root);
-            }
-            row[5] = roots;
-            if (!roots.isEmpty())
-                rest.append(row);
-        }
-        return rest;
+        const QString prefix = m_machine.path() + QString::fromUtf8(directory);
+        for (JunkCategory& category : catalog)
+            category.roots.removeIf([&](const QString& root) { return root.startsWith(prefix); });
+        catalog.removeIf([](const JunkCategory& category) { return category.roots.isEmpty(); });
+        return json(catalog);
     }
 
 private Q_SLOTS:
     void catalogs()
     {
-        const auto at = [this](const char* directory) {
-            return m_machine.path() + QString::fromUtf8(directory);
+        set("HOME", "/home");
+        set("TMPDIR", "/temp");
+        struct Place
+        {
+            const char* variable;
+            const char* value;
+            const char* directory;
         };
-        const QHash<QByteArray, QString> whole{{"LOCALAPPDATA", at("//local/./")},
-                                               {"APPDATA", at("/x/../roaming")},
-                                               {"SystemRoot", at("/windows")},
-                                               {"ProgramData", at("/data/")},
-                                               {"HOME", at("/home")},
-                                               {"TMPDIR", at("/temp")}};
-        setEnvironment(whole);
-        QCOMPARE(catalog(), QJsonArray());
+        const QList<Place> places{{"LOCALAPPDATA", "//local/./", "/local"},
+                                  {"APPDATA", "/x/../roaming", "/roaming"},
+                                  {"SystemRoot", "/windows", "/windows"},
+                                  {"ProgramData", "/data/", "/data"}};
+        for (const Place& place : places)
+            set(place.variable, place.value);
+        QCOMPARE(json(knownJunkCategories()), "[]");
 
         // clang-format off
-        test::makeTree(m_machine.path(),
-            u"x/|temp/|windows/Temp/|local/CrashDumps/|local/Microsoft/Windows/WER/|data/Microsoft/Windows/WER/|windows/Logs/|windows/System32/LogFiles/|local/Microsoft/Windows/INetCache/|local/D3DSCache/|"
+        test::makeTree(m_machine.path(), u"x/|temp/|windows/Temp/|local/CrashDumps/|local/Microsoft/Windows/WER/|data/Microsoft/Windows/WER/|windows/Logs/|windows/System32/LogFiles/|local/Microsoft/Windows/INetCache/|local/D3DSCache/|"
             "local/NVIDIA/DXCache/|local/NVIDIA/GLCache/|data/NVIDIA Corporation/NV_Cache/|data/Microsoft/Windows/DeliveryOptimization/Cache/|local/Microsoft/Windows/Explorer/|local/FontCache=1|windows/SoftwareDistribution/Download/|"
             "windows/Prefetch/|windows/Minidump/|windows/LiveKernelReports/|local/Google/Chrome/User Data/Default/Cache/|local/Google/Chrome/User Data/Default/Code Cache/|local/Google/Chrome/User Data/Default/GPUCache/|"
             "local/Google/Chrome/User Data/Default/Service Worker/CacheStorage/|local/Microsoft/Edge/User Data/Default/Cache/|local/Microsoft/Edge/User Data/Default/Code Cache/|local/Microsoft/Edge/User Data/Default/GPUCache/|"
@@ -88,39 +74,31 @@ private Q_SLOTS:
             "local/npm-cache/|roaming/npm-cache/|local/pip/cache/|local/Yarn/Cache/|home/.gradle/caches/|home/.cargo/registry/cache/|local/uv/cache/|home/.cache/|roaming/Code/Cache/|roaming/Code/CachedData/|roaming/Code/logs/|"
             "local/JetBrains/|home/.m2/repository/|home/.nuget/packages/|home/.conda/pkgs/|local/go-build/|home/go/pkg/mod/cache/download/"_s);
         // clang-format on
-        const QJsonArray all = catalog();
+        const QList<JunkCategory> all = knownJunkCategories();
         QCOMPARE(all.size(), 30);
-        const QByteArray json = QJsonDocument(all).toJson(QJsonDocument::Compact);
         // Texts, order and roots are what users and clients go by: they change on purpose only.
-        QCOMPARE(QCryptographicHash::hash(json, QCryptographicHash::Sha256).toHex(),
+        QCOMPARE(QCryptographicHash::hash(json(all), QCryptographicHash::Sha256).toHex(),
                  "07f3cf30b93a946761dbbc45070a31a575e8b4f2a368c0dbe04d57245b014bc2");
 
-        const QHash<QByteArray, QString> places{{"LOCALAPPDATA", u"/local"_s},
-                                                {"APPDATA", u"/roaming"_s},
-                                                {"SystemRoot", u"/windows"_s},
-                                                {"ProgramData", u"/data"_s}};
-        for (auto place = places.begin(); place != places.end(); ++place) {
-            auto variables = whole;
-            variables.remove(place.key());
-            setEnvironment(variables);
-            QCOMPARE(catalog(), without(place.value(), all));
-            variables.insert(place.key(), at("/absent"));
-            variables.insert("windir", at("/windows"));
-            setEnvironment(variables);
-            QCOMPARE(catalog(), without(place.value(), all));
-            if (place.key() != "SystemRoot")
-                continue;
-            variables.remove("SystemRoot");
-            setEnvironment(variables);
-            QCOMPARE(catalog(), all);
+        for (const Place& place : places) {
+            qunsetenv(place.variable);
+            QCOMPARE(json(knownJunkCategories()), without(place.directory, all));
+            set(place.variable, "/absent");
+            set("windir", "/windows");
+            QCOMPARE(json(knownJunkCategories()), without(place.directory, all));
+            set(place.variable, place.value);
+            qunsetenv("SystemRoot"); // "windir" stands in.
+            QCOMPARE(json(knownJunkCategories()), json(all));
+            set("SystemRoot", "/windows");
+            qunsetenv("windir");
         }
 
-        setEnvironment({{"HOME", at("/home")}, {"TMPDIR", at("/absent")}});
-        QCOMPARE(catalog().size(), 7);
-        test::makeTree(at("/home"), u".cargo/registry/cache/more/"_s);
-        QCOMPARE(catalog().size(), 7);
-        QVERIFY(QDir(at("/home/.cache")).removeRecursively());
-        QCOMPARE(catalog().size(), 6);
+        for (const Place& place : places)
+            qunsetenv(place.variable);
+        set("TMPDIR", "/absent");
+        QCOMPARE(knownJunkCategories().size(), 7);
+        QVERIFY(QDir(m_machine.filePath(u"home/.cache"_s)).removeRecursively());
+        QCOMPARE(knownJunkCategories().size(), 6);
     }
 };
 

@@ -12,6 +12,7 @@
 
 #include <limits>
 #include <memory>
+#include <thread>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
@@ -126,13 +127,12 @@ private Q_SLOTS:
         int counted = 0;
         for (int round = 0; round < 2000 && (counted == 0 || counted == files); ++round) {
             std::atomic<bool> cancel = false;
-            const std::unique_ptr<QThread> canceller(QThread::create([&cancel, round] {
+            std::thread canceller([&cancel, round] {
                 QThread::usleep(QRandomGenerator::global()->bounded(1U + round * 50U));
                 cancel = true;
-            }));
-            canceller->start();
+            });
             const JunkItem item = JunkScanner::scanCategory(roots, &cancel);
-            canceller->wait();
+            canceller.join();
             counted = item.fileCount;
             QCOMPARE(item.sizeBytes, counted);
         }
