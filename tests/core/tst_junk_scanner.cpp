@@ -125,7 +125,7 @@ private Q_SLOTS:
             test::makeTree(m_directory->path(), file.arg(i));
         const JunkCategory roots = category({u"r"_s}, patterns);
         int counted = 0;
-        for (int round = 0; round < 2000 && (counted == 0 || counted == files); ++round) {
+        for (int round = 0; round < 500 && (counted == 0 || counted == files); ++round) {
             std::atomic<bool> cancel = false;
             std::thread canceller([&cancel, round] {
                 QThread::usleep(QRandomGenerator::global()->bounded(1U + round * 50U));
