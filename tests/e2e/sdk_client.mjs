@@ -5,10 +5,10 @@ import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { createSocket } from 'node:dgram';
-import { readFileSync, readlinkSync, realpathSync } from 'node:fs';
+import { mkdtempSync, readFileSync, readlinkSync, realpathSync, rmSync, statSync } from 'node:fs';
 import { connect, createServer } from 'node:net';
-import { cpus, networkInterfaces, release } from 'node:os';
-import { basename } from 'node:path';
+import { cpus, networkInterfaces, release, tmpdir } from 'node:os';
+import { basename, join } from 'node:path';
 import { after, test } from 'node:test';
 import { setTimeout as sleep } from 'node:timers/promises';
 import { binary, Session, unsupportedBinary } from './session.mjs';
@@ -60,7 +60,9 @@ function readCpu(pid) {
 
 const hasIpv6 = Object.values(networkInterfaces()).flat().some(({ address }) => address === '::1');
 
-const linux = await Session.start({ after }, binary);
+const home = mkdtempSync(join(tmpdir(), 'korvane-home-'));
+after(() => rmSync(home, { recursive: true }));
+const linux = await Session.start({ after }, binary, [], { HOME: home });
 
 test('shakes hands, answers a ping and says what it is', async () => {
   assert.deepEqual(linux.client.getServerVersion(), { name: 'kor-vane', version: '0.3.0' });
@@ -275,6 +277,38 @@ test('has no startup items and no verdict on signatures here', async () => {
   assert.deepEqual([unknown, results], [1, [{ path: '/bin/sh', signature: '未知' }]]);
 });
 
+test('measures the junk of a home as find and du do', async () => {
+  const roots = { user_temp: linux.directory, gradle_cache: join(home, '.gradle/caches'),
+    generic_cache: join(home, '.cache'), maven_repo: join(home, '.m2/repository') };
+  const fill = 'cd "$0" && mkdir -p a/.b "忙 $1" && truncate -s 3M a/.b/c && echo >a/.d && ln -s /bin/sh s';
+  for (const [id, root] of Object.entries(roots))
+    execFileSync('sh', ['-c', `mkdir -p "$0" && ${fill}`, root, id]);
+  const sum = (numbers) => numbers.reduce((total, number) => total + Number(number), 0);
+  const expected = Object.entries(roots).map(([id, root]) => {
+    const directories = linesOf('find', '-L', root, '-type', 'd', '-printf', '%s\n');
+    const [bytes] = linesOf('du', '-sLb', root)[0].split('\t');
+    const files = linesOf('find', root, '!', '-type', 'd').length;
+    const entries = linesOf('find', root, '-mindepth', 1, '-maxdepth', 1).sort();
+    return [id, bytes - sum(directories), files, entries];
+  });
+  const { categories, total_size_bytes, total_file_count } = await linux.call('scan_junk');
+  assert.deepEqual(categories.map((found) => [found.category_id, found.size_bytes, found.file_count,
+    found.sample_paths.sort()]), expected);
+  assert.deepEqual([total_size_bytes, total_file_count],
+    [sum(expected.map((row) => row[1])), sum(expected.map((row) => row[2]))]);
+});
+
+test('finds the largest files of a system as find does', async () => {
+  const sizes = linesOf('find', '/usr/lib', '!', '-xtype', 'd')
+    .map((path) => statSync(path, { throwIfNoEntry: false })?.size ?? 0);
+  const largest = [...sizes].sort((a, b) => b - a).slice(0, 250);
+  const args = { root_path: '/usr/lib', min_size_bytes: '1000', max_results: 250 };
+  const { scanned_files, files } = await linux.call('find_large_files', args);
+  assert.deepEqual([scanned_files, files.map((file) => file.size_bytes)], [sizes.length, largest]);
+  for (const { path, size_bytes } of files) assert.equal(statSync(path).size, size_bytes, path);
+  assert.equal((await linux.call('find_large_files')).root_path, home);
+});
+
 test('changes nothing where nobody can be asked', async (t) => {
   const { pid } = await startBurner(t);
   const notRunning = /failed: Korvane 主程序未运行/;
@@ -285,6 +319,9 @@ test('changes nothing where nobody can be asked', async (t) => {
   const item = { source: 'hkcu', name: 'x', enabled: true };
   assert.match((await linux.answer('set_startup_item_enabled', item)).text, /找不到启动项/);
   assert.match((await linux.answer('unlock_file', { path: '/' })).text, /仅支持 Windows 10\+/);
+  const junk = { category_ids: ['generic_cache'] };
+  assert.match((await linux.answer('clean_junk', junk)).text, notRunning);
+  assert(statSync(join(home, '.cache/a')));
   for (const tool of ['start_service', 'stop_service', 'set_service_start_type'])
     assert.match((await linux.answer(tool, { name: 'absent', start_type: 'auto' })).text, /找不到服务/);
 });

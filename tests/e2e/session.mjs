@@ -16,13 +16,13 @@ export class Session {
   /** The server's own directory for sockets: it must not find a desktop program of the user's. */
   directory = mkdtempSync(join(tmpdir(), 'korvane-e2e-'));
 
-  /** Lasts until `scope`, a test or the whole run, is over. */
-  static async start(scope, command, args = []) {
+  /** Lasts until `scope`, a test or the whole run, is over; `ownEnv` is added to its environment. */
+  static async start(scope, command, args = [], ownEnv = {}) {
     const session = new Session();
     scope.after(() => session.close());
     // The client's own choice of the environment, and where the tests' systemd is.
     const { DBUS_SYSTEM_BUS_ADDRESS } = process.env;
-    const env = { ...getDefaultEnvironment(), TMPDIR: session.directory };
+    const env = { ...getDefaultEnvironment(), TMPDIR: session.directory, ...ownEnv };
     if (DBUS_SYSTEM_BUS_ADDRESS) Object.assign(env, { DBUS_SYSTEM_BUS_ADDRESS });
     session.transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
     session.transport.setProtocolVersion = (version) => (session.protocolVersion = version);

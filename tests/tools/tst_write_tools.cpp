@@ -3,6 +3,7 @@
 #include "consent/consent_client.h"
 #include "fake/fake_platform.h"
 #include "support/fake_desktop.h"
+#include "support/file_tree.h"
 #include "support/mcp_client.h"
 
 #include <QDir>
@@ -20,6 +21,7 @@ class WriteToolsTest : public QObject
     test::FakeDesktop m_desktop;
     fake::Platform& m_script = fake::platform();
     QTemporaryDir m_directory;
+    QTemporaryDir m_junk;
     qint64 m_self = QCoreApplication::applicationPid();
 
     /// A name that would forge lines of the dialog, turn them around, or be filled in once more.
@@ -32,7 +34,7 @@ class WriteToolsTest : public QObject
         QString filled = QString::fromUtf8(text);
         filled.replace(u'`', u'"').replace(u"NAME"_s, QString(m_name).replace(u'\n', u"\\n"_s));
         filled.replace(u"SHOWN"_s, m_shownName).replace(u"DIR"_s, QDir::currentPath());
-        filled.replace(u"SELF"_s, QString::number(m_self));
+        filled.replace(u"JUNK"_s, m_junk.path()).replace(u"SELF"_s, QString::number(m_self));
         return filled.replace(u"HIGH"_s, QString::number(m_self + (1LL << 32)));
     }
 
@@ -70,8 +72,10 @@ class WriteToolsTest : public QObject
             {u"_enabled\n(.)用启动项\n.*启动项「(.*)」\\(.*\\)\n命令: .*\n注册表: HK(..)"_s, u"StartupService::setEnabled ③ ② ①"_s},
             {u"unlock_file\n.*\n.*\n路径: (.*)\n"_s, u"closeHandles ①"_s},
             {u"(start|stop)_service\n.*\n.*」\\((.*)\\)\n"_s, u"①Service ②"_s},
+            {u"clean_junk\n(?:.*\n){3}(?:  - )?(崩溃转储文件|)(?: .*\n)?(?:  - )?(Chrome 缓存|)(?: .*\n)?(?:  - )?(pip 缓存|)"_s, u"moveToRecycleBin①②③"_s},
             {u"_start_type\n.*\n.*改为「(.*)」\n服务名: (.*)\n"_s, u"setStartType ② ①"_s}};
-        static const QHash<QString, QString> values{{u"禁"_s, u"0"_s}, {u"启"_s, u"1"_s}, {u"LM"_s, u"0"_s}, {u"CU"_s, u"1"_s}, {u"自动"_s, u"2"_s}, {u"自动(延迟)"_s, u"3"_s}, {u"手动"_s, u"4"_s}, {u"已禁用"_s, u"5"_s}};
+        static const QHash<QString, QString> values{{u"禁"_s, u"0"_s}, {u"启"_s, u"1"_s}, {u"LM"_s, u"0"_s}, {u"CU"_s, u"1"_s}, {u"自动"_s, u"2"_s}, {u"自动(延迟)"_s, u"3"_s}, {u"手动"_s, u"4"_s}, {u"已禁用"_s, u"5"_s},
+            {u"崩溃转储文件"_s, u" JUNK/CrashDumps/a"_s}, {u"Chrome 缓存"_s, u" JUNK/Google/Chrome/User Data/Default/Cache/f"_s}, {u"pip 缓存"_s, u" JUNK/pip/cache/%1"_s}};
         // clang-format on
         QStringList writes;
         for (auto pattern = patterns.begin(); pattern != patterns.end(); ++pattern) {
@@ -90,6 +94,12 @@ private Q_SLOTS:
     {
         QVERIFY(QDir::setCurrent(m_directory.path()));
         QVERIFY(QFile(m_name).open(QIODevice::WriteOnly));
+        for (const char* name : {"HOME", "APPDATA", "SystemRoot", "ProgramData"})
+            qputenv(name, m_junk.filePath(u"absent"_s).toUtf8());
+        qputenv("LOCALAPPDATA", m_junk.path().toUtf8());
+        test::makeTree(m_junk.path(),
+                       u"CrashDumps/a/1=262144000|FontCache/e/|pip/cache/%1/b=1|pip/"
+                       "cache/%1/c=3670015|Google/Chrome/User Data/Default/Cache/f=4"_s);
     }
 
     // clang-format off
@@ -99,7 +109,7 @@ private Q_SLOTS:
         using Type = ServiceStartType;
         m_desktop.takeReceived();
         fake::reset();
-        m_script.processes.records = {{8, 0, {}, {}, 0, -1}, {7, 1, m_name, u"/p\u2028%1"_s, 129394278, -1}, {7, 1, u"x"_s, {}, 1, -1}};
+        m_script.processes.records = {{8, 0, {}, {}, 0, -1}, {5, 0, u"CHROME.exe"_s, {}, 0, -1}, {7, 1, m_name, u"/p\u2028%1"_s, 129394278, -1}, {7, 1, u"x"_s, {}, 1, -1}};
         m_script.connections.records = {{1, 0, {}, 90, {}, 80, 1, 4, {}}};
         for (const quint32 pid : {0U, 4U, quint32(m_self), 7U, 8U, 7U, 9U})
             m_script.connections.records.append({0, 0, {}, 80, {}, 0, 1, pid, pid == 8 ? QString() : m_name});
@@ -111,6 +121,8 @@ private Q_SLOTS:
         m_script.writeResults = {{u"killProcess 8"_s, {false, u"败 %1"_s}}};
     }
 
+    // One row a case, however many there are.
+    // NOLINTNEXTLINE(readability-function-size)
     void calls_data()
     {
         for (const char* column : {"tool", "args", "result", "request", "writes"})
@@ -165,6 +177,16 @@ private Q_SLOTS:
             row("set_service_start_type", qUtf8Printable(u"`name`:`NAME`,`start_type`:` %1 `"_s.arg(words[0])), qUtf8Printable(u"{`changed`:true,`name`:`NAME`,`start_type`:`%1`,`message`:`成 %2`}"_s.arg(words[0], u"%1"_s)),
                 qUtf8Printable(u"设服务启动类型|AI 请求把服务「SHOWN」启动类型从「已禁用」改为「%1」|服务名: SHOWN\n二进制路径: SHOWN\n(下次启动生效)"_s.arg(words[1])), qUtf8Printable(u"setStartType NAME %1"_s.arg(words[2])));
         }
+
+        row("clean_junk", "|`category_ids`:[]|`category_ids`:`pip_cache`|`category_ids`:{`pip_cache`:1}", "参数 category_ids 不能为空 — 先用 scan_junk 拿 category_id");
+        row("clean_junk", "`category_ids`:[` `,5]|`category_ids`:[`absent`,`font_cache`,`PIP_cache`]", "{`cleaned`:false,`skipped`:[],`note`:`匹配的分类当前无可清理内容 (可能已清理过, 或 category_id 无效 — 用 scan_junk 确认有效 id)`}");
+        const char* const chrome = "{`category_id`:`chrome_cache`,`reason`:`进程运行中, 请先关闭: chrome.exe`}";
+        row("clean_junk", "`category_ids`:[`font_cache`,`chrome_cache`]", qUtf8Printable(u"{`cleaned`:false,`skipped`:[%1],`note`:`所有匹配分类都因进程运行中被跳过, 请先关闭对应程序再试`}"_s.arg(QString::fromUtf8(chrome))));
+        const char* const pip = "{`category_id`:`pip_cache`,`category_name`:`pip 缓存`,`size_bytes`:3670016,`file_count`:2}";
+        row("clean_junk", "`category_ids`:[` pip_cache `,`pip_cache`]", qUtf8Printable(u"{`cleaned`:true,`freed_bytes`:3670016,`freed_mb`:3.5,`file_count`:2,`categories`:[%1],`skipped`:[],`message`:`成 %2`}"_s.arg(QString::fromUtf8(pip), u"%1"_s)),
+            "清理磁盘垃圾|AI 请求清理 1 类垃圾 (共 2 个文件, 约 3.5 MB) 到回收站|将移到回收站 (可从回收站恢复) 的分类:\n  - pip 缓存 (3.5 MB, 2 项)", "moveToRecycleBin JUNK/pip/cache/%1");
+        row("clean_junk", "`category_ids`:[`pip_cache`,null,`chrome_cache`,`crash_dumps`,`x`]", qUtf8Printable(u"{`cleaned`:true,`freed_bytes`:265814016,`freed_mb`:253.5,`file_count`:3,`categories`:[{`category_id`:`crash_dumps`,`category_name`:`崩溃转储文件`,`size_bytes`:262144000,`file_count`:1},%1],`skipped`:[%2],`message`:`成 %3`}"_s.arg(QString::fromUtf8(pip), QString::fromUtf8(chrome), u"%1"_s)),
+            "清理磁盘垃圾|AI 请求清理 2 类垃圾 (共 3 个文件, 约 253.5 MB) 到回收站|将移到回收站 (可从回收站恢复) 的分类:\n  - 崩溃转储文件 (250 MB, 1 项)\n  - pip 缓存 (3.5 MB, 2 项)", "moveToRecycleBin JUNK/CrashDumps/a JUNK/pip/cache/%1");
     }
     // clang-format on
     void calls()
@@ -205,19 +227,21 @@ private Q_SLOTS:
     {
         // clang-format off
         const QJsonObject values = parsed(filledIn("{`pid`:[7,8,`7`,7.4,4294967303,0,4,SELF,HIGH,null,`x`,99],`port`:[80,`80`,80.2,90,0,65536],`enabled`:[true,true,false,false,1],`source`:[`hklm`,` HKCU `,`用户`,`系统`,`hkcr`],"
-            "`path`:[`NAME`,`.`,`DIR`,``,`/absent`],`name`:[`NAME`,`NAME`,`NAME`,`TWO`,` three`,`four`,` `,`absent`,5],`start_type`:[`auto`,`Delayed`,`manual`,`disabled`,`boot`]}").toUtf8());
-        const QStringList tools = u"kill_process|kill_by_port|set_startup_item_enabled|unlock_file|start_service|stop_service|set_service_start_type"_s.split(u'|');
+            "`path`:[`NAME`,`.`,`DIR`,``,`/absent`],`name`:[`NAME`,`NAME`,`NAME`,`TWO`,` three`,`four`,` `,`absent`,5],`start_type`:[`auto`,`Delayed`,`manual`,`disabled`,`boot`],`category_ids`:[[`pip_cache`],[`pip_cache`,`chrome_cache`],[`chrome_cache`],[`crash_dumps`,5,` pip_cache`],[`absent`],[],`pip_cache`]}").toUtf8());
+        const QStringList tools = u"kill_process|kill_by_port|set_startup_item_enabled|unlock_file|start_service|stop_service|set_service_start_type|clean_junk"_s.split(u'|');
         const QByteArrayList answers = QByteArray("{`granted`:true}\n|{`granted`:true,`message`:`x`}\n{`granted`:false}\n|{`granted`:false,`message`:`true`}\n|{`granted`:1}\n{`granted`:true}\n|{`granted`:`true`}\n|[true]\n|\n|{`granted`:true}|granted\n").replace('`', '"').split('|');
         // clang-format on
         QHash<QString, int> granted;
         QRandomGenerator random(1);
-        for (int round = 0; round < 7000; ++round) {
+        for (int round = 0; round < 8000; ++round) {
             QJsonObject args;
             for (auto value = values.begin(); value != values.end(); ++value)
                 args.insert(value.key(),
                             value->toArray().at(random.bounded(value->toArray().size())));
             for (ServiceItem& service : m_script.services.records)
                 service.state = ServiceState(random.bounded(8));
+            m_script.processes.records[1].name =
+                random.bounded(2) > 0 ? u"chrome.exe"_s : QString();
             const qsizetype answer = random.bounded(answers.size());
             m_desktop.setAnswer({{answers.at(answer)}, true});
             m_script.peerMayAnswer = [mayAnswer = random.bounded(8) > 0] { return mayAnswer; };
@@ -225,7 +249,7 @@ private Q_SLOTS:
             const QString& tool = tools.at(round % tools.size());
             m_client.call(tool, args);
             for (QString& write : m_script.writes)
-                write = consent::shownText(write);
+                write = consent::shownText(write).replace(m_junk.path(), u"JUNK"_s);
             QByteArrayList requests = m_desktop.takeReceived();
             requests.removeAll(QByteArray()); // A stranger is told nothing.
             QVERIFY(requests.size() <= 1);

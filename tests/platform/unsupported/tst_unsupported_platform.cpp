@@ -7,6 +7,8 @@
 #include "core/startup_service.h"
 #include "core/uninstall_service.h"
 #include "platform/platform.h"
+#include "support/fake_desktop.h"
+#include "support/file_tree.h"
 #include "support/mcp_client.h"
 
 #include <QTest>
@@ -131,6 +133,21 @@ private Q_SLOTS:
             QVERIFY2(!result.ok, message);
             QCOMPARE(result.message, QString::fromUtf8(message));
         }
+    }
+
+    void junkStaysWhereItIs()
+    {
+        test::FakeDesktop desktop;
+        desktop.setAnswer({{"{\"granted\":true}\n"}});
+        const QTemporaryDir directory;
+        qputenv("LOCALAPPDATA", directory.path().toUtf8());
+        test::makeTree(directory.path(), QStringLiteral("pip/cache/d/f=1"));
+        const QJsonArray ids{QStringLiteral("pip_cache")};
+        const test::ToolReply reply = test::Client().call(QStringLiteral("clean_junk"),
+                                                          {{QStringLiteral("category_ids"), ids}});
+        QCOMPARE(reply.text, QStringLiteral("Tool 'clean_junk' failed: 当前平台不支持回收站删除"));
+        QCOMPARE(desktop.takeReceived().size(), 1);
+        QVERIFY(QFile::exists(directory.filePath(QStringLiteral("pip/cache/d/f"))));
     }
 
     void otherOperationsAnswerEmptyHanded()

@@ -1,0 +1,203 @@
+// Tests of the junk scanner on directories made for the test, on threads as its users run it.
+#include "core/byte_size.h"
+#include "core/junk_scanner.h"
+#include "fake/fake_platform.h"
+#include "support/file_tree.h"
+
+#include <QRandomGenerator>
+#include <QSemaphore>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+
+#include <limits>
+#include <memory>
+#include <thread>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
+
+class JunkScannerTest : public QObject
+{
+    Q_OBJECT
+
+    std::unique_ptr<QTemporaryDir> m_directory;
+
+    JunkCategory category(const QStringList& roots, const QStringList& patterns = {}) const
+    {
+        JunkCategory category;
+        for (const QString& root : roots)
+            category.roots.append(m_directory->filePath(root));
+        category.patterns = patterns;
+        return category;
+    }
+
+    /// Runs process() on a thread; what the scanner told, in order, each told to this thread, which
+    /// cancels the scan when it hears of category `cancelAt`, while the scanner waits.
+    static QStringList processed(JunkScanner& scanner, int cancelAt = -1)
+    {
+        QObject here;
+        QSemaphore heard;
+        QStringList told;
+        connect(&scanner, &JunkScanner::progress, &here, [&](const QString& name, int i, int all) {
+            told.append(u"%1 %2/%3"_s.arg(name, QString::number(i), QString::number(all)));
+            if (i == cancelAt)
+                scanner.cancel();
+            heard.release();
+        });
+        const auto wait = [&heard] { heard.acquire(); };
+        connect(&scanner, &JunkScanner::progress, &here, wait, Qt::DirectConnection);
+        connect(&scanner, &JunkScanner::cancelled, &here, [&] { told.append(u"cancelled"_s); });
+        connect(&scanner, &JunkScanner::finished, &here,
+                [&](const QList<JunkItem>& items, qint64 total) {
+                    for (const JunkItem& item : items)
+                        told.append(u"%1 %2"_s.arg(item.id, item.sizeDisplay()));
+                    told.append(QString::number(total));
+                });
+        const std::unique_ptr<QThread> thread(QThread::create(
+            [&scanner] { QMetaObject::invokeMethod(&scanner, "process", Qt::DirectConnection); }));
+        thread->start();
+        while (!thread->wait(1))
+            QCoreApplication::processEvents();
+        QCoreApplication::processEvents();
+        return told;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        fake::reset();
+        m_directory = std::make_unique<QTemporaryDir>();
+    }
+
+    void categories_data()
+    {
+        QTest::addColumn<QString>("tree");
+        QTest::addColumn<QStringList>("patterns");
+        QTest::addColumn<QString>("expected"); // Paths; files and bytes.
+        const QStringList none;
+        const QStringList caches{u"thumbcache_*.db"_s, u"*cache_?.db"_s};
+        // clang-format off
+        QTest::newRow("depths") << u"r/a.tmp=10|r/d/x/y/1=5|r/d/x/y/2=5"_s << none << u"a.tmp d; 3 20"_s;
+        QTest::newRow("nothing") << u"r/"_s << none << u"; 0 0"_s;
+        QTest::newRow("empty directories") << u"r/d/e/|r/f/"_s << none << u"d f; 0 0"_s;
+        QTest::newRow("hidden") << u"r/.f=1|r/.d/.f=2"_s << none << u".d .f; 2 3"_s;
+        QTest::newRow("links") << u"out/f=7|out/d/f=8|r/file>../out/f|r/d/file>../../out/f|r/d/dir>../../out|r/absent>x"_s << none << u"absent d file; 3 14"_s;
+        QTest::newRow("a link to a directory") << u"out/f=7|out/d/f=8|r/dir>../out"_s << none << u"dir; 2 15"_s;
+        QTest::newRow("roots") << u"other/f=7|out/f=8|r>out|file=9"_s << none << u"f other/f; 2 15"_s;
+        QTest::newRow("backslashes") << u"r/a\\b=1|r/..\\..\\c=2|r/d/e\\f=4"_s << none << u"d; 3 7"_s;
+        QTest::newRow("patterns") << u"r/Thumbcache_1024.DB=1|r/thumbcache_1024.db.bak=2|r/xthumbcache_1024.db=4|r/.d/iconcache_3.db=8|r/iconcache_32.db=16|r/iconcache_.db=32|r/thumbcache_d.db/f=64|r/iconcache_\n.db=128"_s << caches << u".d/iconcache_3.db Thumbcache_1024.DB iconcache_\n.db; 3 137"_s;
+        QTest::newRow("no match") << u"r/f=1"_s << caches << u"; 0 0"_s;
+        QTest::newRow("links and backslashes by pattern") << u"out/thumbcache_.db=3|other/d/thumbcache_2.db=1|r/a\\thumbcache_.db=0|r/thumbcache_\\.db=4|r/dir>../out|r/thumbcache_1.db>../out/thumbcache_.db"_s << caches << u"other/d/thumbcache_2.db thumbcache_1.db; 3 8"_s;
+        // clang-format on
+    }
+    void categories()
+    {
+        QFETCH(QString, tree);
+        QFETCH(QStringList, patterns);
+        test::makeTree(m_directory->path(), tree);
+        const JunkCategory roots = category({u"r"_s, u"absent"_s, u"file"_s, u"other"_s}, patterns);
+        JunkItem item = JunkScanner::scanCategory(roots, nullptr);
+        item.paths.replaceInStrings(m_directory->filePath(u"r/"_s), QString());
+        item.paths.replaceInStrings(m_directory->path() + u'/', QString());
+        item.paths.sort();
+        QTEST(u"%1; %2 %3"_s.arg(item.paths.join(u' '), QString::number(item.fileCount),
+                                 QString::number(item.sizeBytes)),
+              "expected");
+        const std::atomic<bool> cancel = true;
+        QCOMPARE(JunkScanner::scanCategory(roots, &cancel).fileCount, 0);
+    }
+
+    void cancellationWithinACategory_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QStringList>("patterns");
+        QTest::newRow("between entries") << u"r/%1=1"_s << QStringList();
+        QTest::newRow("between files") << u"r/d/%1=1"_s << QStringList();
+        QTest::newRow("between files by pattern") << u"r/d/%1=1"_s << QStringList(u"*"_s);
+    }
+    void cancellationWithinACategory()
+    {
+        constexpr int files = 1000;
+        QFETCH(QString, file);
+        QFETCH(QStringList, patterns);
+        for (int i = 0; i < files; ++i)
+            test::makeTree(m_directory->path(), file.arg(i));
+        const JunkCategory roots = category({u"r"_s}, patterns);
+        int counted = 0;
+        for (int round = 0; round < 500 && (counted == 0 || counted == files); ++round) {
+            std::atomic<bool> cancel = false;
+            std::thread canceller([&cancel, round] {
+                QThread::usleep(QRandomGenerator::global()->bounded(1U + round * 50U));
+                cancel = true;
+            });
+            const JunkItem item = JunkScanner::scanCategory(roots, &cancel);
+            canceller.join();
+            counted = item.fileCount;
+            QCOMPARE(item.sizeBytes, counted);
+        }
+        QVERIFY2(counted > 0 && counted < files, "no scan ended in its midst");
+    }
+
+    void wholeCatalogOnAThread()
+    {
+        for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
+            qputenv(name, m_directory->filePath(u"app"_s).toUtf8());
+        qputenv("HOME", m_directory->filePath(u"home"_s).toUtf8());
+        qputenv("TMPDIR", m_directory->filePath(u"temp"_s).toUtf8());
+        test::makeTree(
+            m_directory->path(),
+            u"temp/1=1048576|app/CrashDumps/1=3145728|app/Logs/d/|app/pip/cache/1=4194304|"
+            "app/Mozilla/Firefox/Profiles/p/cache2/1=1048576|home/.cache/1=5242880"_s);
+        const QStringList progress =
+            u"用户临时文件 1/6|崩溃转储文件 2/6|系统日志文件 3/6|"
+            "Firefox 缓存 4/6|pip 缓存 5/6|通用 .cache 缓存 6/6"_s.split(u'|');
+        const QStringList results = u"crash_dumps 3.0 MB|user_temp 1.0 MB|firefox_cache 1.0 MB|"
+                                    "generic_cache 5.0 MB|pip_cache 4.0 MB|14680064"_s.split(u'|');
+        JunkScanner uncancelled;
+        QCOMPARE(processed(uncancelled), progress + results);
+        QCOMPARE(processed(uncancelled), progress + results);
+
+        for (int category = 0; category <= progress.size(); ++category) {
+            JunkScanner scanner;
+            if (category == 0)
+                scanner.cancel();
+            QCOMPARE(processed(scanner, category), progress.mid(0, category) << u"cancelled"_s);
+            QCOMPARE(processed(scanner), QStringList(u"cancelled"_s));
+        }
+    }
+
+    void guards()
+    {
+        auto& processes = fake::platform().processes;
+        processes.records = {{1, 0, u"chrome.exe"_s, {}, 0, 0}, {2, 0, u"FireFox.EXE"_s, {}, 0, 0}};
+        QCOMPARE(JunkScanner::runningGuardProcesses({}), QStringList());
+        QCOMPARE(processes.calls, 0);
+        QCOMPARE(JunkScanner::runningGuardProcesses(
+                     {u"firefox.exe"_s, u"msedge.exe"_s, u"chrome"_s, u"Chrome.exe"_s}),
+                 (QStringList{u"firefox.exe"_s, u"Chrome.exe"_s}));
+    }
+
+    void sizes()
+    {
+        constexpr qint64 largest = std::numeric_limits<qint64>::max();
+        const QList<std::pair<qint64, const char*>> texts{{-1, "0 MB"},
+                                                          {0, "0 MB"},
+                                                          {1, "0.0 MB"},
+                                                          {3670016, "3.5 MB"},
+                                                          {262144000, "250 MB"},
+                                                          {1073741823, "1024 MB"},
+                                                          {1342177280, "1.25 GB"},
+                                                          {largest, "8589934592.00 GB"}};
+        for (const auto& [bytes, text] : texts) {
+            JunkItem item;
+            item.sizeBytes = bytes;
+            QCOMPARE(item.sizeDisplay(), QString::fromUtf8(text));
+        }
+        QCOMPARE(sizeSum(largest - 1, 1), largest);
+        QCOMPARE(sizeSum(largest, largest), largest);
+    }
+};
+
+QTEST_GUILESS_MAIN(JunkScannerTest)
+#include "tst_junk_scanner.moc"

@@ -1,0 +1,160 @@
+// Tests of the tools that look through disks as a client sees them, on directories made for the test.
+#include "fake/fake_platform.h"
+#include "support/file_tree.h"
+#include "support/mcp_client.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
+
+class DiskToolsTest : public QObject
+{
+    Q_OBJECT
+
+    test::Client m_client;
+    QTemporaryDir m_directory;
+    QStringList m_progress;
+    ProgressCallback m_keepProgress = [this](const QJsonObject& told) {
+        m_progress.append(text(told));
+    };
+
+    /// Compact, backticks for double quotes, DIR for the test's directory.
+    QString text(const QJsonObject& object) const
+    {
+        const QByteArray compact = QJsonDocument(object).toJson(QJsonDocument::Compact);
+        return QString::fromUtf8(compact).replace(u'"', u'`').replace(m_directory.path(), u"DIR"_s);
+    }
+
+    QJsonObject parsed(QString json) const
+    {
+        json.replace(u'`', u'"').replace(u"DIR"_s, m_directory.path());
+        return QJsonDocument::fromJson(json.toUtf8()).object();
+    }
+
+private Q_SLOTS:
+    void init() { m_progress.clear(); }
+
+    void junk()
+    {
+        for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
+            qputenv(name, m_directory.filePath(u"app"_s).toUtf8());
+        qputenv("HOME", m_directory.filePath(u"absent"_s).toUtf8());
+        qputenv("TMPDIR", m_directory.filePath(u"absent"_s).toUtf8());
+        // clang-format off
+        const QString note = u"`note`:`清理用 clean_junk 传 category_ids[]; 那是写操作, 执行前会在 Korvane 主程序弹窗请求授权。safety=caution 的分类(更新缓存/Prefetch)建议先向用户说明副作用再清。`,"_s;
+        const auto scan = [this](const QJsonObject& args = {}) { return text(m_client.call(u"scan_junk"_s, args, m_keepProgress).json()); };
+        QCOMPARE(scan(), u"{`categories`:[],`category_count`:0,%1`total_file_count`:0,`total_size_bytes`:0,`total_size_mb`:0}"_s.arg(note));
+        QVERIFY(m_progress.isEmpty());
+
+        test::makeTree(m_directory.filePath(u"app"_s), u"CrashDumps/1.dmp=1321206|Logs/empty/|Prefetch/a=41943|Mozilla/Firefox/Profiles/p/cache2/e/1=10|Mozilla/Firefox/Profiles/p/cache2/e/2=11|pip/cache/1=52429"_s);
+        const QString expected = u"{`categories`:["
+            "{`category_id`:`crash_dumps`,`category_name`:`崩溃转储文件`,`description`:`程序崩溃时生成的 .dmp 转储, 排障后即可删除`,`file_count`:1,`group`:`system`,`safety`:`safe`,`sample_paths`:[`DIR/app/CrashDumps/1.dmp`],`size_bytes`:1321206,`size_mb`:1.3},"
+            "{`category_id`:`prefetch`,`category_name`:`预读取文件 (Prefetch)`,`description`:`系统加速启动的预读取数据, 删后短期内开程序略慢, 会自动重建`,`file_count`:1,`group`:`system`,`safety`:`caution`,`sample_paths`:[`DIR/app/Prefetch/a`],`size_bytes`:41943,`size_mb`:0},"
+            "{`category_id`:`firefox_cache`,`category_name`:`Firefox 缓存`,`description`:`Firefox 各 profile 的 cache2 网页缓存, 清理前请关闭 Firefox`,`file_count`:2,`group`:`browser`,`safety`:`safe`,`sample_paths`:[`DIR/app/Mozilla/Firefox/Profiles/p/cache2/e`],`size_bytes`:21,`size_mb`:0},"
+            "{`category_id`:`pip_cache`,`category_name`:`pip 缓存`,`description`:`Python pip 下载包缓存, 删后自动重下`,`file_count`:1,`group`:`devtools`,`safety`:`safe`,`sample_paths`:[`DIR/app/pip/cache/1`],`size_bytes`:52429,`size_mb`:0.1}"
+            "],`category_count`:4,%1`total_file_count`:5,`total_size_bytes`:1415599,`total_size_mb`:1.4}"_s.arg(note);
+        QCOMPARE(scan(), expected);
+        QCOMPARE(m_progress.join(u' '), u"{`index`:1,`scanning_category`:`崩溃转储文件`,`total`:5} {`index`:2,`scanning_category`:`系统日志文件`,`total`:5} {`index`:3,`scanning_category`:`预读取文件 (Prefetch)`,`total`:5} "
+            "{`index`:4,`scanning_category`:`Firefox 缓存`,`total`:5} {`index`:5,`scanning_category`:`pip 缓存`,`total`:5}"_s);
+        // clang-format on
+        QCOMPARE(text(m_client.call(u"scan_junk"_s, {{u"foo"_s, 1}}).json()), expected);
+
+        test::makeTree(m_directory.filePath(u"app/Logs"_s), u"1=1|2=1|3=1|4=1|5=1|d/6=1"_s);
+        const QJsonObject logs =
+            m_client.call(u"scan_junk"_s).json()[u"categories"_s].toArray().at(1).toObject();
+        QCOMPARE(logs[u"file_count"_s].toInt(), 6);
+        QCOMPARE(logs[u"sample_paths"_s].toArray().size(), 5);
+    }
+
+    void largeFiles_data()
+    {
+        QTest::addColumn<QString>("args");
+        QTest::addColumn<QString>("expected"); // Smallest size; files scanned; sizes found.
+        const auto row = [](const char* args, const char* expected) {
+            for (const QString& arg : QString::fromUtf8(args).split(u'|'))
+                QTest::newRow(qUtf8Printable(arg)) << arg << QString::fromUtf8(expected);
+        };
+        // clang-format off
+        row("`x`:1|`root_path`:5|`root_path`:null|`root_path`:`DIR/home`|`root_path`:`DIR/home/`|`root_path`:`../home`|`root_path`:``|`root_path`:`DIR/link`|"
+            "`min_size_bytes`:0|`min_size_bytes`:-5|`min_size_bytes`:`x`|`min_size_bytes`:null|`min_size_bytes`:1e300|`min_size_bytes`:52428800|"
+            "`max_results`:3|`max_results`:`1`|`max_results`:1.5|`max_results`:null|`max_results`:1e300|`max_results`:9223372036854775807|`max_results`:4294967297", "52428800; 6; 73400320 62914560 52428800");
+        row("`min_size_bytes`:52428799|`min_size_bytes`:`52428799`", "52428799; 6; 73400320 62914560 52428800 52428799");
+        row("`min_size_bytes`:1,`max_results`:2", "1; 6; 73400320 62914560");
+        row("`max_results`:0|`max_results`:-1|`max_results`:-9223372036854775807", "52428800; 6; ");
+        row("`root_path`:`DIR/absent %1`", "路径不存在: DIR/absent %1");
+        row("`root_path`:`DIR/home/small`", "路径不存在: DIR/home/small");
+        row("`root_path`:` `", "路径不存在:  ");
+        // clang-format on
+        const QString home = m_directory.filePath(u"home"_s);
+        qputenv("HOME", home.toUtf8());
+        test::makeTree(
+            m_directory.path(),
+            u"link>home|out/f=99999999|home/exact=52428800|home/less=52428799|home/small=1|"
+            "home/.hidden=62914560|home/.d/e/deep=73400320|home/dir>../out|home/x>x"_s);
+        QDir::setCurrent(home);
+    }
+    void largeFiles()
+    {
+        QFETCH(QString, args);
+        QFETCH(QString, expected);
+        const QJsonObject arguments = parsed(u'{' + args + u'}');
+        const test::ToolReply reply = m_client.call(u"find_large_files"_s, arguments);
+        if (reply.isError) {
+            expected.replace(u"DIR"_s, m_directory.path());
+            QCOMPARE(reply.text, u"Tool 'find_large_files' failed: "_s + expected);
+            return;
+        }
+        const QJsonObject result = reply.json();
+        QStringList sizes;
+        for (const QJsonValue file : result[u"files"_s].toArray()) {
+            sizes.append(QString::number(file[u"size_bytes"_s].toInteger()));
+            QCOMPARE(QFileInfo(file[u"path"_s].toString()).size(), sizes.last().toLongLong());
+        }
+        QCOMPARE(u"%1; %2; %3"_s.arg(QString::number(result[u"min_size_bytes"_s].toInteger()),
+                                     QString::number(result[u"scanned_files"_s].toInteger()),
+                                     sizes.join(u' ')),
+                 expected);
+        QCOMPARE(result[u"root_path"_s].toString(),
+                 arguments[u"root_path"_s].toString(m_directory.filePath(u"home"_s)));
+    }
+
+    void largestOfManyFiles()
+    {
+        constexpr int files = 1499;
+        for (int i = 0; i < files; ++i) // 37 and 1499 share no factor: each size once.
+            test::makeTree(m_directory.filePath(u"many\\files"_s),
+                           u"d%1/%2=%3"_s.arg(i % 7).arg(i).arg((i * 37) % files * 1000));
+        QJsonObject args =
+            parsed(u"{`root_path`:`DIR/many\\\\files`,`min_size_bytes`:1,`max_results`:10}"_s);
+        const QJsonObject result =
+            m_client.call(u"find_large_files"_s, args, m_keepProgress).json();
+        QCOMPARE(m_client.call(u"find_large_files"_s, args).json(), result);
+        QCOMPARE(result[u"scanned_files"_s].toInt(), files);
+        QCOMPARE(result[u"hit_count"_s].toInt(), 10);
+        for (int i = 0; i < 10; ++i) {
+            const QJsonValue file = result[u"files"_s][i];
+            QCOMPARE(file[u"size_bytes"_s].toInt(), (files - 1 - i) * 1000);
+            QCOMPARE(file[u"size_mb"_s].toDouble(), 1.4);
+            QCOMPARE(file.toObject().size(), 3);
+            QVERIFY(file[u"path"_s].toString().startsWith(m_directory.filePath(u"many/files/d"_s)));
+        }
+
+        // A selection leaves 10 at each 200th from the 210th on; the one empty file may come first.
+        QCOMPARE(m_progress.size(), 2);
+        for (int i = 0; i < 2; ++i) {
+            QJsonObject told = parsed(m_progress[i]);
+            const int hits = told.take(u"current_hits"_s).toInt();
+            QVERIFY(hits == 100 * (i + 1) || hits == 100 * (i + 1) - 1);
+            QVERIFY(told.take(u"current_path"_s).toString().contains(u"/many/files/d"_s));
+            QCOMPARE(text(told), u"{`scanned_files`:%1}"_s.arg(500 * (i + 1)));
+        }
+        args.insert(u"max_results"_s, 9e18);
+        args.insert(u"min_size_bytes"_s, 1000);
+        QCOMPARE(m_client.call(u"find_large_files"_s, args).json()[u"hit_count"_s].toInt(), 1498);
+    }
+};
+
+QTEST_GUILESS_MAIN(DiskToolsTest)
+#include "tst_disk_tools.moc"
