@@ -1,4 +1,5 @@
-// The one narrow layer between the program and the operating system.
+// The one narrow layer between the program and the operating system; walking directory trees stands
+// in file_walk.h.
 //
 // A platform is a folder beside this header. It defines the free functions below and the
 // `*Platform` members of the service classes in core/ (and, on FileUnlockService, the probing,
