@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace korvane::linux_platform {
@@ -52,8 +53,8 @@ public:
 private:
     class Visitor;
 
-    /// Adds the entry alone, not what is in it; whether it is a directory that may be moved.
-    bool add(int directory, const char* name, EntryCheck& result) const;
+    /// Judges the entry alone, not what is in it, by what is `found` of it.
+    KeptBecause judge(int directory, const char* name, struct statx& found) const;
 
     FilesInUse m_inUse;
     std::vector<std::pair<dev_t, ino_t>> m_protected;
