@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include <dirent.h>
 
@@ -51,15 +52,22 @@ struct ProcessIdentity
 class UniqueFd
 {
 public:
-    explicit UniqueFd(int fd) : m_fd(fd) {}
+    explicit UniqueFd(int fd = -1) : m_fd(fd) {}
     ~UniqueFd();
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
-    UniqueFd(UniqueFd&&) = delete;
-    UniqueFd& operator=(UniqueFd&&) = delete;
+    UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept
+    {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
 
     bool isValid() const { return m_fd >= 0; }
     int get() const { return m_fd; }
+
+    /// The descriptor, which the caller closes from now on.
+    int release() { return std::exchange(m_fd, -1); }
 
 private:
     int m_fd;

@@ -1,8 +1,10 @@
 // Going through a directory tree by handles: the one traversal of the back end.
 #pragma once
 
+#include "platform/linux/proc_fs.h"
+
 #include <cstddef>
-#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,8 +17,7 @@ class TreeWalk;
 /// A name in a directory, as getdents64 tells of it.
 struct TreeEntry
 {
-    const char* name;  ///< NUL-terminated; any bytes but "/".
-    std::size_t length;
+    const char* name;   ///< NUL-terminated; any bytes but "/".
     unsigned char type; ///< DT_REG, DT_DIR, DT_LNK...; DT_UNKNOWN where that cannot be told.
 };
 
@@ -75,14 +76,50 @@ public:
     /// which the start could not be opened or read; whether the visitor has stopped, it knows itself.
     int run(int at, const char* name, bool followLink, std::string shownAs, TreeVisitor& visitor);
 
-    /// The directory that the visitor is told of; valid until it returns.
-    int directory() const;
+    /// A handle of the directory that the visitor is told of, for as long as it is; -1 where that
+    /// directory has been moved away meanwhile.
+    int directory();
 
     /// The path of directory().
     const std::string& path() const { return m_path; }
 
+    /// The path of an entry of directory().
+    std::string pathOf(const char* name) const;
+
 private:
-    // (to come)
+    using Step = TreeVisitor::Step;
+
+    /// A directory on the way down.
+    struct Level
+    {
+        UniqueFd handle;             ///< Closed where it is one of too many.
+        std::size_t pathSize = 0;    ///< Of its path, in m_path.
+        std::size_t namesBefore = 0; ///< Names in m_pending that are not its entries.
+        dev_t device = 0;            ///< What `handle` was, once it is closed.
+        ino_t inode = 0;
+    };
+
+    Step showEntries(TreeVisitor& visitor);
+    Step showRead(std::size_t bytes, TreeVisitor& visitor);
+    Step descend(TreeVisitor& visitor);
+    Step ascend(TreeVisitor& visitor);
+    int openEntry(int parent, const char* name);
+    int openWithin(int parent, const char* name);
+    bool isForbidden(int parent, int opened) const;
+    void closeOldest();
+    bool reopen();
+    UniqueFd openLevel(int parent, std::size_t level) const;
+
+    Mounts m_mounts;
+    bool m_entersKernelMade = false;
+    bool m_hasOpenat2 = true;
+    std::size_t m_handleLimit = maxHandles;
+    std::unique_ptr<char[]> m_entries; ///< What getdents64 fills.
+    std::string m_path;
+    std::vector<Level> m_levels;
+    std::size_t m_closedBefore = 1;           ///< Levels from 1 up to this one have no handle.
+    std::string m_pending;                    ///< Names yet to descend into, each NUL-terminated,
+    std::vector<std::size_t> m_pendingStarts; ///< and where each starts.
 };
 
 } // namespace korvane::linux_platform
