@@ -207,7 +207,9 @@ private:
         m_lastMapped = line.toByteArray();
         const QByteArrayView device = takeWord(line);
         addFile(device, takeWord(line));
-        addPath(line.toByteArray().trimmed().replace("\\012", "\n"));
+        const qsizetype path = line.indexOf('/');
+        if (path >= 0)
+            addPath(line.sliced(path).toByteArray().replace("\\012", "\n"));
     }
 
     void addCredentials(quint32 pid)
@@ -254,7 +256,8 @@ private:
     void addSocket(QByteArrayView line)
     {
         skipWords(line, 7);
-        addPath(line.mid(1).toByteArray());
+        takeUntil(line, ' ');
+        addPath(line.toByteArray());
     }
 
     /// "NUMBER: KIND... PID MAJOR:MINOR:INODE START END".

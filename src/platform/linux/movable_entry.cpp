@@ -9,6 +9,7 @@
 #include <limits>
 #include <utility>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -19,27 +20,14 @@ namespace korvane::linux_platform {
 
 namespace {
 
-/// What programs find by its name alone, without having it open. Names so peculiar mean the same in
-/// any directory: a session may have its temporary files anywhere.
+/// What programs find by its name alone, without having it open: recycle bins, the places of X's
+/// sockets, its locks and keys, Kerberos tickets, what services have for their /tmp, the state of
+/// containers. Names so peculiar mean the same in any directory, wherever temporary files are kept.
 constexpr std::array systemNames{
-    ".Trash",
-    ".Trash-[0-9]*", // recycle bins
-    ".X11-unix",
-    ".ICE-unix",
-    ".XIM-unix",
-    ".font-unix",
-    ".Test-unix", // sockets' places
-    ".X[0-9]*-lock",
-    ".tX[0-9]*-lock",
-    "serverauth.*",
-    "krb5cc*", // X, Kerberos
-    "systemd-private-*",
-    "snap-private-tmp",
-    "snap.[0-9]*_*", // services' own
-    "podman-run-*",
-    "storage-run-*",
-    "containers-user-*", // containers' state
-};
+    ".Trash",        ".Trash-[0-9]*",     ".X11-unix",        ".ICE-unix",      ".XIM-unix",
+    ".font-unix",    ".Test-unix",        ".X[0-9]*-lock",    ".tX[0-9]*-lock", "serverauth.*",
+    "krb5cc*",       "systemd-private-*", "snap-private-tmp", "snap.[0-9]*_*",  "podman-run-*",
+    "storage-run-*", "containers-user-*"};
 
 bool isSystemName(const char* name)
 {
@@ -128,6 +116,8 @@ public:
         const KeptBecause reason = m_checker.judge(walk.directory(), entry.name, found);
         if (reason != KeptBecause::Nothing)
             return stay(reason);
+        if (S_ISDIR(found.stx_mode) != (entry.type == DT_DIR))
+            return stay(KeptBecause::Vanished);
         addTo(m_result, found);
         return S_ISDIR(found.stx_mode) ? Step::Descend : Step::GoOn;
     }
@@ -135,11 +125,11 @@ public:
     Step failed(TreeWalk&, int error) override { return stay(reasonOf(error)); }
 
 private:
+    /// A tree from which something vanishes meanwhile is one that somebody is working on.
     Step stay(KeptBecause reason)
     {
-        if (reason == KeptBecause::Vanished)
-            return Step::GoOn;
-        m_result.keptBecause = reason;
+        const bool isChanging = reason == KeptBecause::Vanished;
+        m_result.keptBecause = isChanging ? KeptBecause::InUse : reason;
         return Step::Stop;
     }
 
