@@ -106,15 +106,15 @@ private:
             noteFailure();
     }
 
-    /// Shows every name in a directory, with a handle of it.
+    /// Shows the names in a directory, with a handle of it, while `show` returns true.
     template <typename Show> void readNames(int at, const char* path, Show show)
     {
         const DirectoryHandle directory = openDirectory(at, path);
         if (directory == nullptr)
             return noteFailure();
         for (errno = 0; const dirent* entry = ::readdir(directory.get()); errno = 0) {
-            if (entry->d_name[0] != '.')
-                show(::dirfd(directory.get()), entry->d_name);
+            if (entry->d_name[0] != '.' && !show(::dirfd(directory.get()), entry->d_name))
+                return;
         }
         noteFailure();
     }
@@ -136,21 +136,27 @@ private:
             m_found.m_files.emplace_back(makedev(majorNumber, minorNumber), number);
     }
 
-    /// Adds what a link of /proc leads to. On its way there, the kernel asks the server of some file
-    /// systems, which may never answer: files there are known by their path.
-    void addTarget(int directory, const char* link)
+    /// Adds what a link of /proc leads to; false where this program may not look into the process.
+    /// On the way there, the kernel asks the server of some file systems, which may never answer:
+    /// files there are known by their path.
+    bool addTarget(int directory, const char* link)
     {
         std::array<char, PATH_MAX> path{};
         const ssize_t size =
             m_isRemoteMounted ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
-        if (size > 0 && isRemote(QByteArray(path.data(), size)))
-            return addPath(QByteArray(path.data(), size));
+        if (size > 0 && isRemote(QByteArray(path.data(), size))) {
+            addPath(QByteArray(path.data(), size));
+            return true;
+        }
         struct statx target = {};
-        if (::statx(directory, link, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_INO, &target) == 0)
-            m_found.m_files.emplace_back(makedev(target.stx_dev_major, target.stx_dev_minor),
-                                         target.stx_ino);
-        else
+        constexpr int flags = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
+        if (::statx(directory, link, flags, STATX_INO, &target) != 0) {
             noteFailure();
+            return errno != EACCES;
+        }
+        m_found.m_files.emplace_back(makedev(target.stx_dev_major, target.stx_dev_minor),
+                                     target.stx_ino);
+        return true;
     }
 
     bool isRemote(const QByteArray& path) const
@@ -169,32 +175,35 @@ private:
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
-            if (parseNumber(QByteArrayView(name), tid))
-                addThread(pid, tid, tasks + name + '/');
+            return !parseNumber(QByteArrayView(name), tid) ||
+                   addThread(pid, tid, tasks + name + '/');
         });
     }
 
     /// A thread may have a working directory and files of its own; of a process whose first thread has
-    /// ended, only the others have any.
-    void addThread(quint32 pid, quint32 tid, const QByteArray& path)
+    /// ended, only the others have any. False where this program may not look into the process.
+    bool addThread(quint32 pid, quint32 tid, const QByteArray& path)
     {
         const auto has = [pid, tid](int what) {
             return tid == pid || ::syscall(SYS_kcmp, pid, tid, what, 0, 0) != 0;
         };
         const int proc = m_proc.descriptor();
         if (has(KCMP_FS)) {
-            addTarget(proc, (path + "cwd").constData());
+            if (!addTarget(proc, (path + "cwd").constData()))
+                return false;
             addTarget(proc, (path + "root").constData());
         }
         if (has(KCMP_FILES)) {
-            readNames(proc, (path + "fd").constData(),
-                      [this](int directory, const char* name) { addTarget(directory, name); });
+            readNames(proc, (path + "fd").constData(), [this](int directory, const char* name) {
+                return addTarget(directory, name);
+            });
         }
-        if (!has(KCMP_VM))
-            return;
-        addTarget(proc, (path + "exe").constData());
-        m_lastMapped.clear();
-        readTable((path + "maps").constData(), &Look::addMapped);
+        if (has(KCMP_VM)) {
+            addTarget(proc, (path + "exe").constData());
+            m_lastMapped.clear();
+            readTable((path + "maps").constData(), &Look::addMapped);
+        }
+        return true;
     }
 
     /// "ADDRESSES PERMISSIONS OFFSET DEVICE INODE PATH". By path too: the device of btrfs and overlay
@@ -284,6 +293,7 @@ private:
                 noteFailure();
             else
                 addPath(file->endsWith('\n') ? file->chopped(1) : *file);
+            return true;
         });
     }
 

@@ -81,25 +81,10 @@ void addTo(EntryCheck& sum, const struct statx& found)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    switch (reason) {
-    case KeptBecause::Nothing:
-        break;
-    case KeptBecause::Vanished:
-        return QStringLiteral("已不存在");
-    case KeptBecause::InUse:
-        return QStringLiteral("正在使用");
-    case KeptBecause::NotOwn:
-        return QStringLiteral("无权限");
-    case KeptBecause::SpecialFile:
-        return QStringLiteral("含特殊文件");
-    case KeptBecause::MountPoint:
-        return QStringLiteral("含挂载点");
-    case KeptBecause::SystemPlace:
-        return QStringLiteral("系统保留");
-    case KeptBecause::Unreadable:
-        return QStringLiteral("无法读取");
-    }
-    return {};
+    static constexpr std::array<QStringView, 8> texts{u"",         u"已不存在",   u"正在使用",
+                                                      u"无权限",   u"含特殊文件", u"含挂载点",
+                                                      u"系统保留", u"无法读取"};
+    return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 
 /// Adds up what is in a directory, until something must stay.

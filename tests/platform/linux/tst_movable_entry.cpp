@@ -1,5 +1,5 @@
-// Tests what may be moved away on files that are really in use, locked, mounted or somebody else's,
-// and the look through /proc on texts nobody would write.
+// Tests what may be moved away on files that are really in use, mounted or somebody else's, and the
+// look through /proc on texts nobody would write.
 #include "platform/linux/movable_entry.h"
 #include "platform/linux/proc_fs.h"
 #include "support/child_process.h"
@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -23,74 +24,59 @@
 using namespace korvane;
 using namespace korvane::linux_platform;
 using namespace Qt::StringLiterals;
+using enum KeptBecause;
 using test::Child;
 
 namespace {
 
-using Held = std::shared_ptr<void>; ///< What ends a preparation when it goes.
-using Path = const QByteArray&;
-using Prepare = std::function<Held(Path top)>; ///< In the entry "top", which holds "top/a/b/file".
-
 constexpr uid_t nobody = 65534;
 
-int openFile(Path path)
+/// What a child process does before it waits, in the directory of the entry "top".
+using Deed = std::function<void()>;
+
+Deed shell(QByteArray script)
 {
-    return ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    script += "; exec >&-; kill -STOP $$";
+    return [script] { ::execl("/bin/sh", "sh", "-ec", script.constData(), nullptr); };
 }
 
-void write(Path path, Path content)
+void mapAndClose()
 {
-    QVERIFY(QDir().mkpath(QFile::decodeName(path.left(path.lastIndexOf('/')))));
-    QFile file(QFile::decodeName(path));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(content), content.size());
-}
-
-Held childThat(const std::function<void()>& prepare)
-{
-    return std::make_shared<Child>(prepare);
-}
-
-Held holdOpen(Path path)
-{
-    return std::make_shared<UniqueFd>(openFile(path));
-}
-
-std::shared_ptr<UniqueFd> boundSocket(Path path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::copy(path.begin(), path.end(), std::begin(address.sun_path));
-    auto socket = std::make_shared<UniqueFd>(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::bind(socket->get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        qFatal("cannot bind a socket");
-    return socket;
-}
-
-/// Maps the file and closes it.
-void mapFile(Path path)
-{
-    const UniqueFd file(openFile(path));
+    const UniqueFd file(::open("top/a/b/file", O_RDONLY | O_CLOEXEC));
     if (::mmap(nullptr, 1, PROT_READ, MAP_SHARED, file.get(), 0) == MAP_FAILED)
         ::_exit(1);
 }
 
-/// Works in the directory from a thread that shares nothing but memory with the process's others.
-void workInThread(Path directory)
+/// In a thread that shares nothing but memory with the others of its process.
+Deed inThread(int (*use)())
 {
-    std::thread([directory] {
-        if (::unshare(CLONE_FS | CLONE_FILES) != 0 || ::chdir(directory.constData()) != 0)
-            ::_exit(1);
-        ::close(STDOUT_FILENO);
-        test::waitForEnd();
-    }).detach();
+    return [use] {
+        std::promise<void> done;
+        std::future<void> isDone = done.get_future();
+        std::thread([use, own = std::move(done)]() mutable {
+            if (::unshare(CLONE_FS | CLONE_FILES) != 0 || use() < 0)
+                ::_exit(1);
+            ::close(STDOUT_FILENO);
+            own.set_value();
+            test::waitForEnd();
+        }).detach();
+        isDone.wait();
+    };
 }
 
-void runProgram(Path path)
+/// The socket stays open; its file is then moved.
+Deed bindAndMove(const char* place, const char* then)
 {
-    QFile::copy(u"/bin/sh"_s, QFile::decodeName(path));
-    ::execl(path.constData(), "sh", "-c", "exec >&-; kill -STOP $$", nullptr);
-    ::_exit(1);
+    return [=] {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(QDir::currentPath()) + '/' + place;
+        std::copy(path.begin(), path.end(), std::begin(address.sun_path));
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            std::rename(place, then) != 0)
+            ::_exit(1);
+    };
 }
 
 /// Lets this process mount what no other sees; false where that is refused.
@@ -101,188 +87,163 @@ bool hasOwnMounts()
     return has;
 }
 
-Held mounted(Path source, Path place)
-{
-    const char* type = source == "tmpfs" ? "tmpfs" : nullptr;
-    if (::mount(source.constData(), place.constData(), type, type != nullptr ? 0 : MS_BIND,
-                nullptr) != 0)
-        return {};
-    return {new QByteArray(place), [](QByteArray* at) {
-                ::umount2(at->constData(), MNT_DETACH);
-                delete at;
-            }};
-}
-
 } // namespace
 
 class TestMovableEntry : public QObject
 {
     Q_OBJECT
 
-    QByteArray path(Path name = {}) const
+    QByteArray path(const QByteArray& name = {}) const
     {
         return QFile::encodeName(QDir(m_directory->path()).canonicalPath()) + '/' + name;
     }
 
-    EntryCheck check(Path name, const QList<QByteArray>& protectedPaths = {}) const
+    void write(const QByteArray& name, const QByteArray& content) const
     {
-        auto inUse = FilesInUse::look();
-        if (!inUse)
-            qFatal("cannot look");
-        return check(name, *inUse, protectedPaths);
+        const QByteArray file = path(name);
+        QVERIFY(QDir().mkpath(QFile::decodeName(file.left(file.lastIndexOf('/')))));
+        const UniqueFd fd(::open(file.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        QCOMPARE(::write(fd.get(), content.constData(), static_cast<std::size_t>(content.size())),
+                 content.size());
     }
-    EntryCheck check(Path name, const FilesInUse& inUse,
+
+    EntryCheck check(const QByteArray& name, const std::optional<FilesInUse>& inUse,
                      const QList<QByteArray>& protectedPaths = {}) const
     {
         const UniqueFd parent(::open(path().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return EntryChecker(inUse, protectedPaths)
+        return EntryChecker(inUse.value(), protectedPaths)
             .check(parent.get(), name.constData(), path(name));
+    }
+    KeptBecause kept(const QByteArray& name, const QList<QByteArray>& protectedPaths = {}) const
+    {
+        return check(name, FilesInUse::look(), protectedPaths).keptBecause;
+    }
+
+    /// A look through a directory of the shape of /proc, and another one of that of /sys.
+    std::optional<FilesInUse> lookAtMadeUp() const
+    {
+        return FilesInUse::look(path("proc").constData(), path("sys").constData());
     }
 
 private Q_SLOTS:
     void init()
     {
         m_directory = std::make_unique<QTemporaryDir>();
-        write(path("top/a/b/file"), QByteArray(10'000, 'x'));
+        write("top/a/b/file", QByteArray(10'000, 'x'));
+        write("other/file", "");
+        write("proc/7/x", "");
+        QVERIFY(QDir().mkpath(m_directory->filePath(u"top/a b"_s)));
+        QVERIFY(QDir().mkpath(m_directory->filePath(u"proc/7/task/7/fd"_s)));
     }
 
     void entryIsKept_data()
     {
-        using enum KeptBecause;
         QTest::addColumn<KeptBecause>("reason");
-        QTest::addColumn<Prepare>("prepare");
-        const auto row = [](const char* name, KeptBecause reason, const Prepare& prepare) {
-            QTest::newRow(name) << reason << prepare;
+        QTest::addColumn<Deed>("deed");
+        const auto row = [](const char* name, KeptBecause reason, const Deed& deed) {
+            QTest::newRow(name) << reason << deed;
         };
-        const auto child = [&](const char* name, void (*use)(Path), Path where) {
-            row(name, InUse, [=](Path top) { return childThat([=] { use(top + where); }); });
-        };
-        row("plain", Nothing, [](Path) { return Held(); });
-        child(
-            "open", [](Path file) { static_cast<void>(openFile(file)); }, "/a/b/file");
-        child("mapped and closed", mapFile, "/a/b/file");
-        child("executable", runProgram, "/a/b/program");
-        const auto work = [](Path at) { static_cast<void>(::chdir(at.constData())); };
-        child("working directory", work, "/a");
-        child("the entry is a working directory", work, "");
-        child("a thread's working directory", workInThread, "/a");
-        row("bound socket", InUse, [](Path top) { return boundSocket(top + "/a/socket"); });
-        row("socket bound by another name", SpecialFile, [](Path top) {
-            const auto socket = boundSocket(top + "/a/socket");
-            ::rename((top + "/a/socket").constData(), (top + "/a/b/s").constData());
-            return socket;
-        });
-        row("socket nobody has", SpecialFile, [](Path top) {
-            boundSocket(top + "/a/socket");
-            return Held();
-        });
-        row("FIFO", SpecialFile, [](Path top) {
-            ::mkfifo((top + "/a/fifo").constData(), 0600);
-            return Held();
-        });
-        row("file of two names", Nothing, [](Path top) {
-            ::link((top + "/a/b/file").constData(), (top + ".link").constData());
-            return Held();
-        });
-        row("open by its other name", InUse, [](Path top) {
-            ::link((top + "/a/b/file").constData(), (top + ".link").constData());
-            return holdOpen(top + ".link");
-        });
-        row("links to what must stay", Nothing, [](Path top) {
-            ::symlink("/dev/null", (top + "/a/device").constData());
-            ::symlink("..", (top + "/a/up").constData());
-            ::symlink((top + ".open").constData(), (top + "/a/open").constData());
-            return holdOpen(top + ".open");
-        });
+        row("plain", Nothing, [] {});
+        row("open", InUse, shell("exec 3<top/a/b/file"));
+        row("mapped and closed", InUse, mapAndClose);
+        row("executable", InUse,
+            shell("cp /bin/sh top/a/x; exec top/a/x -c 'exec >&-; kill -STOP $$'"));
+        row("working directory", InUse, shell("cd top/a"));
+        row("the entry is one", InUse, shell("cd top"));
+        row("a thread's working directory", InUse, inThread([] { return ::chdir("top/a"); }));
+        row("open in a thread", InUse, inThread([] { return ::open("top/a/b/file", O_RDONLY); }));
+        row("bound socket", InUse, bindAndMove("top/a/socket", "top/a/socket"));
+        row("bound by another name", SpecialFile, bindAndMove("socket", "top/a/socket"));
+        row("FIFO", SpecialFile, shell("mkfifo top/a/fifo"));
+        row("file of two names", Nothing, shell("ln top/a/b/file link"));
+        row("open by the other one", InUse, shell("ln top/a/b/file link; exec 3<link"));
+        row("links to what must stay", Nothing,
+            shell("ln -s ../../other/file /dev/null top/a; ln -s .. top/a/up; exec 3<other/file"));
         if (::geteuid() != 0)
             return;
-        row("another owner's", NotOwn, [](Path top) {
-            ::chown((top + "/a/b/file").constData(), nobody, nobody);
-            return Held();
-        });
-        row("device", SpecialFile, [](Path top) {
-            ::mknod((top + "/a/b/device").constData(), S_IFCHR | 0600, makedev(1, 3));
-            return Held();
-        });
+        row("another owner's", NotOwn, shell("chown 65534 top/a/b/file"));
+        row("device", SpecialFile, shell("mknod top/a/b/null c 1 3"));
     }
     void entryIsKept()
     {
         QFETCH(KeptBecause, reason);
-        QFETCH(Prepare, prepare);
-        Held held = prepare(path("top"));
-        QCOMPARE(check("top").keptBecause, reason);
-        QCOMPARE(check("none").keptBecause, KeptBecause::Vanished);
-        held.reset();
-        if (reason == KeptBecause::InUse &&
-            !QFile::exists(m_directory->filePath(u"top/a/socket"_s)))
-            QCOMPARE(check("top").keptBecause, KeptBecause::Nothing);
+        QFETCH(Deed, deed);
+        Child child([&] {
+            if (::chdir(path().constData()) == 0)
+                deed();
+        });
+        QCOMPARE(kept("top"), reason);
+        siginfo_t end = {};
+        ::waitid(P_PID, static_cast<id_t>(child.pid()), &end, WEXITED | WNOHANG | WNOWAIT);
+        QCOMPARE(end.si_pid, 0); // it has done what it was to do
+        child.reap();
+        const bool hasSocket = QFile::exists(m_directory->filePath(u"top/a/socket"_s));
+        if (reason == InUse)
+            QCOMPARE(kept("top"), hasSocket ? SpecialFile : Nothing);
     }
 
-    void figuresAreThoseOfDu()
+    void figuresAreThoseOfTheFiles()
     {
-        const EntryCheck found = check("top");
-        qint64 bytes = 0;
-        for (const char* each : {"top", "top/a", "top/a/b", "top/a/b/file"}) {
+        const EntryCheck found = check("top", FilesInUse::look());
+        qint64 blocks = 0;
+        for (const char* each : {"top", "top/a", "top/a b", "top/a/b", "top/a/b/file"}) {
             struct stat info = {};
             QCOMPARE(::stat(path(each).constData(), &info), 0);
-            bytes += info.st_blocks * 512;
+            blocks += info.st_blocks;
         }
-        QCOMPARE(found.bytes, bytes);
+        QCOMPARE(found.bytes, blocks * 512);
         QCOMPARE(found.files, 1);
-        QCOMPARE(keptBecauseText(found.keptBecause), QString());
+        QCOMPARE(kept("none"), Vanished);
+        QCOMPARE(keptBecauseText(InUse), u"正在使用"_s);
+        QCOMPARE(keptBecauseText(Unreadable), u"无法读取"_s);
     }
 
     void directoriesWithProtectedOnesStay()
     {
-        ::symlink("top/a/b", path("link").constData());
+        QCOMPARE(::symlink("top/a/b", path("link").constData()), 0);
         for (const char* place : {"top", "top/a/b", "link"})
-            QCOMPARE(check("top", {path("none"), path(place)}).keptBecause,
-                     KeptBecause::SystemPlace);
-        QCOMPARE(check("link", {path("top")}).keptBecause, KeptBecause::Nothing);
+            QCOMPARE(kept("top", {path("none"), path(place)}), SystemPlace);
+        QCOMPARE(kept("link", {path("top/a/b")}), Nothing);
     }
 
-    void namesAreKnown_data()
-    {
-        QTest::addColumn<KeptBecause>("reason");
-        for (const char* name : {".Trash", ".Trash-1000", ".X0-lock", ".X11-unix", ".ICE-unix",
-                                 "systemd-private-0ab-x.service-Y", "snap.0_x", "krb5cc_0"})
-            QTest::newRow(name) << KeptBecause::SystemPlace;
-        for (const char* name : {".Trash-can", "Trash", ".Xy-lock", "snap.jpg", "x.lock", "\xff*"})
-            QTest::newRow(name) << KeptBecause::Nothing;
-        QTest::newRow("top.lock") << KeptBecause::Nothing;
-        QTest::newRow("db.sock.lock") << KeptBecause::InUse;
-    }
     void namesAreKnown()
     {
-        const auto database = boundSocket(path("db.sock"));
-        const QByteArray name = QTest::currentDataTag();
-        ::close(openFile(path(name)));
-        QTEST(check(name).keptBecause, "reason");
-        ::unlink(path(name).constData()); // QTemporaryDir cannot remove every name
+        for (const char* name : {".Trash", ".Trash-1000", ".X0-lock", ".X11-unix", ".ICE-unix",
+                                 "systemd-private-0ab-x.service-Y", "snap.0_x", "krb5cc_0"})
+            QCOMPARE(kept(name), SystemPlace);
+        for (const char* name : {".Trash-can", "Trash", ".Xy-lock", "snap.jpg", "b.lock"}) {
+            write(name, "");
+            QCOMPARE(kept(name), Nothing);
+        }
+        QCOMPARE(::mknod(path("b").constData(), S_IFSOCK | 0600, 0), 0);
+        QCOMPARE(kept("b.lock"), InUse);
     }
 
     void whatCannotBeSeenStays()
     {
         if (::geteuid() != 0)
             QSKIP("root alone can become somebody else");
-        for (const char* each : {"", "top", "top/a", "top/a/b"})
+        for (const char* each : {"", "top", "top/a", "top/a b"})
             QCOMPARE(::chown(path(each).constData(), nobody, nobody), 0);
         QCOMPARE(::chmod(path("top/a").constData(), 0), 0);
         const auto inUse = FilesInUse::look();
         QCOMPARE(::seteuid(nobody), 0);
-        const KeptBecause reason = check("top", *inUse).keptBecause;
+        const KeptBecause reason = check("top", inUse).keptBecause;
         QCOMPARE(::seteuid(0), 0);
-        QCOMPARE(reason, KeptBecause::Unreadable);
+        QCOMPARE(reason, Unreadable);
     }
 
     void mountsStay_data()
     {
         QTest::addColumn<QByteArray>("source");
         QTest::addColumn<QByteArray>("place");
-        QTest::newRow("directory") << QByteArray("/top.other") << QByteArray("/a/b");
-        QTest::newRow("file") << QByteArray("/top.other/file") << QByteArray("/a/b/file");
-        QTest::newRow("file system") << QByteArray("tmpfs") << QByteArray("/a b");
-        QTest::newRow("the entry") << QByteArray("/top.other") << QByteArray("");
+        const auto row = [](const char* name, const QByteArray& source, const QByteArray& place) {
+            QTest::newRow(name) << source << place;
+        };
+        row("directory", "other", "top/a/b");
+        row("file", "other/file", "top/a/b/file");
+        row("file system", "", "top/a b");
+        row("the entry", "other", "top");
     }
     void mountsStay()
     {
@@ -290,35 +251,30 @@ private Q_SLOTS:
         QFETCH(QByteArray, place);
         if (!hasOwnMounts())
             QSKIP("this machine refuses a mount namespace");
-        write(path("top.other/file"), "y");
-        QVERIFY(QDir().mkpath(m_directory->filePath(u"top/a b"_s)));
-        const Held held =
-            mounted(source == "tmpfs" ? source : path() + source, path("top") + place);
-        QVERIFY(held);
-        const auto inUse = FilesInUse::look();
-        QVERIFY(inUse->hasMountBelow(path("top")));
-        QCOMPARE(check("top", *inUse).keptBecause, KeptBecause::MountPoint);
+        const QByteArray at = path(place);
+        const unsigned long flags = source.isEmpty() ? 0 : MS_BIND;
+        QCOMPARE(::mount(path(source).constData(), at.constData(), "tmpfs", flags, nullptr), 0);
+        const KeptBecause reason = kept("top");
         // And where the table of mounts does not tell.
-        write(path("proc/7/maps"), "");
-        const auto nothing = FilesInUse::look(path("proc").constData(), "/none");
-        QCOMPARE(check("top", *nothing).keptBecause, KeptBecause::MountPoint);
-        QCOMPARE(check("top.other").keptBecause, KeptBecause::Nothing);
+        const KeptBecause reasonWithoutTable = check("top", lookAtMadeUp()).keptBecause;
+        QCOMPARE(::umount2(at.constData(), MNT_DETACH), 0);
+        QCOMPARE(reason, MountPoint);
+        QCOMPARE(reasonWithoutTable, MountPoint);
+        QCOMPARE(kept("top"), Nothing);
     }
 
     void useInAnotherMountNamespaceIsSeen()
     {
         if (!hasOwnMounts())
             QSKIP("this machine refuses a mount namespace");
-        QVERIFY(QDir().mkpath(m_directory->filePath(u"elsewhere"_s)));
-        const Child other([this] {
-            if (::unshare(CLONE_NEWNS) != 0 ||
-                ::mount(path("top").constData(), path("elsewhere").constData(), nullptr, MS_BIND,
-                        nullptr) != 0 ||
-                openFile(path("elsewhere/a/b/file")) < 0)
+        const Child child([this] {
+            if (::chdir(path().constData()) != 0 || ::unshare(CLONE_NEWNS) != 0 ||
+                ::mount("top", "other", nullptr, MS_BIND, nullptr) != 0 ||
+                ::open("other/a/b/file", O_RDONLY | O_CLOEXEC) < 0)
                 ::_exit(1);
         });
-        QCOMPARE(check("top").keptBecause, KeptBecause::InUse);
-        QCOMPARE(check("elsewhere").keptBecause, KeptBecause::Nothing);
+        QCOMPARE(kept("top"), InUse);
+        QCOMPARE(kept("other"), Nothing);
     }
 
     void tablesAreParsed_data()
@@ -326,49 +282,47 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("file");
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QByteArrayList>("paths");
-        const auto row = [](const char* name, Path file, Path text, const QByteArrayList& paths) {
-            QTest::newRow(name) << file << text << paths;
+        const auto row = [](const QByteArray& file, const QByteArray& text,
+                            const QByteArrayList& paths) {
+            QTest::newRow(file.constData()) << file << text << paths;
         };
         const QByteArray longLine = QByteArray(20'000, 'z') + " /cut 1 2 3 4 5 6 7 /cut\n";
-        row("maps", "proc/7/task/7/maps",
+        row("proc/7/task/7/maps",
             "7f0-7f1 rw-p 00000000 00:00 0    [heap]\n7f0-7f1 \n\n" + longLine +
-                "7f1-7f2 r--p 00000000 08:1a 77                 /tmp/ a\\012\\101 b\n"
+                "7f1-7f2 r--p 00000000 08:1a 77                 /tmp/ a\\012\\101 b \n"
                 "7f2-7f3 r--p 00000000 00:1b 18446744073709551616 /big\n",
-            {"/tmp/ a\n\\101 b", "/big"});
-        row("sockets", "proc/net/unix",
+            {"/tmp/ a\n\\101 b ", "/big"});
+        row("proc/net/unix",
             longLine + "Num       RefCount Protocol Flags    Type St Inode Path\n"
                        "000: 00000002 00000000 00010000 0001 01  4711 @/tmp/abstract\n"
                        "000: 00000002 00000000 00010000 0001 01  4711 /tmp/s  x\n"
                        "000: 00000002 00000000 00010000 0001 01  4711",
             {"/tmp/s  x"});
-        row("mounts", "proc/self/mountinfo",
-            "1 0 0:1 / / rw - overlay o rw,lowerdir=/l1:/l\\0402,upperdir=/up\n\n1 2 3 4\n" +
-                longLine,
+        row("proc/self/mountinfo",
+            longLine +
+                "1 2 3\n\n1 0 0:1 / / rw - overlay o rw,lowerdir=/l1:/l\\0402,upperdir=/up\n",
             {"/l1", "/l 2", "/up"});
-        row("swap", "proc/swaps", "Filename Type\n/swap\\040file  file 1 0 -2\n", {"/swap file"});
-        row("loop device", "sys/block/loop0/loop/backing_file", "/image \n", {"/image "});
-        row("credentials", "proc/7/environ",
-            QByteArray("A=/a\0KRB5CCNAME=FILE:/tk\0XAUTHORITY=/x/auth\0XAUTHORITY", 58),
+        row("proc/swaps", "Filename Type\n/swap\\040file  file 1 0 -2\n", {"/swap file"});
+        row("sys/block/loop0/loop/backing_file", "/image \n", {"/image "});
+        row("proc/7/environ",
+            QByteArray("A=/a\0KRB5CCNAME=FILE:/tk\0XAUTHORITY=/x/auth\0XAUTHORITY", 56),
             {"/tk", "/x/auth"});
-        row("locks", "proc/locks",
-            "1: POSIX  ADVISORY  WRITE 811 08:1a:77 0 EOF\n1: -> FLOCK x:y:z ::: 08:1a:\n", {});
+        row("proc/locks",
+            longLine + "1: POSIX  ADVISORY  WRITE 811 08:1a:77 0 EOF\n1: -> x:y:z ::: 08:1a:\n",
+            {});
     }
     void tablesAreParsed()
     {
         QFETCH(QByteArray, file);
         QFETCH(QByteArray, text);
         QFETCH(QByteArrayList, paths);
-        const auto look = [this] {
-            return FilesInUse::look(path("proc").constData(), path("sys").constData());
-        };
-        write(path("proc/7/x"), "");
         const qsizetype end = text.size();
         for (qsizetype size = std::max(end - 300, qsizetype{0}); size <= end; ++size) {
-            write(path(file), text.left(size));
-            QVERIFY(look());
+            write(file, text.left(size));
+            QVERIFY(lookAtMadeUp());
         }
-        const auto found = look();
-        for (Path each : paths)
+        const auto found = lookAtMadeUp();
+        for (const QByteArray& each : paths)
             QVERIFY2(found->hasBelow(each), each.constData());
         for (const char* each : {"/tmp/abstract", "/a", "/cut", "/tmp/s", "/l", "/upp"})
             QVERIFY2(!found->hasBelow(each), each);
@@ -378,18 +332,17 @@ private Q_SLOTS:
 
     void filesOfRemoteServersAreNotAskedFor()
     {
-        QVERIFY(QDir().mkpath(m_directory->filePath(u"proc/7/task/7/fd"_s)));
-        ::symlink(path("top/a/b/file").constData(), path("proc/7/task/7/fd/3").constData());
+        const QByteArray target = path("top/a/b/file");
+        QCOMPARE(::symlink(target.constData(), path("proc/7/task/7/fd/3").constData()), 0);
         struct stat file = {};
-        QCOMPARE(::stat(path("top/a/b/file").constData(), &file), 0);
-        const QByteArray mounts = "1 0 0:1 / / rw - ext4 s rw\n1 0 0:1 / " + path("top") +
-                                  " rw - nfs4 s rw\n1 0 0:1 / " + path("top/a") + " rw - ";
-        for (const char* type : {"ext4", "nfs4"}) {
-            write(path("proc/self/mountinfo"), mounts + type + " s rw\n");
-            const auto found = FilesInUse::look(path("proc").constData(), "/none");
-            const bool isLocal = QByteArray(type) == "ext4";
-            QCOMPARE(found->has(file.st_dev, file.st_ino), isLocal);
-            QCOMPARE(found->hasBelow(path("top")), !isLocal);
+        QCOMPARE(::stat(target.constData(), &file), 0);
+        for (const QByteArray type : {"ext4", "nfs4"}) {
+            write("proc/self/mountinfo", "1 0 0:1 / / rw - ext4 s rw\n1 0 0:1 / " + path("top") +
+                                             " rw - nfs s rw\n1 0 0:1 / " + path("top/a") +
+                                             " rw - " + type + " s rw\n");
+            const auto found = lookAtMadeUp();
+            QCOMPARE(found->has(file.st_dev, file.st_ino), type == "ext4");
+            QCOMPARE(found->hasBelow(path("top")), type == "nfs4");
         }
     }
 
@@ -397,17 +350,16 @@ private Q_SLOTS:
     {
         QVERIFY(!FilesInUse::look(path("none").constData()));
         QVERIFY(!FilesInUse::look(path("top").constData())); // without a process
-        const int next = ::dup(STDIN_FILENO);
         rlimit limits = {};
-        ::getrlimit(RLIMIT_NOFILE, &limits);
-        for (rlim_t spare = 1; spare <= 3; ++spare) {
-            const rlimit few{static_cast<rlim_t>(next) + spare, limits.rlim_max};
-            ::setrlimit(RLIMIT_NOFILE, &few);
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limits), 0);
+        const UniqueFd next(::dup(STDIN_FILENO));
+        for (rlim_t spare = 0; spare <= 3; ++spare) {
+            const rlimit few{static_cast<rlim_t>(next.get()) + 1 + spare, limits.rlim_max};
+            QCOMPARE(::setrlimit(RLIMIT_NOFILE, &few), 0);
             const bool looked = FilesInUse::look().has_value();
-            ::setrlimit(RLIMIT_NOFILE, &limits);
-            QVERIFY(!looked);
+            QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limits), 0);
+            QCOMPARE(looked, spare == 3);
         }
-        ::close(next);
     }
 
 private:
