@@ -1,10 +1,10 @@
 // Measures the server beside its peers in one run and prints each figure with its ratio and bound.
-// Run: node bench.mjs PATH/TO/korvane-mcp [packages | services]
-// The named parts want a machine prepared for them, and are started so by this program itself.
+// Run: node bench.mjs PATH/TO/korvane-mcp [disk | packages | services]
+// The last two parts want a machine prepared for them, and are started so by this program itself.
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import {
-  mkdirSync, mkdtempSync, readFileSync, realpathSync, rmSync, writeFileSync,
+  mkdirSync, mkdtempSync, readFileSync, realpathSync, rmSync, truncateSync, writeFileSync,
 } from 'node:fs';
 import { cpus, loadavg, release, tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -25,17 +25,20 @@ const extraProcesses = 3000;
 const socketCount = 20_000;
 const packageCount = 3000;
 const serviceCount = 300;
+const walkRounds = 15;
+const cachedFiles = 100_000;
 
 const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 
 /** A server at the other end of two pipes; the lines that it answers are only counted. */
 class Server {
-  static ours = () => new Server(binary, []);
+  static ours = (env = {}) => new Server(binary, [], env);
   static throughScript = () => new Server(fromHere('../run.sh'), []);
   static peer = () => new Server(process.execPath, [leastServer]);
 
-  constructor(command, args) {
-    this.child = spawn(command, args, { stdio: ['pipe', 'pipe', 'ignore'] });
+  constructor(command, args, env = {}) {
+    const options = { stdio: ['pipe', 'pipe', 'ignore'], env: { ...process.env, ...env } };
+    this.child = spawn(command, args, options);
     this.child.stdout.on('data', (chunk) => this.receive(chunk));
     this.child.on('exit', (code) => this.awaited && this.fail(`exited with code ${code}`));
     this.child.on('error', (error) => this.fail(error.message));
@@ -297,6 +300,57 @@ async function measureServices() {
   await server.stop();
 }
 
+/** Makes a tree of small files, `perDirectory` in each of `directories`, and a few large ones. */
+function makeTree(root, directories, perDirectory) {
+  for (let i = 0; i < directories; ++i) {
+    const directory = join(root, `area-${i % 40}`, `project-${i % 1000}`, `module-${i}`);
+    mkdirSync(directory, { recursive: true });
+    for (let j = 0; j < perDirectory; ++j)
+      writeFileSync(join(directory, `file-number-${j}.data`), 'x'.repeat((i * j) % 300));
+    if (i % 500 === 0) truncateSync(join(directory, 'file-number-0.data'), 60 * 2 ** 20);
+  }
+}
+
+/** Times find_large_files on a tree of so many files beside `find` for the same. */
+async function measureLargeFiles(directory, directories, perDirectory, bound) {
+  const root = join(directory, `tree-${perDirectory}`);
+  makeTree(root, directories, perDirectory);
+  const server = Server.ours();
+  await server.handshake();
+  const search = callOf(server, 'find_large_files', { root_path: root, max_results: 1000 });
+  const find = runOf('find', [root, '-type', 'f', '-size', '+51200k', '-printf', '%s %p\n']);
+  const peakBefore = server.mebibytes('status', 'VmHWM');
+  await interleave(2, search, find); // warms
+  const times = await interleave(walkRounds, search, find);
+  const occasion = `${(directories * perDirectory) / 1000}k files, ${perDirectory} a directory`;
+  report(`find_large_files, ${occasion}`, 'ms', times.map(median), bound);
+  report('  peak memory, beside that before', 'MiB',
+    [server.mebibytes('status', 'VmHWM'), peakBefore], { atMost: 1.25 });
+  await server.stop();
+  rmSync(root, { recursive: true });
+}
+
+async function measureJunk(directory) {
+  const [home, temporary] = [join(directory, 'home'), join(directory, 'temporary')];
+  mkdirSync(temporary);
+  makeTree(join(home, '.cache'), cachedFiles / 20, 20);
+  const server = Server.ours({ HOME: home, TMPDIR: temporary });
+  await server.handshake();
+  const [scan, du] = [callOf(server, 'scan_junk'), runOf('du', ['-sb', join(home, '.cache')])];
+  await interleave(2, scan, du);
+  const times = await interleave(walkRounds, scan, du);
+  report(`scan_junk, a cache of ${cachedFiles / 1000}k files`, 'ms', times.map(median), { atMost: 1 });
+  await server.stop();
+}
+
+async function measureDisk() {
+  const directory = mkdtempSync(join(tmpdir(), 'korvane-bench-'));
+  await measureLargeFiles(directory, 18_000, 8, { atMost: 0.9 });
+  await measureLargeFiles(directory, 2000, 72, {});
+  await measureJunk(directory);
+  rmSync(directory, { recursive: true });
+}
+
 /** Runs a part of this program by `command`, which is to start what follows it. */
 async function runPart(part, command, args, env = {}) {
   const options = { stdio: ['ignore', 'inherit', 'inherit'], env: { ...process.env, ...env } };
@@ -367,8 +421,9 @@ async function measureAll() {
   await measureListing(`with ${extraProcesses} more processes`);
   await stopIdleProcesses();
   await measureConnections();
+  await measureDisk();
   await measureOnPreparedMachines();
 }
 
-const parts = { packages: measurePackages, services: measureServices };
+const parts = { disk: measureDisk, packages: measurePackages, services: measureServices };
 await (parts[process.argv[3]] ?? measureAll)();

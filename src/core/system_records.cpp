@@ -1,23 +1,17 @@
 // Display texts and label tables of the system records.
 #include "core/system_records.h"
 
+#include "core/byte_size.h"
+
 #include <array>
 
 namespace korvane {
 
 namespace {
 
-constexpr double bytesPerMib = 1024.0 * 1024.0;
-
 QString notAvailable()
 {
     return QStringLiteral("—");
-}
-
-/// A MiB value with one decimal below 100 and none from 100 on.
-QString mibDisplay(double mib)
-{
-    return QString::number(mib, 'f', mib < 100 ? 1 : 0) + QStringLiteral(" MB");
 }
 
 QString endpoint(quint32 family, const QString& address, quint16 port)
@@ -38,7 +32,7 @@ QString ProcessSnapshot::memoryDisplay() const
 {
     if (memoryBytes < 1)
         return notAvailable();
-    return mibDisplay(static_cast<double>(memoryBytes) / bytesPerMib);
+    return mebibytesDisplay(mebibytes(memoryBytes));
 }
 
 QString ProcessSnapshot::cpuDisplay() const
@@ -66,10 +60,7 @@ QString UninstallEntry::sizeDisplay() const
 {
     if (estimatedSizeKb < 1)
         return notAvailable();
-    const double mib = static_cast<double>(estimatedSizeKb) / 1024.0;
-    if (mib < 1024)
-        return mibDisplay(mib);
-    return QString::number(mib / 1024.0, 'f', 2) + QStringLiteral(" GB");
+    return korvane::sizeDisplay(static_cast<double>(estimatedSizeKb) / 1024.0);
 }
 
 void registerRecordMetaTypes()

@@ -19,7 +19,7 @@ namespace {
 
 using namespace Qt::StringLiterals;
 
-/// Longer than the slowest answer: a person has 130 s to answer a consent question.
+/// For each answer. A search of a large and slow disk may take longer, and is then given up.
 constexpr int answerTimeoutMs = 150'000;
 
 QTextStream& out()
@@ -67,16 +67,22 @@ public:
               {u"id"_s, ++m_lastId},
               {u"method"_s, method},
               {u"params"_s, params}});
-        const QJsonValue result = QJsonDocument::fromJson(readLine())[u"result"_s];
-        return result.isObject() ? std::optional(result.toObject()) : std::nullopt;
+        while (true) {
+            const QByteArray line = readLine();
+            const QJsonDocument answer = QJsonDocument::fromJson(line);
+            const QJsonValue result = answer[u"result"_s];
+            if (!line.isEmpty() && answer[u"id"_s].toInteger() != m_lastId)
+                continue; // of a request that was given up
+            return result.isObject() ? std::optional(result.toObject()) : std::nullopt;
+        }
     }
 
     void notify(const QString& method) { send({{u"jsonrpc"_s, u"2.0"_s}, {u"method"_s, method}}); }
 
     /// A tool's result object; none, with the tool's error shown, when the call fails.
-    std::optional<QJsonObject> call(const QString& tool)
+    std::optional<QJsonObject> call(const QString& tool, const QJsonObject& args = {})
     {
-        const auto result = request(u"tools/call"_s, {{u"name"_s, tool}});
+        const auto result = request(u"tools/call"_s, {{u"name"_s, tool}, {u"arguments"_s, args}});
         const QString text = result.value_or(QJsonObject())
                                  .value(u"content"_s)
                                  .toArray()
@@ -261,6 +267,48 @@ void showServices(Session& session)
         out() << u"  %1\n"_s.arg(printable(unit.simplified()));
 }
 
+QString sizeColumn(const QJsonValue& item)
+{
+    return (QString::number(item[u"size_mb"_s].toDouble(), 'f', 1) + u" MB"_s).rightJustified(12);
+}
+
+void showJunk(Session& session)
+{
+    constexpr std::size_t shown = 10;
+    const auto junk = session.call(u"scan_junk"_s);
+    if (!junk)
+        return;
+    std::vector<QJsonObject> categories;
+    for (const QJsonValue category : junk->value(u"categories"_s).toArray())
+        categories.push_back(category.toObject());
+    const auto sizeOf = [](const QJsonObject& category) {
+        return category.value(u"size_bytes"_s).toInteger();
+    };
+    std::ranges::sort(categories, std::greater(), sizeOf);
+    out() << u"\n可清理的垃圾: %1 MB, %2 个文件\n"_s.arg(
+        QString::number(junk->value(u"total_size_mb"_s).toDouble(), 'f', 1),
+        QString::number(junk->value(u"total_file_count"_s).toInteger()));
+    categories.resize(std::min(categories.size(), shown));
+    for (const QJsonObject& category : categories) {
+        out() << u"%1  %2 (%3)\n"_s.arg(sizeColumn(category),
+                                        category.value(u"category_name"_s).toString(),
+                                        category.value(u"category_id"_s).toString());
+    }
+}
+
+void showLargestFiles(Session& session)
+{
+    const auto found = session.call(u"find_large_files"_s, {{u"max_results"_s, 10}});
+    if (!found)
+        return;
+    out() << u"\n%1 中 50 MB 以上的文件, 最大的 %2 个 (共查看 %3 个文件):\n"_s.arg(
+        printable(found->value(u"root_path"_s).toString()),
+        QString::number(found->value(u"hit_count"_s).toInteger()),
+        QString::number(found->value(u"scanned_files"_s).toInteger()));
+    for (const QJsonValue file : found->value(u"files"_s).toArray())
+        out() << u"%1  %2\n"_s.arg(sizeColumn(file), printable(file[u"path"_s].toString()));
+}
+
 void showClientConfiguration(const QString& command)
 {
     const QJsonObject server{{u"command"_s, command}, {u"args"_s, QJsonArray()}};
@@ -299,6 +347,9 @@ int main(int argc, char* argv[])
     showLoad(session);
     showListeners(session);
     showServices(session);
+    out().flush(); // Disks may take their time.
+    showJunk(session);
+    showLargestFiles(session);
     showClientConfiguration(QFileInfo(arguments.at(2)).absoluteFilePath());
     out().flush();
     return 0;

@@ -44,11 +44,11 @@ QList<ToolDefinition> toolCatalog()
          schemaObject({{u"root_path"_s, propString(u"扫描根目录 (绝对路径). 默认为用户 Home 目录"_s)},
                        {u"min_size_bytes"_s, propInteger(u"最小文件大小 (字节). 默认 50MB = 52428800"_s, 52428800)},
                        {u"max_results"_s, propInteger(u"返回的 top N 数量. 默认 50"_s, 50)}}),
-         nullptr},
+         toolFindLargeFiles},
         {u"scan_junk"_s,
          u"扫描可清理的磁盘垃圾 (只读) — 约 30 个分类, 按 group 分三组: system(临时/日志/转储/缩略图/更新缓存等), browser(Chrome/Edge/Firefox 缓存), devtools(npm/pip/gradle/cargo/uv/JetBrains/Maven 等开发缓存, 开发机大头)。每项返回 group/safety/可释放空间/文件数/代表性路径。safety=safe 绝对安全删, safety=caution 删后有副作用(更新需重下/索引重建/依赖重下)。清理用 clean_junk 传回这里拿到的 category_id; browser 类清理前需关闭对应浏览器。"_s,
          schemaEmpty(),
-         nullptr},
+         toolScanJunk},
         {u"verify_signatures"_s,
          u"对 exe 文件做 Windows Authenticode 数字签名验证 (只读)。传 paths 数组验指定文件; 不传则验当前全部进程的 exe (去重)。返回每个的签名状态 (已签名/签名无效/未签名/未知) + 汇总计数。用于排查可疑进程 (未签名/签名无效的 exe 风险高)。首次验签每文件 ~50-300ms, 缓存命中秒回 (结果跨会话持久化, mtime 未变直接复用); 验全部进程可能耗时数十秒。排查可疑进程时建议传 only_suspicious=true, 输出只留非已签名条目, 极大省 token。"_s,
          schemaObject({{u"paths"_s, propStringArray(u"要验签的 exe 绝对路径数组. 留空 = 验当前全部进程的 exe"_s)},
@@ -103,7 +103,7 @@ QList<ToolDefinition> toolCatalog()
          schemaObject({{u"category_ids"_s, propStringArray(uR"(要清理的分类 id 数组 (来自 scan_junk 的 category_id), 如 ["user_temp","crash_dumps"])"_s)},
                        {u"reason"_s, propString(u"清理这些垃圾的理由, 会展示在用户授权弹窗中"_s)}},
                       {u"category_ids"_s}),
-         nullptr},
+         toolCleanJunk},
         {u"start_service"_s,
          u"启动一个已停止的 Windows 服务 (StartServiceW)。⚠ 写操作 — 执行前在 Korvane 主程序弹窗请求授权, 需管理员权限。已运行则直接返回。用 list_services 拿 name 后再调。"_s,
          schemaObject({{u"name"_s, propString(u"服务键名 (非显示名), 来自 list_services"_s)},
@@ -130,10 +130,8 @@ QList<ToolDefinition> toolCatalog()
 void registerKorvaneTools(McpServer& server)
 {
     const QList<ToolDefinition> catalog = toolCatalog();
-    for (const ToolDefinition& tool : catalog) {
-        if (tool.handler)
-            server.registerTool(tool.name, tool.description, tool.inputSchema, tool.handler);
-    }
+    for (const ToolDefinition& tool : catalog)
+        server.registerTool(tool.name, tool.description, tool.inputSchema, tool.handler);
 }
 
 } // namespace korvane

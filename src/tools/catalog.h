@@ -13,13 +13,13 @@ struct ToolDefinition
     QString name;
     QString description; ///< For the AI client; steers when to call and what to pass.
     QJsonObject inputSchema;
-    ToolHandler handler; ///< Empty while the tool is not written yet.
+    ToolHandler handler;
 };
 
 /// Every tool of the system, in registration order.
 QList<ToolDefinition> toolCatalog();
 
-/// Registers every tool that has a handler. Called once, before the transport starts.
+/// Registers every tool. Called once, before the transport starts.
 void registerKorvaneTools(McpServer& server);
 
 } // namespace korvane

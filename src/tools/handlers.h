@@ -47,6 +47,15 @@ QJsonObject toolGetSystemMetrics(const QJsonObject& args, const ProgressCallback
 /// toolListProcesses() shows. Progress objects: "verified" of "total". Cannot fail.
 QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback& progress);
 
+/// The largest files below the directory "root_path" (the home), walked whole: at most "max_results"
+/// (50) of at least "min_size_bytes" (50 MiB). Progress objects: every 500 files. Fails when there is
+/// no such directory.
+QJsonObject toolFindLargeFiles(const QJsonObject& args, const ProgressCallback& progress);
+
+/// How much there is of each kind of junk, and some of its paths. Progress objects: one a category.
+/// Cannot fail: what cannot be read counts nothing.
+QJsonObject toolScanJunk(const QJsonObject& args, const ProgressCallback& progress);
+
 // The following change the machine, each only after the user has granted exactly that in the desktop
 // program; they block for as long as the user takes. Each fails for arguments that name nothing
 // there is, for a refusal, with its text, and with the back end's text.
@@ -63,6 +72,10 @@ QJsonObject toolSetStartupItemEnabled(const QJsonObject& args, const ProgressCal
 
 /// Closes the handles that other processes have on the file "path"; asks nobody when there is none.
 QJsonObject toolUnlockFile(const QJsonObject& args, const ProgressCallback& progress);
+
+/// Moves the junk of "category_ids", as it is found now, to the recycle bin. Leaves out categories
+/// whose programs run, and unknown ones; asks nobody when nothing is left.
+QJsonObject toolCleanJunk(const QJsonObject& args, const ProgressCallback& progress);
 
 /// Start, stop and set the start type of the service "name", matched in any letter case; they ask
 /// nobody when it is as it should be.

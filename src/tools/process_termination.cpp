@@ -1,6 +1,7 @@
 // The tools that end processes, by PID or by the port they hold, once the user has agreed.
 #include "tools/handlers.h"
 
+#include "core/byte_size.h"
 #include "core/file_unlock_service.h"
 #include "core/net_monitor_service.h"
 #include "core/process_service.h"
@@ -43,7 +44,7 @@ consent::Request terminationRequest(const ProcessSnapshot& process, const QStrin
                          .arg(process.exePath.isEmpty() ? QStringLiteral("(未知)")
                                                         : consent::shownText(process.exePath));
     if (process.memoryBytes >= 1) {
-        const double mib = static_cast<double>(process.memoryBytes) / 1048576.0;
+        const double mib = mebibytes(process.memoryBytes);
         detail += QStringLiteral("\n内存占用: %1 MB").arg(QString::number(mib, 'f', 1));
     }
     return {.action = QStringLiteral("kill_process"),

@@ -1,6 +1,8 @@
 // Argument reading, rounding and failing, once for all tools.
 #include "tools/tool_support.h"
 
+#include "core/byte_size.h"
+
 #include <QJsonValue>
 #include <QVariant>
 
@@ -54,6 +56,11 @@ void requireConsent(const consent::Request& request)
 double roundedToOneDecimal(double value)
 {
     return QString::number(value, 'f', 1).toDouble();
+}
+
+double roundedMebibytes(qint64 bytes)
+{
+    return roundedToOneDecimal(mebibytes(bytes));
 }
 
 } // namespace korvane

@@ -31,6 +31,9 @@ QString textArgument(const QJsonObject& args, QLatin1String key);
 /// The value as its text with one decimal reads: 1.26 becomes 1.3.
 double roundedToOneDecimal(double value);
 
+/// A size in MiB, with one decimal.
+double roundedMebibytes(qint64 bytes);
+
 /// Ends the tool call with the service's lastError() when the listing is empty because it failed.
 template <typename List, typename Service>
 void requireListed(const List& list, const Service& service)

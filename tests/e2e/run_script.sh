@@ -79,8 +79,12 @@ cp /usr/bin/perl $'evil\e[31m'
     sleep 60' >listening &
 evil=$!
 cat listening
+export HOME=$copy/home TMPDIR=$copy/home/temporary
+mkdir -p "$HOME"/{.cache,temporary}
+truncate -s 70M "$HOME/.cache/"$'large\e[31m'
 script -qec ./run.sh /dev/null </dev/null >report.txt
 kill "$evil"
-for expected in 'evil?[31m' Korvane list_processes '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
+for expected in 'evil?[31m' Korvane list_processes '70.0 MB  通用 .cache 缓存 (generic_cache)' \
+    "70.0 MB  $copy/home/.cache/large?[31m" '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
     grep -qF "$expected" report.txt || fail "not in the report: $expected: $(cat report.txt)"
 done

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -58,6 +59,14 @@ public:
         siginfo_t info;
         ::kill(m_pid, SIGKILL);
         ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT);
+    }
+
+    /// Waits for the child to end by itself; its exit code, or -1 where it was killed.
+    int wait()
+    {
+        int status = -1;
+        ::waitpid(std::exchange(m_pid, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
     /// Ends the child and all trace of it.

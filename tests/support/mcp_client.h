@@ -20,7 +20,7 @@ struct ToolReply
     QJsonObject json() const { return QJsonDocument::fromJson(text.toUtf8()).object(); }
 };
 
-/// A server with every finished tool registered.
+/// A server with every tool registered.
 class Client
 {
 public:

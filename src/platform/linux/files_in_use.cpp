@@ -106,15 +106,15 @@ private:
             noteFailure();
     }
 
-    /// Shows the names in a directory, with a handle of it, while `show` returns true.
+    /// Shows the names in a directory, with a handle of it.
     template <typename Show> void readNames(int at, const char* path, Show show)
     {
         const DirectoryHandle directory = openDirectory(at, path);
         if (directory == nullptr)
             return noteFailure();
         for (errno = 0; const dirent* entry = ::readdir(directory.get()); errno = 0) {
-            if (entry->d_name[0] != '.' && !show(::dirfd(directory.get()), entry->d_name))
-                return;
+            if (entry->d_name[0] != '.')
+                show(::dirfd(directory.get()), entry->d_name);
         }
         noteFailure();
     }
@@ -175,14 +175,14 @@ private:
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
-            return !parseNumber(QByteArrayView(name), tid) ||
-                   addThread(pid, tid, tasks + name + '/');
+            if (parseNumber(QByteArrayView(name), tid))
+                addThread(pid, tid, tasks + name + '/');
         });
     }
 
     /// A thread may have a working directory and files of its own; of a process whose first thread has
-    /// ended, only the others have any. False where this program may not look into the process.
-    bool addThread(quint32 pid, quint32 tid, const QByteArray& path)
+    /// ended, only the others have any.
+    void addThread(quint32 pid, quint32 tid, const QByteArray& path)
     {
         const auto has = [pid, tid](int what) {
             return tid == pid || ::syscall(SYS_kcmp, pid, tid, what, 0, 0) != 0;
@@ -190,20 +190,18 @@ private:
         const int proc = m_proc.descriptor();
         if (has(KCMP_FS)) {
             if (!addTarget(proc, (path + "cwd").constData()))
-                return false;
+                return; // nor would anything else be told
             addTarget(proc, (path + "root").constData());
         }
         if (has(KCMP_FILES)) {
-            readNames(proc, (path + "fd").constData(), [this](int directory, const char* name) {
-                return addTarget(directory, name);
-            });
+            readNames(proc, (path + "fd").constData(),
+                      [this](int directory, const char* name) { addTarget(directory, name); });
         }
         if (has(KCMP_VM)) {
             addTarget(proc, (path + "exe").constData());
             m_lastMapped.clear();
             readTable((path + "maps").constData(), &Look::addMapped);
         }
-        return true;
     }
 
     /// "ADDRESSES PERMISSIONS OFFSET DEVICE INODE PATH". By path too: the device of btrfs and overlay
@@ -293,7 +291,6 @@ private:
                 noteFailure();
             else
                 addPath(file->endsWith('\n') ? file->chopped(1) : *file);
-            return true;
         });
     }
 

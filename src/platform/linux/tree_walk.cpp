@@ -19,7 +19,7 @@ namespace korvane::linux_platform {
 
 namespace {
 
-constexpr std::size_t entriesSize = 64 * 1024;
+constexpr std::size_t entriesSize = 64UL * 1024;
 constexpr int openFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 // The two that linux/magic.h leaves out.
@@ -80,10 +80,7 @@ TreeVisitor::Step TreeVisitor::failed(TreeWalk& /*walk*/, int /*error*/)
     return Step::GoOn;
 }
 
-TreeWalk::TreeWalk(Mounts mounts)
-    : m_mounts(mounts), m_entries(std::make_unique_for_overwrite<char[]>(entriesSize))
-{
-}
+TreeWalk::TreeWalk(Mounts mounts) : m_mounts(mounts), m_entries(entriesSize) {}
 
 TreeWalk::~TreeWalk() = default;
 
@@ -125,7 +122,7 @@ TreeWalk::Step TreeWalk::showEntries(TreeVisitor& visitor)
 {
     while (true) {
         const ssize_t bytes =
-            ::getdents64(m_levels.back().handle.get(), m_entries.get(), entriesSize);
+            ::getdents64(m_levels.back().handle.get(), m_entries.data(), m_entries.size());
         if (bytes < 0)
             return visitor.failed(*this, errno);
         if (bytes == 0)
@@ -137,8 +134,8 @@ TreeWalk::Step TreeWalk::showEntries(TreeVisitor& visitor)
 
 TreeWalk::Step TreeWalk::showRead(std::size_t bytes, TreeVisitor& visitor)
 {
-    const char* const end = m_entries.get() + bytes;
-    for (const char* at = m_entries.get(); at < end;) {
+    const char* const end = m_entries.data() + bytes;
+    for (const char* at = m_entries.data(); at < end;) {
         const auto* found = reinterpret_cast<const dirent64*>(at);
         at += found->d_reclen;
         if (isDotOrDotDot(found->d_name))

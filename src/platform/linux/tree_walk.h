@@ -4,7 +4,6 @@
 #include "platform/linux/proc_fs.h"
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -114,7 +113,7 @@ private:
     bool m_entersKernelMade = false;
     bool m_hasOpenat2 = true;
     std::size_t m_handleLimit = maxHandles;
-    std::unique_ptr<char[]> m_entries; ///< What getdents64 fills.
+    std::vector<char> m_entries; ///< What getdents64 fills.
     std::string m_path;
     std::vector<Level> m_levels;
     std::size_t m_closedBefore = 1;           ///< Levels from 1 up to this one have no handle.
