@@ -6,10 +6,19 @@
 #   own_tmp.sh COMMAND [ARGUMENT...]
 #
 # The command finds in KORVANE_OWN_TMP the directory around its home, removed afterwards, and in
-# KORVANE_VOLUME the top of another disk volume; that is empty where none can be had.
+# KORVANE_VOLUME the top of another disk volume; that is empty where none can be had. By
+# KORVANE_TMP_DEVICE, the device number of this /tmp, it can make sure before it cleans.
 set -eu
 
+skip() {
+    echo "SKIP   : no /tmp of one's own here: $1"
+    exit 77
+}
+
 if [ "${1:-}" != --inside ]; then
+    case $PWD/$(readlink -f "$0") in
+        /tmp/* | *//tmp/*) skip 'it would hide the checkout or the build' ;;
+    esac
     for mapping in '' --map-root-user; do
         # shellcheck disable=SC2086 # no word when empty
         unshare $mapping --mount mount -t tmpfs tmpfs /tmp 2>/dev/null || continue
@@ -19,12 +28,13 @@ if [ "${1:-}" != --inside ]; then
         rm -rf "$directory"
         exit "$status"
     done
-    echo 'SKIP   : no /tmp of one'\''s own here: namespaces or mounts are refused'
-    exit 77
+    skip 'namespaces or mounts are refused'
 fi
 shift
 
 mount -t tmpfs -o mode=1777 tmpfs /tmp
+KORVANE_TMP_DEVICE=$(stat -c %d /tmp)
+export KORVANE_TMP_DEVICE
 export HOME="$KORVANE_OWN_TMP/home" KORVANE_VOLUME=
 export XDG_DATA_HOME="$HOME/data"
 unset TMPDIR XDG_RUNTIME_DIR
