@@ -350,6 +350,7 @@ test('without a back end, says so in each answer and once in the log', async (t)
   const onLinux = await Session.start(t, binary);
   const [tools, linuxTools] = [await session.client.listTools(), await onLinux.client.listTools()];
   assert.deepEqual(byName(tools), byName(linuxTools));
+  assert.deepEqual([tools.tools.length, byName(tools).size], [21, 21]);
   const expected = { isError: true, text: "Tool 'list_processes' failed: 当前平台不支持进程枚举" };
   assert.deepEqual(await session.answer('list_processes'), expected);
   assert.deepEqual(await session.answer('list_processes'), expected);
