@@ -1,16 +1,18 @@
 // Drives the tools that change the machine with the official client, beside a desktop program that
 // says yes, says no, says nothing, or is not there: what is changed is changed after a yes alone.
+// What cleans a disk joins in where own_tmp.sh has made a /tmp for it.
 // Run: KORVANE_MCP=... node sdk_writes.mjs
 import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
+import { randomBytes } from 'node:crypto';
 import { once } from 'node:events';
-import { writeFileSync } from 'node:fs';
-import { createServer } from 'node:net';
+import { mkdirSync, mkdtempSync, readdirSync, rmSync, symlinkSync, writeFileSync } from 'node:fs';
 import { homedir } from 'node:os';
 import { join } from 'node:path';
-import { createInterface } from 'node:readline';
 import { test } from 'node:test';
-import { binary, Session } from './session.mjs';
+import { isDeepStrictEqual } from 'node:util';
+import { binary, Session, startDesktop } from './session.mjs';
+import { assertOwnTmp, readTree, restoreAll } from './trash.mjs';
 
 const notRunning = /failed: Korvane 主程序未运行 — /;
 const outcomes = {
@@ -19,20 +21,6 @@ const outcomes = {
   absence: { error: notRunning },
   silence: { error: /failed: 用户授权超时 — 已默认拒绝。$/ }, // After 130 s.
 };
-
-/** The desktop program: shows nobody the requests, which it keeps, and answers all with `reply`. */
-async function startDesktop(t, directory, reply) {
-  const requests = [];
-  const server = createServer((peer) => {
-    createInterface({ input: peer }).once('line', (line) => {
-      requests.push(JSON.parse(line));
-      if (reply) peer.end(`${JSON.stringify(reply)}\n`);
-    });
-  });
-  t.after(() => server.close());
-  await once(server.listen(join(directory, 'korvane-consent-v1')), 'listening');
-  return requests;
-}
 
 /** Whether there is such a process, other than one that has ended and is not waited for. */
 function isRunning(pid) {
@@ -48,7 +36,7 @@ async function startSleeper(t) {
   t.after(() => child.kill('SIGKILL'));
   await once(child, 'spawn');
   const { pid } = child;
-  return { args: { pid }, shows: `「sleep」(PID ${pid})`, isUnchanged: () => isRunning(pid) };
+  return { args: { pid }, shows: [`「sleep」(PID ${pid})`], isUnchanged: () => isRunning(pid) };
 }
 
 /** A server that has handed its listening socket on to three workers. */
@@ -63,7 +51,7 @@ async function startForkedServer(t) {
   const [line] = await once(child.stdout, 'data');
   const [port, ...pids] = String(line).trim().split(' ').map(Number);
   t.after(() => pids.forEach((pid) => isRunning(pid) && process.kill(pid, 'SIGKILL')));
-  const shows = `占用端口 ${port} 的 4 个进程`;
+  const shows = [`占用端口 ${port} 的 4 个进程`];
   return { args: { port }, shows, isUnchanged: () => pids.some(isRunning) && pids.every(isRunning) };
 }
 
@@ -76,16 +64,83 @@ async function startUnit(t) {
   systemctl('daemon-reload');
   systemctl('start', name);
   const isUnchanged = () => systemctl('show', '--value', '-pActiveState', name).trim() === 'active';
-  return { args: { name }, shows: `停止服务「牺牲品」(${name})`, isUnchanged };
+  return { args: { name }, shows: [`停止服务「牺牲品」(${name})`], isUnchanged };
+}
+
+/** Makes what a program leaves in its cache; the names are the same in all of them. */
+function fillCache(directory) {
+  const nested = join(directory, '空 格%41\n', 'empty');
+  mkdirSync(nested, { recursive: true, mode: 0o750 });
+  writeFileSync(join(nested, '../run.sh'), randomBytes(4000), { mode: 0o755 });
+  symlinkSync('../absent', join(nested, '../link'));
+  writeFileSync(join(directory, '.secret'), randomBytes(70_000), { mode: 0o600 });
+}
+
+const caches = { // In the order of the catalog, with places in the home.
+  chrome_cache: ['Local/Google/Chrome/User Data/Default/Cache',
+    'Local/Google/Chrome/User Data/Default/Code Cache'],
+  firefox_cache: ['Local/Mozilla/Firefox/Profiles/x.default/cache2'],
+  gradle_cache: ['.gradle/caches'],
+  cargo_cache: ['.cargo/registry/cache'],
+  generic_cache: ['.cache'],
+  vscode_cache: ['Roaming/Code/logs'],
+  maven_repo: ['.m2/repository'],
+  nuget_cache: ['.nuget/packages'],
+  conda_cache: ['.conda/pkgs'],
+  go_cache: ['go/pkg/mod/cache/download'],
+};
+
+/** A server in a home on the build's disk with its temporary files in memory, both full of junk. */
+async function startInFullHome(t) {
+  assertOwnTmp();
+  const home = mkdtempSync(join(process.env.KORVANE_OWN_TMP, 'home-'));
+  const temp = mkdtempSync('/tmp/temp-');
+  const [data, thumbnails] = ['.local/share', 'Local/Microsoft/Windows/Explorer'];
+  const roots = [temp, ...Object.values(caches).flat().map((path) => join(home, path))];
+  roots.forEach(fillCache);
+  for (const path of [data, thumbnails]) mkdirSync(join(home, path), { recursive: true });
+  for (const name of ['thumbcache_32.db', 'settings.db'])
+    writeFileSync(join(home, thumbnails, name), randomBytes(100));
+
+  const env = { HOME: home, XDG_DATA_HOME: join(home, data), TMPDIR: temp,
+    LOCALAPPDATA: join(home, 'Local'), APPDATA: join(home, 'Roaming') };
+  const session = await Session.start(t, binary, [], env);
+  const { categories, total_size_bytes } = await session.call('scan_junk');
+  const category_ids = categories.map((category) => category.category_id);
+  assert.deepEqual(category_ids, ['user_temp', 'thumbnail_cache', ...Object.keys(caches)]);
+
+  // Directories that entries leave and enter again have a new time.
+  const changing = [...roots, ...[data, thumbnails].map((path) => join(home, path))];
+  const read = () => [home, temp].map((path) => readTree(path, changing));
+  const before = read();
+  const isUnchanged = () => isDeepStrictEqual(read(), before);
+  const undo = (text) => { // Which can only be done where it was done.
+    const answer = JSON.parse(text);
+    assert.deepEqual(answer.categories.map((category) => category.category_id), category_ids);
+    assert.equal(answer.freed_bytes, total_size_bytes);
+    const message = `已移到回收站 ${2 * roots.length + 1} 项, 跳过 1 项 (`;
+    assert(answer.message.startsWith(message), answer.message);
+    assert.deepEqual(roots.flatMap((path) => readdirSync(path)), ['korvane-consent-v1']);
+    assert.deepEqual(readdirSync(join(home, thumbnails)), ['settings.db']);
+    restoreAll(home, env);
+    restoreAll(temp, env);
+    assert.deepEqual(readdirSync(join(home, data, 'Trash/files')), []);
+    rmSync(join(home, data, 'Trash'), { recursive: true });
+    assert.deepEqual(read(), before);
+  };
+  const names = categories.map((category) => `  - ${category.category_name} (`);
+  const shows = [`清理 ${names.length} 类垃圾`, ...names];
+  return { session, args: { category_ids: [...category_ids].reverse() }, shows, isUnchanged, undo };
 }
 
 const victims = { kill_process: startSleeper, kill_by_port: startForkedServer };
 if (process.env.KORVANE_PRIVATE_SYSTEMD) victims.stop_service = startUnit;
+if (process.env.KORVANE_OWN_TMP) victims.clean_junk = startInFullHome;
 
 async function check(t, tool, outcome) {
   const { reply, error } = outcomes[outcome];
-  const session = await Session.start(t, binary);
-  const { args, shows, isUnchanged } = await victims[tool](t);
+  const victim = await victims[tool](t);
+  const { session = await Session.start(t, binary), args, shows, isUnchanged, undo } = victim;
   const isThere = outcome !== 'absence';
   const requests = isThere ? await startDesktop(t, session.directory, reply) : [];
   assert(isUnchanged());
@@ -94,15 +149,17 @@ async function check(t, tool, outcome) {
   if (error) assert.match(answer.text, error);
   assert.equal(isUnchanged(), outcome !== 'grant');
   assert.equal(requests.length, isThere ? 1 : 0);
-  for (const { action, summary, reason } of requests) {
+  for (const { action, summary, detail, reason } of requests) {
     assert.deepEqual([action, reason], [tool, '测试']);
-    assert(summary.includes(shows), summary);
+    const shown = `${summary}\n${detail}`;
+    for (const text of shows) assert(shown.includes(text), shown);
   }
+  if (outcome === 'grant') undo?.(answer.text);
 }
 
 for (const tool of Object.keys(victims)) {
   for (const outcome of ['grant', 'refusal', 'absence'])
     test(`${tool} and ${outcome}`, (t) => check(t, tool, outcome));
 }
-test('every tool and silence', (t) =>
-  Promise.all(Object.keys(victims).map((tool) => check(t, tool, 'silence'))));
+test('every tool and silence', { concurrency: true }, (t) => Promise.all(Object.keys(victims).map(
+  (tool) => t.test(`${tool} and silence`, (t) => check(t, tool, 'silence')))));

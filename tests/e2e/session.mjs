@@ -2,24 +2,42 @@
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
 import assert from 'node:assert/strict';
+import { once } from 'node:events';
 import { mkdtempSync, rmSync } from 'node:fs';
+import { createServer } from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
+import { createInterface } from 'node:readline';
 import { text } from 'node:stream/consumers';
 
 export const { KORVANE_MCP: binary, KORVANE_MCP_UNSUPPORTED: unsupportedBinary } = process.env;
 assert(binary && unsupportedBinary, 'KORVANE_MCP and KORVANE_MCP_UNSUPPORTED name the binaries');
 
+/** The desktop program: shows nobody the requests, which it keeps, and answers all with `reply`. */
+export async function startDesktop(t, directory, reply) {
+  const requests = [];
+  const server = createServer((peer) => {
+    createInterface({ input: peer }).once('line', (line) => {
+      requests.push(JSON.parse(line));
+      if (reply) peer.end(`${JSON.stringify(reply)}\n`);
+    });
+  });
+  t.after(() => server.close());
+  await once(server.listen(join(directory, 'korvane-consent-v1')), 'listening');
+  return requests;
+}
+
 /** A server, the official client connected to it, and what the server says on standard error. */
 export class Session {
   called = new Set();
-  /** The server's own directory for sockets: it must not find a desktop program of the user's. */
-  directory = mkdtempSync(join(tmpdir(), 'korvane-e2e-'));
 
   /** Lasts until `scope`, a test or the whole run, is over; `ownEnv` is added to its environment. */
   static async start(scope, command, args = [], ownEnv = {}) {
     const session = new Session();
     scope.after(() => session.close());
+    // Where the server's sockets are: it must not find a desktop program of the user's.
+    session.directory = ownEnv.TMPDIR ?? mkdtempSync(join(tmpdir(), 'korvane-e2e-'));
+    if (!ownEnv.TMPDIR) scope.after(() => rmSync(session.directory, { recursive: true }));
     // The client's own choice of the environment, and where the tests' systemd is.
     const { DBUS_SYSTEM_BUS_ADDRESS } = process.env;
     const env = { ...getDefaultEnvironment(), TMPDIR: session.directory, ...ownEnv };
@@ -59,7 +77,6 @@ export class Session {
   /** Closes the client; returns all that the server wrote to standard error. */
   async close() {
     await this.client.close();
-    rmSync(this.directory, { recursive: true, force: true });
     return this.stderr;
   }
 }
