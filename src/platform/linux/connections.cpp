@@ -15,7 +15,6 @@
 #include <vector>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace korvane {
@@ -26,18 +25,6 @@ using namespace linux_platform;
 
 /// An inode of a socket, and the PID of a process that has it open.
 using Holder = std::pair<quint64, quint32>;
-
-/// The directory /proc/PID/fd; none, and errno, when it cannot be opened.
-DirectoryHandle openDescriptors(const ProcFs& procFs, quint32 pid)
-{
-    const QByteArray path = QByteArray::number(pid) + "/fd";
-    const int fd =
-        ::openat(procFs.descriptor(), path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DirectoryHandle directory(fd < 0 ? nullptr : ::fdopendir(fd));
-    if (fd >= 0 && directory == nullptr)
-        ::close(fd);
-    return directory;
-}
 
 /// The inode in "socket:[INODE]"; 0 for every other text.
 quint64 socketInode(QByteArrayView target)
@@ -53,7 +40,8 @@ quint64 socketInode(QByteArrayView target)
 /// has none; false, and errno, when this program itself cannot look.
 bool appendHeldSockets(const ProcFs& procFs, quint32 pid, std::vector<Holder>& holders)
 {
-    const DirectoryHandle directory = openDescriptors(procFs, pid);
+    const QByteArray path = QByteArray::number(pid) + "/fd";
+    const DirectoryHandle directory = openDirectory(procFs.descriptor(), path.constData());
     if (directory == nullptr)
         return !isOwnFailure(errno);
     std::array<char, 64> target{};
@@ -72,16 +60,8 @@ bool appendHeldSockets(const ProcFs& procFs, quint32 pid, std::vector<Holder>& h
 std::optional<std::vector<Holder>> readHolders(ProcFs& procFs)
 {
     std::vector<Holder> holders;
-    bool sawProcess = false;
-    while (const auto pid = procFs.nextPid()) {
-        sawProcess = true;
-        if (!appendHeldSockets(procFs, *pid, holders))
-            return std::nullopt;
-    }
-    // This program is a process itself: without any, this is no list of processes.
-    if (errno == 0 && !sawProcess)
-        errno = ENOENT;
-    if (errno != 0)
+    const auto append = [&](quint32 pid) { return appendHeldSockets(procFs, pid, holders); };
+    if (!procFs.forEachPid(append))
         return std::nullopt;
     std::sort(holders.begin(), holders.end());
     holders.erase(std::unique(holders.begin(), holders.end()), holders.end());

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -155,6 +157,15 @@ std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit)
     return file.isValid() ? readUpTo(file.get(), limit) : std::nullopt;
 }
 
+DirectoryHandle openDirectory(int at, const char* path)
+{
+    const int fd = ::openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DirectoryHandle directory(fd < 0 ? nullptr : ::fdopendir(fd));
+    if (fd >= 0 && directory == nullptr)
+        ::close(fd);
+    return directory;
+}
+
 UniqueFd::~UniqueFd()
 {
     if (m_fd >= 0)
@@ -201,6 +212,37 @@ std::optional<QByteArray> ProcFs::readWholeFile(quint32 pid, const char* name, q
     if (!file.isValid())
         return std::nullopt;
     return readUpTo(file.get(), limit);
+}
+
+bool ProcFs::readLines(const char* path, const std::function<void(QByteArrayView)>& line)
+{
+    const UniqueFd file(::openat(::dirfd(m_directory.get()), path, O_RDONLY | O_CLOEXEC));
+    if (!file.isValid())
+        return false;
+    std::size_t kept = 0; // bytes of a line that has not ended yet
+    bool isCut = false;   // whether the beginning of that line has been shown
+    for (;;) {
+        const ssize_t got = readFully(file.get(), std::span(m_buffer).subspan(kept));
+        if (got < 0)
+            return false;
+        const std::size_t used = kept + static_cast<std::size_t>(got);
+        const bool isLast = used < m_buffer.size();
+        QByteArrayView rest(m_buffer.data(), static_cast<qsizetype>(used));
+        while (rest.contains('\n')) {
+            const QByteArrayView whole = takeUntil(rest, '\n');
+            if (!std::exchange(isCut, false))
+                line(whole);
+        }
+        if (!rest.isEmpty() && (isLast || rest.size() == std::ssize(m_buffer))) {
+            if (!std::exchange(isCut, true))
+                line(rest);
+            rest = {};
+        }
+        if (isLast)
+            return true;
+        kept = static_cast<std::size_t>(rest.size());
+        std::copy(rest.begin(), rest.end(), m_buffer.begin());
+    }
 }
 
 std::optional<qint64> ProcFs::residentPages(quint32 pid)

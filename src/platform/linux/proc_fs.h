@@ -6,6 +6,8 @@
 #include <QString>
 
 #include <array>
+#include <cerrno>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -77,6 +79,9 @@ struct CloseDirectory
 };
 using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
 
+/// The directory at `path`, seen from the directory `at`; none, and errno, when it cannot be opened.
+DirectoryHandle openDirectory(int at, const char* path);
+
 /// One /proc, or a directory of its shape: a directory handle and a buffer, both reused for every
 /// process. Results are views into the buffer, valid until the next call. Failure leaves errno.
 class ProcFs
@@ -90,11 +95,31 @@ public:
     /// The next process in the directory's order, none at the end (errno 0) or on an error.
     std::optional<quint32> nextPid();
 
+    /// Shows every process to `look` while that returns true. False, and errno, when it did not, and
+    /// when this is no list of processes: this program is one itself.
+    template <typename Look> bool forEachPid(Look look)
+    {
+        bool sawProcess = false;
+        while (const auto pid = nextPid()) {
+            sawProcess = true;
+            if (!look(*pid))
+                return false;
+        }
+        if (errno == 0 && !sawProcess)
+            errno = ENOENT;
+        return errno == 0;
+    }
+
     /// The first bytes of /proc/PID/NAME, at most the buffer's size; none when it cannot be read.
     std::optional<QByteArrayView> readFile(quint32 pid, const char* name);
 
     /// The whole of /proc/PID/NAME, at most `limit` bytes; none when it cannot be read.
     std::optional<QByteArray> readWholeFile(quint32 pid, const char* name, qsizetype limit);
+
+    /// Shows each line of a text of any length, such as PID/maps, to `line`; of one beyond the buffer's
+    /// size, the beginning. False, and errno, when it could not be read to its end. `line` asks
+    /// nothing of this object.
+    bool readLines(const char* path, const std::function<void(QByteArrayView)>& line);
 
     /// Resident pages from /proc/PID/statm: exact, as ps shows them. The figure in stat is an
     /// estimate that strays by megabytes on machines of many processors.

@@ -152,6 +152,28 @@ private Q_SLOTS:
         }
     }
 
+    void linesOfAnyLengthAreShown()
+    {
+        constexpr int bufferSize = 8192;
+        ProcFs procFs(path().constData());
+        for (const int size : {0, 1, bufferSize - 1, bufferSize, bufferSize + 1, 3 * bufferSize}) {
+            for (const QByteArray end : {"", "\n", "\n\nx", "\nx\n"}) {
+                const QByteArray content = "a\n" + QByteArray(size, 'b') + end;
+                write("7/maps", content);
+                QByteArrayList shown;
+                QVERIFY(procFs.readLines(
+                    "7/maps", [&](QByteArrayView line) { shown.append(line.toByteArray()); }));
+                QByteArrayList lines = content.split('\n');
+                if (lines.last().isEmpty())
+                    lines.removeLast();
+                for (QByteArray& line : lines)
+                    line.truncate(bufferSize);
+                QCOMPARE(shown, lines);
+            }
+        }
+        QVERIFY(!procFs.readLines("7/none", [](QByteArrayView) {}));
+    }
+
     void residentPagesAreTheSecondField()
     {
         ProcFs procFs(path().constData());
