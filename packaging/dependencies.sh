@@ -18,6 +18,8 @@ test_needs=(
     ss=iproute2
     rpm=rpm
     script=bsdutils
+    trash-restore=trash-cli
+    mkfs.ext4=e2fsprogs
     /lib/systemd/systemd=systemd
     /usr/lib/systemd/user/dbus.socket=dbus-user-session
 )

@@ -1,0 +1,229 @@
+// Moves files and directories to the recycle bin: FreeDesktop.org's trash.
+#include "platform/platform.h"
+
+#include "platform/linux/movable_entry.h"
+#include "platform/linux/trash_mover.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <unistd.h>
+
+namespace korvane {
+
+namespace linux_platform {
+
+namespace {
+
+using Outcome = TrashCandidate::Outcome;
+
+/// What is moved together: as much as is worth one writing of the disk, as little as leaves a file
+/// that is copied and not yet removed no time to change.
+constexpr std::size_t batchSize = 128;
+constexpr qint64 batchBytes = qint64{256} * 1024 * 1024;
+
+/// What became of all entries, and the text that says so.
+class Tally
+{
+public:
+    void add(const TrashCandidate& candidate)
+    {
+        if (candidate.outcome == Outcome::Kept)
+            return addSkipped(candidate.why);
+        if (candidate.outcome == Outcome::MovedInPart)
+            ++m_inPart;
+        if (candidate.outcome != Outcome::Vanished)
+            ++m_moved;
+    }
+
+    void addSkipped(const QString& why)
+    {
+        ++m_skipped;
+        const auto known = std::find_if(m_reasons.begin(), m_reasons.end(),
+                                        [&why](const auto& reason) { return reason.first == why; });
+        if (known == m_reasons.end())
+            m_reasons.emplace_back(why, 1);
+        else
+            ++known->second;
+    }
+
+    OpResult result() const
+    {
+        QStringList parts;
+        if (m_moved > 0)
+            parts << QStringLiteral("已移到回收站 %1 项").arg(m_moved);
+        if (m_inPart > 0)
+            parts << QStringLiteral("其中 %1 项的原件有变动, 未全部移除").arg(m_inPart);
+        if (m_skipped > 0)
+            parts << skippedText();
+        if (parts.isEmpty())
+            parts << QStringLiteral("没有需要移动的内容 (可能已被删除)");
+        if (m_moved == 0 && m_skipped > 0)
+            parts.prepend(QStringLiteral("没有内容被移到回收站"));
+        return {m_moved > 0 || m_skipped == 0, parts.join(QStringLiteral(", "))};
+    }
+
+private:
+    QString skippedText() const
+    {
+        QStringList reasons;
+        for (const auto& [why, count] : m_reasons)
+            reasons << why + u' ' + QString::number(count);
+        return QStringLiteral("跳过 %1 项 (%2)")
+            .arg(QString::number(m_skipped), reasons.join(QStringLiteral(", ")));
+    }
+
+    qint64 m_moved = 0;
+    qint64 m_inPart = 0;
+    qint64 m_skipped = 0;
+    std::vector<std::pair<QString, qint64>> m_reasons; ///< In the order in which they came up.
+};
+
+/// The directories without which the session, or this program, is not what it was.
+QList<QByteArray> protectedPaths()
+{
+    QList<QByteArray> paths{qgetenv("HOME"),
+                            qgetenv("TMPDIR"),
+                            qgetenv("XDG_RUNTIME_DIR"),
+                            TrashDirectory::homePath(),
+                            "/tmp",
+                            "."};
+    paths.removeAll(QByteArray());
+    return paths;
+}
+
+/// Whether the directory at this real path is a trash, or lies in one.
+bool isInTrash(const QByteArray& path)
+{
+    const QByteArray home = QFile::encodeName(
+        QFileInfo(QFile::decodeName(TrashDirectory::homePath())).canonicalFilePath());
+    if (!home.isEmpty() && (path + '/').startsWith(home + '/'))
+        return true;
+    const QList<QByteArray> names = path.split('/');
+    return std::any_of(names.begin(), names.end(), [](const QByteArray& name) {
+        return name == ".Trash" || name == ".Trash-" + QByteArray::number(::geteuid());
+    });
+}
+
+/// One call.
+class Call
+{
+public:
+    explicit Call(FilesInUse inUse) : m_checker(std::move(inUse), protectedPaths()) {}
+
+    void add(const QString& path);
+    OpResult finish();
+
+private:
+    void openSource(const QByteArray& directory);
+    bool isEntangled(const QByteArray& path) const;
+    void moveBatch();
+
+    TrashMover m_mover; // first: the checker shall know the trash that it makes
+    EntryChecker m_checker;
+    Tally m_tally;
+    std::vector<TrashCandidate> m_batch;
+    qint64 m_bytes = 0;     ///< In the batch; counts no entry for more than fills it.
+    QByteArray m_directory; ///< The one opened last, as it was given.
+    std::shared_ptr<const SourceDirectory> m_source;
+    QString m_sourceProblem; ///< Why nothing in it can be moved.
+    bool m_isSourceGone = false;
+};
+
+void Call::openSource(const QByteArray& directory)
+{
+    if (directory == m_directory)
+        return;
+    m_directory = directory;
+    m_source = SourceDirectory::open(directory);
+    const int error = errno;
+    m_isSourceGone = !m_source && (error == ENOENT || error == ENOTDIR);
+    m_sourceProblem.clear();
+    if (!m_source)
+        m_sourceProblem =
+            keptBecauseText(error == EACCES ? KeptBecause::NotOwn : KeptBecause::Unreadable);
+    else if (isInTrash(m_source->path))
+        m_sourceProblem = keptBecauseText(KeptBecause::SystemPlace);
+}
+
+/// Whether the entry at `path` is one of the batch, lies in one or holds one.
+bool Call::isEntangled(const QByteArray& path) const
+{
+    const QByteArray below = path + '/';
+    return std::any_of(m_batch.cbegin(), m_batch.cend(), [&](const TrashCandidate& candidate) {
+        const QByteArray other = candidate.path() + '/';
+        return other.startsWith(below) || below.startsWith(other);
+    });
+}
+
+void Call::add(const QString& path)
+{
+    QByteArray bytes = QFile::encodeName(path);
+    while (bytes.endsWith('/'))
+        bytes.chop(1);
+    const qsizetype slash = bytes.lastIndexOf('/');
+    const QByteArray name = bytes.sliced(slash + 1);
+    if (!bytes.startsWith('/') || name == "." || name == ".." || bytes.contains('\0'))
+        return m_tally.addSkipped(QStringLiteral("路径无效"));
+    const QByteArray directory = slash == 0 ? QByteArray("/") : bytes.first(slash);
+    openSource(directory);
+    if (m_source && isEntangled(m_source->path + '/' + name)) {
+        moveBatch();
+        m_directory.clear();
+        openSource(directory);
+    }
+    if (m_isSourceGone)
+        return;
+    if (!m_sourceProblem.isEmpty())
+        return m_tally.addSkipped(m_sourceProblem);
+
+    TrashCandidate candidate{m_source, name, {}, Outcome::Pending, {}, {}, {}};
+    candidate.check = m_checker.check(m_source->handle.get(), name.constData(), candidate.path());
+    if (candidate.check.keptBecause == KeptBecause::Vanished)
+        return;
+    if (candidate.check.keptBecause != KeptBecause::Nothing)
+        return m_tally.addSkipped(keptBecauseText(candidate.check.keptBecause));
+    m_bytes += std::min(candidate.check.bytes, batchBytes);
+    m_batch.push_back(std::move(candidate));
+    if (m_batch.size() >= batchSize || m_bytes >= batchBytes)
+        moveBatch();
+}
+
+void Call::moveBatch()
+{
+    m_mover.move(m_batch);
+    for (const TrashCandidate& candidate : m_batch)
+        m_tally.add(candidate);
+    m_batch.clear();
+    m_bytes = 0;
+}
+
+OpResult Call::finish()
+{
+    moveBatch();
+    return m_tally.result();
+}
+
+} // namespace
+
+} // namespace linux_platform
+
+OpResult platform::moveToRecycleBin(const QList<QString>& paths)
+{
+    using namespace linux_platform;
+    std::optional<FilesInUse> inUse = FilesInUse::look();
+    if (!inUse)
+        return {false, QStringLiteral("无法确定哪些文件正在使用, 未移动任何内容: %1")
+                           .arg(qt_error_string(errno))};
+    Call call(std::move(*inUse));
+    for (const QString& path : paths)
+        call.add(path);
+    return call.finish();
+}
+
+} // namespace korvane

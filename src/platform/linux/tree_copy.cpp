@@ -1,0 +1,150 @@
+// Copies directory trees.
+#include "platform/linux/tree_copy.h"
+
+#include "platform/linux/file_copy.h"
+#include "platform/linux/file_status.h"
+#include "platform/linux/proc_fs.h"
+#include "platform/linux/tree_removal.h"
+#include "platform/linux/tree_walk.h"
+
+#include <QByteArray>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+/// Makes the copy beside the walk, with one handle that goes down and up with it.
+class TreeCopier final : public TreeVisitor
+{
+public:
+    /// `links` is a directory for a second name of each file that has several.
+    TreeCopier(UniqueFd to, int links) : m_to(std::move(to)), m_links(links) {}
+
+    int error() const { return m_error; }
+
+    Step entry(TreeWalk& walk, const TreeEntry& entry) override
+    {
+        const bool isDirectory = entry.type == DT_DIR;
+        m_error = copyEntry(walk.directory(), entry.name, m_to.get(), entry.name);
+        if (m_error != 0)
+            return Step::Stop;
+        return isDirectory ? Step::Descend : Step::GoOn;
+    }
+
+    Step entered(TreeWalk& walk) override
+    {
+        const std::string& path = walk.path();
+        const std::string name = path.substr(path.rfind('/') + 1);
+        return enter(walk.directory(), name.c_str());
+    }
+
+    Step left(TreeWalk& walk, const char* name) override
+    {
+        if (!finish(walk.directory(), name))
+            return Step::Stop;
+        m_to = UniqueFd(::openat(m_to.get(), "..", directoryFlags));
+        return m_to.isValid() ? Step::GoOn : stop(errno);
+    }
+
+    Step failed(TreeWalk&, int error) override
+    {
+        return stop(error == EXDEV || error == ENOENT ? EBUSY : error);
+    }
+
+    /// Copies what is no directory; of a directory, makes one that is empty.
+    int copyEntry(int from, const char* name, int to, const char* copyName);
+
+    /// Goes into the copy `copyName` of the directory that is open as `original`.
+    Step enter(int original, const char* copyName)
+    {
+        m_to = UniqueFd(::openat(m_to.get(), copyName, directoryFlags));
+        m_ways.emplace_back();
+        return m_to.isValid() && ::fstat(original, &m_ways.back()) == 0 ? Step::GoOn : stop(errno);
+    }
+
+    /// Gives the current directory of the copy what the original `name` of `parent` has.
+    bool finish(int parent, const char* name)
+    {
+        const UniqueFd original(::openat(parent, name, directoryFlags));
+        const struct stat info = m_ways.back();
+        struct stat now = {};
+        m_ways.pop_back();
+        if (!original.isValid() || ::fstat(original.get(), &now) != 0 || !isSameFile(now, info))
+            m_error = EBUSY;
+        else
+            m_error = copyAttributes(original.get(), info, m_to.get());
+        return m_error == 0;
+    }
+
+private:
+    Step stop(int error)
+    {
+        m_error = error;
+        return Step::Stop;
+    }
+
+    UniqueFd m_to;
+    int m_links;
+    int m_error = 0;
+    std::vector<struct stat> m_ways; ///< The originals on the way down, as they were before.
+    std::vector<char> m_buffer;
+};
+
+int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyName)
+{
+    struct stat info = {};
+    if (::fstatat(from, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? EBUSY : errno;
+    if (S_ISDIR(info.st_mode))
+        return ::mkdirat(to, copyName, S_IRWXU) == 0 ? 0 : errno;
+    if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode))
+        return EBUSY;
+
+    const QByteArray identity = QByteArray::number(static_cast<quint64>(info.st_ino));
+    const bool hasNames = info.st_nlink > 1;
+    if (hasNames && ::linkat(m_links, identity.constData(), to, copyName, 0) == 0)
+        return 0;
+    if (hasNames && errno != ENOENT)
+        return errno;
+    const int error = S_ISLNK(info.st_mode) ? copyLink(from, name, to, copyName)
+                                            : copyFile(from, name, to, copyName, m_buffer);
+    if (error != 0 || !hasNames)
+        return error;
+    return ::linkat(to, copyName, m_links, identity.constData(), 0) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+int copyTree(int parent, const char* name, int to, const char* copyName)
+{
+    const QByteArray linksName = QByteArray(copyName) + "-links";
+    if (::mkdirat(to, linksName.constData(), S_IRWXU) != 0)
+        return errno;
+    const UniqueFd links(::openat(to, linksName.constData(), directoryFlags));
+    UniqueFd start(::openat(to, ".", directoryFlags));
+    if (!links.isValid() || !start.isValid())
+        return errno;
+
+    TreeCopier copier(std::move(start), links.get());
+    int error = copier.copyEntry(parent, name, to, copyName);
+    const UniqueFd original(::openat(parent, name, directoryFlags));
+    if (error == 0 && original.isValid()) {
+        if (copier.enter(original.get(), copyName) == TreeVisitor::Step::GoOn)
+            error = TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, copier);
+        if (error == 0)
+            error = copier.error();
+        if (error == 0 && !copier.finish(parent, name))
+            error = copier.error();
+    } else if (error == 0 && errno != ENOTDIR && errno != ELOOP) {
+        error = errno;
+    }
+    const int removal = removeTree(to, linksName.constData());
+    return error != 0 ? error : removal;
+}
+
+} // namespace korvane::linux_platform
