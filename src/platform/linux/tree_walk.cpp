@@ -53,7 +53,7 @@ unsigned char typeOf(int directory, const char* name)
     struct stat info = {};
     if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
         return DT_UNKNOWN;
-    return IFTODT(info.st_mode);
+    return static_cast<unsigned char>(IFTODT(info.st_mode));
 }
 
 void appendName(std::string& path, const char* name)
