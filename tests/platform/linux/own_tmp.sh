@@ -16,9 +16,6 @@ skip() {
 }
 
 if [ "${1:-}" != --inside ]; then
-    case $PWD/$(readlink -f "$0") in
-        /tmp/* | *//tmp/*) skip 'it would hide the checkout or the build' ;;
-    esac
     for mapping in '' --map-root-user; do
         # shellcheck disable=SC2086 # no word when empty
         unshare $mapping --mount mount -t tmpfs tmpfs /tmp 2>/dev/null || continue
@@ -32,7 +29,20 @@ if [ "${1:-}" != --inside ]; then
 fi
 shift
 
-mount -t tmpfs -o mode=1777 tmpfs /tmp
+# A checkout or build below /tmp stays in view, as a mount, which no cleaning touches.
+fresh=$KORVANE_OWN_TMP/tmp
+mkdir "$fresh"
+mount -t tmpfs -o mode=1777 tmpfs "$fresh"
+for needed in "$PWD" "$(readlink -f "$0")"; do
+    case $needed in /tmp/*) ;; *) continue ;; esac
+    below=${needed#/tmp/}
+    [ ! -e "$fresh/${below%%/*}" ] || continue
+    mkdir "$fresh/${below%%/*}"
+    mount --bind "/tmp/${below%%/*}" "$fresh/${below%%/*}"
+done
+mount --move "$fresh" /tmp
+cd "$PWD" # by the new way
+
 KORVANE_TMP_DEVICE=$(stat -c %d /tmp)
 export KORVANE_TMP_DEVICE
 export HOME="$KORVANE_OWN_TMP/home" KORVANE_VOLUME=
