@@ -96,7 +96,11 @@ private Q_SLOTS:
         QFETCH(QString, tree);
         QFETCH(QStringList, patterns);
         test::makeTree(m_directory->path(), tree);
-        const JunkCategory roots = category({u"r"_s, u"absent"_s, u"file"_s, u"other"_s}, patterns);
+        QVERIFY(QDir::setCurrent(m_directory->path()));
+        JunkCategory roots = category({u"r"_s, u"absent"_s, u"file"_s, u"other"_s}, patterns);
+        if (patterns.isEmpty()) // Then relative roots make absolute paths.
+            roots.roots.replaceInStrings(m_directory->path() + u'/', QString());
+        roots.roots.append(QString());
         JunkItem item = JunkScanner::scanCategory(roots, nullptr);
         item.paths.replaceInStrings(m_directory->filePath(u"r/"_s), QString());
         item.paths.replaceInStrings(m_directory->path() + u'/', QString());
