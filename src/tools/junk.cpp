@@ -59,13 +59,13 @@ QJsonObject entryOf(const JunkItem& item)
         {QStringLiteral("sample_paths"), QJsonArray::fromStringList(item.paths.mid(0, samples))}};
 }
 
-/// The strings of the array without surrounding white space, but for empty ones.
+/// The strings of the array without surrounding white space; what is no string is an empty one, as
+/// no category is called.
 QSet<QString> idsIn(const QJsonArray& values)
 {
     QSet<QString> ids;
     for (const QJsonValue value : values)
         ids.insert(value.toString().trimmed());
-    ids.remove(QString());
     return ids;
 }
 

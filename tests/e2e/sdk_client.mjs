@@ -280,14 +280,15 @@ test('has no startup items and no verdict on signatures here', async () => {
 test('measures the junk of a home as find does', async () => {
   const roots = { user_temp: linux.directory, gradle_cache: join(home, '.gradle/caches'),
     generic_cache: join(home, '.cache'), maven_repo: join(home, '.m2/repository') };
-  const fill = 'cd "$0" && mkdir -p a/.b "忙 $1" && truncate -s 3M a/.b/c && echo >a/.d && ln -s /bin/sh s';
+  const fill = 'cd "$0" && mkdir -p a/.b "忙 $1" && truncate -s 3M a/.b/c && echo >a/.d && ln -s /bin/sh s && touch "$(printf "\\377")"';
   for (const [id, root] of Object.entries(roots))
     execFileSync('sh', ['-c', `mkdir -p "$0" && ${fill}`, root, id]);
   const sum = (numbers) => numbers.reduce((total, number) => total + Number(number), 0);
   const expected = Object.entries(roots).map(([id, root]) => {
     const sizes = linesOf('find', '-L', root, '!', '-type', 'd', '-printf', '%s\n');
     const files = linesOf('find', root, '!', '-type', 'd').length;
-    const entries = linesOf('find', root, '-mindepth', 1, '-maxdepth', 1).sort();
+    const entries = linesOf('find', root, '-mindepth', 1, '-maxdepth', 1).sort()
+      .filter((path) => !path.includes('\ufffd')); // no text leads back there
     return [id, sum(sizes), files, entries];
   });
   const { categories, total_size_bytes, total_file_count } = await linux.call('scan_junk');

@@ -183,7 +183,7 @@ private Q_SLOTS:
         const char* const chrome = "{`category_id`:`chrome_cache`,`reason`:`进程运行中, 请先关闭: chrome.exe`}";
         row("clean_junk", "`category_ids`:[`font_cache`,`chrome_cache`]", qUtf8Printable(u"{`cleaned`:false,`skipped`:[%1],`note`:`所有匹配分类都因进程运行中被跳过, 请先关闭对应程序再试`}"_s.arg(QString::fromUtf8(chrome))));
         const char* const pip = "{`category_id`:`pip_cache`,`category_name`:`pip 缓存`,`size_bytes`:3670016,`file_count`:2}";
-        row("clean_junk", "`category_ids`:[` pip_cache `,`pip_cache`]", qUtf8Printable(u"{`cleaned`:true,`freed_bytes`:3670016,`freed_mb`:3.5,`file_count`:2,`categories`:[%1],`skipped`:[],`message`:`成 %2`}"_s.arg(QString::fromUtf8(pip), u"%1"_s)),
+        row("clean_junk", "`category_ids`:[` pip_cache `,`pip_cache `]", qUtf8Printable(u"{`cleaned`:true,`freed_bytes`:3670016,`freed_mb`:3.5,`file_count`:2,`categories`:[%1],`skipped`:[],`message`:`成 %2`}"_s.arg(QString::fromUtf8(pip), u"%1"_s)),
             "清理磁盘垃圾|AI 请求清理 1 类垃圾 (共 2 个文件, 约 3.5 MB) 到回收站|将移到回收站 (可从回收站恢复) 的分类:\n  - pip 缓存 (3.5 MB, 2 项)", "moveToRecycleBin JUNK/pip/cache/%1");
         row("clean_junk", "`category_ids`:[`pip_cache`,null,`chrome_cache`,`crash_dumps`,`x`]", qUtf8Printable(u"{`cleaned`:true,`freed_bytes`:265814016,`freed_mb`:253.5,`file_count`:3,`categories`:[{`category_id`:`crash_dumps`,`category_name`:`崩溃转储文件`,`size_bytes`:262144000,`file_count`:1},%1],`skipped`:[%2],`message`:`成 %3`}"_s.arg(QString::fromUtf8(pip), QString::fromUtf8(chrome), u"%1"_s)),
             "清理磁盘垃圾|AI 请求清理 2 类垃圾 (共 3 个文件, 约 253.5 MB) 到回收站|将移到回收站 (可从回收站恢复) 的分类:\n  - 崩溃转储文件 (250 MB, 1 项)\n  - pip 缓存 (3.5 MB, 2 项)", "moveToRecycleBin JUNK/CrashDumps/a JUNK/pip/cache/%1");

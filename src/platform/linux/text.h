@@ -49,7 +49,9 @@ inline QByteArrayView takeWord(QByteArrayView& rest)
 /// Text from the system, which may be any bytes, as a string; what is not UTF-8 becomes U+FFFD.
 inline QString textFromSystem(QByteArrayView bytes)
 {
-    return QString::fromUtf8(bytes);
+    // The framework leaves out a byte order mark at the beginning; here it is a character of a name.
+    const QString text = QString::fromUtf8(bytes);
+    return bytes.startsWith("\xef\xbb\xbf") ? QChar(QChar::ByteOrderMark) + text : text;
 }
 
 } // namespace korvane::linux_platform

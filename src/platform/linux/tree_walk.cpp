@@ -183,6 +183,7 @@ TreeWalk::Step TreeWalk::ascend(TreeVisitor& visitor)
     m_levels.pop_back();
     if (m_levels.empty())
         return Step::GoOn;
+    m_closedBefore = std::min(m_closedBefore, m_levels.size());
     const std::size_t parentPathSize = m_levels.back().pathSize;
     const std::size_t nameStart = m_path.find_first_not_of('/', parentPathSize);
     const std::string name = m_path.substr(nameStart);
@@ -267,21 +268,15 @@ bool TreeWalk::reopen()
 {
     const std::size_t top = m_levels.size() - 1;
     const std::size_t first = std::max(top - std::min(top, m_handleLimit / 2), std::size_t{1});
-    UniqueFd passing;
     std::vector<UniqueFd> kept;
     for (std::size_t i = 1; i <= top; ++i) {
-        int parent = m_levels.front().handle.get();
-        if (!kept.empty())
-            parent = kept.back().get();
-        else if (passing.isValid())
-            parent = passing.get();
-        UniqueFd opened = openLevel(parent, i);
+        const UniqueFd& parent = kept.empty() ? m_levels.front().handle : kept.back();
+        UniqueFd opened = openLevel(parent.get(), i);
         if (!opened.isValid())
             return false;
-        if (i < first)
-            passing = std::move(opened);
-        else
-            kept.push_back(std::move(opened));
+        if (i <= first)
+            kept.clear(); // only passed through
+        kept.push_back(std::move(opened));
     }
     for (std::size_t i = first; i <= top; ++i)
         m_levels[i].handle = std::move(kept[i - first]);

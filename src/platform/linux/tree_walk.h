@@ -38,9 +38,9 @@ public:
     /// Everything in the directory `name` has been shown; walk.directory() is the one it lies in.
     virtual Step left(TreeWalk& walk, const char* name);
 
-    /// The directory at walk.path(), below the start, cannot be opened or read to its end, for the
-    /// reason `error`, an errno: EXDEV where another file system is mounted and the walk stays on
-    /// its own. Where it has been entered, left() follows all the same.
+    /// The directory at walk.path() cannot be opened or, also where it is the start, not be read to
+    /// its end, for the reason `error`, an errno: EXDEV where another file system is mounted and the
+    /// walk stays on its own. Where it has been entered, left() follows all the same.
     virtual Step failed(TreeWalk& walk, int error);
 
 protected:
@@ -72,7 +72,7 @@ public:
 
     /// Walks the directory `name` of the directory handle `at` (AT_FDCWD: of the current one); where
     /// it is a link, only with `followLink`. `shownAs` begins the paths. Returns 0, or the errno with
-    /// which the start could not be opened or read; whether the visitor has stopped, it knows itself.
+    /// which the start could not be opened; whether the visitor has stopped, it knows itself.
     int run(int at, const char* name, bool followLink, std::string shownAs, TreeVisitor& visitor);
 
     /// A handle of the directory that the visitor is told of, for as long as it is; -1 where that
