@@ -398,6 +398,32 @@ private Q_SLOTS:
         QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0);
     }
 
+    void filesOfTheSameNumberAreNotOne()
+    {
+        // The layers number their files each by themselves, as subvolumes do.
+        const QString root = u"/tmp/layers"_s;
+        for (const QString& layer : {u"/a"_s, u"/b"_s}) {
+            const QString place = root + layer;
+            QVERIFY(QDir().mkpath(place) && QDir().mkpath(root + "/all"_L1));
+            QCOMPARE(::mount("tmpfs", QFile::encodeName(place).constData(), "tmpfs", 0, nullptr),
+                     0);
+            QVERIFY(QDir().mkdir(place + layer));
+            write(place + layer + "/one"_L1, layer.toUtf8());
+            QVERIFY(link(place + layer + "/one"_L1, place + layer + "/two"_L1, false));
+            setTimes(place + layer + "/one"_L1, 1, 2);
+        }
+        const char* layers = "xino=off,lowerdir=/tmp/layers/a:/tmp/layers/b";
+        if (::mount("overlay", "/tmp/layers/all", "overlay", 0, layers) != 0)
+            QSKIP("no overlay here");
+        const linux_platform::UniqueFd copies(::open("/tmp/layers", O_RDONLY | O_CLOEXEC));
+        QCOMPARE(linux_platform::copyTree(copies.get(), "all", copies.get(), "copy"), 0);
+        QCOMPARE(describe(root + "/copy"_L1, Compared::AfterACopy),
+                 describe(root + "/all"_L1, Compared::AfterACopy));
+        for (const char* mounted : {"/tmp/layers/all", "/tmp/layers/a", "/tmp/layers/b"})
+            QCOMPARE(::umount(mounted), 0);
+        clear(root);
+    }
+
     void aKilledMoveLosesNothing_data()
     {
         QTest::addColumn<QString>("source");
