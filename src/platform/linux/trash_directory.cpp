@@ -60,6 +60,12 @@ int renameUnwritable(int fromDirectory, const char* from, int toDirectory, const
     return error;
 }
 
+int moveEntry(int fromDirectory, const char* from, int toDirectory, const char* to)
+{
+    const int error = renameToFree(fromDirectory, from, toDirectory, to);
+    return error == EACCES ? renameUnwritable(fromDirectory, from, toDirectory, to) : error;
+}
+
 /// `name` with `suffix`, shortened to `limit` bytes without cutting a character.
 QByteArray fitting(const QByteArray& name, const QByteArray& suffix, qsizetype limit)
 {
@@ -198,18 +204,15 @@ void TrashDirectory::release(const QByteArray& name)
 
 int TrashDirectory::accept(int parent, const char* from, const QByteArray& name)
 {
-    int error = renameToFree(parent, from, m_files.get(), name.constData());
-    if (error == EACCES)
-        error = renameUnwritable(parent, from, m_files.get(), name.constData());
+    const int error = moveEntry(parent, from, m_files.get(), name.constData());
     if (error == 0)
         (void)::unlinkat(m_staging.handle(), (name + infoEnding).constData(), 0);
     return error;
 }
 
-void TrashDirectory::takeOut(const QByteArray& name, const QByteArray& to)
+int TrashDirectory::takeOut(const QByteArray& name, const QByteArray& to)
 {
-    if (renameToFree(m_files.get(), name.constData(), m_staging.handle(), to.constData()) == 0)
-        release(name);
+    return moveEntry(m_files.get(), name.constData(), m_staging.handle(), to.constData());
 }
 
 int TrashDirectory::sync() const
