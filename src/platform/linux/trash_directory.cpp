@@ -26,12 +26,21 @@ namespace {
 
 constexpr auto newInfo = "new";
 
-/// Makes the directory at `path` with all above it.
+/// Makes the directory at `path` with all above it. Root makes nothing in another user's directory,
+/// whose home it may have been given: that user could not use what is there then.
 void makePath(const QByteArray& path)
 {
-    for (qsizetype end = path.indexOf('/', 1); end > 0; end = path.indexOf('/', end + 1))
-        (void)::mkdir(path.first(end).constData(), S_IRWXU);
-    (void)::mkdir(path.constData(), S_IRWXU);
+    struct stat info = {};
+    qsizetype end = 0;
+    while (end >= 0) {
+        end = path.indexOf('/', end + 1);
+        const QByteArray part = end < 0 ? path : path.first(end);
+        const bool isOthers = ::geteuid() == 0 && info.st_uid != 0; // the one above
+        if (::stat(part.constData(), &info) != 0 &&
+            (isOthers || ::mkdir(part.constData(), S_IRWXU) != 0 ||
+             ::stat(part.constData(), &info) != 0))
+            return;
+    }
 }
 
 /// Renames, but never over something.

@@ -323,8 +323,12 @@ private Q_SLOTS:
         write(u"/tmp/large"_s, QByteArray(8'000'000, 'l'));
         const QByteArrayList before = describe(u"/tmp/large"_s);
         QCOMPARE(::mount("tmpfs", QFile::encodeName(small).constData(), "tmpfs", 0, "size=70m"), 0);
+        const QString others = around + "/others"_L1;
+        const bool hasOthers =
+            QDir().mkpath(others) && ::chown(QFile::encodeName(others).constData(), 65534, 0) == 0;
         for (const auto& [data, why] :
-             {std::pair(small, u"空间不足 1"_s), std::pair(u"/dev/null"_s, u"回收站不可用 1"_s)}) {
+             {std::pair(small, u"空间不足 1"_s), std::pair(u"/dev/null"_s, u"回收站不可用 1"_s),
+              std::pair(hasOthers ? others + "/data"_L1 : u"/dev/null"_s, u"回收站不可用 1"_s)}) {
             qputenv("XDG_DATA_HOME", QFile::encodeName(data));
             const OpResult result = moveToRecycleBin({u"/tmp/large"_s});
             QVERIFY(!result.ok);
