@@ -130,17 +130,16 @@ public:
     }
 
     /// Removes what is no directory, if it is what was copied.
-    bool removeFile(int directory, const char* name, int copyDirectory, const char* copyName)
+    void removeFile(int directory, const char* name, int copyDirectory, const char* copyName)
     {
         if (!isCopied(directory, name, copyDirectory, copyName))
-            return false;
+            return;
         const FileHold hold(directory, name);
         // Again, as only from now on nobody writes to it.
         if (!hold.isInUse() && isCopied(directory, name, copyDirectory, copyName))
-            return remove(directory, name, 0);
-        if (hold.isInUse() && m_result.error == 0)
+            remove(directory, name, 0);
+        else if (hold.isInUse() && m_result.error == 0)
             m_result.error = EBUSY;
-        return false;
     }
 
     bool remove(int directory, const char* name, int flags)
@@ -178,24 +177,19 @@ int removeTree(int parent, const char* name)
 RemovedOriginal removeOriginal(int parent, const char* name, int copyParent, const char* copyName)
 {
     OriginalRemover remover(UniqueFd(::openat(copyParent, copyName, directoryFlags)));
-    RemovedOriginal& result = remover.result();
-    struct stat info = {};
-    if (!isCopied(parent, name, copyParent, copyName)) {
-        result.isGone = ::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0;
-        return result;
-    }
     const UniqueFd original(::openat(parent, name, directoryFlags));
+    struct stat info = {};
     if (!original.isValid()) {
-        result.isGone = remover.removeFile(parent, name, copyParent, copyName);
-        return result;
+        remover.removeFile(parent, name, copyParent, copyName);
+    } else if (isCopied(parent, name, copyParent, copyName) &&
+               ::fstat(original.get(), &info) == 0) {
+        OriginalRemover::makeWritable(original.get());
+        (void)TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, remover);
+        if (!remover.remove(parent, name, AT_REMOVEDIR))
+            (void)::fchmod(original.get(), info.st_mode & ALLPERMS);
     }
-    (void)::fstat(original.get(), &info);
-    OriginalRemover::makeWritable(original.get());
-    (void)TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, remover);
-    result.isGone = remover.remove(parent, name, AT_REMOVEDIR);
-    if (!result.isGone)
-        (void)::fchmod(original.get(), info.st_mode & ALLPERMS);
-    return result;
+    remover.result().isGone = !hasEntry(parent, name);
+    return remover.result();
 }
 
 } // namespace korvane::linux_platform
