@@ -41,7 +41,12 @@ bool mayAnswerForUser(qintptr socketDescriptor);
 /// Linux: /proc/PID/cmdline, arguments joined by one blank.
 QString processCommandLine(unsigned int pid);
 
-/// Moves `paths` to the recycle bin, from where the user can restore them.
+/// Moves the entries at `paths`, absolute ones, to the recycle bin, from where the user can restore
+/// them. Ok unless something was to be moved and nothing could be; the message tells how many were, and
+/// how many were not for which reason. A path where nothing is any more counts as neither. Blocks for
+/// as long as copying takes.
+/// Linux: FreeDesktop.org's trash. Never moved is what is in use, belongs to another user, is a
+/// socket, FIFO or device, or holds such a thing.
 OpResult moveToRecycleBin(const QList<QString>& paths);
 
 /// Keeps the machine from sleeping while `on`; false when it cannot.

@@ -22,10 +22,10 @@ namespace korvane::linux_platform {
 
 namespace {
 
-/// Files that the programs of a session open by their path again and again. Without the first, no X
-/// client started later would be let in.
-constexpr std::array<QByteArrayView, 4> credentialVariables{
-    "XAUTHORITY=", "ICEAUTHORITY=", "KRB5CCNAME=", "XDG_RUNTIME_DIR="};
+/// What the programs of a session use by its path again and again. Without the first, no X client
+/// started later would be let in.
+constexpr std::array<QByteArrayView, 5> pathVariables{
+    "XAUTHORITY=", "ICEAUTHORITY=", "KRB5CCNAME=", "XDG_RUNTIME_DIR=", "TMPDIR="};
 
 /// More than any session's environment.
 constexpr qsizetype environmentLimit = qsizetype{256} * 1024;
@@ -171,7 +171,7 @@ private:
 
     void addProcess(quint32 pid)
     {
-        addCredentials(pid);
+        addFromEnvironment(pid);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -219,7 +219,7 @@ private:
             addPath(line.sliced(path).toByteArray().replace("\\012", "\n"));
     }
 
-    void addCredentials(quint32 pid)
+    void addFromEnvironment(quint32 pid)
     {
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
@@ -227,7 +227,7 @@ private:
         QByteArrayView rest(*environment);
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
-            for (const QByteArrayView name : credentialVariables) {
+            for (const QByteArrayView name : pathVariables) {
                 const qsizetype path = variable.startsWith(name) ? variable.indexOf('/') : -1;
                 if (path >= 0) // what may stand before it is the kind of cache, as in "FILE:/tmp/x"
                     addPath(variable.sliced(path).toByteArray());

@@ -13,9 +13,9 @@
 namespace korvane::linux_platform {
 
 /// Which files are in use, from one look through /proc: open, mapped, a working directory, a root or
-/// an executable of a process; locked; a loop device's or a layered mount's; swap; and the files in
-/// which a session's programs find their credentials. A program that may not be looked into (another
-/// user's, for one without rights) is known by its locks and sockets alone.
+/// an executable of a process; locked; a loop device's or a layered mount's; swap; and where a
+/// session's programs find their credentials or put their temporary files. A program that may not be
+/// looked into (another user's, for one without rights) is known by its locks and sockets alone.
 class FilesInUse
 {
 public:

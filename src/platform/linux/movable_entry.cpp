@@ -74,7 +74,6 @@ void addTo(EntryCheck& sum, const struct statx& found)
         static_cast<qint64>(std::min<quint64>(found.stx_blocks, quint64{1} << 53U) * 512);
     if (qAddOverflow(sum.bytes, bytes, &sum.bytes))
         sum.bytes = std::numeric_limits<qint64>::max();
-    sum.files += S_ISDIR(found.stx_mode) ? 0 : 1;
 }
 
 } // namespace

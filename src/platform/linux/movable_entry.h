@@ -29,12 +29,11 @@ enum class KeptBecause {
 /// The reason in a word or two, as the user reads it; empty for Nothing.
 QString keptBecauseText(KeptBecause reason);
 
-/// What is known of an entry with everything in it; the figures are whole only where it may be moved.
+/// What is known of an entry with everything in it; the size is whole only where it may be moved.
 struct EntryCheck
 {
     KeptBecause keptBecause = KeptBecause::Nothing;
     qint64 bytes = 0; ///< Allocated ones; a file of two names counts twice.
-    qint64 files = 0; ///< All but directories.
 };
 
 /// Looks through entries for what must not be moved.

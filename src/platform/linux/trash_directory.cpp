@@ -26,12 +26,21 @@ namespace {
 
 constexpr auto newInfo = "new";
 
-/// Makes the directory at `path` with all above it.
+/// Makes the directory at `path` with all above it. Root makes nothing in another user's directory,
+/// whose home it may have been given: that user could not use what is there then.
 void makePath(const QByteArray& path)
 {
-    for (qsizetype end = path.indexOf('/', 1); end > 0; end = path.indexOf('/', end + 1))
-        (void)::mkdir(path.first(end).constData(), S_IRWXU);
-    (void)::mkdir(path.constData(), S_IRWXU);
+    struct stat info = {};
+    qsizetype end = 0;
+    while (end >= 0) {
+        end = path.indexOf('/', end + 1);
+        const QByteArray part = end < 0 ? path : path.first(end);
+        const bool isOthers = ::geteuid() == 0 && info.st_uid != 0; // the one above
+        if (::stat(part.constData(), &info) != 0 &&
+            (isOthers || ::mkdir(part.constData(), S_IRWXU) != 0 ||
+             ::stat(part.constData(), &info) != 0))
+            return;
+    }
 }
 
 /// Renames, but never over something.
@@ -58,6 +67,12 @@ int renameUnwritable(int fromDirectory, const char* from, int toDirectory, const
     const int error = renameToFree(fromDirectory, from, toDirectory, to);
     (void)::fchmod(entry.get(), info.st_mode & ALLPERMS);
     return error;
+}
+
+int moveEntry(int fromDirectory, const char* from, int toDirectory, const char* to)
+{
+    const int error = renameToFree(fromDirectory, from, toDirectory, to);
+    return error == EACCES ? renameUnwritable(fromDirectory, from, toDirectory, to) : error;
 }
 
 /// `name` with `suffix`, shortened to `limit` bytes without cutting a character.
@@ -198,18 +213,15 @@ void TrashDirectory::release(const QByteArray& name)
 
 int TrashDirectory::accept(int parent, const char* from, const QByteArray& name)
 {
-    int error = renameToFree(parent, from, m_files.get(), name.constData());
-    if (error == EACCES)
-        error = renameUnwritable(parent, from, m_files.get(), name.constData());
+    const int error = moveEntry(parent, from, m_files.get(), name.constData());
     if (error == 0)
         (void)::unlinkat(m_staging.handle(), (name + infoEnding).constData(), 0);
     return error;
 }
 
-void TrashDirectory::takeOut(const QByteArray& name, const QByteArray& to)
+int TrashDirectory::takeOut(const QByteArray& name, const QByteArray& to)
 {
-    if (renameToFree(m_files.get(), name.constData(), m_staging.handle(), to.constData()) == 0)
-        release(name);
+    return moveEntry(m_files.get(), name.constData(), m_staging.handle(), to.constData());
 }
 
 int TrashDirectory::sync() const

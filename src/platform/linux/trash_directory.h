@@ -42,8 +42,9 @@ public:
     /// a copy can go there.
     int accept(int parent, const char* from, const QByteArray& name);
 
-    /// Moves what was accepted to the staging place again, as `to`, and gives its name back.
-    void takeOut(const QByteArray& name, const QByteArray& to);
+    /// Moves what was accepted to the staging place again, as `to`; its name is then to be released. 0,
+    /// or an errno.
+    int takeOut(const QByteArray& name, const QByteArray& to);
 
     int files() const { return m_files.get(); }
 

@@ -251,8 +251,7 @@ void TrashMover::finish(TrashCandidate& candidate)
                        candidate.reserved.constData());
     if (removed.isGone) {
         candidate.outcome = Outcome::Moved;
-    } else if (removed.isUntouched) {
-        m_home->takeOut(candidate.reserved, candidate.copy);
+    } else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0) {
         drop(candidate, removed.error != 0 ? removed.error : EBUSY);
     }
 }

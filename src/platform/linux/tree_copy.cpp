@@ -22,8 +22,14 @@ namespace {
 class TreeCopier final : public TreeVisitor
 {
 public:
-    /// `links` is a directory for a second name of each file that has several.
-    TreeCopier(UniqueFd to, int links) : m_to(std::move(to)), m_links(links) {}
+    /// A file of several names gets one more in the directory `linksName` of `place`, which is made
+    /// for the first.
+    TreeCopier(UniqueFd to, int place, QByteArray linksName)
+        : m_to(std::move(to)), m_place(place), m_linksName(std::move(linksName))
+    {
+    }
+
+    bool hasLinks() const { return m_links.isValid(); }
 
     int error() const { return m_error; }
 
@@ -82,6 +88,8 @@ public:
     }
 
 private:
+    bool makeLinks();
+
     Step stop(int error)
     {
         m_error = error;
@@ -89,7 +97,9 @@ private:
     }
 
     UniqueFd m_to;
-    int m_links;
+    int m_place;
+    QByteArray m_linksName;
+    UniqueFd m_links;
     int m_error = 0;
     std::vector<struct stat> m_ways; ///< The originals on the way down, as they were before.
     std::vector<char> m_buffer;
@@ -105,9 +115,13 @@ int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyNa
     if (!S_ISREG(info.st_mode) && !S_ISLNK(info.st_mode))
         return EBUSY;
 
-    const QByteArray identity = QByteArray::number(static_cast<quint64>(info.st_ino));
     const bool hasNames = info.st_nlink > 1;
-    if (hasNames && ::linkat(m_links, identity.constData(), to, copyName, 0) == 0)
+    if (hasNames && !makeLinks())
+        return errno;
+    // Subvolumes and the layers of an overlay number their files each by themselves.
+    const QByteArray identity = QByteArray::number(static_cast<quint64>(info.st_dev)) + '-' +
+                                QByteArray::number(static_cast<quint64>(info.st_ino));
+    if (hasNames && ::linkat(m_links.get(), identity.constData(), to, copyName, 0) == 0)
         return 0;
     if (hasNames && errno != ENOENT)
         return errno;
@@ -115,7 +129,14 @@ int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyNa
                                             : copyFile(from, name, to, copyName, m_buffer);
     if (error != 0 || !hasNames)
         return error;
-    return ::linkat(to, copyName, m_links, identity.constData(), 0) == 0 ? 0 : errno;
+    return ::linkat(to, copyName, m_links.get(), identity.constData(), 0) == 0 ? 0 : errno;
+}
+
+bool TreeCopier::makeLinks()
+{
+    if (!m_links.isValid() && ::mkdirat(m_place, m_linksName.constData(), S_IRWXU) == 0)
+        m_links = UniqueFd(::openat(m_place, m_linksName.constData(), directoryFlags));
+    return m_links.isValid();
 }
 
 } // namespace
@@ -123,14 +144,11 @@ int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyNa
 int copyTree(int parent, const char* name, int to, const char* copyName)
 {
     const QByteArray linksName = QByteArray(copyName) + "-links";
-    if (::mkdirat(to, linksName.constData(), S_IRWXU) != 0)
-        return errno;
-    const UniqueFd links(::openat(to, linksName.constData(), directoryFlags));
     UniqueFd start(::openat(to, ".", directoryFlags));
-    if (!links.isValid() || !start.isValid())
+    if (!start.isValid())
         return errno;
 
-    TreeCopier copier(std::move(start), links.get());
+    TreeCopier copier(std::move(start), to, linksName);
     int error = copier.copyEntry(parent, name, to, copyName);
     const UniqueFd original(::openat(parent, name, directoryFlags));
     if (error == 0 && original.isValid()) {
@@ -143,7 +161,7 @@ int copyTree(int parent, const char* name, int to, const char* copyName)
     } else if (error == 0 && errno != ENOTDIR && errno != ELOOP) {
         error = errno;
     }
-    const int removal = removeTree(to, linksName.constData());
+    const int removal = copier.hasLinks() ? removeTree(to, linksName.constData()) : 0;
     return error != 0 ? error : removal;
 }
 

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstring>
 
 #include <fcntl.h>
@@ -63,6 +64,27 @@ bool isCopied(int directory, const char* name, int copyDirectory, const char* co
            (info.st_size == copy.st_size && isSameTime(info.st_mtim, copy.st_mtim));
 }
 
+/// Keeps others from opening a file, unless somebody has it open already: what they wrote would go
+/// with the original. Of a file system without leases nothing is known.
+class FileHold
+{
+public:
+    FileHold(int directory, const char* name) : m_file(::openat(directory, name, flags))
+    {
+        // One who waits to open it is told of by a signal: let it be one that does nothing.
+        m_isInUse = m_file.isValid() && ::fcntl(m_file.get(), F_SETSIG, SIGURG) == 0 &&
+                    ::fcntl(m_file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
+    }
+
+    bool isInUse() const { return m_isInUse; }
+
+private:
+    static constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+    UniqueFd m_file;
+    bool m_isInUse;
+};
+
 /// Goes through an original beside its copy.
 class OriginalRemover final : public TreeVisitor
 {
@@ -71,11 +93,10 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        if (!isCopied(walk.directory(), entry.name, m_copy.get(), entry.name))
-            return Step::GoOn;
-        if (entry.type == DT_DIR)
+        if (entry.type != DT_DIR)
+            removeFile(walk.directory(), entry.name, m_copy.get(), entry.name);
+        else if (isCopied(walk.directory(), entry.name, m_copy.get(), entry.name))
             return Step::Descend;
-        remove(walk.directory(), entry.name, 0);
         return Step::GoOn;
     }
 
@@ -106,6 +127,19 @@ public:
         struct stat info = {};
         if (::fstat(directory, &info) == 0 && (info.st_mode & S_IWUSR) == 0)
             (void)::fchmod(directory, (info.st_mode & ALLPERMS) | S_IWUSR);
+    }
+
+    /// Removes what is no directory, if it is what was copied.
+    void removeFile(int directory, const char* name, int copyDirectory, const char* copyName)
+    {
+        if (!isCopied(directory, name, copyDirectory, copyName))
+            return;
+        const FileHold hold(directory, name);
+        // Again, as only from now on nobody writes to it.
+        if (!hold.isInUse() && isCopied(directory, name, copyDirectory, copyName))
+            remove(directory, name, 0);
+        else if (hold.isInUse() && m_result.error == 0)
+            m_result.error = EBUSY;
     }
 
     bool remove(int directory, const char* name, int flags)
@@ -143,24 +177,19 @@ int removeTree(int parent, const char* name)
 RemovedOriginal removeOriginal(int parent, const char* name, int copyParent, const char* copyName)
 {
     OriginalRemover remover(UniqueFd(::openat(copyParent, copyName, directoryFlags)));
-    RemovedOriginal& result = remover.result();
-    struct stat info = {};
-    if (!isCopied(parent, name, copyParent, copyName)) {
-        result.isGone = ::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0;
-        return result;
-    }
     const UniqueFd original(::openat(parent, name, directoryFlags));
+    struct stat info = {};
     if (!original.isValid()) {
-        result.isGone = remover.remove(parent, name, 0);
-        return result;
+        remover.removeFile(parent, name, copyParent, copyName);
+    } else if (isCopied(parent, name, copyParent, copyName) &&
+               ::fstat(original.get(), &info) == 0) {
+        OriginalRemover::makeWritable(original.get());
+        (void)TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, remover);
+        if (!remover.remove(parent, name, AT_REMOVEDIR))
+            (void)::fchmod(original.get(), info.st_mode & ALLPERMS);
     }
-    (void)::fstat(original.get(), &info);
-    OriginalRemover::makeWritable(original.get());
-    (void)TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, remover);
-    result.isGone = remover.remove(parent, name, AT_REMOVEDIR);
-    if (!result.isGone)
-        (void)::fchmod(original.get(), info.st_mode & ALLPERMS);
-    return result;
+    remover.result().isGone = !hasEntry(parent, name);
+    return remover.result();
 }
 
 } // namespace korvane::linux_platform

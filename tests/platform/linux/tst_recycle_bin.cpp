@@ -323,8 +323,12 @@ private Q_SLOTS:
         write(u"/tmp/large"_s, QByteArray(8'000'000, 'l'));
         const QByteArrayList before = describe(u"/tmp/large"_s);
         QCOMPARE(::mount("tmpfs", QFile::encodeName(small).constData(), "tmpfs", 0, "size=70m"), 0);
+        const QString others = around + "/others"_L1;
+        const bool hasOthers =
+            QDir().mkpath(others) && ::chown(QFile::encodeName(others).constData(), 65534, 0) == 0;
         for (const auto& [data, why] :
-             {std::pair(small, u"空间不足 1"_s), std::pair(u"/dev/null"_s, u"回收站不可用 1"_s)}) {
+             {std::pair(small, u"空间不足 1"_s), std::pair(u"/dev/null"_s, u"回收站不可用 1"_s),
+              std::pair(hasOthers ? others + "/data"_L1 : u"/dev/null"_s, u"回收站不可用 1"_s)}) {
             qputenv("XDG_DATA_HOME", QFile::encodeName(data));
             const OpResult result = moveToRecycleBin({u"/tmp/large"_s});
             QVERIFY(!result.ok);
@@ -374,7 +378,7 @@ private Q_SLOTS:
         using namespace linux_platform;
         const QString source = u"/tmp/source"_s;
         QVERIFY(QDir().mkpath(source + "/below"_L1) && QDir().mkpath(u"/tmp/copies"_s));
-        for (const char* name : {"/same", "/grown", "/touched", "/below/same"})
+        for (const char* name : {"/same", "/grown", "/touched", "/open", "/below/same"})
             write(source + QLatin1StringView(name), "x");
         QVERIFY(link(u"one"_s, source + "/link"_L1, true));
         const UniqueFd copies(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
@@ -382,20 +386,48 @@ private Q_SLOTS:
         write(source + "/grown"_L1, "x");
         write(source + "/below/new"_L1, "x");
         setTimes(source + "/touched"_L1, 1, 2);
+        const UniqueFd open(::open("/tmp/source/open", O_RDONLY | O_CLOEXEC));
         QVERIFY(QFile::remove(source + "/link"_L1) && link(u"two"_s, source + "/link"_L1, true));
 
         const RemovedOriginal removed =
             removeOriginal(AT_FDCWD, "/tmp/source", copies.get(), "copy");
         QVERIFY(!removed.isGone && !removed.isUntouched);
-        QCOMPARE(removed.error, 0);
+        QCOMPARE(removed.error, EBUSY);
         QStringList left;
         QDirIterator all(source, QDir::Files | QDir::System, QDirIterator::Subdirectories);
         while (all.hasNext())
             left << all.next().sliced(source.size());
         left.sort();
-        QCOMPARE(left, QStringList({u"/below/new"_s, u"/grown"_s, u"/link"_s, u"/touched"_s}));
+        QCOMPARE(left, QStringList(
+                           {u"/below/new"_s, u"/grown"_s, u"/link"_s, u"/open"_s, u"/touched"_s}));
         clear(source);
         QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0);
+    }
+
+    void filesOfTheSameNumberAreNotOne()
+    {
+        // The layers number their files each by themselves, as subvolumes do.
+        const QString root = u"/tmp/layers"_s;
+        for (const QString& layer : {u"/a"_s, u"/b"_s}) {
+            const QString place = root + layer;
+            QVERIFY(QDir().mkpath(place) && QDir().mkpath(root + "/all"_L1));
+            QCOMPARE(::mount("tmpfs", QFile::encodeName(place).constData(), "tmpfs", 0, nullptr),
+                     0);
+            QVERIFY(QDir().mkdir(place + layer));
+            write(place + layer + "/one"_L1, layer.toUtf8());
+            QVERIFY(link(place + layer + "/one"_L1, place + layer + "/two"_L1, false));
+            setTimes(place + layer + "/one"_L1, 1, 2);
+        }
+        const char* layers = "xino=off,lowerdir=/tmp/layers/a:/tmp/layers/b";
+        if (::mount("overlay", "/tmp/layers/all", "overlay", 0, layers) != 0)
+            QSKIP("no overlay here");
+        const linux_platform::UniqueFd copies(::open("/tmp/layers", O_RDONLY | O_CLOEXEC));
+        QCOMPARE(linux_platform::copyTree(copies.get(), "all", copies.get(), "copy"), 0);
+        QCOMPARE(describe(root + "/copy"_L1, Compared::AfterACopy),
+                 describe(root + "/all"_L1, Compared::AfterACopy));
+        for (const char* mounted : {"/tmp/layers/all", "/tmp/layers/a", "/tmp/layers/b"})
+            QCOMPARE(::umount(mounted), 0);
+        clear(root);
     }
 
     void aKilledMoveLosesNothing_data()
