@@ -7,7 +7,6 @@
 #include <QFile>
 
 #include <cerrno>
-#include <optional>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -44,19 +43,18 @@ private:
     const TreeEntry& m_entry;
 };
 
-/// What the entry is, and where it is a link what it leads to; none when it has vanished. All zeros
-/// where that may not be known.
-std::optional<struct stat> statusOf(TreeWalk& walk, const TreeEntry& entry)
+/// Tells in `info` what the entry is, and where it is a link what it leads to: nothing but the type
+/// where that may not be known. False when it has vanished.
+bool readStatus(TreeWalk& walk, const TreeEntry& entry, struct stat& info)
 {
-    struct stat info = {};
     const bool isLink = entry.type == DT_LNK;
     if (::fstatat(walk.directory(), entry.name, &info, isLink ? 0 : AT_SYMLINK_NOFOLLOW) == 0)
-        return info;
+        return true;
     if (errno == ENOENT && !isLink)
-        return std::nullopt;
+        return false;
     info = {};
     info.st_mode = DTTOIF(entry.type);
-    return info;
+    return true;
 }
 
 /// Shows the files of a tree.
@@ -69,10 +67,9 @@ public:
     {
         if (entry.type == DT_DIR)
             return Step::Descend;
-        const std::optional<struct stat> info = statusOf(walk, entry);
-        if (!info || S_ISDIR(info->st_mode))
+        if (!readStatus(walk, entry, m_status) || S_ISDIR(m_status.st_mode))
             return Step::GoOn;
-        m_isStopped = !m_visit(FoundEntry(walk, entry, *info));
+        m_isStopped = !m_visit(FoundEntry(walk, entry, m_status));
         return m_isStopped ? Step::Stop : Step::GoOn;
     }
 
@@ -80,6 +77,7 @@ public:
 
 private:
     const platform::EntryVisitor& m_visit;
+    struct stat m_status = {}; ///< Of the entry at hand; here, so that it is cleared but once.
     bool m_isStopped = false;
 };
 
@@ -94,12 +92,12 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        const std::optional<struct stat> info = statusOf(walk, entry);
-        if (!info)
+        struct stat status = {};
+        if (!readStatus(walk, entry, status))
             return Step::GoOn;
-        if (!m_visitEntry(FoundEntry(walk, entry, *info)))
+        if (!m_visitEntry(FoundEntry(walk, entry, status)))
             return Step::Stop;
-        if (S_ISDIR(info->st_mode))
+        if (S_ISDIR(status.st_mode))
             m_below.run(walk.directory(), entry.name, true, walk.pathOf(entry.name), m_files);
         return m_files.isStopped() ? Step::Stop : Step::GoOn;
     }
