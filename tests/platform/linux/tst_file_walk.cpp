@@ -138,8 +138,8 @@ private:
         }
     }
 
-    const QList<QByteArray> names{"a",         ".hidden", "b c",         "中文",      "x%20y",
-                                  "new\nline", "-",       "back\\slash", "\ufeffmark"};
+    const QList<QByteArray> names{"a",     ".hidden",   "b c", "中文",
+                                  "x%20y", "new\nline", "-",   "back\\slash"};
     QRandomGenerator m_random;
 };
 
@@ -218,14 +218,18 @@ private Q_SLOTS:
     {
         QVERIFY(::mkdir("d\xff", 0755) == 0 && ::close(::creat("d\xff/f\xfe", 0600)) == 0);
         QVERIFY(::close(::creat("\xef\xbf\xbd", 0600)) == 0); // U+FFFD, honestly
+        // A byte order mark, which newer releases of the framework leave out of names.
+        QVERIFY(::close(::creat("\xef\xbb\xbfmark", 0600)) == 0);
         QHash<QString, bool> exact;
         const auto note = [&](const WalkedEntry& entry) {
             exact.insert(entry.path(), entry.hasExactPath());
-            return true;
+            return entry.path().endsWith(u'/' + entry.name());
         };
         platform::walkEntries(u"."_s, note, note);
-        const QHash<QString, bool> expected{
-            {u"./d\ufffd"_s, false}, {u"./d\ufffd/f\ufffd"_s, false}, {u"./\ufffd"_s, true}};
+        const QHash<QString, bool> expected{{u"./d\ufffd"_s, false},
+                                            {u"./d\ufffd/f\ufffd"_s, false},
+                                            {u"./\ufffd"_s, true},
+                                            {u"./\ufeffmark"_s, true}};
         QCOMPARE(exact, expected);
     }
 
