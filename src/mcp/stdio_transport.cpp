@@ -2,6 +2,7 @@
 #include "mcp/mcp_server.h"
 
 #include "mcp/json_rpc.h"
+#include "platform/shared_processor.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -108,23 +109,27 @@ public:
     QJsonObject ask(const QJsonObject& request)
     {
         // An atomic looks again a few times before it sleeps, which a blocking invocation does
-        // not: on an idle machine that spares most of the wake-ups, the larger part of the cost.
+        // not. Only one of the two threads ever works, so they lose nothing by sharing a processor.
         const quint32 answeredBefore = m_answered.load();
+        m_processor.gather();
         QMetaObject::invokeMethod(
             m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
         m_answered.wait(answeredBefore);
+        m_processor.release();
         return std::exchange(m_response, {});
     }
 
 private:
     void answer(const QJsonObject& request)
     {
+        m_processor.release();
         m_response = m_server->handleRequest(request, ProgressCallback());
         m_answered.fetch_add(1);
         m_answered.notify_one();
     }
 
     McpServer* m_server;
+    platform::SharedProcessor m_processor;
     QJsonObject m_response;
     std::atomic<quint32> m_answered = 0;
 };
