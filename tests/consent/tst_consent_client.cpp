@@ -72,7 +72,12 @@ private Q_SLOTS:
         row("deep", QByteArray(100000, '[') + '\n', u"0 "_s);
         row("closed without an answer", "", timedOut, true);
         row("closed before the end of the line", "{`granted`:true}", timedOut, true);
-        row("flood", QByteArray(4 << 20, ' ') + "{`granted`:true}\n", timedOut);
+        const QByteArray longest = QByteArray((1 << 20) - 17, ' ') + "{`granted`:true}";
+        row("flood", QByteArray(3 << 20, ' ') + longest + '\n', timedOut);
+        row("as long as can be", longest + '\n', u"1 "_s);
+        row("as long as can be, in pieces", longest + "|\n{|}", u"1 "_s);
+        row("a byte too long", ' ' + longest + '\n', timedOut);
+        row("a byte too long, in pieces", ' ' + longest + "|\n", timedOut);
     }
     // clang-format on
     void answers()
