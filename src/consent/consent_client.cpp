@@ -94,19 +94,6 @@ std::optional<QByteArray> readAnswer(QLocalSocket& socket, std::chrono::millisec
     return received.first(end);
 }
 
-bool isHarmful(QChar character)
-{
-    const char16_t code = character.unicode();
-    const auto isWithin = [code](char16_t first, char16_t last) {
-        return code >= first && code <= last;
-    };
-    return isWithin(0x0000, 0x001f) || isWithin(0x007f, 0x009f) || // C0, delete, C1
-           code == 0x061c || isWithin(0x200b, 0x200f) ||           // marks, zero width
-           isWithin(0x2028, 0x202e) || // separators of lines and paragraphs, embeddings
-           isWithin(0x2060, 0x206f) || // joiners, isolates, shaping
-           code == 0x180e || code == 0xfeff;
-}
-
 } // namespace
 
 Result exchange(const Request& request, const ExchangeLimits& limits)
@@ -132,15 +119,6 @@ Result exchange(const Request& request, const ExchangeLimits& limits)
 Result requestConsent(const Request& request)
 {
     return exchange(request, ExchangeLimits());
-}
-
-QString shownText(QString value)
-{
-    for (QChar& character : value) {
-        if (isHarmful(character))
-            character = QChar::ReplacementCharacter;
-    }
-    return value;
 }
 
 } // namespace korvane::consent
