@@ -10,11 +10,13 @@
 #include <QJsonObject>
 #include <QLocalSocket>
 
+#include <optional>
+
 namespace korvane::consent {
 
 namespace {
 
-/// More than any answer has; one that goes on is no answer.
+/// More than any answer has, its line feed included; one that goes on is no answer.
 constexpr qsizetype maxReplyBytes = qsizetype{1024} * 1024;
 
 QByteArray encodeRequest(const Request& request)
@@ -74,17 +76,22 @@ bool isSent(QLocalSocket& socket, std::chrono::milliseconds limit)
     return true;
 }
 
-bool isHarmful(QChar character)
+/// The line of the answer, without its end; none where it stays away or is too long, in however
+/// many pieces it comes. Each piece has the whole of the limit.
+std::optional<QByteArray> readAnswer(QLocalSocket& socket, std::chrono::milliseconds limit)
 {
-    const char16_t code = character.unicode();
-    const auto isWithin = [code](char16_t first, char16_t last) {
-        return code >= first && code <= last;
-    };
-    return isWithin(0x0000, 0x001f) || isWithin(0x007f, 0x009f) || // C0, delete, C1
-           code == 0x061c || isWithin(0x200b, 0x200f) ||           // marks, zero width
-           isWithin(0x2028, 0x202e) || // separators of lines and paragraphs, embeddings
-           isWithin(0x2060, 0x206f) || // joiners, isolates, shaping
-           code == 0x180e || code == 0xfeff;
+    QByteArray received = socket.readAll(); // Sending may have received some.
+    qsizetype end = received.indexOf('\n');
+    while (end < 0 && received.size() < maxReplyBytes) {
+        const qsizetype searched = received.size();
+        if (!socket.waitForReadyRead(milliseconds(limit)))
+            return std::nullopt;
+        received += socket.readAll();
+        end = received.indexOf('\n', searched);
+    }
+    if (end < 0 || end >= maxReplyBytes)
+        return std::nullopt;
+    return received.first(end);
 }
 
 } // namespace
@@ -92,6 +99,7 @@ bool isHarmful(QChar character)
 Result exchange(const Request& request, const ExchangeLimits& limits)
 {
     QLocalSocket socket;
+    socket.setReadBufferSize(maxReplyBytes);
     socket.connectToServer(limits.serverName, QIODevice::ReadWrite);
     if (!socket.waitForConnected(milliseconds(limits.connecting)) || !isTrusted(socket))
         return notRunning();
@@ -101,29 +109,16 @@ Result exchange(const Request& request, const ExchangeLimits& limits)
     if (!isSent(socket, limits.sending))
         return refusal(QStringLiteral("授权请求发送失败。"));
 
-    QByteArray received = socket.readAll(); // Sending may have received some.
-    while (!received.contains('\n')) {
-        if (received.size() > maxReplyBytes ||
-            !socket.waitForReadyRead(milliseconds(limits.answering)))
-            return refusal(QStringLiteral("用户授权超时 — 已默认拒绝。"));
-        received += socket.readAll();
-    }
+    const auto answer = readAnswer(socket, limits.answering);
+    if (!answer)
+        return refusal(QStringLiteral("用户授权超时 — 已默认拒绝。"));
     socket.disconnectFromServer();
-    return decodeResult(received.first(received.indexOf('\n')));
+    return decodeResult(*answer);
 }
 
 Result requestConsent(const Request& request)
 {
     return exchange(request, ExchangeLimits());
-}
-
-QString shownText(QString value)
-{
-    for (QChar& character : value) {
-        if (isHarmful(character))
-            character = QChar::ReplacementCharacter;
-    }
-    return value;
 }
 
 } // namespace korvane::consent

@@ -28,10 +28,4 @@ struct Result
 /// 130 s for each piece of the answer. Main thread only.
 Result requestConsent(const Request& request);
 
-/// A value from outside (the name of a process, a file, a service, a command), made fit for a line
-/// of the dialog: what could break or reorder the line, or hide in it (control characters, line and
-/// paragraph separators, bidirectional and zero-width controls), becomes U+FFFD. All other text
-/// stays as it is.
-QString shownText(QString value);
-
 } // namespace korvane::consent

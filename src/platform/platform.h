@@ -34,7 +34,9 @@ void sampleMemoryOnly(SystemMetrics& out);
 
 /// Whether the program at the other end of the connected local socket may answer for this program's
 /// user. Linux: the socket's peer credentials name the same user or root; for a server that sudo
-/// runs as root, the user in SUDO_UID too. Where the platform has no such check: true.
+/// runs as root, the user in SUDO_UID too. Never the overflow user of a user namespace that leaves
+/// users out (/proc/self/uid_map), as whom all of those read. Where the platform has no such check:
+/// true.
 bool mayAnswerForUser(qintptr socketDescriptor);
 
 /// The full command line of process `pid`; empty when it cannot be read.

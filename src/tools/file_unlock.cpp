@@ -29,7 +29,7 @@ consent::Request unlockRequest(const QString& path, const QList<ProcessInfo>& lo
     return {.action = QStringLiteral("unlock_file"),
             .title = QStringLiteral("解锁文件"),
             .summary = QStringLiteral("AI 请求解锁文件「%1」")
-                           .arg(consent::shownText(QFileInfo(QDir::cleanPath(path)).fileName())),
+                           .arg(consent::quotedText(QFileInfo(QDir::cleanPath(path)).fileName())),
             .detail = QStringLiteral("路径: %1\n将关闭以下 %2 个占用进程的句柄:\n  - %3")
                           .arg(consent::shownText(path), QString::number(lockers.size()),
                                labels.join(QStringLiteral("\n  - "))),

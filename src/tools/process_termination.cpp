@@ -50,7 +50,7 @@ consent::Request terminationRequest(const ProcessSnapshot& process, const QStrin
     return {.action = QStringLiteral("kill_process"),
             .title = QStringLiteral("结束进程"),
             .summary = QStringLiteral("AI 请求强制结束进程「%1」(PID %2)")
-                           .arg(consent::shownText(process.name), QString::number(process.pid)),
+                           .arg(consent::quotedText(process.name), QString::number(process.pid)),
             .detail = detail,
             .reason = reason};
 }

@@ -79,7 +79,7 @@ QJsonObject toolStartService(const QJsonObject& args, const ProgressCallback& /*
         {.action = QStringLiteral("start_service"),
          .title = QStringLiteral("启动服务"),
          .summary = QStringLiteral("AI 请求启动服务「%1」(%2)")
-                        .arg(consent::shownText(service.displayName), consent::shownText(name)),
+                        .arg(consent::quotedText(service.displayName), consent::quotedText(name)),
          .detail =
              QStringLiteral("二进制路径: %1\n当前状态: %2\n启动类型: %3")
                  .arg(consent::shownText(service.binaryPath), serviceStateLabel(service.state),
@@ -99,7 +99,7 @@ QJsonObject toolStopService(const QJsonObject& args, const ProgressCallback& /*p
         {.action = QStringLiteral("stop_service"),
          .title = QStringLiteral("停止服务"),
          .summary = QStringLiteral("AI 请求停止服务「%1」(%2)")
-                        .arg(consent::shownText(service.displayName), consent::shownText(name)),
+                        .arg(consent::quotedText(service.displayName), consent::quotedText(name)),
          .detail =
              QStringLiteral("二进制路径: %1\n当前状态: %2\n依赖此服务的功能可能失效。")
                  .arg(consent::shownText(service.binaryPath), serviceStateLabel(service.state)),
@@ -127,7 +127,7 @@ QJsonObject toolSetServiceStartType(const QJsonObject& args, const ProgressCallb
              .title = QStringLiteral("设服务启动类型"),
              .summary =
                  QStringLiteral("AI 请求把服务「%1」启动类型从「%2」改为「%3」")
-                     .arg(consent::shownText(service.displayName),
+                     .arg(consent::quotedText(service.displayName),
                           serviceStartTypeLabel(service.startType), serviceStartTypeLabel(*type)),
              .detail = QStringLiteral("服务名: %1\n二进制路径: %2\n(下次启动生效)")
                            .arg(consent::shownText(name), consent::shownText(service.binaryPath)),

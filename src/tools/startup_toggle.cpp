@@ -43,7 +43,7 @@ consent::Request toggleRequest(const StartupItem& item, bool enable, const QStri
                                    : QStringLiteral("AI 请求禁用启动项「%1」(%2)");
     return {.action = QStringLiteral("set_startup_item_enabled"),
             .title = enable ? QStringLiteral("启用启动项") : QStringLiteral("禁用启动项"),
-            .summary = summary.arg(consent::shownText(item.name), startupSourceLabel(item)),
+            .summary = summary.arg(consent::quotedText(item.name), startupSourceLabel(item)),
             .detail = QStringLiteral("命令: %1\n注册表: %2")
                           .arg(consent::shownText(item.command), startupSourcePath(item)),
             .reason = reason};

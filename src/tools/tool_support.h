@@ -2,6 +2,7 @@
 #pragma once
 
 #include "consent/consent_client.h"
+#include "consent/shown_text.h"
 #include "core/singleton.h"
 
 #include <QJsonObject>

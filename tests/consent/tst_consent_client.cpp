@@ -1,5 +1,6 @@
 // Tests of the consent client against a desktop program played by a local server.
 #include "consent/consent_exchange.h"
+#include "consent/shown_text.h"
 #include "fake/fake_platform.h"
 #include "support/fake_desktop.h"
 
@@ -72,7 +73,12 @@ private Q_SLOTS:
         row("deep", QByteArray(100000, '[') + '\n', u"0 "_s);
         row("closed without an answer", "", timedOut, true);
         row("closed before the end of the line", "{`granted`:true}", timedOut, true);
-        row("flood", QByteArray(4 << 20, ' ') + "{`granted`:true}\n", timedOut);
+        const QByteArray longest = QByteArray((1 << 20) - 17, ' ') + "{`granted`:true}";
+        row("flood", QByteArray(3 << 20, ' ') + longest + '\n', timedOut);
+        row("as long as can be", longest + '\n', u"1 "_s);
+        row("as long as can be, in pieces", longest + "|\n{|}", u"1 "_s);
+        row("a byte too long", ' ' + longest + '\n', timedOut);
+        row("a byte too long, in pieces", ' ' + longest + "|\n", timedOut);
     }
     // clang-format on
     void answers()
@@ -159,18 +165,59 @@ private Q_SLOTS:
         QCOMPARE(ask(), u"1 "_s);
     }
 
-    // clang-format off
-    void shownText()
+    void shownTexts_data()
     {
-        // One by one, since none of them may spare its neighbour.
-        for (const QChar code : u"\x01\t\n\r\x1b\x1f\x7f\u0080\u0085\u009f\u061c\u180e\u200b\u200d\u200e\u200f\u2028\u2029\u202a\u202e\u2060\u2064\u2066\u2069\u206f\ufeff"_s) {
-            const QString value = u"a%1"_s + code + QChar(0) + code + u'b';
-            QCOMPARE(consent::shownText(value), u"a%1\ufffd\ufffd\ufffdb"_s);
-        }
-        const QString ordinary = u" ~\u00a0\u00ad中文「名」、—…é e\u0301 ❤\ufe0f 😀👍🏽 العربية עברית ไทย \u200a\u2010\u2027\u202f\u205f\u2070\ufefe\uffff"_s;
-        QCOMPARE(consent::shownText(ordinary), ordinary);
+        QTest::addColumn<QString>("value");
+        QTest::addColumn<QString>("detail");
+        QTest::addColumn<QString>("summary");
+        const auto row = [](const char* tag, const QString& value, const QString& detail,
+                            const QString& summary = {}) {
+            QTest::newRow(tag) << value << detail << (summary.isNull() ? detail : summary);
+        };
+        const auto eachOf = [&row](const char* tag, const QString& characters) {
+            QString value; // None may spare its neighbour, nor be spared as the half of a pair.
+            for (const uint code : characters.toUcs4()) {
+                const QString one = QStringView(QChar::fromUcs4(code)).toString();
+                value += u"%1a"_s + one + one;
+            }
+            row(tag, value, u"%1a\ufffd\ufffd"_s.repeated(characters.toUcs4().size()));
+        };
+        const QString ordinary =
+            u" ~%1 中文、“”—…é e\u0301 ❤😀👍🏽 العربية עברית ไทย "_s;
+        row("empty", {}, {});
+        row("ordinary", ordinary, ordinary);
+        row("quotes", u"「a」『」』"_s, u"「a」『」』"_s, u"\ufffda\ufffd『\ufffd』"_s);
+        row("blanks", u"a b  c   "_s, u"a b \ufffdc \ufffd\ufffd"_s);
+        row("blanks beside others", u" \t  \u3000 "_s, u" \ufffd \ufffd\ufffd "_s);
+        eachOf("controls", u"\x01\t\n\r\x1b\x1f\x7f\u0080\u0085\u009f"_s + QChar(0));
+        eachOf("white space", u"\u00a0\u1680\u2000\u200a\u2028\u2029\u202f\u205f\u3000"_s);
+        eachOf("formats", u"\u00ad\u0600\u061c\u06dd\u070f\u180e\u200b\u200d\u200e\u200f\u202a"
+                          "\u202e\u2060\u2064\u2066\u2069\u206f\ufeff\ufff9\ufffb\U000110bd"
+                          "\U00013430\U00013439\U0001343f\U0001bca0\U0001d173\U000e0001"_s);
+        eachOf("not seen", u"\u034f\u115f\u1160\u17b4\u17b5\u180b\u180d\u180f\u2065\u3164\ufe00"
+                           "\ufe0f\uffa0\ufff0\ufff8\U000e0000\U000e0041\U000e007f\U000e0100"
+                           "\U000e01ef\U000e0fff"_s);
+        eachOf("private", u"\ue000\uf8ff\U000f0000\U0010fffd"_s);
+        const QString unassigned = u"\u0378\ufdd0\uffff\U0001fbff\U000e1000\U0003ffff"_s;
+        row("unassigned", unassigned, unassigned);
+        const QString beside = u"\u2010\u2027\u2070\u3163\ufdff\ufe10\uffa1\ufffc"_s;
+        row("beside those", beside, beside);
+        const QChar high(0xd83d);
+        const QChar low(0xde80);
+        row("halves of pairs", QString(low) + high + high + low + high, u"\ufffd\ufffd🚀\ufffd"_s);
+        row("300 characters", u"🚀"_s.repeated(300), u"🚀"_s.repeated(300));
+        const QString longer = u"🚀"_s.repeated(150) + u"x"_s.repeated(9999) + u"「"_s.repeated(149);
+        row("more", longer, longer, u"🚀"_s.repeated(150) + u'…' + u"\ufffd"_s.repeated(149));
+        row("one more", u"a"_s.repeated(300) + u'b', u"a"_s.repeated(300) + u'b',
+            u"a"_s.repeated(150) + u'…' + u"a"_s.repeated(148) + u'b');
     }
-    // clang-format on
+
+    void shownTexts()
+    {
+        QFETCH(QString, value);
+        QTEST(consent::shownText(value), "detail");
+        QTEST(consent::quotedText(value), "summary");
+    }
 
     void realLimits()
     {

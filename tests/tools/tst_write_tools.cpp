@@ -1,6 +1,5 @@
 // Tests of the tools that change the machine as a client sees them, on a scripted platform and with
 // a desktop program played by a local server.
-#include "consent/consent_client.h"
 #include "fake/fake_platform.h"
 #include "support/fake_desktop.h"
 #include "support/file_tree.h"
@@ -25,15 +24,20 @@ class WriteToolsTest : public QObject
     qint64 m_self = QCoreApplication::applicationPid();
 
     /// A name that would forge lines of the dialog, turn them around, or be filled in once more.
-    const QString m_name = u"a\n「%1」\u202e\u2066\u200b\u0085 %2"_s;
-    const QString m_shownName = u"a\ufffd「%1」\ufffd\ufffd\ufffd\ufffd %2"_s;
+    const QString m_name = u"a\n「%1」\u202e\u200b\u0085\ufe0f\U000e0041  %2"_s;
+    const QString m_shownName = u"a\ufffd「%1」\ufffd\ufffd\ufffd\ufffd\ufffd \ufffd%2"_s;
+    const QString m_quotedName = u"a\ufffd\ufffd%1\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd \ufffd%2"_s;
+    const QString m_longName = u'」' + u"🚀"_s.repeated(400);
 
-    /// Backticks stand for double quotes, NAME for the name as JSON has it.
+    /// Backticks stand for double quotes, NAME for the name as JSON has it, SHOWN for what a detail
+    /// has in its place, and QUOTED for what a summary has.
     QString filledIn(const char* text) const
     {
         QString filled = QString::fromUtf8(text);
         filled.replace(u'`', u'"').replace(u"NAME"_s, QString(m_name).replace(u'\n', u"\\n"_s));
-        filled.replace(u"SHOWN"_s, m_shownName).replace(u"DIR"_s, QDir::currentPath());
+        filled.replace(u"SHOWN"_s, m_shownName).replace(u"QUOTED"_s, m_quotedName);
+        filled.replace(u"LONG"_s, m_longName).replace(u"DIR"_s, QDir::currentPath());
+        filled.replace(u"CUT"_s, u'\ufffd' + u"🚀"_s.repeated(149) + u'…' + u"🚀"_s.repeated(149));
         filled.replace(u"JUNK"_s, m_junk.path()).replace(u"SELF"_s, QString::number(m_self));
         return filled.replace(u"HIGH"_s, QString::number(m_self + (1LL << 32)));
     }
@@ -66,20 +70,22 @@ class WriteToolsTest : public QObject
         for (const auto key : {"action"_L1, "title"_L1, "summary"_L1, "detail"_L1})
             text += request[key].toString() + u'\n';
         // clang-format off
-        static const QHash<QString, QString> patterns{
-            {u"kill_process\n.*\n.*」\\(PID (\\d+)\\)\n"_s, u"killProcess ①"_s},
+        static const QHash<QString, QString> patterns{ // V is a value that a summary quotes.
+            {u"kill_process\n.*\n[^「]*「V」\\(PID (\\d+)\\)\n"_s, u"killProcess ①"_s},
             {u"(?<=\\n)(?!AI|  - ).* \\(PID (\\d+)\\)(?=\n)"_s, u"killProcess ①"_s},
-            {u"_enabled\n(.)用启动项\n.*启动项「(.*)」\\(.*\\)\n命令: .*\n注册表: HK(..)"_s, u"StartupService::setEnabled ③ ② ①"_s},
-            {u"unlock_file\n.*\n.*\n路径: (.*)\n"_s, u"closeHandles ①"_s},
-            {u"(start|stop)_service\n.*\n.*」\\((.*)\\)\n"_s, u"①Service ②"_s},
+            {u"_enabled\n(.)用启动项\n[^「]*「(V)」\\(.*\\)\n命令: .*\n注册表: HK(..)"_s, u"StartupService::setEnabled ③ ② ①"_s},
+            {u"unlock_file\n.*\n[^「]*「V」\n路径: (.*)\n"_s, u"closeHandles ①"_s},
+            {u"(start|stop)_service\n.*\n[^「]*「V」\\((V)\\)\n"_s, u"①Service ②"_s},
             {u"clean_junk\n(?:.*\n){3}(?:  - )?(崩溃转储文件|)(?: .*\n)?(?:  - )?(Chrome 缓存|)(?: .*\n)?(?:  - )?(pip 缓存|)"_s, u"moveToRecycleBin①②③"_s},
-            {u"_start_type\n.*\n.*改为「(.*)」\n服务名: (.*)\n"_s, u"setStartType ② ①"_s}};
+            {u"_start_type\n.*\n[^「]*「V」[^「]*「V」改为「(V)」\n服务名: (.*)\n"_s, u"setStartType ② ①"_s}};
         static const QHash<QString, QString> values{{u"禁"_s, u"0"_s}, {u"启"_s, u"1"_s}, {u"LM"_s, u"0"_s}, {u"CU"_s, u"1"_s}, {u"自动"_s, u"2"_s}, {u"自动(延迟)"_s, u"3"_s}, {u"手动"_s, u"4"_s}, {u"已禁用"_s, u"5"_s},
             {u"崩溃转储文件"_s, u" JUNK/CrashDumps/a"_s}, {u"Chrome 缓存"_s, u" JUNK/Google/Chrome/User Data/Default/Cache/f"_s}, {u"pip 缓存"_s, u" JUNK/pip/cache/%1"_s}};
         // clang-format on
         QStringList writes;
         for (auto pattern = patterns.begin(); pattern != patterns.end(); ++pattern) {
-            for (const auto& match : QRegularExpression(pattern.key()).globalMatch(text)) {
+            const QRegularExpression parser(
+                QString(pattern.key()).replace(u'V', u"[^「」\n]{0,300}"_s));
+            for (const auto& match : parser.globalMatch(text)) {
                 writes.append(pattern.value());
                 for (int i = 1; i <= match.lastCapturedIndex(); ++i)
                     writes.last().replace(u"①②③"_s.at(i - 1),
@@ -114,7 +120,7 @@ private Q_SLOTS:
         for (const quint32 pid : {0U, 4U, quint32(m_self), 7U, 8U, 7U, 9U})
             m_script.connections.records.append({0, 0, {}, 80, {}, 0, 1, pid, pid == 8 ? QString() : m_name});
         m_script.startupItems.records = {{StartupSource::hkcu, {}, m_name, m_name, {}, true}, {StartupSource::hklm, {}, u"X%1"_s, {}, {}, false}, {StartupSource::hklm, {}, m_name, m_name, {}, false}};
-        m_script.services.records = {{m_name, m_name, {}, m_name, State::Stopped, Type::Disabled}, {u"Two"_s, {}, {}, {}, State::Running, Type::Auto}, {u"three"_s, u"3"_s, {}, {}, State::StartPending, Type::AutoDelayed}, {u"four"_s, u"4"_s, {}, {}, State::StopPending, Type::AutoDelayed}};
+        m_script.services.records = {{m_name, m_name, {}, m_name, State::Stopped, Type::Disabled}, {u"Two"_s, {}, {}, {}, State::Running, Type::Auto}, {u"three"_s, u"3"_s, {}, {}, State::StartPending, Type::AutoDelayed}, {u"four"_s, m_longName, {}, m_longName, State::StopPending, Type::AutoDelayed}};
         m_script.lockers.processes = {{11, m_name, {}, u"/e %1"_s}, {12, {}, {}, {}}};
         m_script.lockersOf = {{QDir::currentPath(), {true, {}, {}}}, {QFileInfo(QDir::currentPath()).path(), {false, u"探 %1"_s, {}}}};
         m_script.writeResult = {true, u"成 %1"_s};
@@ -139,7 +145,7 @@ private Q_SLOTS:
         row("kill_process", "`pid`:4|`pid`:4294967296|`pid`:4294967300", "拒绝结束系统关键进程 (System Idle Process / System)");
         row("kill_process", "`pid`:SELF|`pid`:HIGH", "拒绝结束 Korvane 自身进程");
         row("kill_process", "`pid`:4294967295", "找不到 PID 4294967295 对应的进程 — 可能已退出");
-        row("kill_process", "`pid`:7|`pid`:`7`|`pid`:7.4|`pid`:4294967303", "{`killed`:true,`pid`:7,`process_name`:`NAME`,`message`:`成 %1`}", "结束进程|AI 请求强制结束进程「SHOWN」(PID 7)|可执行路径: /p�%1\n内存占用: 123.4 MB", "killProcess 7");
+        row("kill_process", "`pid`:7|`pid`:`7`|`pid`:7.4|`pid`:4294967303", "{`killed`:true,`pid`:7,`process_name`:`NAME`,`message`:`成 %1`}", "结束进程|AI 请求强制结束进程「QUOTED」(PID 7)|可执行路径: /p�%1\n内存占用: 123.4 MB", "killProcess 7");
         row("kill_process", "`pid`:8", "败 %1", "结束进程|AI 请求强制结束进程「」(PID 8)|可执行路径: (未知)", "killProcess 8");
         row("kill_by_port", "|`port`:0|`port`:65536|`port`:`x`|`port`:4294967376", "参数 port 缺失或非法 — 必须是 1-65535 的整数");
         row("kill_by_port", "`port`:90", "端口 90 未发现可结束的占用进程");
@@ -152,14 +158,14 @@ private Q_SLOTS:
         row("set_startup_item_enabled", "`name`:` X%1 `,`enabled`:true,`source`:`用户`", "找不到启动项 source=hkcu name=X%1");
         row("set_startup_item_enabled", "`name`:`x%1`,`enabled`:true,`source`:`系统`", "找不到启动项 source=hklm name=x%1");
         row("set_startup_item_enabled", "`name`:`NAME`,`enabled`:true,`source`:` HKCU `", "{`changed`:false,`source`:`hkcu`,`name`:`NAME`,`enabled`:true,`note`:`启动项已是目标状态,无需修改`}");
-        row("set_startup_item_enabled", "`name`:` NAME `,`enabled`:true,`source`:`HKLM_Run`", "{`changed`:true,`source`:`hklm`,`name`:`NAME`,`enabled`:true,`message`:`成 %1`}", "启用启动项|AI 请求启用启动项「SHOWN」(系统)|命令: SHOWN\n注册表: HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", "StartupService::setEnabled 0 NAME 1");
-        row("set_startup_item_enabled", "`name`:`NAME`,`enabled`:false,`source`:`hkcu_run`", "{`changed`:true,`source`:`hkcu`,`name`:`NAME`,`enabled`:false,`message`:`成 %1`}", "禁用启动项|AI 请求禁用启动项「SHOWN」(用户)|命令: SHOWN\n注册表: HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", "StartupService::setEnabled 1 NAME 0");
+        row("set_startup_item_enabled", "`name`:` NAME `,`enabled`:true,`source`:`HKLM_Run`", "{`changed`:true,`source`:`hklm`,`name`:`NAME`,`enabled`:true,`message`:`成 %1`}", "启用启动项|AI 请求启用启动项「QUOTED」(系统)|命令: SHOWN\n注册表: HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", "StartupService::setEnabled 0 NAME 1");
+        row("set_startup_item_enabled", "`name`:`NAME`,`enabled`:false,`source`:`hkcu_run`", "{`changed`:true,`source`:`hkcu`,`name`:`NAME`,`enabled`:false,`message`:`成 %1`}", "禁用启动项|AI 请求禁用启动项「QUOTED」(用户)|命令: SHOWN\n注册表: HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", "StartupService::setEnabled 1 NAME 0");
 
         row("unlock_file", "|`path`:` `", "参数 path 不能为空");
         row("unlock_file", "`path`:` /absent/%1 `", "路径不存在: /absent/%1");
         row("unlock_file", "`path`:`.`", "{`unlocked`:true,`path`:`DIR`,`note`:`该文件当前未被任何进程占用,无需解锁`}");
         row("unlock_file", "`path`:`..`", "探 %1");
-        row("unlock_file", "`path`:` NAME `", "{`unlocked`:true,`path`:`DIR/NAME`,`closed_processes`:[{`pid`:11,`app_name`:`NAME`,`exe_path`:`/e %1`},{`pid`:12,`app_name`:``,`exe_path`:``}],`message`:`成 %1`}", "解锁文件|AI 请求解锁文件「SHOWN」|路径: DIR/SHOWN\n将关闭以下 2 个占用进程的句柄:\n  - SHOWN (PID 11)\n  - PID 12", "closeHandles DIR/NAME");
+        row("unlock_file", "`path`:` NAME `", "{`unlocked`:true,`path`:`DIR/NAME`,`closed_processes`:[{`pid`:11,`app_name`:`NAME`,`exe_path`:`/e %1`},{`pid`:12,`app_name`:``,`exe_path`:``}],`message`:`成 %1`}", "解锁文件|AI 请求解锁文件「QUOTED」|路径: DIR/SHOWN\n将关闭以下 2 个占用进程的句柄:\n  - SHOWN (PID 11)\n  - PID 12", "closeHandles DIR/NAME");
         row("unlock_file", "`path`:`/usr/`", "{`unlocked`:true,`path`:`/usr/`,`closed_processes`:[{`pid`:11,`app_name`:`NAME`,`exe_path`:`/e %1`},{`pid`:12,`app_name`:``,`exe_path`:``}],`message`:`成 %1`}", "解锁文件|AI 请求解锁文件「usr」|路径: /usr/\n将关闭以下 2 个占用进程的句柄:\n  - SHOWN (PID 11)\n  - PID 12", "closeHandles /usr/");
 
         row("start_service|stop_service|set_service_start_type", "`name`:` `,`start_type`:`x`", "参数 name 不能为空");
@@ -168,14 +174,14 @@ private Q_SLOTS:
         row("start_service", "`name`:` tWO `", "{`changed`:false,`name`:`tWO`,`note`:`服务已在运行`}");
         row("stop_service", "`name`:`NAME`", "{`changed`:false,`name`:`NAME`,`note`:`服务已停止`}");
         row("set_service_start_type", "`name`:`NAME`,`start_type`:` Disabled `", "{`changed`:false,`name`:`NAME`,`start_type`:`Disabled`,`note`:`启动类型已是目标值`}");
-        row("start_service", "`name`:`NAME`", "{`changed`:true,`name`:`NAME`,`message`:`成 %1`}", "启动服务|AI 请求启动服务「SHOWN」(SHOWN)|二进制路径: SHOWN\n当前状态: 已停止\n启动类型: 已禁用", "startService NAME");
+        row("start_service", "`name`:`NAME`", "{`changed`:true,`name`:`NAME`,`message`:`成 %1`}", "启动服务|AI 请求启动服务「QUOTED」(QUOTED)|二进制路径: SHOWN\n当前状态: 已停止\n启动类型: 已禁用", "startService NAME");
         row("start_service", "`name`:`THREE`", "{`changed`:true,`name`:`THREE`,`message`:`成 %1`}", "启动服务|AI 请求启动服务「3」(THREE)|二进制路径: \n当前状态: 启动中…\n启动类型: 自动(延迟)", "startService THREE");
         row("stop_service", "`name`:` tWO`", "{`changed`:true,`name`:`tWO`,`message`:`成 %1`}", "停止服务|AI 请求停止服务「」(tWO)|二进制路径: \n当前状态: 运行中\n依赖此服务的功能可能失效。", "stopService tWO");
-        row("stop_service", "`name`:`four`", "{`changed`:true,`name`:`four`,`message`:`成 %1`}", "停止服务|AI 请求停止服务「4」(four)|二进制路径: \n当前状态: 停止中…\n依赖此服务的功能可能失效。", "stopService four");
+        row("stop_service", "`name`:`four`", "{`changed`:true,`name`:`four`,`message`:`成 %1`}", "停止服务|AI 请求停止服务「CUT」(four)|二进制路径: LONG\n当前状态: 停止中…\n依赖此服务的功能可能失效。", "stopService four");
         for (const QString& spelling : u"AUTO=自动=2|auto_Delayed=自动(延迟)=3|Auto-delayed=自动(延迟)=3|delayed=自动(延迟)=3|Manual=手动=4|demand=手动=4"_s.split(u'|')) {
             const QStringList words = spelling.split(u'=');
             row("set_service_start_type", qUtf8Printable(u"`name`:`NAME`,`start_type`:` %1 `"_s.arg(words[0])), qUtf8Printable(u"{`changed`:true,`name`:`NAME`,`start_type`:`%1`,`message`:`成 %2`}"_s.arg(words[0], u"%1"_s)),
-                qUtf8Printable(u"设服务启动类型|AI 请求把服务「SHOWN」启动类型从「已禁用」改为「%1」|服务名: SHOWN\n二进制路径: SHOWN\n(下次启动生效)"_s.arg(words[1])), qUtf8Printable(u"setStartType NAME %1"_s.arg(words[2])));
+                qUtf8Printable(u"设服务启动类型|AI 请求把服务「QUOTED」启动类型从「已禁用」改为「%1」|服务名: SHOWN\n二进制路径: SHOWN\n(下次启动生效)"_s.arg(words[1])), qUtf8Printable(u"setStartType NAME %1"_s.arg(words[2])));
         }
 
         row("clean_junk", "|`category_ids`:[]|`category_ids`:`pip_cache`|`category_ids`:{`pip_cache`:1}", "参数 category_ids 不能为空 — 先用 scan_junk 拿 category_id");
@@ -248,8 +254,11 @@ private Q_SLOTS:
             m_script.writes.clear();
             const QString& tool = tools.at(round % tools.size());
             m_client.call(tool, args);
-            for (QString& write : m_script.writes)
-                write = consent::shownText(write).replace(m_junk.path(), u"JUNK"_s);
+            static const QStringList summed{u"set_startup_item_enabled"_s, u"start_service"_s,
+                                            u"stop_service"_s};
+            const QString& name = summed.contains(tool) ? m_quotedName : m_shownName;
+            m_script.writes.replaceInStrings(m_name, name)
+                .replaceInStrings(m_junk.path(), u"JUNK"_s);
             QByteArrayList requests = m_desktop.takeReceived();
             requests.removeAll(QByteArray()); // A stranger is told nothing.
             QVERIFY(requests.size() <= 1);

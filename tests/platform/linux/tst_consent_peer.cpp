@@ -8,6 +8,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -16,7 +18,22 @@ using linux_platform::UniqueFd;
 
 namespace {
 
-constexpr uid_t stranger = 65534;
+constexpr uid_t stranger = 1234;
+constexpr uid_t overflowUser = 65534; ///< As whom the kernel shows users without a mapping.
+constexpr int refused = 77;           ///< Exit code where this machine refuses a namespace.
+
+/// A user namespace with that mapping, where the machine lets the test make one.
+UniqueFd userNamespace(const QByteArray& mapping)
+{
+    const test::Child inside([] { ::unshare(CLONE_NEWUSER); });
+    const QString process = QStringLiteral("/proc/%1/").arg(inside.pid());
+    QFile map(process + QStringLiteral("uid_map"));
+    if (!mapping.isEmpty() &&
+        !(map.open(QFile::WriteOnly | QFile::Unbuffered) && map.write(mapping) > 0))
+        return UniqueFd();
+    const QByteArray path = QFile::encodeName(process + QStringLiteral("ns/user"));
+    return UniqueFd(::open(path.constData(), O_RDONLY | O_CLOEXEC));
+}
 
 } // namespace
 
@@ -25,25 +42,36 @@ class TestConsentPeer : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void cleanup() { qunsetenv("SUDO_UID"); }
-
     void peers_data()
     {
         QTest::addColumn<uint>("listener");
         QTest::addColumn<QByteArray>("sudoUid");
         QTest::addColumn<bool>("mayAnswer");
-        QTest::newRow("the same user") << ::geteuid() << QByteArray() << true;
-        QTest::newRow("a stranger") << stranger << QByteArray() << false;
-        QTest::newRow("a stranger beside sudo") << stranger << QByteArray("1000") << false;
-        QTest::newRow("the user of sudo") << stranger << QByteArray("65534") << true;
-        QTest::newRow("no number") << stranger << QByteArray("65534x") << false;
+        QTest::addColumn<QByteArray>("mapping"); // Of the namespace that asks; null for this one.
+        const QByteArray here;
+        const uint self = ::geteuid();
+        QTest::newRow("the same user") << self << QByteArray() << true << here;
+        QTest::newRow("a stranger") << stranger << QByteArray() << false << here;
+        QTest::newRow("a stranger beside sudo") << stranger << QByteArray("1000") << false << here;
+        QTest::newRow("the user of sudo") << stranger << QByteArray("1234") << true << here;
+        QTest::newRow("no number") << stranger << QByteArray("1234x") << false << here;
+        QTest::newRow("both unmapped") << self << QByteArray() << false << QByteArray("");
+        QTest::newRow("mapped") << self << QByteArray() << true
+                                << "5 " + QByteArray::number(self) + " 1";
+        QTest::newRow("unmapped, nobody mapped")
+            << stranger << QByteArray("65534") << false << QByteArray("0 0 1");
+        QTest::newRow("unmapped, somebody mapped there")
+            << 70000U << QByteArray("65534") << false << QByteArray("0 0 65536");
+        QTest::newRow("all mapped")
+            << overflowUser << QByteArray("65534") << true << QByteArray("0 0 4294967295");
     }
     void peers()
     {
         QFETCH(uint, listener);
         QFETCH(QByteArray, sudoUid);
         QFETCH(bool, mayAnswer);
-        if (::geteuid() != 0 && listener == stranger)
+        QFETCH(QByteArray, mapping);
+        if (::geteuid() != 0 && listener != ::geteuid())
             QSKIP("root alone can become somebody else");
         const QTemporaryDir directory;
         QVERIFY(QFile::setPermissions(directory.path(), QFile::Permissions(0x7777)));
@@ -59,9 +87,16 @@ private Q_SLOTS:
         });
         const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         QCOMPARE(::connect(client.get(), raw, sizeof address), 0);
-        if (!sudoUid.isEmpty())
+        test::Child asking([&] {
+            if (!mapping.isNull() && ::setns(userNamespace(mapping).get(), CLONE_NEWUSER) != 0)
+                ::_exit(refused);
             qputenv("SUDO_UID", sudoUid);
-        QCOMPARE(platform::mayAnswerForUser(client.get()), mayAnswer);
+            ::_exit(int(platform::mayAnswerForUser(client.get())));
+        });
+        const int answer = asking.wait();
+        if (answer == refused)
+            QSKIP("this machine refuses a user namespace");
+        QCOMPARE(answer, int(mayAnswer));
     }
 
     void whatIsNoSocketMayNot()
