@@ -1,16 +1,18 @@
 // Forked processes that do not outlive the test.
 #pragma once
 
-#include <QtGlobal>
+#include <QFile>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +22,21 @@ inline void waitForEnd()
 {
     for (;;)
         ::pause();
+}
+
+/// Ends the first thread of a Child, which lives on in another thread. That one closes standard
+/// output once the first has ended.
+inline void endFirstThread()
+{
+    std::thread([] {
+        for (bool hasEnded = false; !hasEnded; ::usleep(1000)) {
+            QFile stat(QStringLiteral("/proc/self/stat"));
+            hasEnded = stat.open(QFile::ReadOnly) && stat.readAll().contains(") Z ");
+        }
+        ::close(STDOUT_FILENO);
+        waitForEnd();
+    }).detach();
+    ::syscall(SYS_exit, 0); // of this thread
 }
 
 /// A forked process that does not outlive this object. The constructor returns once the child,

@@ -69,6 +69,14 @@ ssize_t readFully(int fd, std::span<char> buffer)
     return static_cast<ssize_t>(used);
 }
 
+/// The first bytes of a file, as many as `buffer` takes; none, and errno, when it cannot be read.
+std::optional<QByteArrayView> readAt(int directory, const char* path, std::span<char> buffer)
+{
+    const UniqueFd file(::openat(directory, path, O_RDONLY | O_CLOEXEC));
+    const ssize_t size = file.isValid() ? readFully(file.get(), buffer) : -1;
+    return size < 0 ? std::nullopt : std::optional(QByteArrayView(buffer.data(), size));
+}
+
 /// What is left of the file, at most `limit` bytes; none when it cannot be read.
 std::optional<QByteArray> readUpTo(int fd, qsizetype limit)
 {
@@ -91,8 +99,8 @@ std::optional<QByteArray> readUpTo(int fd, qsizetype limit)
 
 /// Whether `path` leads to the file that `link` in `directory` leads to. Only the kernel's caches
 /// are asked, which hold the path of every running file: a walk over a dead network or FUSE mount
-/// would never return.
-bool leadsToSameFile(int directory, const char* link, const char* path)
+/// would never return. None, and errno, on a failure of this program's own.
+std::optional<bool> leadsToSameFile(int directory, const char* link, const char* path)
 {
     constexpr int cachedOnly = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
     open_how how = {};
@@ -100,6 +108,8 @@ bool leadsToSameFile(int directory, const char* link, const char* path)
     how.resolve = RESOLVE_CACHED;
     const UniqueFd named(
         static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+    if (!named.isValid() && isOwnFailure(errno))
+        return std::nullopt;
     struct statx running = {};
     struct statx found = {};
     return named.isValid() &&
@@ -125,12 +135,13 @@ std::optional<ProcStat> parseProcStat(QByteArrayView content)
     quint64 flags = 0;
     quint64 userTicks = 0;
     quint64 systemTicks = 0;
-    // Counted from the state, the first field after the name.
-    const bool whole = fields.read(1, stat.parentPid) && fields.read(4, flags) &&
+    const QByteArrayView state = fields.next();
+    const bool whole = fields.read(0, stat.parentPid) && fields.read(4, flags) &&
                        fields.read(4, userTicks) && fields.read(0, systemTicks) &&
                        fields.read(6, stat.startTicks);
     if (!whole)
         return std::nullopt;
+    stat.hasEnded = state == "Z" || state == "X";
     stat.isKernelThread = (flags & kernelThreadFlag) != 0;
     stat.cpuTicks = userTicks + systemTicks;
     return stat;
@@ -159,17 +170,27 @@ std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit)
 
 DirectoryHandle openDirectory(int at, const char* path)
 {
-    const int fd = ::openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DirectoryHandle directory(fd < 0 ? nullptr : ::fdopendir(fd));
-    if (fd >= 0 && directory == nullptr)
-        ::close(fd);
+    UniqueFd fd(::openat(at, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    DirectoryHandle directory(fd.isValid() ? ::fdopendir(fd.get()) : nullptr);
+    if (directory != nullptr)
+        fd.release();
     return directory;
 }
 
 UniqueFd::~UniqueFd()
 {
-    if (m_fd >= 0)
-        ::close(m_fd);
+    if (m_fd < 0)
+        return;
+    const int errorNumber = errno;
+    ::close(m_fd);
+    errno = errorNumber;
+}
+
+void CloseDirectory::operator()(DIR* directory) const
+{
+    const int errorNumber = errno;
+    ::closedir(directory);
+    errno = errorNumber;
 }
 
 ProcFs::ProcFs(const char* root) : m_directory(::opendir(root)) {}
@@ -187,31 +208,68 @@ std::optional<quint32> ProcFs::nextPid()
     }
 }
 
-const char* ProcFs::pathOf(quint32 pid, const char* name)
+const char* ProcFs::pathOf(Task task, const char* name)
 {
-    static_cast<void>(std::snprintf(m_path.data(), m_path.size(), "%u/%s", pid, name));
+    const auto size = m_path.size();
+    static_cast<void>(task.tid == 0 ? std::snprintf(m_path.data(), size, "%u/%s", task.pid, name)
+                                    : std::snprintf(m_path.data(), size, "%u/task/%u/%s", task.pid,
+                                                    task.tid, name));
     return m_path.data();
 }
 
-std::optional<QByteArrayView> ProcFs::readFile(quint32 pid, const char* name)
+std::optional<Task> ProcFs::livingTask(quint32 pid) const
 {
-    const UniqueFd file(
-        ::openat(::dirfd(m_directory.get()), pathOf(pid, name), O_RDONLY | O_CLOEXEC));
-    if (!file.isValid())
+    std::array<char, 32> path{};
+    static_cast<void>(std::snprintf(path.data(), path.size(), "%u/task", pid));
+    // Its links are two and one for each thread: that spares most processes the look inside.
+    constexpr nlink_t linksOfOneThread = 3;
+    struct stat status = {};
+    const bool isKnown = ::fstatat(descriptor(), path.data(), &status, 0) == 0;
+    if (!isKnown && isOwnFailure(errno))
         return std::nullopt;
-    const ssize_t size = readFully(file.get(), m_buffer);
-    if (size < 0)
-        return std::nullopt;
-    return QByteArrayView(m_buffer.data(), size);
+    if (!isKnown || status.st_nlink <= linksOfOneThread)
+        return Task(pid);
+
+    const DirectoryHandle threads = openDirectory(descriptor(), path.data());
+    if (threads == nullptr)
+        return isOwnFailure(errno) ? std::nullopt : std::optional(Task(pid));
+    for (errno = 0; const dirent* entry = ::readdir(threads.get()); errno = 0) {
+        quint32 tid = 0;
+        if (!parseNumber(QByteArrayView(entry->d_name), tid))
+            continue;
+        const QByteArray name = QByteArray::number(tid) + "/stat";
+        std::array<char, 2048> buffer{};
+        const auto content = readAt(::dirfd(threads.get()), name.constData(), buffer);
+        if (!content && isOwnFailure(errno))
+            return std::nullopt;
+        const auto stat = content ? parseProcStat(*content) : std::nullopt;
+        if (stat && !stat->hasEnded)
+            return Task(pid, tid == pid ? 0 : tid);
+    }
+    return isOwnFailure(errno) ? std::nullopt : std::optional(Task(pid));
 }
 
-std::optional<QByteArray> ProcFs::readWholeFile(quint32 pid, const char* name, qsizetype limit)
+std::optional<QByteArrayView> ProcFs::readFile(Task task, const char* name)
 {
-    const UniqueFd file(
-        ::openat(::dirfd(m_directory.get()), pathOf(pid, name), O_RDONLY | O_CLOEXEC));
+    return readFileAt(descriptor(), pathOf(task, name));
+}
+
+std::optional<QByteArrayView> ProcFs::readFileAt(int directory, const char* path)
+{
+    return readAt(directory, path, m_buffer);
+}
+
+std::optional<QByteArray> ProcFs::readWholeFile(Task task, const char* name, qsizetype limit)
+{
+    const UniqueFd file(::openat(descriptor(), pathOf(task, name), O_RDONLY | O_CLOEXEC));
     if (!file.isValid())
         return std::nullopt;
     return readUpTo(file.get(), limit);
+}
+
+DirectoryHandle ProcFs::openDirectoryOf(Task task, const char* name)
+{
+    return openDirectory(descriptor(), pathOf(task, name));
 }
 
 bool ProcFs::readLines(const char* path, const std::function<void(QByteArrayView)>& line)
@@ -245,21 +303,40 @@ bool ProcFs::readLines(const char* path, const std::function<void(QByteArrayView
     }
 }
 
-std::optional<qint64> ProcFs::residentPages(quint32 pid)
+std::optional<qint64> ProcFs::residentPages(Task task)
 {
-    const auto content = readFile(pid, "statm");
+    const auto content = readFile(task, "statm");
     if (!content)
         return std::nullopt;
     qint64 pages = 0;
     return FieldReader(*content).read(1, pages) ? std::optional(pages) : std::nullopt;
 }
 
-std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
+std::optional<ProcessIdentity> ProcFs::identity(Task task, const ProcStat& stat)
 {
-    const int directory = ::dirfd(m_directory.get());
-    const char* link = pathOf(pid, "exe");
+    return identityAt(descriptor(), pathOf(task, "exe"), stat);
+}
+
+std::optional<ProcessIdentity> ProcFs::identityAt(int directory, const char* path,
+                                                  const ProcStat& stat)
+{
+    // The short name first: it lies in the buffer that the next call uses.
+    ProcessIdentity identity{textFromSystem(stat.shortName), {}};
+    if (stat.isKernelThread)
+        return identity;
+    if (const auto target = executableAt(directory, path)) {
+        identity.exePath = textFromSystem(*target);
+        identity.name = textFromSystem(target->sliced(target->lastIndexOf('/') + 1));
+    } else if (isOwnFailure(errno)) {
+        return std::nullopt;
+    }
+    return identity;
+}
+
+std::optional<QByteArrayView> ProcFs::executableAt(int directory, const char* path)
+{
     // One byte is kept for the terminator that the check of the mark needs.
-    const ssize_t size = ::readlinkat(directory, link, m_buffer.data(), m_buffer.size() - 1);
+    const ssize_t size = ::readlinkat(directory, path, m_buffer.data(), m_buffer.size() - 1);
     if (size < 0)
         return std::nullopt;
     const QByteArrayView target(m_buffer.data(), size);
@@ -268,21 +345,10 @@ std::optional<QByteArrayView> ProcFs::executable(quint32 pid)
 
     // A file may be called that without being deleted: then the path leads to the same file.
     m_buffer.at(static_cast<std::size_t>(size)) = '\0';
-    const bool literal = leadsToSameFile(directory, link, m_buffer.data());
-    return literal ? target : target.chopped(deletedMark.size());
-}
-
-ProcessIdentity ProcFs::identity(quint32 pid, const ProcStat& stat)
-{
-    // The short name first: it lies in the buffer that the next call uses.
-    ProcessIdentity identity{textFromSystem(stat.shortName), {}};
-    if (stat.isKernelThread)
-        return identity;
-    if (const auto path = executable(pid)) {
-        identity.exePath = textFromSystem(*path);
-        identity.name = textFromSystem(path->sliced(path->lastIndexOf('/') + 1));
-    }
-    return identity;
+    const auto literal = leadsToSameFile(directory, path, m_buffer.data());
+    if (!literal)
+        return std::nullopt;
+    return *literal ? target : target.chopped(deletedMark.size());
 }
 
 } // namespace korvane::linux_platform

@@ -22,6 +22,7 @@ struct ProcStat
 {
     QByteArrayView shortName; ///< The kernel's name of the process; views the parsed text.
     quint32 parentPid = 0;
+    bool hasEnded = false; ///< A zombie; of a process, its first thread: others may live on.
     bool isKernelThread = false;
     quint64 cpuTicks = 0;   ///< User and system time, in clock ticks.
     quint64 startTicks = 0; ///< Start after boot, in clock ticks.
@@ -38,6 +39,16 @@ QString commandLineFromCmdline(QByteArrayView content);
 /// tells, as if it had vanished, would be a wrong answer.
 bool isOwnFailure(int errorNumber);
 
+/// A thread of a process, whose files stand in PID/task/TID; without a TID the process itself, whose
+/// files stand in PID.
+struct Task
+{
+    Task(quint32 process, quint32 thread = 0) : pid(process), tid(thread) {}
+
+    quint32 pid;
+    quint32 tid;
+};
+
 /// The first `limit` bytes of the file at `path`; none, and errno, when it cannot be read.
 std::optional<QByteArray> readSystemFile(const char* path, qsizetype limit);
 
@@ -48,7 +59,7 @@ struct ProcessIdentity
     QString exePath; ///< Empty when it has none or may not be asked for it.
 };
 
-/// An open file descriptor, closed with the object.
+/// An open file descriptor, closed with the object. That leaves errno as it is.
 class UniqueFd
 {
 public:
@@ -75,8 +86,9 @@ private:
 
 struct CloseDirectory
 {
-    void operator()(DIR* directory) const { ::closedir(directory); }
+    void operator()(DIR* directory) const;
 };
+/// Closed with the object, which leaves errno as it is.
 using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
 
 /// The directory at `path`, seen from the directory `at`; none, and errno, when it cannot be opened.
@@ -110,11 +122,23 @@ public:
         return errno == 0;
     }
 
+    /// The task to ask for what ends with a thread (memory, executable, command line, descriptors):
+    /// the process itself, or where its first thread has ended, its oldest one that lives. None, and
+    /// errno, on a failure of this program's own. Leaves the buffer as it is.
+    std::optional<Task> livingTask(quint32 pid) const;
+
     /// The first bytes of /proc/PID/NAME, at most the buffer's size; none when it cannot be read.
-    std::optional<QByteArrayView> readFile(quint32 pid, const char* name);
+    std::optional<QByteArrayView> readFile(Task task, const char* name);
+
+    /// The same of the file that `path` leads to from an open directory.
+    std::optional<QByteArrayView> readFileAt(int directory, const char* path);
 
     /// The whole of /proc/PID/NAME, at most `limit` bytes; none when it cannot be read.
-    std::optional<QByteArray> readWholeFile(quint32 pid, const char* name, qsizetype limit);
+    std::optional<QByteArray> readWholeFile(Task task, const char* name, qsizetype limit);
+
+    /// The directory /proc/PID/NAME; none when it cannot be opened. What is read by its handle is
+    /// of that process, whoever has its PID by then.
+    DirectoryHandle openDirectoryOf(Task task, const char* name);
 
     /// Shows each line of a text of any length, such as PID/maps, to `line`; of one beyond the buffer's
     /// size, the beginning. False, and errno, when it could not be read to its end. `line` asks
@@ -123,20 +147,24 @@ public:
 
     /// Resident pages from /proc/PID/statm: exact, as ps shows them. The figure in stat is an
     /// estimate that strays by megabytes on machines of many processors.
-    std::optional<qint64> residentPages(quint32 pid);
+    std::optional<qint64> residentPages(Task task);
 
-    /// Target of the link /proc/PID/exe, without the mark of a deleted file; none when it cannot
-    /// be read.
-    std::optional<QByteArrayView> executable(quint32 pid);
+    /// Name and path of the process that `stat` was read from, by the link PID/exe. None on a failure
+    /// of this program's own.
+    std::optional<ProcessIdentity> identity(Task task, const ProcStat& stat);
 
-    /// Name and path of the process that `stat` was read from.
-    ProcessIdentity identity(quint32 pid, const ProcStat& stat);
+    /// The same by the link that `path` leads to from an open directory.
+    std::optional<ProcessIdentity> identityAt(int directory, const char* path,
+                                              const ProcStat& stat);
 
     /// The processes' directory itself, to be asked for what this class does not read.
     int descriptor() const { return ::dirfd(m_directory.get()); }
 
 private:
-    const char* pathOf(quint32 pid, const char* name);
+    /// Target of a link PID/exe, without the mark of a deleted file; none when it cannot be read.
+    std::optional<QByteArrayView> executableAt(int directory, const char* path);
+
+    const char* pathOf(Task task, const char* name);
 
     DirectoryHandle m_directory;
     std::array<char, 64> m_path{};

@@ -12,7 +12,12 @@ QString platform::processCommandLine(unsigned int pid)
     linux_platform::ProcFs procFs;
     if (!procFs.isOpen())
         return {};
-    const auto content = procFs.readWholeFile(pid, "cmdline", maxBytes);
+    auto content = procFs.readWholeFile(pid, "cmdline", maxBytes);
+    if (content && content->isEmpty()) {
+        const auto task = procFs.livingTask(pid);
+        if (task && task->tid != 0)
+            content = procFs.readWholeFile(*task, "cmdline", maxBytes);
+    }
     return content ? linux_platform::commandLineFromCmdline(*content) : QString();
 }
 

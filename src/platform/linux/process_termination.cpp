@@ -80,7 +80,7 @@ OpResult FileUnlockService::killProcess(unsigned int pid)
         return failure(pid, errno);
     ProcFs procFs;
     if (!procFs.isOpen())
-        return failure(pid, EIO);
+        return failure(pid, isOwnFailure(errno) ? errno : EIO);
     const auto content = procFs.readFile(pid, "stat");
     if (!content)
         return failure(pid, errno == ENOENT ? ESRCH : errno);

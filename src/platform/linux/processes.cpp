@@ -75,11 +75,14 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
                                                 .startTime = stat->startTicks,
                                                 .cpuTime = units.cpuTime(stat->cpuTicks),
                                                 .takenAt = monotonicNow()});
-        const ProcessIdentity identity = procFs.identity(*pid, *stat);
-        process.name = identity.name;
-        process.exePath = identity.exePath;
+        const auto task = stat->hasEnded ? procFs.livingTask(*pid) : Task(*pid);
+        const auto identity = task ? procFs.identity(*task, *stat) : std::nullopt;
+        if (!identity)
+            return fail(errno);
+        process.name = identity->name;
+        process.exePath = identity->exePath;
         if (!stat->isKernelThread) {
-            const auto pages = procFs.residentPages(*pid);
+            const auto pages = procFs.residentPages(*task);
             if (!pages && isOwnFailure(errno))
                 return fail(errno);
             process.memoryBytes = pages.value_or(0) * units.pageBytes;

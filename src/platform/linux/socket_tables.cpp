@@ -124,7 +124,8 @@ class SocketDiagnostics
 {
 public:
     SocketDiagnostics()
-        : m_socket(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG))
+        : m_socket(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)),
+          m_openError(m_socket.isValid() ? 0 : errno)
     {
         // The kernel answers at once; a limit all the same.
         constexpr timeval patience{5, 0};
@@ -135,7 +136,9 @@ public:
     /// Asks for a table; appends it to `sockets` unless it is refused or interrupted.
     Dump dump(const SocketTable& table, std::vector<Socket>& sockets)
     {
-        if (!m_socket.isValid() || !ask(table))
+        if (!m_socket.isValid())
+            return {.state = DumpState::Refused, .errorNumber = m_openError};
+        if (!ask(table))
             return {.state = DumpState::Refused, .errorNumber = errno};
         const std::size_t before = sockets.size();
         Dump dump;
@@ -193,6 +196,7 @@ private:
     }
 
     UniqueFd m_socket;
+    int m_openError; ///< Why there is no socket; 0 where there is one.
     quint32 m_sequence = 0;
     std::array<char, std::size_t{64} * 1024> m_buffer{};
 };

@@ -4,6 +4,7 @@
 #include "platform/linux/socket_tables.h"
 #include "support/child_process.h"
 #include "support/mcp_client.h"
+#include "support/refusals.h"
 
 #include <QCoreApplication>
 #include <QProcess>
@@ -11,19 +12,15 @@
 #include <QSet>
 #include <QTest>
 
-#include <array>
 #include <cstring>
 #include <iostream>
 #include <vector>
 
 #include <arpa/inet.h>
-#include <linux/filter.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
-#include <linux/seccomp.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -102,6 +99,18 @@ QStringList rowsOn(test::Client& client, quint16 port)
     return reply.isError ? QStringList{reply.text} : rows;
 }
 
+/// A port that no socket has, not even one of another protocol that waits for its end: those of
+/// earlier runs do for a minute. 0 where none is found.
+quint16 unusedPort(test::Client& client)
+{
+    for (int i = 0; i < 100; ++i) {
+        const quint16 port = BoundSocket(SOCK_DGRAM, "0.0.0.0").port();
+        if (rowsOn(client, port).isEmpty())
+            return port;
+    }
+    return 0;
+}
+
 /// A dump's datagram of `count` listening sockets, on ports from 1 on, and its end.
 QByteArray dumpOf(int count, quint32 sequence, int result = 0, quint16 flags = NLM_F_MULTI)
 {
@@ -138,6 +147,19 @@ class TestConnections : public QObject
         return u"%1 %2 tst_connections"_s.arg(text, QString::number(pid));
     }
 
+    /// The rows that this program sees on a port in a role; empty where that cannot be played.
+    static QString rowsAmidRefusal(const char* role, long call, int argument, quint16 port)
+    {
+        QProcess process;
+        process.start(QCoreApplication::applicationFilePath(),
+                      {QString::fromLatin1(role), QString::number(call), QString::number(argument),
+                       QString::number(port)});
+        if (!process.waitForFinished(60'000))
+            return u"(it hangs)"_s;
+        return process.exitCode() == refused ? QString()
+                                             : QString::fromUtf8(process.readAllStandardOutput());
+    }
+
 private Q_SLOTS:
     void everyHolderHasARow_data()
     {
@@ -159,7 +181,7 @@ private Q_SLOTS:
         QFETCH(int, type);
         QFETCH(QByteArray, address);
         QFETCH(QString, shown);
-        const BoundSocket server(type, address.constData());
+        const BoundSocket server(type, address.constData(), unusedPort(m_client));
         if (server.port() == 0 && address.contains(':'))
             QSKIP("this machine has no IPv6");
         QVERIFY(type == SOCK_DGRAM || server.listen());
@@ -168,7 +190,7 @@ private Q_SLOTS:
         const test::Child first;
         QStringList expected{row(text), row(text, first.pid())};
         {
-            const test::Child second;
+            const test::Child second(test::endFirstThread);
             QStringList three = expected + QStringList{row(text, second.pid())};
             three.sort();
             QCOMPARE(rowsOn(m_client, server.port()), three);
@@ -179,14 +201,14 @@ private Q_SLOTS:
 
     void statesAndLostOwners()
     {
-        const BoundSocket server(SOCK_STREAM, "127.0.0.1");
+        const BoundSocket server(SOCK_STREAM, "127.0.0.1", unusedPort(m_client));
         const QString serverEnd = u"127.0.0.1:%1"_s.arg(server.port());
         const QStringList bound = rowsOn(m_client, server.port());
         if (!bound.isEmpty()) // Linux tells of sockets that are only bound from 6.8 on
             QCOMPARE(bound, QStringList{row(u"TCP IPv4 %1 0.0.0.0:0 已关闭"_s.arg(serverEnd))});
         QVERIFY(server.listen());
 
-        auto client = std::make_unique<BoundSocket>(SOCK_STREAM, "127.0.0.9");
+        auto client = std::make_unique<BoundSocket>(SOCK_STREAM, "127.0.0.9", unusedPort(m_client));
         const quint16 port = client->port();
         const QString ends = u"TCP IPv4 127.0.0.9:%1 %2 "_s.arg(QString::number(port), serverEnd);
         QVERIFY(client->connectTo(server));
@@ -203,19 +225,50 @@ private Q_SLOTS:
 
     void procNetTellsTheSame()
     {
-        const BoundSocket server(SOCK_STREAM, "127.0.0.1");
+        const BoundSocket server(SOCK_STREAM, "127.0.0.1", unusedPort(m_client));
         const BoundSocket datagrams(SOCK_DGRAM, "127.0.0.1", server.port());
         QVERIFY(server.listen() && datagrams.port() != 0);
         const QStringList expected = rowsOn(m_client, server.port());
         QCOMPARE(expected.size(), 2);
 
-        QProcess process;
-        process.start(QCoreApplication::applicationFilePath(),
-                      {u"--without-netlink"_s, QString::number(server.port())});
-        QVERIFY(process.waitForFinished(60'000));
-        if (process.exitCode() == refused)
+        const QString rows = rowsAmidRefusal("--call", SYS_socket, AF_NETLINK, server.port());
+        if (rows.isEmpty())
             QSKIP("this machine refuses a filter of system calls");
-        QCOMPARE(QString::fromUtf8(process.readAllStandardOutput()), expected.join(u'\n'));
+        QCOMPARE(rows, expected.join(u'\n'));
+    }
+
+    void ownFailureIsAnError_data()
+    {
+        QTest::addColumn<QByteArray>("role");
+        QTest::addColumn<long>("call");
+        QTest::addColumn<int>("opened");
+        QTest::addColumn<QString>("error");
+        const auto add = [](const char* name, const char* role, long call, int opened,
+                            const QString& error = u"无法读取 /proc: %1"_s) {
+            QTest::newRow(name) << QByteArray(role) << call << opened << error;
+        };
+        add("of a process, its descriptors", "--call-below", SYS_getdents64, 1);
+        add("of a process, a link", "--call-below", SYS_readlinkat, 1);
+        add("of a process, its name", "--call-below", SYS_openat, 1);
+#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
+        add("no descriptor", "--descriptors", 0, 0,
+            u"无法读取网络连接: netlink (%1), /proc/net/tcp (%1)"_s);
+        add("one", "--descriptors", 0, 1);
+        add("two", "--descriptors", 0, 2);
+#endif
+    }
+    void ownFailureIsAnError()
+    {
+        QFETCH(QByteArray, role);
+        QFETCH(long, call);
+        QFETCH(int, opened);
+        QFETCH(QString, error);
+        const BoundSocket server(SOCK_DGRAM, "127.0.0.1");
+        const QString rows = rowsAmidRefusal(role.constData(), call, opened, server.port());
+        if (rows.isEmpty())
+            QSKIP("this machine refuses a filter of system calls, or a limit of descriptors");
+        QCOMPARE(rows, u"Tool 'find_process_by_port' failed: "_s +
+                           error.arg(qt_error_string(role == "--descriptors" ? EMFILE : ENOMEM)));
     }
 
     void dumpsAreTakenApart()
@@ -309,33 +362,25 @@ private Q_SLOTS:
     }
 };
 
-/// From here on the kernel refuses this process netlink sockets.
-bool giveUpNetlink()
+/// Plays the role of a program that is refused something: NAME CALL ARGUMENT.
+bool play(QByteArrayView role, quint32 call, int argument)
 {
-    constexpr auto domain = offsetof(seccomp_data, args);
-    std::array filter{
-        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
-        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, domain),
-        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0 &&
-           ::socket(AF_NETLINK, SOCK_DGRAM, NETLINK_SOCK_DIAG) < 0;
+    if (role == "--descriptors")
+        return test::leaveDescriptors(argument);
+    if (role == "--call-below") // the directory that is opened after `argument` other files
+        return test::refuseCall(call, test::nextDescriptor() + argument, ENOMEM);
+    return test::refuseCall(call, argument, EPERM);
 }
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && QByteArrayView(argv[1]) == "--without-netlink") {
-        if (!giveUpNetlink())
-            return refused;
+    if (argc == 5 && QByteArrayView(argv[1]).startsWith("--")) {
         test::Client client;
-        const QStringList rows = rowsOn(client, QByteArray(argv[2]).toUShort());
-        std::cout << rows.join(u'\n').toStdString();
-        return 0;
+        if (!play(argv[1], QByteArray(argv[2]).toUInt(), QByteArray(argv[3]).toInt()))
+            return refused;
+        const QStringList rows = rowsOn(client, QByteArray(argv[4]).toUShort());
+        std::cout << rows.join(u'\n').toStdString() << std::flush;
+        ::_exit(0); // leaks cannot be looked for amid refusals
     }
     QCoreApplication application(argc, argv);
     TestConnections test;

@@ -2,6 +2,7 @@
 // ordinary ones agree with those of ps is tested through the official client.
 #include "support/child_process.h"
 #include "support/mcp_client.h"
+#include "support/refusals.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -23,7 +24,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -160,6 +161,8 @@ private Q_SLOTS:
                                 << QByteArray(100'000, 'a') + " end";
         QTest::newRow("hostile") << QByteArrayList{"%1\n\"\\", "\xff"}
                                  << QByteArray("%1\n\"\\ \xff");
+        QTest::newRow("the first thread has ended")
+            << QByteArrayList{"--leaderless"} << QByteArray("--leaderless");
     }
     void commandLineIsWhole()
     {
@@ -169,6 +172,9 @@ private Q_SLOTS:
         const Child child(waiterAt(program, arguments));
         QCOMPARE(commandLine(child.pid()), QString::fromUtf8(program + " --wait " + shown));
         QCOMPARE(commandLine(4294967296 + child.pid()), QString());
+        const QJsonObject process = listed().value(child.pid());
+        QCOMPARE(text(process, "exe_path"), QString::fromUtf8(program));
+        QVERIFY(number(process, "memory_bytes") > 100'000);
     }
 
     void processesMayComeAndGo()
@@ -194,6 +200,8 @@ private Q_SLOTS:
         QTest::newRow("no descriptor for a process")
             << QStringList{QStringLiteral("--one-descriptor")} << EMFILE;
 #endif
+        QTest::newRow("no memory for a path")
+            << QStringList{QStringLiteral("--no-links")} << ENOMEM;
     }
     void unreadableProcIsAnError()
     {
@@ -203,7 +211,7 @@ private Q_SLOTS:
         process.start(QCoreApplication::applicationFilePath(), role);
         QVERIFY(process.waitForFinished(60'000));
         if (process.exitCode() == refused)
-            QSKIP("this machine refuses a mount namespace, or a limit of descriptors");
+            QSKIP("this machine refuses a mount namespace, a limit of descriptors or a filter");
         QCOMPARE(process.readAllStandardOutput(),
                  "Tool 'get_process_tree' failed: 无法读取 /proc: " +
                      QByteArray(std::strerror(error)));
@@ -243,25 +251,28 @@ bool hideProc()
            ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
 }
 
-/// Lets this process open one file more: /proc, but nothing in it.
-bool leaveOneDescriptor()
+/// Plays a role in which /proc cannot be read, or not what is in it.
+bool play(QByteArrayView role)
 {
-    const int next = ::dup(STDIN_FILENO);
-    const rlim_t limit = static_cast<rlim_t>(next) + 1;
-    const rlimit limits{limit, limit};
-    return ::close(next) == 0 && ::setrlimit(RLIMIT_NOFILE, &limits) == 0;
+    if (role == "--empty-proc")
+        return hideProc();
+    if (role == "--one-descriptor")
+        return test::leaveDescriptors(1);
+    return test::refuseCall(SYS_readlinkat, test::nextDescriptor(), ENOMEM);
 }
 
 int main(int argc, char** argv)
 {
     const QByteArrayView role(argc > 1 ? argv[1] : "");
     if (role == "--wait") {
+        if (argc > 2 && QByteArrayView(argv[2]) == "--leaderless")
+            test::endFirstThread();
         ::close(STDOUT_FILENO);
         waitForEnd();
     }
-    if (role == "--empty-proc" || role == "--one-descriptor") {
+    if (role == "--empty-proc" || role == "--one-descriptor" || role == "--no-links") {
         test::Client client;
-        if (!(role == "--empty-proc" ? hideProc() : leaveOneDescriptor()))
+        if (!play(role))
             ::_exit(refused);
         const auto reply = client.call(QStringLiteral("get_process_tree"));
         std::cout << reply.text.toStdString() << std::flush;

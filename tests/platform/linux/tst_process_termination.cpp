@@ -1,7 +1,9 @@
 // Tests the ending of processes on processes of the test's own: that it reaches the one that a
 // listing showed, and no other.
 #include "core/file_unlock_service.h"
+#include "core/net_monitor_service.h"
 #include "core/process_service.h"
+#include "platform/linux/proc_fs.h"
 #include "support/child_process.h"
 #include "support/fake_desktop.h"
 #include "support/mcp_client.h"
@@ -12,14 +14,21 @@
 #include <QTcpServer>
 #include <QTest>
 
+#include <functional>
 #include <iostream>
+#include <memory>
+#include <utility>
 
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
+using linux_platform::UniqueFd;
 using test::Child;
 
 namespace {
@@ -46,40 +55,73 @@ bool isAlive(qint64 pid)
            info.si_pid == 0;
 }
 
-/// Gives a process's PID to another one, in a PID namespace of their own.
-int playRecycled()
+/// What happens once a link has been read that leads to `target`.
+struct LinkRead
+{
+    QByteArray target;
+    std::function<void()> then;
+};
+LinkRead* awaitedLink = nullptr;
+
+/// Gives a process's PID to another one, in a PID namespace of their own: after a listing or, where
+/// it holds a socket, while its descriptors are looked at.
+int playRecycled(bool isHolder)
 {
     if (::unshare(CLONE_NEWPID | CLONE_NEWNS) != 0)
         return refused;
-    const Child init(
-        [] {},
-        [] {
-            if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                ::mount("proc", "/proc", "proc", 0, nullptr) != 0)
-                ::_exit(refused);
-            auto victim = std::make_unique<Child>();
-            const pid_t pid = victim->pid();
+    const Child init([isHolder] {
+        if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("proc", "/proc", "proc", 0, nullptr) != 0)
+            ::_exit(refused);
+        UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        struct stat status = {};
+        ::fstat(listener.get(), &status);
+        ::listen(listener.get(), 1); // on a free port
+        auto victim = std::make_unique<Child>();
+        const pid_t pid = victim->pid();
+        listener = UniqueFd();
+        std::unique_ptr<Child> other;
+        LinkRead link{"socket:[" + QByteArray::number(qulonglong{status.st_ino}) + ']', [&] {
+                          victim.reset();
+                          ::usleep(50'000); // Start times of two differ by a clock tick at least.
+                          QFile last(u"/proc/sys/kernel/ns_last_pid"_s);
+                          if (!last.open(QFile::WriteOnly | QFile::Unbuffered) ||
+                              last.write(QByteArray::number(pid - 1)) < 0)
+                              ::_exit(refused);
+                          other = std::make_unique<Child>();
+                          if (other->pid() != pid)
+                              ::_exit(refused);
+                      }};
+        if (isHolder) {
+            awaitedLink = &link;
+            for (const auto& row : Singleton<NetMonitorService>::instance().listAll())
+                std::cerr << (row.pid == static_cast<quint32>(pid) ? "shown, " : "");
+        } else {
             list();
-            victim.reset();
-            ::usleep(50'000); // The start times of two processes differ by a clock tick at least.
-            QFile last(u"/proc/sys/kernel/ns_last_pid"_s);
-            if (!last.open(QFile::WriteOnly | QFile::Unbuffered) ||
-                last.write(QByteArray::number(pid - 1)) < 0)
-                ::_exit(refused);
-            const Child other;
-            if (other.pid() != pid)
-                ::_exit(refused);
-            const QString answer = killed(pid);
-            std::cerr << (isAlive(pid) ? "alive, " : "ended, ") << answer.toStdString()
-                      << std::flush;
-            ::_exit(0);
-        });
+            link.then();
+        }
+        if (other == nullptr)
+            ::_exit(1);
+        const QString answer = killed(pid);
+        std::cerr << (isAlive(pid) ? "alive, " : "ended, ") << answer.toStdString() << std::flush;
+        ::_exit(0);
+    });
     siginfo_t end = {};
     ::waitid(P_PID, static_cast<id_t>(init.pid()), &end, WEXITED | WNOWAIT);
     return end.si_code == CLD_EXITED ? end.si_status : 1;
 }
 
 } // namespace
+
+/// In the place of the C library's: what it reads may be awaited.
+extern "C" ssize_t readlinkat(int directory, const char* path, char* target, size_t size) noexcept
+{
+    const ssize_t length = ::syscall(SYS_readlinkat, directory, path, target, size);
+    if (awaitedLink != nullptr && length > 0 &&
+        awaitedLink->target == QByteArrayView(target, length))
+        std::exchange(awaitedLink, nullptr)->then();
+    return length;
+}
 
 class TestProcessTermination : public QObject
 {
@@ -141,8 +183,9 @@ private Q_SLOTS:
         QVERIFY2(nobody.endsWith(u" 未发现可结束的占用进程"_s), qPrintable(nobody));
         QVERIFY(desktop.takeReceived().isEmpty());
         const Child worker;
-        QCOMPARE(freePort().json().value(u"killed_count"_s), QJsonValue(1));
-        QVERIFY(!isAlive(worker.pid()));
+        const Child leaderless(test::endFirstThread);
+        QCOMPARE(freePort().json().value(u"killed_count"_s), QJsonValue(2));
+        QVERIFY(!isAlive(worker.pid()) && !isAlive(leaderless.pid()));
         QCOMPARE(desktop.takeReceived().size(), 1);
     }
 
@@ -156,22 +199,33 @@ private Q_SLOTS:
         QVERIFY(isAlive(roots.pid()));
     }
 
+    void aRecycledPidIsLeftAlone_data()
+    {
+        QTest::addColumn<QString>("role");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("after the listing")
+            << u"--recycled"_s << u") 已退出, 该 PID 现属于另一个进程, 未结束任何进程"_s;
+        QTest::newRow("during the listing of connections")
+            << u"--recycled-holder"_s << u": 最近的进程或连接列表中没有它"_s;
+    }
     void aRecycledPidIsLeftAlone()
     {
-        const QString answer = played({u"--recycled"_s});
+        QFETCH(QString, role);
+        QFETCH(QString, reason);
+        const QString answer = played({role});
         if (answer.isEmpty())
             QSKIP("this machine refuses a PID namespace");
-        QVERIFY2(answer.startsWith(u"alive, no: 进程 (PID "_s), qPrintable(answer));
-        QVERIFY2(answer.endsWith(u") 已退出, 该 PID 现属于另一个进程, 未结束任何进程"_s),
-                 qPrintable(answer));
+        QVERIFY2(answer.startsWith(u"alive, no: "_s), qPrintable(answer));
+        QVERIFY2(answer.endsWith(reason), qPrintable(answer));
     }
 };
 
 int main(int argc, char** argv)
 {
     const QByteArrayView role(argc > 1 ? argv[1] : "");
-    if (role == "--recycled")
-        ::_exit(playRecycled()); // leaks cannot be looked for in another namespace
+    if (role == "--recycled" || role == "--recycled-holder")
+        ::_exit(playRecycled(
+            role == "--recycled-holder")); // leaks cannot be looked for in another namespace
     if (role == "--as-nobody") {
         if (::setgid(65534) != 0 || ::setuid(65534) != 0)
             return refused;

@@ -1,0 +1,50 @@
+// What the kernel refuses this process from now on, so that a test sees what becomes of that.
+#pragma once
+
+#include <QtGlobal>
+
+#include <array>
+#include <cstddef>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace korvane::test {
+
+/// The descriptor that the next file gets.
+inline int nextDescriptor()
+{
+    const int next = ::dup(STDIN_FILENO);
+    ::close(next);
+    return next;
+}
+
+/// Lets this process open so many files more; false where that is refused.
+inline bool leaveDescriptors(int count)
+{
+    const auto limit = static_cast<rlim_t>(nextDescriptor()) + static_cast<rlim_t>(count);
+    const rlimit limits{limit, limit};
+    return ::setrlimit(RLIMIT_NOFILE, &limits) == 0;
+}
+
+/// Lets a system call fail that has this first argument; false where that is refused.
+inline bool refuseCall(quint32 number, int firstArgument, quint32 errorNumber)
+{
+    const auto argument = static_cast<quint32>(firstArgument);
+    std::array filter{
+        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
+        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, argument, 0, 1),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | errorNumber),
+        sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+} // namespace korvane::test
