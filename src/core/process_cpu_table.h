@@ -28,7 +28,7 @@ public:
         quint32 pid = 0;
         quint64 startTime = 0;  ///< In any unit; tells a recycled PID.
         Nanoseconds cpuTime{0}; ///< User and system time since the process started.
-        Nanoseconds takenAt{0}; ///< Monotonic time of the reading.
+        Nanoseconds takenAt{0}; ///< Time of the reading by std::chrono::steady_clock.
     };
 
     /// Opens an enumeration on a machine of `processorCount` processors.

@@ -11,4 +11,9 @@ QList<ProcessSnapshot> ProcessService::listAllProcesses() const
     return processes;
 }
 
+std::chrono::nanoseconds ProcessService::cpuSettlingTime() const
+{
+    return m_cpuTable.settlingTime(std::chrono::steady_clock::now().time_since_epoch());
+}
+
 } // namespace korvane

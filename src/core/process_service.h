@@ -24,6 +24,10 @@ public:
     /// Whether an enumeration has left samples to measure processor use against.
     bool hasCpuSamples() const { return !m_cpuTable.isEmpty(); }
 
+    /// How long to wait before a listing whose processor use is shown; zero where there are no
+    /// samples, or old enough ones. No listing waits by itself.
+    std::chrono::nanoseconds cpuSettlingTime() const;
+
 private:
     friend class Singleton<ProcessService>;
     ProcessService() = default;

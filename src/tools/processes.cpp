@@ -8,20 +8,32 @@
 #include "tools/tool_support.h"
 
 #include <QJsonArray>
-#include <QThread>
 
+#include <chrono>
 #include <limits>
+#include <thread>
 
 namespace korvane {
 
 namespace {
 
 /// How long the first listing waits, so that processor use is measured over a useful time.
-constexpr unsigned long primingMs = 500;
+constexpr std::chrono::milliseconds primingTime{500};
 
 const ProcessService& processService()
 {
     return Singleton<ProcessService>::instance();
+}
+
+/// Returns when the next listing can measure processor use.
+void awaitCpuSamples(const ProcessService& service)
+{
+    if (service.hasCpuSamples()) {
+        std::this_thread::sleep_for(service.cpuSettlingTime());
+        return;
+    }
+    service.listAllProcesses();
+    std::this_thread::sleep_for(primingTime);
 }
 
 QJsonObject processObject(const ProcessSnapshot& process, SignatureStatus signature)
@@ -44,10 +56,7 @@ QJsonObject processObject(const ProcessSnapshot& process, SignatureStatus signat
 QJsonObject toolListProcesses(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)
 {
     const ProcessService& service = processService();
-    if (!service.hasCpuSamples()) {
-        service.listAllProcesses();
-        QThread::msleep(primingMs);
-    }
+    awaitCpuSamples(service);
     const QList<ProcessSnapshot> processes = service.listAllProcesses();
     requireListed(processes, service);
 

@@ -141,10 +141,17 @@ test('reads command lines', async (t) => {
   assert.deepEqual(read, { pid, command_line: commandLine, note: '' });
 });
 
-test('a listing right after a tree measures processor use', async (t) => {
-  const session = await Session.start(t, binary);
-  await session.call('get_process_tree');
-  assert((await session.listProcesses()).get(process.pid).cpu_percent >= 0);
+test('a tree waits for nothing, a listing right after it until it can measure', async (t) => {
+  const took = []; // Five times, since a busy machine takes its time now and then.
+  for (let i = 0; i < 5; ++i) {
+    const session = await Session.start(t, binary);
+    await session.call('get_process_tree');
+    const start = performance.now();
+    await session.call('get_process_tree');
+    took.push(performance.now() - start);
+    assert((await session.listProcesses()).get(process.pid).cpu_percent >= 0);
+  }
+  assert(Math.min(...took) < 150, `${took} ms`);
 });
 
 /** What a program prints, by line; undefined where it is absent or fails. */

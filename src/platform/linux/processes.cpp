@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <thread>
 
 #include <unistd.h>
 
@@ -56,8 +55,6 @@ QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
     ProcFs procFs;
     if (!procFs.isOpen())
         return fail(errno);
-    // A listing right after the first one, as after a process tree, would measure nothing.
-    std::this_thread::sleep_for(m_cpuTable.settlingTime(monotonicNow()));
     QList<ProcessSnapshot> processes;
     QHash<quint32, quint64> seen;
     m_cpuTable.beginEnumeration(static_cast<int>(::sysconf(_SC_NPROCESSORS_ONLN)));
