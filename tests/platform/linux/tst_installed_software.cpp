@@ -74,7 +74,8 @@ class TestInstalledSoftware : public QObject
 private Q_SLOTS:
     void starterMayHaveIgnoredChildren() // as main() has, before anything else
     {
-        QCOMPARE(linux_platform::runHelper(QStringLiteral("true"), {}, {}).error, QString());
+        QCOMPARE(linux_platform::runHelpers({{QStringLiteral("true"), {}}}, {})[0].error,
+                 QString());
     }
 
     void init()
@@ -183,7 +184,12 @@ END
         write("var/lib/snapd/state.json", "x");
         write("var/lib/snapd/snaps/core_15.snap", QByteArray(1025, 'x'));
         write("snap/core/current", "x");
-        writeProgram("flatpak", R"(case "$*" in
+        // Each answers only once all have been asked.
+        const QByteArray meet(R"(>"$HOME/asked-$2"
+            until [ -e ~/asked---system ] && [ -e ~/asked---user ] && [ -e ~/asked---unicode=never ]
+            do sleep 0.01; done
+            )");
+        writeProgram("flatpak", meet + R"(case "$*" in
             "list --system)" + columns +
                                     R"(")
                 printf 'a.B/x86_64/stable\to\t1.5\302\240MB\tsystem,current\t1 b\tN\tn\n'
@@ -191,7 +197,7 @@ END
             "list --user)" + columns +
                                     R"(") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
             *) exit 9 ;; esac)");
-        writeProgram("snap", R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
+        writeProgram("snap", meet + R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
             echo 'Name  Version  Rev  Tracking  Publisher    Notes'
             echo 'core  2        15   -         canonical**  base'
             echo 'a_b   1 beta   x1   -         -            -'
