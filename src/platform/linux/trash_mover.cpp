@@ -143,10 +143,12 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
     for (TrashCandidate& candidate : candidates) {
         if (candidate.outcome != Outcome::Pending)
             continue;
-        if (m_home)
-            copied.push_back(&candidate);
-        else
+        if (!m_home)
             keep(candidate, QStringLiteral("回收站不可用"));
+        else if (!candidate.check.canBeHeld)
+            keep(candidate, QStringLiteral("无法确认未被使用"));
+        else
+            copied.push_back(&candidate);
     }
     copy(std::move(copied));
 }
