@@ -1,15 +1,13 @@
 // Moves entries into the recycle bin.
 #include "platform/linux/trash_mover.h"
 
+#include "platform/linux/directory_path.h"
 #include "platform/linux/file_status.h"
 #include "platform/linux/tree_copy.h"
 #include "platform/linux/tree_removal.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -104,15 +102,13 @@ bool hasSpaceFor(const EntryCheck& entry, int directory)
 
 std::shared_ptr<const SourceDirectory> SourceDirectory::open(const QByteArray& path)
 {
-    std::array<char, PATH_MAX> real{};
-    if (::realpath(path.constData(), real.data()) == nullptr)
+    DirectoryAtPath opened = openDirectoryAt(path);
+    struct statfs info = {};
+    if (!opened.handle.isValid() || ::fstatfs(opened.handle.get(), &info) != 0)
         return nullptr;
     auto source = std::make_shared<SourceDirectory>();
-    source->path = real.data();
-    source->handle = UniqueFd(::open(real.data(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct statfs info = {};
-    if (!source->handle.isValid() || ::fstatfs(source->handle.get(), &info) != 0)
-        return nullptr;
+    source->handle = std::move(opened.handle);
+    source->path = std::move(opened.path);
     source->mount = mountOf(source->handle.get());
     source->isMemory = info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
     return source;
