@@ -1,13 +1,17 @@
-// A bounded run of a helper program through QProcess.
+// Bounded runs of helper programs through QProcess.
 #include "platform/linux/helper_program.h"
 
 #include "platform/linux/text.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QTimer>
 
 #include <algorithm>
+#include <memory>
+#include <vector>
 
 #include <csignal>
 #include <unistd.h>
@@ -36,56 +40,111 @@ void stopIgnoringChildren()
         static_cast<void>(std::signal(SIGCHLD, SIG_DFL));
 }
 
-/// Ends the group of `process`, which has not been waited for: the id is still its own.
-void killGroup(QProcess& process)
+/// One program under way.
+class Helper
 {
-    process.closeReadChannel(QProcess::StandardOutput);
-    process.closeReadChannel(QProcess::StandardError);
-    ::kill(-static_cast<pid_t>(process.processId()), SIGKILL);
-    constexpr int patienceMs = 1000;
-    process.waitForFinished(patienceMs);
+public:
+    Helper(const HelperCommand& command, qsizetype outputLimit) : m_outputLimit(outputLimit)
+    {
+        prepare(*m_process);
+        m_process->start(command.program, command.arguments, QIODevice::ReadOnly);
+    }
+
+    /// Lets go of a process that not even SIGKILL has ended: to destroy it is to wait for it.
+    ~Helper()
+    {
+        if (!isRunning())
+            return;
+        QProcess* const process = m_process.release();
+        QObject::connect(process, &QProcess::finished, process, &QObject::deleteLater);
+    }
+    Q_DISABLE_COPY_MOVE(Helper)
+
+    bool isRunning() const { return m_process->state() != QProcess::NotRunning; }
+
+    /// Takes in what it has printed by now; one that floods is ended.
+    void readOutput()
+    {
+        constexpr qsizetype complaintLimit = 300;
+        if (!m_error.isEmpty())
+            return;
+        m_output += m_process->readAllStandardOutput();
+        m_complaint = (m_complaint + m_process->readAllStandardError()).left(complaintLimit);
+        if (m_output.size() > m_outputLimit)
+            fail(QStringLiteral("输出超过 %1 字节").arg(m_outputLimit));
+    }
+
+    /// Ends it with its whole group. It has not been waited for: the id is still its own.
+    void fail(const QString& why)
+    {
+        m_error = why;
+        const auto pid = static_cast<pid_t>(m_process->processId());
+        if (!isRunning() || pid <= 0)
+            return;
+        m_process->closeReadChannel(QProcess::StandardOutput);
+        m_process->closeReadChannel(QProcess::StandardError);
+        if (::kill(-pid, SIGKILL) != 0) // it has not come to have a group of its own
+            ::kill(pid, SIGKILL);
+    }
+
+    HelperResult result() const
+    {
+        if (!m_error.isEmpty())
+            return {{}, m_error};
+        if (m_process->error() == QProcess::FailedToStart)
+            return {{}, QStringLiteral("无法启动: %1").arg(m_process->errorString())};
+        if (m_process->exitStatus() != QProcess::NormalExit)
+            return {{}, QStringLiteral("异常终止")};
+        if (const int code = m_process->exitCode(); code != 0)
+            return {{},
+                    QStringLiteral("退出码 %1: %2")
+                        .arg(QString::number(code), textFromSystem(m_complaint.trimmed()))};
+        return {m_output, {}};
+    }
+
+private:
+    std::unique_ptr<QProcess> m_process = std::make_unique<QProcess>();
+    qsizetype m_outputLimit;
+    QByteArray m_output;
+    QByteArray m_complaint;
+    QString m_error; ///< Why it was ended.
+};
+
+using Helpers = std::vector<std::unique_ptr<Helper>>;
+
+/// Reads what they print until all have ended or the time is up.
+void waitFor(const Helpers& helpers, std::chrono::milliseconds limit)
+{
+    const QDeadlineTimer deadline(limit);
+    const auto isRunning = [](const auto& helper) { return helper->isRunning(); };
+    QTimer alarm; // so that no wait for events outlasts the deadline for long
+    alarm.start(std::chrono::milliseconds(50));
+    while (!deadline.hasExpired() && std::any_of(helpers.begin(), helpers.end(), isRunning)) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        for (const auto& helper : helpers)
+            helper->readOutput();
+    }
 }
 
 } // namespace
 
-HelperResult runHelper(const QString& program, const QStringList& arguments,
-                       const HelperLimits& limits)
+QList<HelperResult> runHelpers(const QList<HelperCommand>& commands, const HelperLimits& limits)
 {
+    constexpr std::chrono::seconds patience(1); // for the killed
     stopIgnoringChildren();
-    const QDeadlineTimer deadline(limits.time);
-    QProcess process;
-    prepare(process);
-    process.start(program, arguments, QIODevice::ReadOnly);
-    if (!process.waitForStarted(static_cast<int>(limits.time.count())))
-        return {{}, QStringLiteral("无法启动: %1").arg(process.errorString())};
-
-    // While it waits for output, QProcess takes in all that comes on standard error: short waits
-    // bound the memory that a flood there can use.
-    constexpr qint64 longestWaitMs = 20;
-    constexpr qsizetype complaintLimit = 300;
-    QByteArray output;
-    QByteArray complaint;
-    while (process.state() != QProcess::NotRunning && !deadline.hasExpired() &&
-           output.size() <= limits.outputBytes) {
-        process.waitForReadyRead(
-            static_cast<int>(std::min(deadline.remainingTime(), longestWaitMs)));
-        output += process.readAllStandardOutput();
-        complaint = (complaint + process.readAllStandardError()).left(complaintLimit);
+    Helpers helpers;
+    for (const HelperCommand& command : commands)
+        helpers.push_back(std::make_unique<Helper>(command, limits.outputBytes));
+    waitFor(helpers, limits.time);
+    for (const auto& helper : helpers) {
+        if (helper->isRunning())
+            helper->fail(QStringLiteral("%1 毫秒内未结束").arg(limits.time.count()));
     }
-    const bool isStuck = process.state() != QProcess::NotRunning;
-    if (isStuck)
-        killGroup(process);
-    if (output.size() > limits.outputBytes)
-        return {{}, QStringLiteral("输出超过 %1 字节").arg(limits.outputBytes)};
-    if (isStuck)
-        return {{}, QStringLiteral("%1 毫秒内未结束").arg(limits.time.count())};
-    if (process.exitStatus() != QProcess::NormalExit)
-        return {{}, QStringLiteral("异常终止")};
-    if (const int code = process.exitCode(); code != 0)
-        return {{},
-                QStringLiteral("退出码 %1: %2")
-                    .arg(QString::number(code), textFromSystem(complaint.trimmed()))};
-    return {output, {}};
+    waitFor(helpers, patience);
+    QList<HelperResult> results;
+    for (const auto& helper : helpers)
+        results += helper->result();
+    return results;
 }
 
 } // namespace korvane::linux_platform

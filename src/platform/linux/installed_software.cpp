@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -21,13 +22,15 @@ namespace linux_platform {
 
 namespace {
 
-/// What one package manager answered.
+/// A package manager, and what it answered.
 struct SourceListing
 {
     QString source;
     bool exists = true;
     QString error = {}; ///< Empty after a success.
     QList<UninstallEntry> entries = {};
+    HelperCommand command = {}; ///< Prints the list; none where the database could be read.
+    std::function<void(SourceListing&, const QByteArray& output)> read = {}; ///< Parses it.
 };
 
 /// What `path` holds; none, and errno, when it cannot be read whole.
@@ -67,7 +70,7 @@ SourceListing listDpkg(const QString& root)
     return listing;
 }
 
-SourceListing listRpm(const QString& root, const HelperLimits& limits)
+SourceListing rpmSource(const QString& root)
 {
     SourceListing listing{QStringLiteral("rpm"), false};
     for (const char* directory : {"/var/lib/rpm", "/usr/lib/sysimage/rpm"}) {
@@ -76,13 +79,11 @@ SourceListing listRpm(const QString& root, const HelperLimits& limits)
             listing.exists = listing.exists || database.size() > 0;
         }
     }
-    if (listing.exists) {
-        const QString format = QStringLiteral("--queryformat=") + rpmQueryFormat();
-        const HelperResult result =
-            runHelper(QStringLiteral("rpm"), {QStringLiteral("-qa"), format}, limits);
-        listing.error = result.error;
-        listing.entries = parseRpmPackages(result.output);
-    }
+    const QString format = QStringLiteral("--queryformat=") + rpmQueryFormat();
+    listing.command = {QStringLiteral("rpm"), {QStringLiteral("-qa"), format}};
+    listing.read = [](SourceListing& asked, const QByteArray& output) {
+        asked.entries = parseRpmPackages(output);
+    };
     return listing;
 }
 
@@ -93,44 +94,61 @@ void locate(UninstallEntry& entry, const QString& location)
         entry.installLocation = location;
 }
 
-SourceListing listFlatpak(const QString& directory, bool perUser, const HelperLimits& limits)
+SourceListing flatpakSource(const QString& directory, bool perUser)
 {
     const QString option = perUser ? QStringLiteral("--user") : QStringLiteral("--system");
     SourceListing listing{QStringLiteral("flatpak ") + option};
     // Without either nothing is installed there; asked all the same, flatpak would create it.
     listing.exists = QFileInfo::exists(directory + QStringLiteral("/app")) ||
                      QFileInfo::exists(directory + QStringLiteral("/runtime"));
-    if (!listing.exists)
-        return listing;
     const QString columns = QStringLiteral("--columns=") + flatpakColumns();
-    const HelperResult result =
-        runHelper(QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}, limits);
-    listing.error = result.error;
-    listing.entries = parseFlatpakList(result.output, perUser);
-    for (UninstallEntry& entry : listing.entries)
-        locate(entry, directory + u'/' + entry.identifier + QStringLiteral("/active"));
+    listing.command = {QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}};
+    listing.read = [directory, perUser](SourceListing& asked, const QByteArray& output) {
+        asked.entries = parseFlatpakList(output, perUser);
+        for (UninstallEntry& entry : asked.entries)
+            locate(entry, directory + u'/' + entry.identifier + QStringLiteral("/active"));
+    };
     return listing;
 }
 
-SourceListing listSnaps(const QString& root, const HelperLimits& limits)
+SourceListing snapSource(const QString& root)
 {
-    SourceListing listing{QStringLiteral("snap")};
     const QDir snapd(root + QStringLiteral("/var/lib/snapd"));
-    listing.exists = snapd.exists(QStringLiteral("state.json"));
-    if (!listing.exists)
-        return listing;
-    const QStringList arguments{QStringLiteral("list"), QStringLiteral("--unicode=never"),
-                                QStringLiteral("--color=never")};
-    const HelperResult result = runHelper(listing.source, arguments, limits);
-    const auto entries = parseSnapList(result.output);
-    listing.error = entries ? result.error : QStringLiteral("无法识别的输出");
-    listing.entries = entries.value_or(QList<UninstallEntry>());
-    for (UninstallEntry& entry : listing.entries) {
-        locate(entry, QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName));
-        const QFileInfo image(snapd, QStringLiteral("snaps/%1.snap").arg(entry.identifier));
-        entry.estimatedSizeKb = (image.size() + 1023) / 1024;
-    }
+    SourceListing listing{QStringLiteral("snap"), snapd.exists(QStringLiteral("state.json"))};
+    listing.command = {listing.source,
+                       {QStringLiteral("list"), QStringLiteral("--unicode=never"),
+                        QStringLiteral("--color=never")}};
+    listing.read = [root, snapd](SourceListing& asked, const QByteArray& output) {
+        const auto entries = parseSnapList(output);
+        if (!entries)
+            asked.error = QStringLiteral("无法识别的输出");
+        asked.entries = entries.value_or(QList<UninstallEntry>());
+        for (UninstallEntry& entry : asked.entries) {
+            locate(entry, QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName));
+            const QFileInfo image(snapd, QStringLiteral("snaps/%1.snap").arg(entry.identifier));
+            entry.estimatedSizeKb = (image.size() + 1023) / 1024;
+        }
+    };
     return listing;
+}
+
+/// Asks all that have a command.
+void ask(QList<SourceListing>& listings, const HelperLimits& limits)
+{
+    QList<HelperCommand> commands;
+    for (const SourceListing& listing : std::as_const(listings)) {
+        if (listing.read)
+            commands += listing.command;
+    }
+    const QList<HelperResult> results = runHelpers(commands, limits);
+    auto result = results.cbegin();
+    for (SourceListing& listing : listings) {
+        if (!listing.read)
+            continue;
+        listing.error = result->error;
+        listing.read(listing, result->output);
+        ++result;
+    }
 }
 
 void logOnce(const SourceListing& failed)
@@ -149,11 +167,11 @@ QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLim
     const QString userData = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
     const QString userFlatpaks =
         qEnvironmentVariable("FLATPAK_USER_DIR", userData + QStringLiteral("/flatpak"));
-    QList<SourceListing> listings{
-        listDpkg(root), listRpm(root, limits),
-        listFlatpak(root + QStringLiteral("/var/lib/flatpak"), false, limits),
-        listFlatpak(userFlatpaks, true, limits), listSnaps(root, limits)};
+    QList<SourceListing> listings{listDpkg(root), rpmSource(root),
+                                  flatpakSource(root + QStringLiteral("/var/lib/flatpak"), false),
+                                  flatpakSource(userFlatpaks, true), snapSource(root)};
     listings.removeIf([](const SourceListing& listing) { return !listing.exists; });
+    ask(listings, limits);
     QStringList reasons;
     QList<UninstallEntry> entries;
     for (const SourceListing& listing : listings) {

@@ -13,7 +13,7 @@ namespace korvane::linux_platform {
 /// only where its database exists: below `root`, empty for the machine's own, and for the user in
 /// FLATPAK_USER_DIR or the data directory. One that fails is left out, which is logged once. When
 /// nothing could be read the list is empty and `error` (may be null) names what was tried. `limits`
-/// are for each program that is run: four at most.
+/// are for the programs that are run, four at most, side by side.
 QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLimits& limits,
                                             QString* error);
 

@@ -1,6 +1,7 @@
 // The judgement of an entry: by its name, by what lies at its path, and by everything in it.
 #include "platform/linux/movable_entry.h"
 
+#include "platform/linux/file_hold.h"
 #include "platform/linux/tree_walk.h"
 
 #include <algorithm>
@@ -76,14 +77,40 @@ void addTo(EntryCheck& sum, const struct statx& found)
         sum.bytes = std::numeric_limits<qint64>::max();
 }
 
+/// Whether a program has the file open, also one that may not be looked into.
+KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
+{
+    const int error = FileHold(directory, name).error();
+    switch (error) {
+    case EOPNOTSUPP:
+        sum.canBeHeld = false;
+        [[fallthrough]];
+    case 0:
+        return KeptBecause::Nothing;
+    case EBUSY:
+        return KeptBecause::InUse;
+    case EACCES:
+    case EPERM:
+        return KeptBecause::NotOwn;
+    default:
+        return reasonOf(error);
+    }
+}
+
 } // namespace
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 9> texts{
-        u"",         u"已不存在",   u"正在使用",
-        u"无权限",   u"含特殊文件", u"含挂载点",
-        u"系统保留", u"无法读取",   u"直接位于主目录或其上级"};
+    static constexpr std::array<QStringView, 10> texts{u"",
+                                                       u"已不存在",
+                                                       u"正在使用",
+                                                       u"无权限",
+                                                       u"含特殊文件",
+                                                       u"含挂载点",
+                                                       u"系统保留",
+                                                       u"无法读取",
+                                                       u"直接位于主目录或其上级",
+                                                       u"路径可被他人更改"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 
@@ -111,14 +138,13 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        struct statx found = {};
-        const KeptBecause reason = m_checker.judge(walk.directory(), entry.name, found);
+        mode_t mode = 0;
+        const KeptBecause reason = m_checker.judge(walk.directory(), entry.name, m_result, mode);
         if (reason != KeptBecause::Nothing)
             return stay(reason);
-        if (S_ISDIR(found.stx_mode) != (entry.type == DT_DIR))
+        if (S_ISDIR(mode) != (entry.type == DT_DIR))
             return stay(KeptBecause::Vanished);
-        addTo(m_result, found);
-        return S_ISDIR(found.stx_mode) ? Step::Descend : Step::GoOn;
+        return S_ISDIR(mode) ? Step::Descend : Step::GoOn;
     }
 
     Step failed(TreeWalk&, int error) override { return stay(reasonOf(error)); }
@@ -146,8 +172,10 @@ EntryChecker::EntryChecker(FilesInUse inUse, const QList<QByteArray>& protectedP
     }
 }
 
-KeptBecause EntryChecker::judge(int directory, const char* name, struct statx& found) const
+KeptBecause EntryChecker::judge(int directory, const char* name, EntryCheck& sum,
+                                mode_t& mode) const
 {
+    struct statx found = {};
     const int error = statOf(directory, name, found);
     if (error != 0)
         return reasonOf(error);
@@ -162,7 +190,12 @@ KeptBecause EntryChecker::judge(int directory, const char* name, struct statx& f
     if (found.stx_uid != ::geteuid() ||
         (attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0)
         return KeptBecause::NotOwn;
-    return isPlain(found.stx_mode) ? KeptBecause::Nothing : KeptBecause::SpecialFile;
+    mode = found.stx_mode;
+    if (!isPlain(mode))
+        return KeptBecause::SpecialFile;
+    addTo(sum, found);
+    return S_ISREG(mode) && sum.canBeHeld ? judgeByLease(directory, name, sum)
+                                          : KeptBecause::Nothing;
 }
 
 EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& canonicalPath) const
@@ -177,12 +210,10 @@ EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& c
         return {KeptBecause::InUse};
 
     EntryCheck result;
-    struct statx found = {};
-    result.keptBecause = judge(parent, name, found);
-    if (result.keptBecause != KeptBecause::Nothing)
-        return result;
-    addTo(result, found);
-    if (!S_ISDIR(found.stx_mode))
+    result.canBeHeld = FileHold::isPossibleIn(parent);
+    mode_t mode = 0;
+    result.keptBecause = judge(parent, name, result, mode);
+    if (result.keptBecause != KeptBecause::Nothing || !S_ISDIR(mode))
         return result;
     Visitor visitor(*this, result);
     const int error = TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, name, visitor);

@@ -18,13 +18,14 @@ namespace korvane::linux_platform {
 enum class KeptBecause {
     Nothing, ///< It may be moved.
     Vanished,
-    InUse,       ///< By a running program or the kernel: see FilesInUse.
-    NotOwn,      ///< Another user's, for root too; or protected from changes.
+    InUse,       ///< By a running program or the kernel: see FilesInUse and FileHold.
+    NotOwn,      ///< Another user's, for root too; protected from changes, or from being opened.
     SpecialFile, ///< A socket, FIFO or device.
     MountPoint,  ///< In any mount namespace.
     SystemPlace, ///< A protected directory, a recycle bin, or what a desktop finds by its name.
     Unreadable,  ///< What it holds cannot be seen.
     HomeItself,  ///< Where it lies is the home, or holds it: nothing there is junk.
+    OthersPath,  ///< Another user can change what root would find at its path.
 };
 
 /// The reason in a word or two, as the user reads it; empty for Nothing.
@@ -39,6 +40,9 @@ struct EntryCheck
 {
     KeptBecause keptBecause = KeptBecause::Nothing;
     qint64 bytes = 0; ///< Allocated ones; a file of two names counts twice.
+
+    /// Whether a lease can tell, once there is a copy, that nobody has the original open: see FileHold.
+    bool canBeHeld = true;
 };
 
 /// Looks through entries for what must not be moved.
@@ -51,14 +55,15 @@ public:
 
     /// Whether the entry `name` of the directory handle `parent` may be moved. `canonicalPath` is its
     /// real path, without links on the way; itself it may be a link, and is then judged, as are all in
-    /// it, by itself. What happens to the entry afterwards, nobody can promise.
+    /// it, by itself. Each file is opened for a moment. What happens to the entry afterwards, nobody can
+    /// promise.
     EntryCheck check(int parent, const char* name, const QByteArray& canonicalPath) const;
 
 private:
     class Visitor;
 
-    /// Judges the entry alone, not what is in it, by what is `found` of it.
-    KeptBecause judge(int directory, const char* name, struct statx& found) const;
+    /// Judges the entry alone, not what is in it, and adds it to `sum`; tells what it is.
+    KeptBecause judge(int directory, const char* name, EntryCheck& sum, mode_t& mode) const;
 
     FilesInUse m_inUse;
     std::vector<std::pair<dev_t, ino_t>> m_protected;

@@ -63,13 +63,22 @@ struct DpkgStanza
     QByteArrayView installedSize; ///< KiB
     QByteArrayView multiArch;
 
-    /// Whether `word` is the last of the three words of the status.
-    bool isInState(QByteArrayView word) const
+    /// The last of the three words of the status.
+    QByteArrayView state() const
     {
         QByteArrayView rest = status;
         takeWord(rest);
         takeWord(rest);
-        return takeWord(rest) == word;
+        return takeWord(rest);
+    }
+
+    /// Whether files of the package may be on the disk.
+    bool isOnDisk() const
+    {
+        static constexpr std::array<QByteArrayView, 6> states{
+            "installed",       "triggers-awaited", "triggers-pending",
+            "half-configured", "unpacked",         "half-installed"};
+        return std::find(states.begin(), states.end(), state()) != states.end();
     }
 };
 
@@ -124,7 +133,7 @@ void applyUpdate(QList<DpkgStanza>& stanzas, const DpkgStanza& update)
             continue;
         if (stanza.architecture == update.architecture)
             replaced = &stanza;
-        if (!stanza.isInState("not-installed"))
+        if (stanza.state() != "not-installed")
             instances.append(&stanza);
     }
     if (instances.size() == 1 && (instances[0]->multiArch != "same" || update.multiArch != "same"))
@@ -156,7 +165,7 @@ QList<UninstallEntry> parseDpkgDatabase(QByteArrayView status, const QByteArrayL
         for (const DpkgStanza& update : parseStanzas(file))
             applyUpdate(stanzas, update);
     }
-    stanzas.removeIf([](const DpkgStanza& stanza) { return !stanza.isInState("installed"); });
+    stanzas.removeIf([](const DpkgStanza& stanza) { return !stanza.isOnDisk(); });
     QByteArrayView machine; // dpkg is of the machine's own architecture
     for (const DpkgStanza& stanza : stanzas) {
         if (stanza.package == "dpkg")

@@ -14,8 +14,9 @@
 
 namespace korvane::linux_platform {
 
-/// The installed packages in dpkg's status file and its journal: the files of /var/lib/dpkg/updates
-/// in their order, which dpkg has yet to merge. `identifier` is NAME:ARCH.
+/// The packages that occupy the disk, half installed ones too, in dpkg's status file and its journal:
+/// the files of /var/lib/dpkg/updates in their order, which dpkg has yet to merge. `identifier` is
+/// NAME:ARCH.
 QList<UninstallEntry> parseDpkgDatabase(QByteArrayView status, const QByteArrayList& journal);
 
 /// The query format for `rpm -qa` of which parseRpmPackages() takes the output.

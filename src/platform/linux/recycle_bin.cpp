@@ -136,6 +136,14 @@ bool isInTrash(const QByteArray& path)
     });
 }
 
+/// Why nothing in a directory can be moved that could not be opened for `error`.
+KeptBecause reasonFor(int error)
+{
+    if (error == EPERM)
+        return KeptBecause::OthersPath;
+    return error == EACCES ? KeptBecause::NotOwn : KeptBecause::Unreadable;
+}
+
 /// One call.
 class Call
 {
@@ -171,8 +179,7 @@ void Call::openSource(const QByteArray& directory)
     m_isSourceGone = !m_source && (error == ENOENT || error == ENOTDIR);
     m_sourceProblem.clear();
     if (!m_source)
-        m_sourceProblem =
-            keptBecauseText(error == EACCES ? KeptBecause::NotOwn : KeptBecause::Unreadable);
+        m_sourceProblem = keptBecauseText(reasonFor(error));
     else if (m_source->path == "/" || holdsHome(m_source->handle.get()))
         m_sourceProblem = keptBecauseText(KeptBecause::HomeItself);
     else if (isInTrash(m_source->path))

@@ -1,6 +1,7 @@
 // Keeps a trash directory: its names, its info files, and what moves in.
 #include "platform/linux/trash_directory.h"
 
+#include "platform/linux/directory_path.h"
 #include "platform/linux/file_status.h"
 
 #include <QDateTime>
@@ -25,23 +26,6 @@ namespace korvane::linux_platform {
 namespace {
 
 constexpr auto newInfo = "new";
-
-/// Makes the directory at `path` with all above it. Root makes nothing in another user's directory,
-/// whose home it may have been given: that user could not use what is there then.
-void makePath(const QByteArray& path)
-{
-    struct stat info = {};
-    qsizetype end = 0;
-    while (end >= 0) {
-        end = path.indexOf('/', end + 1);
-        const QByteArray part = end < 0 ? path : path.first(end);
-        const bool isOthers = ::geteuid() == 0 && info.st_uid != 0; // the one above
-        if (::stat(part.constData(), &info) != 0 &&
-            (isOthers || ::mkdir(part.constData(), S_IRWXU) != 0 ||
-             ::stat(part.constData(), &info) != 0))
-            return;
-    }
-}
 
 /// Renames, but never over something.
 int renameToFree(int fromDirectory, const char* from, int toDirectory, const char* to)
@@ -111,9 +95,9 @@ std::unique_ptr<TrashDirectory> TrashDirectory::ofHome()
     const QByteArray path = homePath();
     if (path.isEmpty())
         return nullptr;
-    makePath(path);
-    // A link here is the user's own doing.
-    UniqueFd root = openOwnDirectory(AT_FDCWD, path.constData(), true);
+    // A link here is the user's own doing; or root's, for whom nothing is made in another user's home.
+    const DirectoryAtPath opened = openDirectoryAt(path, MissingDirectories::Make);
+    UniqueFd root = openOwnDirectory(opened.handle.get(), ".");
     std::unique_ptr<TrashDirectory> trash(new TrashDirectory(std::move(root), {}));
     return trash->isUsable() ? std::move(trash) : nullptr;
 }

@@ -1,15 +1,13 @@
 // Moves entries into the recycle bin.
 #include "platform/linux/trash_mover.h"
 
+#include "platform/linux/directory_path.h"
 #include "platform/linux/file_status.h"
 #include "platform/linux/tree_copy.h"
 #include "platform/linux/tree_removal.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -125,15 +123,13 @@ bool hasSpaceFor(const EntryCheck& entry, int directory)
 
 std::shared_ptr<const SourceDirectory> SourceDirectory::open(const QByteArray& path)
 {
-    std::array<char, PATH_MAX> real{};
-    if (::realpath(path.constData(), real.data()) == nullptr)
+    DirectoryAtPath opened = openDirectoryAt(path);
+    struct statfs info = {};
+    if (!opened.handle.isValid() || ::fstatfs(opened.handle.get(), &info) != 0)
         return nullptr;
     auto source = std::make_shared<SourceDirectory>();
-    source->path = real.data();
-    source->handle = UniqueFd(::open(real.data(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct statfs info = {};
-    if (!source->handle.isValid() || ::fstatfs(source->handle.get(), &info) != 0)
-        return nullptr;
+    source->handle = std::move(opened.handle);
+    source->path = std::move(opened.path);
     source->mount = mountOf(source->handle.get());
     source->isMemory = info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
     return source;
@@ -164,10 +160,12 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
     for (TrashCandidate& candidate : candidates) {
         if (candidate.outcome != Outcome::Pending)
             continue;
-        if (m_home)
-            copied.push_back(&candidate);
-        else
+        if (!m_home)
             keep(candidate, QStringLiteral("回收站不可用"));
+        else if (!candidate.check.canBeHeld)
+            keep(candidate, QStringLiteral("无法确认未被使用"));
+        else
+            copied.push_back(&candidate);
     }
     copy(std::move(copied));
 }

@@ -16,7 +16,8 @@ namespace korvane::linux_platform {
 /// A directory that holds entries to be moved.
 struct SourceDirectory
 {
-    /// Opens the directory at `path`, links followed; none, and errno, when that fails.
+    /// Opens the directory at `path`, links followed; none, and errno, when that fails: EPERM where
+    /// root would go a way that others can change (see openDirectoryAt()).
     static std::shared_ptr<const SourceDirectory> open(const QByteArray& path);
 
     UniqueFd handle;

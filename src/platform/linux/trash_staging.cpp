@@ -58,11 +58,11 @@ void withdrawInfoFiles(int staged, int info, int files)
 
 } // namespace
 
-UniqueFd openOwnDirectory(int parent, const char* name, bool followLink)
+UniqueFd openOwnDirectory(int parent, const char* name)
 {
     if (::mkdirat(parent, name, S_IRWXU) != 0 && errno != EEXIST)
         return UniqueFd();
-    UniqueFd opened(::openat(parent, name, directoryFlags & ~(followLink ? O_NOFOLLOW : 0)));
+    UniqueFd opened(::openat(parent, name, directoryFlags));
     struct stat info = {};
     if (!opened.isValid() || ::fstat(opened.get(), &info) != 0)
         return UniqueFd();

@@ -38,7 +38,7 @@ private:
 inline constexpr auto infoEnding = ".trashinfo";
 
 /// Makes the directory `name` in `parent` where there is none, and opens it. None, and errno, unless it
-/// is one of this user's own; a link is one only with `followLink`.
-UniqueFd openOwnDirectory(int parent, const char* name, bool followLink = false);
+/// is one of this user's own; a link never is.
+UniqueFd openOwnDirectory(int parent, const char* name);
 
 } // namespace korvane::linux_platform

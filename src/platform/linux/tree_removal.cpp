@@ -1,6 +1,7 @@
 // Removes directory trees, wholly or as far as there is a copy.
 #include "platform/linux/tree_removal.h"
 
+#include "platform/linux/file_hold.h"
 #include "platform/linux/file_status.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/tree_walk.h"
@@ -8,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstring>
 
 #include <fcntl.h>
@@ -49,10 +49,10 @@ bool haveSameTarget(int directory, const char* name, int copyDirectory, const ch
            std::memcmp(target.data(), copied.data(), static_cast<std::size_t>(size)) == 0;
 }
 
-/// Whether the two are directories, or files that hold the same.
-bool isCopied(int directory, const char* name, int copyDirectory, const char* copyName)
+/// Whether the two are directories, or files that hold the same. Tells what the first one is.
+bool isCopied(int directory, const char* name, int copyDirectory, const char* copyName,
+              struct stat& info)
 {
-    struct stat info = {};
     struct stat copy = {};
     if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) != 0 ||
         ::fstatat(copyDirectory, copyName, &copy, AT_SYMLINK_NOFOLLOW) != 0 ||
@@ -64,27 +64,6 @@ bool isCopied(int directory, const char* name, int copyDirectory, const char* co
            (info.st_size == copy.st_size && isSameTime(info.st_mtim, copy.st_mtim));
 }
 
-/// Keeps others from opening a file, unless somebody has it open already: what they wrote would go
-/// with the original. Of a file system without leases nothing is known.
-class FileHold
-{
-public:
-    FileHold(int directory, const char* name) : m_file(::openat(directory, name, flags))
-    {
-        // One who waits to open it is told of by a signal: let it be one that does nothing.
-        m_isInUse = m_file.isValid() && ::fcntl(m_file.get(), F_SETSIG, SIGURG) == 0 &&
-                    ::fcntl(m_file.get(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
-    }
-
-    bool isInUse() const { return m_isInUse; }
-
-private:
-    static constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-
-    UniqueFd m_file;
-    bool m_isInUse;
-};
-
 /// Goes through an original beside its copy.
 class OriginalRemover final : public TreeVisitor
 {
@@ -93,9 +72,10 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
+        struct stat info = {};
         if (entry.type != DT_DIR)
             removeFile(walk.directory(), entry.name, m_copy.get(), entry.name);
-        else if (isCopied(walk.directory(), entry.name, m_copy.get(), entry.name))
+        else if (isCopied(walk.directory(), entry.name, m_copy.get(), entry.name, info))
             return Step::Descend;
         return Step::GoOn;
     }
@@ -132,14 +112,19 @@ public:
     /// Removes what is no directory, if it is what was copied.
     void removeFile(int directory, const char* name, int copyDirectory, const char* copyName)
     {
-        if (!isCopied(directory, name, copyDirectory, copyName))
+        struct stat info = {};
+        if (!isCopied(directory, name, copyDirectory, copyName, info))
             return;
+        if (S_ISLNK(info.st_mode)) {
+            remove(directory, name, 0);
+            return;
+        }
         const FileHold hold(directory, name);
         // Again, as only from now on nobody writes to it.
-        if (!hold.isInUse() && isCopied(directory, name, copyDirectory, copyName))
+        if (hold.error() == 0 && isCopied(directory, name, copyDirectory, copyName, info))
             remove(directory, name, 0);
-        else if (hold.isInUse() && m_result.error == 0)
-            m_result.error = EBUSY;
+        else if (m_result.error == 0 && hold.error() != ENOENT)
+            m_result.error = hold.error();
     }
 
     bool remove(int directory, const char* name, int flags)
@@ -181,7 +166,7 @@ RemovedOriginal removeOriginal(int parent, const char* name, int copyParent, con
     struct stat info = {};
     if (!original.isValid()) {
         remover.removeFile(parent, name, copyParent, copyName);
-    } else if (isCopied(parent, name, copyParent, copyName) &&
+    } else if (isCopied(parent, name, copyParent, copyName, info) &&
                ::fstat(original.get(), &info) == 0) {
         OriginalRemover::makeWritable(original.get());
         (void)TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, remover);

@@ -18,8 +18,8 @@ struct RemovedOriginal
 };
 
 /// Removes of the entry `name` of `parent` what the entry `copyName` of `copyParent` has too: of the
-/// same kind, size and modification time, or link target. What came or changed since stays, and what
-/// somebody has open by now.
+/// same kind, size and modification time, or link target. What came or changed since stays, and each
+/// file of which it is not certain that nobody has it open.
 RemovedOriginal removeOriginal(int parent, const char* name, int copyParent, const char* copyName);
 
 } // namespace korvane::linux_platform

@@ -13,8 +13,14 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <cstddef>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 
 using namespace korvane;
@@ -202,6 +208,23 @@ void checkTrash(const QString& trash)
     for (const QString& file : files)
         QVERIFY2(infos.contains(file + ".trashinfo"_L1), qPrintable(file));
     QCOMPARE(QDir(trash + "/korvane-staging"_L1).entryList(filters), QStringList());
+}
+
+/// Lets this process have no lease from here on.
+void refuseLeases(int error)
+{
+    std::array<sock_filter, 6> filter{{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args) + 8), // little-endian
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETLEASE, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    }};
+    const sock_fprog program{filter.size(), filter.data()};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+        ::_exit(1);
 }
 
 void clear(const QString& directory)
@@ -410,7 +433,7 @@ private Q_SLOTS:
         using namespace linux_platform;
         const QString source = u"/tmp/source"_s;
         QVERIFY(QDir().mkpath(source + "/below"_L1) && QDir().mkpath(u"/tmp/copies"_s));
-        for (const char* name : {"/same", "/grown", "/touched", "/open", "/below/same"})
+        for (const char* name : {"/same", "/grown", "/touched", "/open", "/leased", "/below/same"})
             write(source + QLatin1StringView(name), "x");
         QVERIFY(link(u"one"_s, source + "/link"_L1, true));
         const UniqueFd copies(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
@@ -419,6 +442,9 @@ private Q_SLOTS:
         write(source + "/below/new"_L1, "x");
         setTimes(source + "/touched"_L1, 1, 2);
         const UniqueFd open(::open("/tmp/source/open", O_RDONLY | O_CLOEXEC));
+        const UniqueFd leased(::open("/tmp/source/leased", O_RDONLY | O_CLOEXEC));
+        QCOMPARE(::fcntl(leased.get(), F_SETSIG, SIGURG), 0);
+        QCOMPARE(::fcntl(leased.get(), F_SETLEASE, F_WRLCK), 0);
         QVERIFY(QFile::remove(source + "/link"_L1) && link(u"two"_s, source + "/link"_L1, true));
 
         const RemovedOriginal removed =
@@ -430,10 +456,105 @@ private Q_SLOTS:
         while (all.hasNext())
             left << all.next().sliced(source.size());
         left.sort();
-        QCOMPARE(left, QStringList(
-                           {u"/below/new"_s, u"/grown"_s, u"/link"_s, u"/open"_s, u"/touched"_s}));
+        QCOMPARE(left, QStringList({u"/below/new"_s, u"/grown"_s, u"/leased"_s, u"/link"_s,
+                                    u"/open"_s, u"/touched"_s}));
+
+        rlimit limits = {};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limits), 0);
+        const rlimit none{0, limits.rlim_max};
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/source/grown", copies.get(), "grown"), 0);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
+        const int error =
+            removeOriginal(AT_FDCWD, "/tmp/source/grown", copies.get(), "grown").error;
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limits), 0);
+        QCOMPARE(error, EMFILE);
+        QVERIFY(QFile::exists(source + "/grown"_L1));
         clear(source);
         QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0);
+    }
+
+    void whatNoLeaseVouchesForStays_data()
+    {
+        QTest::addColumn<int>("error");
+        QTest::addColumn<QString>("message");
+        const QString none = u"没有内容被移到回收站, 跳过 2 项 (%1 2)"_s;
+        // Where the file system has none, a rename still loses nothing that is written to it.
+        QTest::newRow("has none") << EINVAL
+                                  << u"已移到回收站 1 项, 跳过 1 项 (无法确认未被使用 1)"_s;
+        QTest::newRow("refused") << EACCES << none.arg(u"无权限"_s);
+        QTest::newRow("failed") << ENOLCK << none.arg(u"无法读取"_s);
+    }
+    void whatNoLeaseVouchesForStays()
+    {
+        QFETCH(const int, error);
+        QFETCH(const QString, message);
+        const QString renamed = around + "/renamed"_L1;
+        const QString said = around + "/said"_L1;
+        QVERIFY(QDir().mkpath(u"/tmp/copied/below"_s));
+        write(u"/tmp/copied/below/file"_s, "x");
+        write(renamed, "x");
+        Child mover([&] {
+            refuseLeases(error);
+            write(said, moveToRecycleBin({u"/tmp/copied"_s, renamed}).message.toUtf8());
+            ::_exit(0);
+        });
+        QCOMPARE(mover.wait(), 0);
+        QFile result(said);
+        QVERIFY(result.open(QIODevice::ReadOnly));
+        QCOMPARE(QString::fromUtf8(result.readAll()), message);
+        QVERIFY(QFile::exists(u"/tmp/copied/below/file"_s));
+        QCOMPARE(QFile::exists(renamed), error != EINVAL);
+        checkTrash(homeTrash);
+        QFile::remove(said);
+        QFile::remove(renamed);
+        clear(u"/tmp/copied"_s);
+    }
+
+    void rootFollowsNobodysLinks_data()
+    {
+        QTest::addColumn<QByteArray>("script");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("message");
+        const QString own = around + "/way/own/entry"_L1;
+        const QString linked = around + "/way/link/entry"_L1;
+        const QString moved = u"已移到回收站 2 项"_s;
+        const QString skipped = u"已移到回收站 1 项, 跳过 1 项 (%1 1)"_s;
+        const auto row = [&](const QByteArray& script, const QString& path,
+                             const QString& message = {}) {
+            QTest::newRow(script.constData())
+                << script << path
+                << (message.isEmpty() ? skipped.arg(u"路径可被他人更改"_s) : message);
+        };
+        row("chown 65534 way", own);
+        row("chmod 775 way", own);
+        row("chmod 777 way/own", own);
+        row("chmod 1777 way; chown 65534 way", own);
+        row("chmod 1777 way", own, moved);
+        row("ln -s ../precious/../precious way/link", linked, moved);
+        row("ln -s $PWD/precious way/link; chown 65534 way", linked);
+        row("ln -s $PWD/precious way/link; chmod 1777 way", linked);
+        row("ln -s $PWD/precious way/link; chown -h 65534 way/link", linked);
+        row("ln -s link way/link", linked, skipped.arg(u"无法读取"_s));
+    }
+    void rootFollowsNobodysLinks()
+    {
+        QFETCH(const QByteArray, script);
+        QFETCH(const QString, path);
+        QFETCH(const QString, message);
+        const auto run = [](const QByteArray& commands) {
+            const QString inPlace = u"cd \"$0\"; "_s + QString::fromUtf8(commands);
+            return output(u"sh"_s, {u"-ec"_s, inPlace, around});
+        };
+        const QString made = run("rm -rf precious way; mkdir -p precious way/own; "
+                                 "touch precious/entry way/own/entry; " +
+                                 script);
+        if (made.contains("chown:"_L1))
+            QSKIP("one user alone here");
+        QCOMPARE(made, QString());
+        write(u"/tmp/free"_s, "x");
+        QCOMPARE(moveToRecycleBin({path, u"/tmp/free"_s}).message, message);
+        const bool isMoved = message == u"已移到回收站 2 项"_s;
+        QCOMPARE(run("cat way/own/entry precious/entry").isEmpty(), !isMoved);
     }
 
     void filesOfTheSameNumberAreNotOne()
