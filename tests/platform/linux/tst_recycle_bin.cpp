@@ -545,7 +545,8 @@ private Q_SLOTS:
             const QString inPlace = u"cd \"$0\"; "_s + QString::fromUtf8(commands);
             return output(u"sh"_s, {u"-ec"_s, inPlace, around});
         };
-        const QString made = run("rm -rf precious way; mkdir -p precious way/own; "
+        const QString made = run("rm -rf precious way; mkdir -p precious/theirs way/own; "
+                                 "chown 65534 precious/theirs; "
                                  "touch precious/entry way/own/entry; " +
                                  script);
         if (made.contains("chown:"_L1))
