@@ -488,9 +488,9 @@ private Q_SLOTS:
     {
         QFETCH(const int, error);
         QFETCH(const QString, message);
-        const QString renamed = around + "/renamed"_L1;
+        const QString renamed = around + "/work/renamed"_L1;
         const QString said = around + "/said"_L1;
-        QVERIFY(QDir().mkpath(u"/tmp/copied/below"_s));
+        QVERIFY(QDir().mkpath(u"/tmp/copied/below"_s) && QDir().mkpath(around + "/work"_L1));
         write(u"/tmp/copied/below/file"_s, "x");
         write(renamed, "x");
         Child mover([&] {
