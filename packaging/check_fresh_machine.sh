@@ -10,8 +10,20 @@ machine=$(mktemp -d "${KORVANE_FRESH_DIR:-/var/tmp}/korvane-$suite-XXXXXX")
 chmod 755 "$machine" # as the root of any system is
 trap '! mountpoint -q "$machine" || umount -R "$machine"' EXIT
 
-debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" \
-    "${KORVANE_MIRROR:-http://deb.debian.org/debian}" >"$machine.log"
+# Where this machine itself has Debian from.
+mirror_of_apt() {
+    apt-get indextargets --format '$(SUITE) $(REPO_URI)' \
+        'Created-By: Packages' 'Origin: Debian' 'Component: main' |
+        awk '$1 !~ /-/ { print $2; exit }'
+}
+mirror=${KORVANE_MIRROR:-$(mirror_of_apt)}
+if [ -z "$mirror" ]; then
+    echo 'korvane: apt knows no Debian archive (apt-get update); name one in KORVANE_MIRROR' >&2
+    exit 1
+fi
+
+debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" "$mirror" \
+    >"$machine.log"
 cp -L /etc/resolv.conf /etc/hosts "$machine/etc/"
 # The certificates by which this machine trusts its own package registries.
 cp -r /usr/local/share/ca-certificates/. "$machine/usr/local/share/ca-certificates/"

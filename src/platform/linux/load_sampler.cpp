@@ -4,6 +4,8 @@
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/text.h"
 
+#include <QSet>
+
 #include <algorithm>
 #include <filesystem>
 #include <utility>
@@ -149,15 +151,26 @@ DeviceLoad loadBetween(const Devices& before, const Devices& now, double kibPerU
     return load;
 }
 
-/// Whether the entry of /sys/block is a disk by itself. What is made of others, or of memory, has
-/// no device. An NVMe disk of several paths is there beside them, but the kernel counts its load
-/// only from 6.2 on: so the paths are counted.
+/// Whether the entry of /sys/block has a device, and so is a disk by itself. An NVMe disk of several
+/// paths is there beside them, but the kernel counts its load only from 6.2 on: so the paths are
+/// counted.
 bool isPhysicalDisk(const QByteArray& path)
 {
     std::error_code error;
     const auto subsystem =
         std::filesystem::read_symlink((path + "/device/subsystem").toStdString(), error);
     return exists(path + "/device") && subsystem.filename() != "nvme-subsystem";
+}
+
+/// Whether the entry without a device is a disk all the same, as one that a server lends: neither a
+/// second view of others, nor made of memory.
+bool isLentDisk(const QByteArray& path)
+{
+    static constexpr std::array<QByteArrayView, 5> others{"loop", "ram", "zram", "dm-", "md"};
+    const QByteArrayView name = QByteArrayView(path).sliced(path.lastIndexOf('/') + 1);
+    return !exists(path + "/device") &&
+           std::none_of(others.begin(), others.end(),
+                        [name](QByteArrayView kind) { return name.startsWith(kind); });
 }
 
 /// Whether the interface at that path of /sys/class/net has a device. One that only works for
@@ -231,30 +244,38 @@ std::optional<LoadCounters::CpuTicks> LoadSampler::readCpu() const
     return whole ? std::optional(ticks) : std::nullopt;
 }
 
+/// The disks with a device; where there is none, as in some virtual machines, those that are lent.
 Devices LoadSampler::readDisks() const
 {
-    Devices disks;
+    Devices physical;
+    Devices lent;
     std::error_code error;
     std::filesystem::directory_iterator entry((m_sysRoot + "/block").toStdString(), error);
-    for (; !error && entry != std::filesystem::directory_iterator() && disks.size() < mostDevices;
+    for (; !error && entry != std::filesystem::directory_iterator() &&
+           physical.size() + lent.size() < mostDevices;
          entry.increment(error)) {
         const QByteArray path = QByteArray::fromStdString(entry->path().native());
         std::array<quint64, 10> fields{};
-        if (!isPhysicalDisk(path) || !parseNumbers(contentOf(path + "/stat"), fields))
+        const bool isPhysical = isPhysicalDisk(path);
+        if ((!isPhysical && !isLentDisk(path)) || !parseNumbers(contentOf(path + "/stat"), fields))
             continue;
         // Another disk may get the name of one that is gone, but not its number.
-        disks.insert(path + ' ' + contentOf(path + "/diskseq").trimmed(),
-                     {.in = fields[2], .out = fields[6], .busyMs = fields[9]});
+        (isPhysical ? physical : lent)
+            .insert(path + ' ' + contentOf(path + "/diskseq").trimmed(),
+                    {.in = fields[2], .out = fields[6], .busyMs = fields[9]});
     }
-    return disks;
+    return physical.isEmpty() ? lent : physical;
 }
 
-/// The physical interfaces: what tunnels, bridges and the like carry passes one of them too. Where
-/// there is none, as in a container, all but the loopback.
+/// The physical interfaces: what tunnels, bridges and the like carry passes one of them too, and what
+/// a port of a switch does passes the interface behind the switch. Where there is none, as in a
+/// container, all but the loopback.
 Devices LoadSampler::readInterfaces() const
 {
     Devices physical;
     Devices others;
+    QSet<QByteArray> numbers;
+    QHash<QByteArray, QByteArray> ports; // and the number of the interface that each works through
     const QByteArray content = contentOf(m_procRoot + "/net/dev");
     QByteArrayView rest = content;
     while (auto line = takeLine(rest)) {
@@ -262,9 +283,19 @@ Devices LoadSampler::readInterfaces() const
         std::array<quint64, 9> fields{};
         if (name == "lo" || name.size() >= IFNAMSIZ || !parseNumbers(*line, fields))
             continue;
-        Devices& devices =
-            isPhysicalInterface(m_sysRoot + "/class/net/" + name) ? physical : others;
-        devices.insert(name, {.in = fields[0], .out = fields[8]});
+        const QByteArray path = m_sysRoot + "/class/net/" + name;
+        const bool isPhysical = isPhysicalInterface(path);
+        (isPhysical ? physical : others).insert(name, {.in = fields[0], .out = fields[8]});
+        const QByteArray number = contentOf(path + "/ifindex");
+        const QByteArray link = contentOf(path + "/iflink");
+        if (isPhysical)
+            numbers.insert(number);
+        if (isPhysical && link != number)
+            ports.insert(name, link);
+    }
+    for (auto port = ports.cbegin(); port != ports.cend(); ++port) {
+        if (numbers.contains(port.value()))
+            physical.remove(port.key());
     }
     return physical.isEmpty() ? others : physical;
 }
