@@ -1,7 +1,6 @@
 // The look through /proc, and the parsers of its tables of files.
 #include "platform/linux/files_in_use.h"
 
-#include "platform/linux/named_file.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/text.h"
 
@@ -11,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
@@ -38,6 +36,26 @@ void skipWords(QByteArrayView& line, int count)
         takeWord(line);
 }
 
+/// A name in which the kernel wrote blanks and the like as a backslash and three octal digits.
+QByteArray unescaped(QByteArrayView text)
+{
+    QByteArray plain;
+    for (qsizetype at = 0; at < text.size(); ++at) {
+        unsigned char byte = 0;
+        const bool isEscape = text[at] == '\\' && at + 3 < text.size() &&
+                              parseNumber(text.sliced(at + 1, 3), byte, 8);
+        plain.append(isEscape ? static_cast<char>(byte) : text[at]);
+        at += isEscape ? 3 : 0;
+    }
+    return plain;
+}
+
+bool isAtOrBelow(const QByteArray& path, const QByteArray& directory)
+{
+    return path.startsWith(directory) && (path.size() == directory.size() ||
+                                          directory.endsWith('/') || path[directory.size()] == '/');
+}
+
 /// Whether one of the sorted `paths` is `directory` or lies below it.
 bool anyAtOrBelow(const QList<QByteArray>& paths, const QByteArray& directory)
 {
@@ -59,9 +77,7 @@ public:
     {
         if (!m_proc.isOpen())
             return std::nullopt;
-        if (!m_found.m_mounts.addOwn(m_proc))
-            return std::nullopt;
-        addLayers(m_found.m_mounts.own());
+        readTable("self/mountinfo", &Look::addMount);
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
             return !m_isIncomplete;
@@ -75,6 +91,7 @@ public:
 
         m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
         std::sort(m_found.m_paths.begin(), m_found.m_paths.end());
+        std::sort(m_found.m_mounts.begin(), m_found.m_mounts.end());
         std::sort(m_found.m_files.begin(), m_found.m_files.end());
         return std::move(m_found);
     }
@@ -142,25 +159,18 @@ private:
         return true;
     }
 
-    /// Whether to look at what is at this path is to ask a server, whatever one asks for.
     bool isRemote(const QByteArray& path) const
     {
-        const Mount* mount = m_found.m_mounts.own().at(path);
-        return mount != nullptr && isAskedFor(mount->type);
-    }
-
-    static bool isAskedFor(const QByteArray& type)
-    {
-        return type.startsWith("nfs") || type == "9p";
+        std::pair<qsizetype, bool> nearest{-1, false};
+        for (qsizetype i = 0; i < m_found.m_mounts.size(); ++i) {
+            if (isAtOrBelow(path, m_found.m_mounts[i]))
+                nearest = std::max(nearest, {m_found.m_mounts[i].size(), m_isRemote[i]});
+        }
+        return nearest.second;
     }
 
     void addProcess(quint32 pid)
     {
-        const std::size_t known = m_found.m_mounts.size();
-        if (!m_found.m_mounts.addOf(m_proc, pid))
-            m_isIncomplete = true;
-        if (m_found.m_mounts.size() > known)
-            addLayers(m_found.m_mounts.of(pid));
         addFromEnvironment(pid);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
@@ -218,42 +228,34 @@ private:
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
             for (const QByteArrayView name : pathVariables) {
-                if (variable.startsWith(name))
-                    addNamed(pid, variable.sliced(name.size()).toByteArray());
+                const qsizetype path = variable.startsWith(name) ? variable.indexOf('/') : -1;
+                if (path >= 0) // what may stand before it is the kind of cache, as in "FILE:/tmp/x"
+                    addPath(variable.sliced(path).toByteArray());
             }
         }
     }
 
-    /// Adds the file that a process names, by what it is: the same one has many paths.
-    void addNamed(quint32 pid, QByteArray path)
+    /// "ID PARENT DEVICE ROOT PLACE OPTIONS... - TYPE SOURCE OPTIONS": the last ones of layered file
+    /// systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
+    void addMount(QByteArrayView line)
     {
-        for (const char* kind : {"FILE:", "DIR::", "DIR:"}) { // of Kerberos tickets
-            if (path.startsWith(kind))
-                path.remove(0, static_cast<qsizetype>(std::strlen(kind)));
-        }
-        if (path.isEmpty() || path.size() >= PATH_MAX)
+        skipWords(line, 4);
+        const QByteArray place = unescaped(takeWord(line));
+        if (!place.startsWith('/'))
             return;
-        addPath(path);
-        const NamedFile named = followAs(m_proc, pid, m_found.m_mounts.of(pid), path);
-        m_isIncomplete = m_isIncomplete || isOwnFailure(named.error);
-        m_found.m_files.insert(m_found.m_files.end(), named.files.begin(), named.files.end());
-        addPath(named.path);
-    }
-
-    /// Adds the directories of layered file systems, which their options name, as in
-    /// "upperdir=/a,lowerdir=/b:/c".
-    void addLayers(const MountTable& table)
-    {
-        for (const Mount& mount : table.mounts()) {
-            m_isRemoteMounted = m_isRemoteMounted || isAskedFor(mount.type);
-            addPath(mount.source);
-            QByteArrayView options = mount.options;
-            while (!options.isEmpty()) {
-                QByteArrayView paths = takeUntil(options, ',');
-                takeUntil(paths, '=');
-                while (!paths.isEmpty())
-                    addPath(unescaped(takeUntil(paths, ':')));
-            }
+        while (!line.isEmpty() && takeWord(line) != QByteArrayView("-")) {
+        }
+        const QByteArrayView type = takeWord(line);
+        m_found.m_mounts.append(place);
+        m_isRemote.append(type.startsWith(QByteArrayView("nfs")) || type == QByteArrayView("9p"));
+        m_isRemoteMounted = m_isRemoteMounted || m_isRemote.last();
+        addPath(unescaped(takeWord(line)));
+        QByteArrayView options = takeWord(line);
+        while (!options.isEmpty()) {
+            QByteArrayView paths = takeUntil(options, ',');
+            takeUntil(paths, '=');
+            while (!paths.isEmpty())
+                addPath(unescaped(takeUntil(paths, ':')));
         }
     }
 
@@ -295,6 +297,7 @@ private:
     ProcFs m_proc;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
+    QList<bool> m_isRemote; ///< One for each of m_found.m_mounts.
     bool m_isRemoteMounted = false;
     bool m_isIncomplete = false;
     QByteArray m_lastMapped;
@@ -313,6 +316,11 @@ bool FilesInUse::has(dev_t device, ino_t inode) const
 bool FilesInUse::hasBelow(const QByteArray& canonicalPath) const
 {
     return anyAtOrBelow(m_paths, canonicalPath);
+}
+
+bool FilesInUse::hasMountBelow(const QByteArray& canonicalPath) const
+{
+    return anyAtOrBelow(m_mounts, canonicalPath);
 }
 
 } // namespace korvane::linux_platform

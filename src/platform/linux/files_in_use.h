@@ -1,8 +1,6 @@
 // What running programs, and the kernel itself, need of the file system to stay as it is.
 #pragma once
 
-#include "platform/linux/mount_tables.h"
-
 #include <QByteArray>
 #include <QList>
 
@@ -33,8 +31,8 @@ public:
     /// this path or below it. The path is a real one, without links on the way.
     bool hasBelow(const QByteArray& canonicalPath) const;
 
-    /// What is mounted where, for any process.
-    const MountTables& mounts() const { return m_mounts; }
+    /// Whether something is mounted at this path or below it.
+    bool hasMountBelow(const QByteArray& canonicalPath) const;
 
 private:
     class Look;
@@ -42,9 +40,10 @@ private:
 
     FilesInUse() = default;
 
-    std::vector<Identity> m_files; ///< Sorted.
-    QList<QByteArray> m_paths;     ///< Sorted.
-    MountTables m_mounts;
+    // All sorted.
+    std::vector<Identity> m_files;
+    QList<QByteArray> m_paths;
+    QList<QByteArray> m_mounts;
 };
 
 } // namespace korvane::linux_platform

@@ -101,31 +101,10 @@ KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 10> texts{u"",
-                                                       u"已不存在",
-                                                       u"正在使用",
-                                                       u"无权限",
-                                                       u"含特殊文件",
-                                                       u"含挂载点",
-                                                       u"系统保留",
-                                                       u"无法读取",
-                                                       u"直接位于主目录或其上级",
-                                                       u"路径可被他人更改"};
+    static constexpr std::array<QStringView, 9> texts{
+        u"",         u"已不存在", u"正在使用", u"无权限",          u"含特殊文件",
+        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
-}
-
-KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& canonicalPath)
-{
-    using Involvement = MountTables::Involvement;
-    switch (mounts.involvementOf(canonicalPath, mountNumberOf(parent))) {
-    case Involvement::MountPoint:
-        return KeptBecause::MountPoint;
-    case Involvement::Source:
-        return KeptBecause::InUse;
-    case Involvement::None:
-        break;
-    }
-    return KeptBecause::Nothing;
 }
 
 /// Adds up what is in a directory, until something must stay.
@@ -203,9 +182,8 @@ EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& c
     // What lies below is known without touching it: a dead mount could not even be asked.
     if (isSystemName(name))
         return {KeptBecause::SystemPlace};
-    const KeptBecause mounted = keptByMounts(m_inUse.mounts(), parent, canonicalPath);
-    if (mounted != KeptBecause::Nothing)
-        return {mounted};
+    if (m_inUse.hasMountBelow(canonicalPath))
+        return {KeptBecause::MountPoint};
     if (m_inUse.hasBelow(canonicalPath) || isLockOfSocket(parent, name))
         return {KeptBecause::InUse};
 

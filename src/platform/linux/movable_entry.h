@@ -21,19 +21,14 @@ enum class KeptBecause {
     InUse,       ///< By a running program or the kernel: see FilesInUse and FileHold.
     NotOwn,      ///< Another user's, for root too; protected from changes, or from being opened.
     SpecialFile, ///< A socket, FIFO or device.
-    MountPoint,  ///< In any mount namespace.
+    MountPoint,
     SystemPlace, ///< A protected directory, a recycle bin, or what a desktop finds by its name.
     Unreadable,  ///< What it holds cannot be seen.
-    HomeItself,  ///< Where it lies is the home, or holds it: nothing there is junk.
     OthersPath,  ///< Another user can change what root would find at its path.
 };
 
 /// The reason in a word or two, as the user reads it; empty for Nothing.
 QString keptBecauseText(KeptBecause reason);
-
-/// Whether something is mounted at the entry at this real path, or in it, or is it: MountPoint or
-/// InUse. `parent` is a handle of the directory it lies in.
-KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& canonicalPath);
 
 /// What is known of an entry with everything in it; the size is whole only where it may be moved.
 struct EntryCheck

@@ -1,7 +1,6 @@
 // Moves files and directories to the recycle bin: FreeDesktop.org's trash.
 #include "platform/platform.h"
 
-#include "platform/linux/file_status.h"
 #include "platform/linux/movable_entry.h"
 #include "platform/linux/trash_mover.h"
 
@@ -13,9 +12,6 @@
 #include <cstring>
 #include <utility>
 
-#include <fcntl.h>
-#include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace korvane {
@@ -101,28 +97,6 @@ QList<QByteArray> protectedPaths()
     return paths;
 }
 
-/// Whether the directory is the home of this user, or one that the home lies in: whoever takes that
-/// for a place of junk is wrong.
-bool holdsHome(int directory)
-{
-    struct stat asked = {};
-    if (::fstat(directory, &asked) != 0)
-        return true;
-    const passwd* user = ::getpwuid(::geteuid());
-    for (const QByteArray& home : {qgetenv("HOME"), QByteArray(user ? user->pw_dir : "")}) {
-        UniqueFd above(home.isEmpty() ? -1 : ::open(home.constData(), O_PATH | O_CLOEXEC));
-        struct stat info = {};
-        struct stat last = {};
-        while (above.isValid() && ::fstat(above.get(), &info) == 0 && !isSameFile(info, last)) {
-            if (isSameFile(info, asked))
-                return true;
-            last = info;
-            above = UniqueFd(::openat(above.get(), "..", O_PATH | O_CLOEXEC));
-        }
-    }
-    return false;
-}
-
 /// Whether the directory at this real path is a trash, or lies in one.
 bool isInTrash(const QByteArray& path)
 {
@@ -180,8 +154,6 @@ void Call::openSource(const QByteArray& directory)
     m_sourceProblem.clear();
     if (!m_source)
         m_sourceProblem = keptBecauseText(reasonFor(error));
-    else if (m_source->path == "/" || holdsHome(m_source->handle.get()))
-        m_sourceProblem = keptBecauseText(KeptBecause::HomeItself);
     else if (isInTrash(m_source->path))
         m_sourceProblem = keptBecauseText(KeptBecause::SystemPlace);
 }

@@ -51,27 +51,6 @@ quint64 mountOf(int directory)
     return (quint64{1} << 63U) | (quint64{info.stx_dev_major} << 32U) | info.stx_dev_minor;
 }
 
-/// What is mounted at this moment. Moving something into the trash leaves a mount in it where it is,
-/// but removing it, here or there, ends a mount that only others see.
-class PresentMounts
-{
-public:
-    PresentMounts() : m_tables(MountTables::read()), m_error(errno) {}
-
-    /// Why the entry has to stay; empty where it may go.
-    QString problemOf(const TrashCandidate& candidate) const
-    {
-        if (!m_tables)
-            return reasonFor(m_error);
-        return keptBecauseText(
-            keptByMounts(*m_tables, candidate.source->handle.get(), candidate.path()));
-    }
-
-private:
-    std::optional<MountTables> m_tables;
-    int m_error;
-};
-
 bool isSameDirectory(int one, int other)
 {
     struct stat here = {};
@@ -191,16 +170,9 @@ void TrashMover::rename(TrashDirectory& trash, const Candidates& candidates)
         candidate->reserved = trash.reserve(candidate->path());
     // An entry whose info file is lost could not be restored.
     const int syncError = trash.sync();
-    const PresentMounts mounts;
     for (TrashCandidate* candidate : candidates) {
         if (candidate->reserved.isEmpty())
             continue;
-        const QString mounted = mounts.problemOf(*candidate);
-        if (!mounted.isEmpty()) {
-            trash.release(candidate->reserved);
-            keep(*candidate, mounted);
-            continue;
-        }
         int error = syncError;
         if (error == 0)
             error = trash.accept(candidate->source->handle.get(), candidate->name.constData(),
@@ -232,16 +204,16 @@ bool TrashMover::stage(TrashCandidate& candidate)
     const int error = copyTree(candidate.source->handle.get(), candidate.name.constData(), staging,
                                candidate.copy.constData());
     if (error != 0)
-        drop(candidate, reasonFor(error));
+        drop(candidate, error);
     return error == 0;
 }
 
 /// Removes a copy that has not gone to the trash.
-void TrashMover::drop(TrashCandidate& candidate, const QString& why)
+void TrashMover::drop(TrashCandidate& candidate, int error)
 {
     (void)removeTree(m_home->staging().handle(), candidate.copy.constData());
     m_home->release(candidate.reserved);
-    keep(candidate, why);
+    keep(candidate, error);
 }
 
 /// Moves entries into the home trash as copies, and removes the originals once those are on disk.
@@ -257,32 +229,29 @@ void TrashMover::copy(Candidates candidates)
             error = m_home->accept(m_home->staging().handle(), candidate->copy.constData(),
                                    candidate->reserved);
         if (error != 0)
-            drop(*candidate, reasonFor(error));
+            drop(*candidate, error);
         return error != 0;
     });
     // Where that fails, which of the two the disk has is not known: both stay.
     const bool isOnDisk = m_home->sync() == 0;
-    const PresentMounts mounts;
     for (TrashCandidate* candidate : candidates) {
         candidate->outcome = Outcome::MovedInPart;
         if (isOnDisk)
-            finish(*candidate, mounts.problemOf(*candidate));
+            finish(*candidate);
     }
 }
 
-/// Removes the original of an entry that is in the home trash, unless it has to stay for what is
-/// `mounted`.
-void TrashMover::finish(TrashCandidate& candidate, const QString& mounted)
+/// Removes the original of an entry that is in the home trash.
+void TrashMover::finish(TrashCandidate& candidate)
 {
-    RemovedOriginal removed;
-    if (mounted.isEmpty())
-        removed = removeOriginal(candidate.source->handle.get(), candidate.name.constData(),
-                                 m_home->files(), candidate.reserved.constData());
-    if (removed.isGone)
+    const RemovedOriginal removed =
+        removeOriginal(candidate.source->handle.get(), candidate.name.constData(), m_home->files(),
+                       candidate.reserved.constData());
+    if (removed.isGone) {
         candidate.outcome = Outcome::Moved;
-    else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0)
-        drop(candidate,
-             mounted.isEmpty() ? reasonFor(removed.error != 0 ? removed.error : EBUSY) : mounted);
+    } else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0) {
+        drop(candidate, removed.error != 0 ? removed.error : EBUSY);
+    }
 }
 
 } // namespace korvane::linux_platform

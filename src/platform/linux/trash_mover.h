@@ -60,8 +60,8 @@ private:
     static void rename(TrashDirectory& trash, const Candidates& candidates);
     void copy(Candidates candidates);
     bool stage(TrashCandidate& candidate);
-    void drop(TrashCandidate& candidate, const QString& why);
-    void finish(TrashCandidate& candidate, const QString& mounted);
+    void drop(TrashCandidate& candidate, int error);
+    void finish(TrashCandidate& candidate);
 
     std::unique_ptr<TrashDirectory> m_home;
     quint64 m_homeMount = 0;

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Runs a command with a /tmp of its own, a tmpfs, in a mount namespace that ends with it, and with a
-# home below the current directory (/var/tmp where that is in /tmp). Exits as the command does, or with 77 and a line on standard
+# home below the current directory. Exits as the command does, or with 77 and a line on standard
 # output where that cannot be.
 #
 #   own_tmp.sh COMMAND [ARGUMENT...]
@@ -19,9 +19,7 @@ if [ "${1:-}" != --inside ]; then
     for mapping in '' --map-root-user; do
         # shellcheck disable=SC2086 # no word when empty
         unshare $mapping --mount mount -t tmpfs tmpfs /tmp 2>/dev/null || continue
-        # Nothing is cleaned in a directory that holds the home.
-        case $PWD in /tmp/*) around=/var/tmp ;; *) around=$PWD ;; esac
-        directory=$(mktemp -d "$around/own_tmp.XXXXXX")
+        directory=$(mktemp -d "$PWD/own_tmp.XXXXXX")
         status=0
         KORVANE_OWN_TMP=$directory unshare $mapping --mount "$0" --inside "$@" || status=$?
         rm -rf "$directory"
