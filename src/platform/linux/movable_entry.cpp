@@ -80,9 +80,10 @@ void addTo(EntryCheck& sum, const struct statx& found)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 8> texts{u"",         u"已不存在",   u"正在使用",
-                                                      u"无权限",   u"含特殊文件", u"含挂载点",
-                                                      u"系统保留", u"无法读取"};
+    static constexpr std::array<QStringView, 9> texts{
+        u"",         u"已不存在",   u"正在使用",
+        u"无权限",   u"含特殊文件", u"含挂载点",
+        u"系统保留", u"无法读取",   u"临时目录为用户目录或其上级"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 

@@ -24,6 +24,7 @@ enum class KeptBecause {
     MountPoint,
     SystemPlace, ///< A protected directory, a recycle bin, or what a desktop finds by its name.
     Unreadable,  ///< What it holds cannot be seen.
+    HomeAsTemp,  ///< The temporary directory that it lies in is the home or holds it.
 };
 
 /// The reason in a word or two, as the user reads it; empty for Nothing.

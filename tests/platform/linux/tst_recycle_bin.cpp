@@ -316,6 +316,29 @@ private Q_SLOTS:
         QFile::remove(u"/tmp/open"_s);
     }
 
+    void aTemporaryDirectoryAroundTheHome()
+    {
+        const QString inHome = home + "/document"_L1;
+        const QString inLinked = around + "/linked/document"_L1;
+        QVERIFY(QDir().mkpath(home + "/.cache"_L1) && link(home, around + "/linked"_L1, true));
+        for (const QString& file : {inHome, around + "/file"_L1, home + "/.cache/idle"_L1})
+            write(file, "x");
+        for (const auto& [directory, path] :
+             {std::pair(home, inHome), std::pair(around + "/linked/."_L1, inHome),
+              std::pair(home, inLinked), std::pair(around, around + "/file"_L1),
+              std::pair(u"/"_s, u"/korvane-none"_s)}) {
+            qputenv("TMPDIR", QFile::encodeName(directory));
+            const OpResult result = moveToRecycleBin({path});
+            QVERIFY2(result.message.endsWith(u"跳过 1 项 (临时目录为用户目录或其上级 1)"_s),
+                     qPrintable(result.message));
+        }
+        QVERIFY(QFile::exists(inHome));
+        qputenv("TMPDIR", QFile::encodeName(home));
+        QVERIFY(moveToRecycleBin({home + "/.cache/idle"_L1}).ok);
+        qunsetenv("TMPDIR");
+        QVERIFY(moveToRecycleBin({inHome}).ok);
+    }
+
     void aTrashThatTakesNothing()
     {
         const QString small = around + "/small"_L1;
