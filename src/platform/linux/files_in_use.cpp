@@ -36,48 +36,21 @@ void skipWords(QByteArrayView& line, int count)
         takeWord(line);
 }
 
-/// A name in which the kernel wrote blanks and the like as a backslash and three octal digits.
-QByteArray unescaped(QByteArrayView text)
-{
-    QByteArray plain;
-    for (qsizetype at = 0; at < text.size(); ++at) {
-        unsigned char byte = 0;
-        const bool isEscape = text[at] == '\\' && at + 3 < text.size() &&
-                              parseNumber(text.sliced(at + 1, 3), byte, 8);
-        plain.append(isEscape ? static_cast<char>(byte) : text[at]);
-        at += isEscape ? 3 : 0;
-    }
-    return plain;
-}
-
-bool isAtOrBelow(const QByteArray& path, const QByteArray& directory)
-{
-    return path.startsWith(directory) && (path.size() == directory.size() ||
-                                          directory.endsWith('/') || path[directory.size()] == '/');
-}
-
-/// Whether one of the sorted `paths` is `directory` or lies below it.
-bool anyAtOrBelow(const QList<QByteArray>& paths, const QByteArray& directory)
-{
-    const QByteArray inside = directory.endsWith('/') ? directory : directory + '/';
-    const auto first = std::lower_bound(paths.cbegin(), paths.cend(), inside);
-    return std::binary_search(paths.cbegin(), paths.cend(), directory) ||
-           (first != paths.cend() && first->startsWith(inside));
-}
-
 } // namespace
 
 /// One look under way.
 class FilesInUse::Look
 {
 public:
-    explicit Look(const char* proc) : m_proc(proc) {}
+    explicit Look(const char* proc) : m_proc(proc), m_tables(proc) {}
 
     std::optional<FilesInUse> finished(const char* sys)
     {
         if (!m_proc.isOpen())
             return std::nullopt;
-        readTable("self/mountinfo", &Look::addMount);
+        const std::vector<Mount>& own = m_tables.own().mounts();
+        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
+                                        [](const Mount& mount) { return mount.isRemote(); });
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
             return !m_isIncomplete;
@@ -86,12 +59,17 @@ public:
         readTable("locks", &Look::addLock);
         readTable("swaps", &Look::addSwap);
         addLoopDevices(sys);
-        if (!sawAll || m_isIncomplete)
+        for (const auto& [text, table] : m_tables.tables()) {
+            for (const Mount& mount : table.mounts())
+                addMount(mount);
+        }
+        std::optional<MountTables> mounts = m_tables.result();
+        if (!sawAll || m_isIncomplete || !mounts)
             return std::nullopt;
 
+        m_found.m_mounts = std::move(*mounts);
         m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
         std::sort(m_found.m_paths.begin(), m_found.m_paths.end());
-        std::sort(m_found.m_mounts.begin(), m_found.m_mounts.end());
         std::sort(m_found.m_files.begin(), m_found.m_files.end());
         return std::move(m_found);
     }
@@ -161,16 +139,14 @@ private:
 
     bool isRemote(const QByteArray& path) const
     {
-        std::pair<qsizetype, bool> nearest{-1, false};
-        for (qsizetype i = 0; i < m_found.m_mounts.size(); ++i) {
-            if (isAtOrBelow(path, m_found.m_mounts[i]))
-                nearest = std::max(nearest, {m_found.m_mounts[i].size(), m_isRemote[i]});
-        }
-        return nearest.second;
+        const std::vector<const Mount*> mounts = m_tables.own().under(path);
+        return std::any_of(mounts.cbegin(), mounts.cend(),
+                           [](const Mount* mount) { return mount->isRemote(); });
     }
 
     void addProcess(quint32 pid)
     {
+        m_tables.read(pid);
         addFromEnvironment(pid);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
@@ -235,22 +211,11 @@ private:
         }
     }
 
-    /// "ID PARENT DEVICE ROOT PLACE OPTIONS... - TYPE SOURCE OPTIONS": the last ones of layered file
-    /// systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
-    void addMount(QByteArrayView line)
+    /// The options of layered file systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
+    void addMount(const Mount& mount)
     {
-        skipWords(line, 4);
-        const QByteArray place = unescaped(takeWord(line));
-        if (!place.startsWith('/'))
-            return;
-        while (!line.isEmpty() && takeWord(line) != QByteArrayView("-")) {
-        }
-        const QByteArrayView type = takeWord(line);
-        m_found.m_mounts.append(place);
-        m_isRemote.append(type.startsWith(QByteArrayView("nfs")) || type == QByteArrayView("9p"));
-        m_isRemoteMounted = m_isRemoteMounted || m_isRemote.last();
-        addPath(unescaped(takeWord(line)));
-        QByteArrayView options = takeWord(line);
+        addPath(mount.source);
+        QByteArrayView options(mount.options);
         while (!options.isEmpty()) {
             QByteArrayView paths = takeUntil(options, ',');
             takeUntil(paths, '=');
@@ -295,9 +260,9 @@ private:
     }
 
     ProcFs m_proc;
+    MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
-    QList<bool> m_isRemote; ///< One for each of m_found.m_mounts.
     bool m_isRemoteMounted = false;
     bool m_isIncomplete = false;
     QByteArray m_lastMapped;
@@ -316,11 +281,6 @@ bool FilesInUse::has(dev_t device, ino_t inode) const
 bool FilesInUse::hasBelow(const QByteArray& canonicalPath) const
 {
     return anyAtOrBelow(m_paths, canonicalPath);
-}
-
-bool FilesInUse::hasMountBelow(const QByteArray& canonicalPath) const
-{
-    return anyAtOrBelow(m_mounts, canonicalPath);
 }
 
 } // namespace korvane::linux_platform

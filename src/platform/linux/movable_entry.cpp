@@ -87,6 +87,14 @@ QString keptBecauseText(KeptBecause reason)
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 
+KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path)
+{
+    const MountTables::Use use = mounts.useOf(parent, path);
+    if (use == MountTables::Use::None)
+        return KeptBecause::Nothing;
+    return use == MountTables::Use::MountPoint ? KeptBecause::MountPoint : KeptBecause::InUse;
+}
+
 /// Adds up what is in a directory, until something must stay.
 class EntryChecker::Visitor : public TreeVisitor
 {
@@ -156,8 +164,9 @@ EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& c
     // What lies below is known without touching it: a dead mount could not even be asked.
     if (isSystemName(name))
         return {KeptBecause::SystemPlace};
-    if (m_inUse.hasMountBelow(canonicalPath))
-        return {KeptBecause::MountPoint};
+    const KeptBecause byMounts = keptByMounts(m_inUse.mounts(), parent, canonicalPath);
+    if (byMounts != KeptBecause::Nothing)
+        return {byMounts};
     if (m_inUse.hasBelow(canonicalPath) || isLockOfSocket(parent, name))
         return {KeptBecause::InUse};
 

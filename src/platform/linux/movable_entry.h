@@ -30,6 +30,10 @@ enum class KeptBecause {
 /// The reason in a word or two, as the user reads it; empty for Nothing.
 QString keptBecauseText(KeptBecause reason);
 
+/// Why the entry at the real `path`, in the directory handle `parent`, stays for what is mounted on it,
+/// in it or from there.
+KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path);
+
 /// What is known of an entry with everything in it; the size is whole only where it may be moved.
 struct EntryCheck
 {

@@ -262,18 +262,57 @@ private Q_SLOTS:
         QCOMPARE(kept("top"), Nothing);
     }
 
+    void useInAnotherMountNamespaceIsSeen_data()
+    {
+        QTest::addColumn<QByteArrayList>("mounts"); ///< Sources and places; no source is a tmpfs.
+        QTest::addColumn<KeptBecause>("top");
+        QTest::addColumn<KeptBecause>("other");
+        const auto row = [](const char* name, const QByteArrayList& mounts, KeptBecause top,
+                            KeptBecause other) { QTest::newRow(name) << mounts << top << other; };
+        row("the entry and a mount point", {"top", "other"}, InUse, MountPoint);
+        row("source and place within", {"top/a b", "other/in"}, InUse, MountPoint);
+        row("files", {"top/a/b/file", "other/file"}, InUse, MountPoint);
+        row("tmpfs", {"", "top/a/b"}, MountPoint, Nothing);
+        row("a source above", {".", "other"}, Nothing, MountPoint);
+        row("by another path", {".", "other", "", "other/top/a"}, MountPoint, MountPoint);
+        row("of the same path elsewhere", {"", ".", "", "top"}, Nothing, Nothing);
+        row("open", {".", "other", "other/top/a/b/file", ""}, InUse, MountPoint);
+    }
     void useInAnotherMountNamespaceIsSeen()
     {
+        QFETCH(QByteArrayList, mounts);
         if (!hasOwnMounts())
             QSKIP("this machine refuses a mount namespace");
-        const Child child([this] {
-            if (::chdir(path().constData()) != 0 || ::unshare(CLONE_NEWNS) != 0 ||
-                ::mount("top", "other", nullptr, MS_BIND, nullptr) != 0 ||
-                ::open("other/a/b/file", O_RDONLY | O_CLOEXEC) < 0)
-                ::_exit(1);
-        });
-        QCOMPARE(kept("top"), InUse);
-        QCOMPARE(kept("other"), Nothing);
+        QVERIFY(QDir().mkpath(m_directory->filePath(u"other/in"_s)));
+        for (const bool inThread : {false, true}) {
+            const auto useAll = [&] {
+                bool isDone = ::unshare(CLONE_FS | CLONE_NEWNS) == 0;
+                for (qsizetype i = 0; i < mounts.size(); i += 2) {
+                    const QByteArray source = path(mounts[i]);
+                    const QByteArray place = path(mounts[i + 1]);
+                    const unsigned long flags = mounts[i].isEmpty() ? 0 : MS_BIND;
+                    ::mkdir(place.constData(), 0700);
+                    if (mounts[i + 1].isEmpty())
+                        isDone = isDone && ::open(source.constData(), O_RDONLY | O_CLOEXEC) >= 0;
+                    else
+                        isDone = isDone && ::mount(source.constData(), place.constData(), "tmpfs",
+                                                   flags, nullptr) == 0;
+                }
+                if (!isDone)
+                    ::_exit(1);
+            };
+            const Child child([&] {
+                if (inThread)
+                    std::thread([&] {
+                        useAll();
+                        ::close(STDOUT_FILENO);
+                        test::waitForEnd();
+                    }).join();
+                useAll();
+            });
+            QTEST(kept("top"), "top");
+            QTEST(kept("other"), "other");
+        }
     }
 
     void tablesAreParsed_data()

@@ -1,5 +1,6 @@
 // Tests the recycle bin by what other programs find and restore there. Runs by own_tmp.sh only.
 #include "platform/linux/proc_fs.h"
+#include "platform/linux/trash_mover.h"
 #include "platform/linux/tree_copy.h"
 #include "platform/linux/tree_removal.h"
 #include "platform/platform.h"
@@ -12,6 +13,8 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -337,6 +340,59 @@ private Q_SLOTS:
         QVERIFY(moveToRecycleBin({home + "/.cache/idle"_L1}).ok);
         qunsetenv("TMPDIR");
         QVERIFY(moveToRecycleBin({inHome}).ok);
+    }
+
+    void whatAnotherNamespaceMountedStays_data()
+    {
+        QTest::addColumn<QString>("directory");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<bool>("isLate"); ///< Mounted after the entry was judged.
+        for (const bool isLate : {false, true}) {
+            const char* when = isLate ? "late" : "early";
+            QTest::addRow("in memory, %s", when) << u"/tmp/mounted"_s << u"含挂载点"_s << isLate;
+            QTest::addRow("on the disk, %s", when)
+                << around + "/mounted"_L1 << u"含挂载点"_s << isLate;
+            QTest::addRow("a source, %s", when) << u"/tmp/mounted/in"_s << u"正在使用"_s << isLate;
+        }
+    }
+
+    void whatAnotherNamespaceMountedStays()
+    {
+        using namespace linux_platform;
+        QFETCH(const QString, directory);
+        QFETCH(const QString, reason);
+        QFETCH(const bool, isLate);
+        const bool isSource = reason == u"正在使用"_s;
+        QVERIFY(QDir().mkpath(directory + "/entry/mnt"_L1));
+        write(directory + "/entry/file"_L1, "x");
+        std::vector<TrashCandidate> judged(1);
+        judged[0].source = SourceDirectory::open(QFile::encodeName(directory));
+        judged[0].name = "entry";
+
+        const QByteArray place = QFile::encodeName(directory + "/entry/mnt"_L1);
+        const Child child([&] {
+            if (::unshare(CLONE_NEWNS) != 0 ||
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                (isSource ? ::mount(place.constData(), "/mnt", nullptr, MS_BIND, nullptr)
+                          : ::mount("tmpfs", place.constData(), "tmpfs", 0, nullptr)) != 0 ||
+                ::close(::creat((place + "/data").constData(), 0600)) != 0)
+                ::_exit(1);
+        });
+        const QString data = u"/proc/%1/root%2/data"_s.arg(
+            QString::number(child.pid()), isSource ? u"/mnt"_s : QFile::decodeName(place));
+        QVERIFY(QFile::exists(data));
+        if (isLate) {
+            TrashMover().move(judged);
+            QCOMPARE(judged[0].outcome, TrashCandidate::Outcome::Kept);
+            QCOMPARE(judged[0].why, reason);
+        } else {
+            const OpResult result = moveToRecycleBin({directory + "/entry"_L1});
+            QVERIFY2(result.message.endsWith(u"跳过 1 项 (%1 1)"_s.arg(reason)),
+                     qPrintable(result.message));
+        }
+        QVERIFY(QFile::exists(data) && QFile::exists(directory + "/entry/file"_L1));
+        checkTrash(homeTrash);
+        clear(directory);
     }
 
     void aTrashThatTakesNothing()
