@@ -1,6 +1,7 @@
 // The look through /proc, and the parsers of its tables of files.
 #include "platform/linux/files_in_use.h"
 
+#include "platform/linux/path_follower.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/text.h"
 
@@ -146,8 +147,7 @@ private:
 
     void addProcess(quint32 pid)
     {
-        m_tables.read(pid);
-        addFromEnvironment(pid);
+        addFromEnvironment(pid, m_tables.read(pid));
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -195,7 +195,7 @@ private:
             addPath(line.sliced(path).toByteArray().replace("\\012", "\n"));
     }
 
-    void addFromEnvironment(quint32 pid)
+    void addFromEnvironment(quint32 pid, const MountTable* mounts)
     {
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
@@ -204,11 +204,60 @@ private:
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
             for (const QByteArrayView name : pathVariables) {
-                const qsizetype path = variable.startsWith(name) ? variable.indexOf('/') : -1;
-                if (path >= 0) // what may stand before it is the kind of cache, as in "FILE:/tmp/x"
-                    addPath(variable.sliced(path).toByteArray());
+                if (variable.startsWith(name))
+                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
             }
         }
+    }
+
+    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
+    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
+    {
+        if (value.contains('/'))
+            addPath(value.sliced(value.indexOf('/')));
+        if (mounts == nullptr || value.isEmpty())
+            return;
+        addLeadTo(pid, *mounts, value);
+        qsizetype begin = value.indexOf(':') + 1;
+        while (begin > 0 && begin < value.size() && value[begin] == ':')
+            ++begin;
+        if (begin > 0)
+            addLeadTo(pid, *mounts, value.sliced(begin));
+    }
+
+    /// Adds what the path leads to for the process, as far as that can be found without a wait.
+    void addLeadTo(quint32 pid, const MountTable& mounts, const QByteArray& path)
+    {
+        const QByteArray process = QByteArray::number(pid);
+        const std::optional<QByteArray> root = linkIn(process + "/root");
+        if (!root || !m_tables.own().isLocal(*root) || !mounts.isLocal("/"))
+            return;
+        QByteArray absolute = path;
+        if (!path.startsWith('/')) {
+            const std::optional<QByteArray> directory = linkIn(process + "/cwd");
+            if (!directory || !isAtOrBelow(*directory, *root))
+                return;
+            absolute = directory->sliced(*root == "/" ? 0 : root->size()) + '/' + path;
+        }
+        // Most processes of a session have the same.
+        const auto table = reinterpret_cast<quintptr>(&mounts);
+        const QByteArray question = QByteArray::number(quint64{table}) + *root + '\0' + absolute;
+        if (m_followed.contains(question))
+            return;
+        m_followed.insert(question);
+        PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
+        for (const Identity& found : follower.follow(absolute))
+            m_found.m_files.push_back(found);
+        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+    }
+
+    std::optional<QByteArray> linkIn(const QByteArray& path) const
+    {
+        std::array<char, PATH_MAX> target{};
+        const ssize_t size =
+            ::readlinkat(m_proc.descriptor(), path.constData(), target.data(), target.size());
+        return size > 0 ? std::optional(QByteArray(target.data(), size)) : std::nullopt;
     }
 
     /// The options of layered file systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
@@ -263,6 +312,7 @@ private:
     MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
+    QSet<QByteArray> m_followed;
     bool m_isRemoteMounted = false;
     bool m_isIncomplete = false;
     QByteArray m_lastMapped;

@@ -40,6 +40,14 @@ Deed shell(QByteArray script)
     return [script] { ::execl("/bin/sh", "sh", "-ec", script.constData(), nullptr); };
 }
 
+/// A program whose environment has the variable. The directory has a link to "top/a", and "top" one
+/// to another place.
+Deed withVariable(const QByteArray& variable)
+{
+    return shell("ln -s top/a link; ln -s ../other top/link; exec env " + variable +
+                 " sh -c 'exec >&-; kill -STOP $$'");
+}
+
 void mapAndClose()
 {
     const UniqueFd file(::open("top/a/b/file", O_RDONLY | O_CLOEXEC));
@@ -159,6 +167,14 @@ private Q_SLOTS:
         row("open by the other one", InUse, shell("ln top/a/b/file link; exec 3<link"));
         row("links to what must stay", Nothing,
             shell("ln -s ../../other/file /dev/null top/a; ln -s .. top/a/up; exec 3<other/file"));
+        row("named through a link", InUse, withVariable("XAUTHORITY=$PWD/link/b/file"));
+        row("the link that is named", InUse, withVariable("XAUTHORITY=$PWD//top/link/file"));
+        row("named with two slashes", InUse, withVariable("ICEAUTHORITY=$PWD//top/a/b/file"));
+        row("named from another place", InUse, withVariable("TMPDIR=$PWD/other/../top/a"));
+        row("on the way to a name", InUse, withVariable("TMPDIR=$PWD//top/../other"));
+        row("named relatively", InUse, withVariable("KRB5CCNAME=DIR::top/a/b/file"));
+        row("named for the future", InUse, withVariable("XDG_RUNTIME_DIR=link/to/be/made"));
+        row("named beside it", Nothing, withVariable("TMPDIR=./other/file/none"));
         if (::geteuid() != 0)
             return;
         row("another owner's", NotOwn, shell("chown 65534 top/a/b/file"));
@@ -371,17 +387,29 @@ private Q_SLOTS:
 
     void filesOfRemoteServersAreNotAskedFor()
     {
-        const QByteArray target = path("top/a/b/file");
-        QCOMPARE(::symlink(target.constData(), path("proc/7/task/7/fd/3").constData()), 0);
-        struct stat file = {};
-        QCOMPARE(::stat(target.constData(), &file), 0);
-        for (const QByteArray type : {"ext4", "nfs4"}) {
-            write("proc/self/mountinfo", "1 0 0:1 / / rw - ext4 s rw\n1 0 0:1 / " + path("top") +
-                                             " rw - nfs s rw\n1 0 0:1 / " + path("top/a") +
-                                             " rw - " + type + " s rw\n");
+        const QByteArray opened = path("top/a/b/file");
+        const QByteArray named = path("top/a/named");
+        write("top/a/named", "");
+        write("proc/7/environ", "XAUTHORITY=/" + named);
+        QCOMPARE(::symlink(opened.constData(), path("proc/7/task/7/fd/3").constData()), 0);
+        QCOMPARE(::symlink("/", path("proc/7/root").constData()), 0);
+        const auto has = [](const std::optional<FilesInUse>& found, const QByteArray& file) {
+            struct stat info = {};
+            return ::stat(file.constData(), &info) == 0 && found->has(info.st_dev, info.st_ino);
+        };
+        for (const QByteArray type : {"ext4", "nfs4", "fuseblk", "autofs"}) {
+            const QByteArray root = "1 0 8:1 / / rw - ext4 s rw\n";
+            const QByteArray nearest =
+                (type.contains('k') || type == "ext4" ? "8:1 / " : "0:1 / ") + path("top/a") +
+                " rw - " + type + " s rw\n";
+            write("proc/7/mountinfo", root + "3 1 " + nearest);
+            write("proc/self/mountinfo",
+                  root + "2 1 0:1 / " + path("top") + " rw - nfs s rw\n3 2 " + nearest);
             const auto found = lookAtMadeUp();
-            QCOMPARE(found->has(file.st_dev, file.st_ino), type == "ext4");
+            QCOMPARE(has(found, opened), type != "nfs4");
             QCOMPARE(found->hasBelow(path("top")), type == "nfs4");
+            QCOMPARE(has(found, named), type == "ext4");
+            QVERIFY(found->hasBelow('/' + named));
         }
     }
 
