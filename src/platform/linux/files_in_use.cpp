@@ -1,6 +1,7 @@
 // The look through /proc, and the parsers of its tables of files.
 #include "platform/linux/files_in_use.h"
 
+#include "platform/linux/path_follower.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/text.h"
 
@@ -36,48 +37,21 @@ void skipWords(QByteArrayView& line, int count)
         takeWord(line);
 }
 
-/// A name in which the kernel wrote blanks and the like as a backslash and three octal digits.
-QByteArray unescaped(QByteArrayView text)
-{
-    QByteArray plain;
-    for (qsizetype at = 0; at < text.size(); ++at) {
-        unsigned char byte = 0;
-        const bool isEscape = text[at] == '\\' && at + 3 < text.size() &&
-                              parseNumber(text.sliced(at + 1, 3), byte, 8);
-        plain.append(isEscape ? static_cast<char>(byte) : text[at]);
-        at += isEscape ? 3 : 0;
-    }
-    return plain;
-}
-
-bool isAtOrBelow(const QByteArray& path, const QByteArray& directory)
-{
-    return path.startsWith(directory) && (path.size() == directory.size() ||
-                                          directory.endsWith('/') || path[directory.size()] == '/');
-}
-
-/// Whether one of the sorted `paths` is `directory` or lies below it.
-bool anyAtOrBelow(const QList<QByteArray>& paths, const QByteArray& directory)
-{
-    const QByteArray inside = directory.endsWith('/') ? directory : directory + '/';
-    const auto first = std::lower_bound(paths.cbegin(), paths.cend(), inside);
-    return std::binary_search(paths.cbegin(), paths.cend(), directory) ||
-           (first != paths.cend() && first->startsWith(inside));
-}
-
 } // namespace
 
 /// One look under way.
 class FilesInUse::Look
 {
 public:
-    explicit Look(const char* proc) : m_proc(proc) {}
+    explicit Look(const char* proc) : m_proc(proc), m_tables(proc) {}
 
     std::optional<FilesInUse> finished(const char* sys)
     {
         if (!m_proc.isOpen())
             return std::nullopt;
-        readTable("self/mountinfo", &Look::addMount);
+        const std::vector<Mount>& own = m_tables.own().mounts();
+        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
+                                        [](const Mount& mount) { return mount.isRemote(); });
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
             return !m_isIncomplete;
@@ -86,12 +60,17 @@ public:
         readTable("locks", &Look::addLock);
         readTable("swaps", &Look::addSwap);
         addLoopDevices(sys);
-        if (!sawAll || m_isIncomplete)
+        for (const auto& [text, table] : m_tables.tables()) {
+            for (const Mount& mount : table.mounts())
+                addMount(mount);
+        }
+        std::optional<MountTables> mounts = m_tables.result();
+        if (!sawAll || m_isIncomplete || !mounts)
             return std::nullopt;
 
+        m_found.m_mounts = std::move(*mounts);
         m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
         std::sort(m_found.m_paths.begin(), m_found.m_paths.end());
-        std::sort(m_found.m_mounts.begin(), m_found.m_mounts.end());
         std::sort(m_found.m_files.begin(), m_found.m_files.end());
         return std::move(m_found);
     }
@@ -161,17 +140,14 @@ private:
 
     bool isRemote(const QByteArray& path) const
     {
-        std::pair<qsizetype, bool> nearest{-1, false};
-        for (qsizetype i = 0; i < m_found.m_mounts.size(); ++i) {
-            if (isAtOrBelow(path, m_found.m_mounts[i]))
-                nearest = std::max(nearest, {m_found.m_mounts[i].size(), m_isRemote[i]});
-        }
-        return nearest.second;
+        const std::vector<const Mount*> mounts = m_tables.own().under(path);
+        return std::any_of(mounts.cbegin(), mounts.cend(),
+                           [](const Mount* mount) { return mount->isRemote(); });
     }
 
     void addProcess(quint32 pid)
     {
-        addFromEnvironment(pid);
+        addFromEnvironment(pid, m_tables.read(pid));
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -219,7 +195,7 @@ private:
             addPath(line.sliced(path).toByteArray().replace("\\012", "\n"));
     }
 
-    void addFromEnvironment(quint32 pid)
+    void addFromEnvironment(quint32 pid, const MountTable* mounts)
     {
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
@@ -228,29 +204,67 @@ private:
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
             for (const QByteArrayView name : pathVariables) {
-                const qsizetype path = variable.startsWith(name) ? variable.indexOf('/') : -1;
-                if (path >= 0) // what may stand before it is the kind of cache, as in "FILE:/tmp/x"
-                    addPath(variable.sliced(path).toByteArray());
+                if (variable.startsWith(name))
+                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
             }
         }
     }
 
-    /// "ID PARENT DEVICE ROOT PLACE OPTIONS... - TYPE SOURCE OPTIONS": the last ones of layered file
-    /// systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
-    void addMount(QByteArrayView line)
+    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
+    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
     {
-        skipWords(line, 4);
-        const QByteArray place = unescaped(takeWord(line));
-        if (!place.startsWith('/'))
+        if (value.contains('/'))
+            addPath(value.sliced(value.indexOf('/')));
+        if (mounts == nullptr || value.isEmpty())
             return;
-        while (!line.isEmpty() && takeWord(line) != QByteArrayView("-")) {
+        addLeadTo(pid, *mounts, value);
+        qsizetype begin = value.indexOf(':') + 1;
+        while (begin > 0 && begin < value.size() && value[begin] == ':')
+            ++begin;
+        if (begin > 0)
+            addLeadTo(pid, *mounts, value.sliced(begin));
+    }
+
+    /// Adds what the path leads to for the process, as far as that can be found without a wait.
+    void addLeadTo(quint32 pid, const MountTable& mounts, const QByteArray& path)
+    {
+        const QByteArray process = QByteArray::number(pid);
+        const std::optional<QByteArray> root = linkIn(process + "/root");
+        if (!root || !m_tables.own().isLocal(*root) || !mounts.isLocal("/"))
+            return;
+        QByteArray absolute = path;
+        if (!path.startsWith('/')) {
+            const std::optional<QByteArray> directory = linkIn(process + "/cwd");
+            if (!directory || !isAtOrBelow(*directory, *root))
+                return;
+            absolute = directory->sliced(*root == "/" ? 0 : root->size()) + '/' + path;
         }
-        const QByteArrayView type = takeWord(line);
-        m_found.m_mounts.append(place);
-        m_isRemote.append(type.startsWith(QByteArrayView("nfs")) || type == QByteArrayView("9p"));
-        m_isRemoteMounted = m_isRemoteMounted || m_isRemote.last();
-        addPath(unescaped(takeWord(line)));
-        QByteArrayView options = takeWord(line);
+        // Most processes of a session have the same.
+        const auto table = reinterpret_cast<quintptr>(&mounts);
+        const QByteArray question = QByteArray::number(quint64{table}) + *root + '\0' + absolute;
+        if (m_followed.contains(question))
+            return;
+        m_followed.insert(question);
+        PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
+        for (const Identity& found : follower.follow(absolute))
+            m_found.m_files.push_back(found);
+        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+    }
+
+    std::optional<QByteArray> linkIn(const QByteArray& path) const
+    {
+        std::array<char, PATH_MAX> target{};
+        const ssize_t size =
+            ::readlinkat(m_proc.descriptor(), path.constData(), target.data(), target.size());
+        return size > 0 ? std::optional(QByteArray(target.data(), size)) : std::nullopt;
+    }
+
+    /// The options of layered file systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
+    void addMount(const Mount& mount)
+    {
+        addPath(mount.source);
+        QByteArrayView options(mount.options);
         while (!options.isEmpty()) {
             QByteArrayView paths = takeUntil(options, ',');
             takeUntil(paths, '=');
@@ -295,9 +309,10 @@ private:
     }
 
     ProcFs m_proc;
+    MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
-    QList<bool> m_isRemote; ///< One for each of m_found.m_mounts.
+    QSet<QByteArray> m_followed;
     bool m_isRemoteMounted = false;
     bool m_isIncomplete = false;
     QByteArray m_lastMapped;
@@ -316,11 +331,6 @@ bool FilesInUse::has(dev_t device, ino_t inode) const
 bool FilesInUse::hasBelow(const QByteArray& canonicalPath) const
 {
     return anyAtOrBelow(m_paths, canonicalPath);
-}
-
-bool FilesInUse::hasMountBelow(const QByteArray& canonicalPath) const
-{
-    return anyAtOrBelow(m_mounts, canonicalPath);
 }
 
 } // namespace korvane::linux_platform

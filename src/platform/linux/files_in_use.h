@@ -1,6 +1,8 @@
 // What running programs, and the kernel itself, need of the file system to stay as it is.
 #pragma once
 
+#include "platform/linux/mount_tables.h"
+
 #include <QByteArray>
 #include <QList>
 
@@ -31,8 +33,8 @@ public:
     /// this path or below it. The path is a real one, without links on the way.
     bool hasBelow(const QByteArray& canonicalPath) const;
 
-    /// Whether something is mounted at this path or below it.
-    bool hasMountBelow(const QByteArray& canonicalPath) const;
+    /// What is mounted.
+    const MountTables& mounts() const { return m_mounts; }
 
 private:
     class Look;
@@ -40,10 +42,9 @@ private:
 
     FilesInUse() = default;
 
-    // All sorted.
-    std::vector<Identity> m_files;
-    QList<QByteArray> m_paths;
-    QList<QByteArray> m_mounts;
+    std::vector<Identity> m_files; ///< Sorted, as are the
+    QList<QByteArray> m_paths;     ///< known paths.
+    MountTables m_mounts;
 };
 
 } // namespace korvane::linux_platform

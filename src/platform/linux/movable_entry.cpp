@@ -101,10 +101,18 @@ KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 9> texts{
-        u"",         u"已不存在", u"正在使用", u"无权限",          u"含特殊文件",
-        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改"};
+    static constexpr std::array<QStringView, 10> texts{
+        u"",         u"已不存在", u"正在使用", u"无权限",           u"含特殊文件",
+        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改", u"临时目录为用户目录或其上级"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
+}
+
+KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path)
+{
+    const MountTables::Use use = mounts.useOf(parent, path);
+    if (use == MountTables::Use::None)
+        return KeptBecause::Nothing;
+    return use == MountTables::Use::MountPoint ? KeptBecause::MountPoint : KeptBecause::InUse;
 }
 
 /// Adds up what is in a directory, until something must stay.
@@ -182,8 +190,9 @@ EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& c
     // What lies below is known without touching it: a dead mount could not even be asked.
     if (isSystemName(name))
         return {KeptBecause::SystemPlace};
-    if (m_inUse.hasMountBelow(canonicalPath))
-        return {KeptBecause::MountPoint};
+    const KeptBecause byMounts = keptByMounts(m_inUse.mounts(), parent, canonicalPath);
+    if (byMounts != KeptBecause::Nothing)
+        return {byMounts};
     if (m_inUse.hasBelow(canonicalPath) || isLockOfSocket(parent, name))
         return {KeptBecause::InUse};
 

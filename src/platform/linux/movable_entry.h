@@ -25,10 +25,15 @@ enum class KeptBecause {
     SystemPlace, ///< A protected directory, a recycle bin, or what a desktop finds by its name.
     Unreadable,  ///< What it holds cannot be seen.
     OthersPath,  ///< Another user can change what root would find at its path.
+    HomeAsTemp,  ///< The temporary directory that it lies in is the home or holds it.
 };
 
 /// The reason in a word or two, as the user reads it; empty for Nothing.
 QString keptBecauseText(KeptBecause reason);
+
+/// Why the entry at the real `path`, in the directory handle `parent`, stays for what is mounted on it,
+/// in it or from there.
+KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path);
 
 /// What is known of an entry with everything in it; the size is whole only where it may be moved.
 struct EntryCheck

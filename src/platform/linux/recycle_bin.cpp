@@ -1,9 +1,11 @@
 // Moves files and directories to the recycle bin: FreeDesktop.org's trash.
 #include "platform/platform.h"
 
+#include "platform/linux/file_status.h"
 #include "platform/linux/movable_entry.h"
 #include "platform/linux/trash_mover.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -12,6 +14,8 @@
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace korvane {
@@ -97,6 +101,30 @@ QList<QByteArray> protectedPaths()
     return paths;
 }
 
+/// Whether the handle is of the temporary directory, and that is the home, a directory around it or
+/// the root: what lies there is no junk.
+bool isTempAroundHome(int directory)
+{
+    const auto isSame = [](const struct stat& one, int handle) {
+        struct stat other = {};
+        return ::fstat(handle, &other) == 0 && isSameFile(one, other);
+    };
+    constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    struct stat temp = {};
+    if (::stat(QFile::encodeName(QDir::tempPath()).constData(), &temp) != 0 ||
+        !isSame(temp, directory))
+        return false;
+    const UniqueFd root(::open("/", flags));
+    UniqueFd above(::open(QFile::encodeName(QDir::homePath()).constData(), flags));
+    while (above.isValid() && !isSame(temp, above.get())) {
+        struct stat here = {};
+        if (::fstat(above.get(), &here) != 0 || isSame(here, root.get()))
+            break;
+        above = UniqueFd(::openat(above.get(), "..", flags));
+    }
+    return isSame(temp, root.get()) || isSame(temp, above.get());
+}
+
 /// Whether the directory at this real path is a trash, or lies in one.
 bool isInTrash(const QByteArray& path)
 {
@@ -154,6 +182,8 @@ void Call::openSource(const QByteArray& directory)
     m_sourceProblem.clear();
     if (!m_source)
         m_sourceProblem = keptBecauseText(reasonFor(error));
+    else if (isTempAroundHome(m_source->handle.get()))
+        m_sourceProblem = keptBecauseText(KeptBecause::HomeAsTemp);
     else if (isInTrash(m_source->path))
         m_sourceProblem = keptBecauseText(KeptBecause::SystemPlace);
 }

@@ -70,6 +70,16 @@ void keep(TrashCandidate& candidate, int error)
     keep(candidate, reasonFor(error));
 }
 
+/// What keeps an entry by now: a mount in the namespace of any process. Removing an entry detaches what
+/// others have mounted there, without a word. Empty where it may go.
+QString problemWith(const TrashCandidate& candidate, const std::optional<MountTables>& mounts,
+                    int errorOfMounts)
+{
+    if (!mounts)
+        return reasonFor(errorOfMounts);
+    return keptBecauseText(keptByMounts(*mounts, candidate.source->handle.get(), candidate.path()));
+}
+
 /// The top directory of the mount that `source` lies on.
 std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
 {
@@ -170,9 +180,17 @@ void TrashMover::rename(TrashDirectory& trash, const Candidates& candidates)
         candidate->reserved = trash.reserve(candidate->path());
     // An entry whose info file is lost could not be restored.
     const int syncError = trash.sync();
+    const std::optional<MountTables> mounts = MountTables::read();
+    const int errorOfMounts = errno;
     for (TrashCandidate* candidate : candidates) {
         if (candidate->reserved.isEmpty())
             continue;
+        const QString problem = problemWith(*candidate, mounts, errorOfMounts);
+        if (!problem.isEmpty()) {
+            trash.release(candidate->reserved);
+            keep(*candidate, problem);
+            continue;
+        }
         int error = syncError;
         if (error == 0)
             error = trash.accept(candidate->source->handle.get(), candidate->name.constData(),
@@ -204,16 +222,16 @@ bool TrashMover::stage(TrashCandidate& candidate)
     const int error = copyTree(candidate.source->handle.get(), candidate.name.constData(), staging,
                                candidate.copy.constData());
     if (error != 0)
-        drop(candidate, error);
+        drop(candidate, reasonFor(error));
     return error == 0;
 }
 
 /// Removes a copy that has not gone to the trash.
-void TrashMover::drop(TrashCandidate& candidate, int error)
+void TrashMover::drop(TrashCandidate& candidate, const QString& why)
 {
     (void)removeTree(m_home->staging().handle(), candidate.copy.constData());
     m_home->release(candidate.reserved);
-    keep(candidate, error);
+    keep(candidate, why);
 }
 
 /// Moves entries into the home trash as copies, and removes the originals once those are on disk.
@@ -229,28 +247,32 @@ void TrashMover::copy(Candidates candidates)
             error = m_home->accept(m_home->staging().handle(), candidate->copy.constData(),
                                    candidate->reserved);
         if (error != 0)
-            drop(*candidate, error);
+            drop(*candidate, reasonFor(error));
         return error != 0;
     });
     // Where that fails, which of the two the disk has is not known: both stay.
     const bool isOnDisk = m_home->sync() == 0;
+    const std::optional<MountTables> mounts = MountTables::read();
+    const int errorOfMounts = errno;
     for (TrashCandidate* candidate : candidates) {
         candidate->outcome = Outcome::MovedInPart;
         if (isOnDisk)
-            finish(*candidate);
+            finish(*candidate, problemWith(*candidate, mounts, errorOfMounts));
     }
 }
 
-/// Removes the original of an entry that is in the home trash.
-void TrashMover::finish(TrashCandidate& candidate)
+/// Removes the original of an entry that is in the home trash, unless there is a reason not to.
+void TrashMover::finish(TrashCandidate& candidate, const QString& whyNot)
 {
-    const RemovedOriginal removed =
-        removeOriginal(candidate.source->handle.get(), candidate.name.constData(), m_home->files(),
-                       candidate.reserved.constData());
+    RemovedOriginal removed;
+    if (whyNot.isEmpty())
+        removed = removeOriginal(candidate.source->handle.get(), candidate.name.constData(),
+                                 m_home->files(), candidate.reserved.constData());
     if (removed.isGone) {
         candidate.outcome = Outcome::Moved;
     } else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0) {
-        drop(candidate, removed.error != 0 ? removed.error : EBUSY);
+        const QString why = reasonFor(removed.error != 0 ? removed.error : EBUSY);
+        drop(candidate, whyNot.isEmpty() ? why : whyNot);
     }
 }
 

@@ -42,7 +42,8 @@ struct TrashCandidate
     QByteArray path() const { return (source->path == "/" ? "" : source->path) + '/' + name; }
 };
 
-/// Moves entries. At every moment each of them is where it was, or whole in a trash with its info
+/// Moves entries, but for those that have to do with mounts by then, whenever they were checked. At
+/// every moment each of them is where it was, or whole in a trash with its info
 /// file, or both; after a power failure too.
 class TrashMover
 {
@@ -60,8 +61,8 @@ private:
     static void rename(TrashDirectory& trash, const Candidates& candidates);
     void copy(Candidates candidates);
     bool stage(TrashCandidate& candidate);
-    void drop(TrashCandidate& candidate, int error);
-    void finish(TrashCandidate& candidate);
+    void drop(TrashCandidate& candidate, const QString& why);
+    void finish(TrashCandidate& candidate, const QString& whyNot);
 
     std::unique_ptr<TrashDirectory> m_home;
     quint64 m_homeMount = 0;

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Runs a command with a /tmp of its own, a tmpfs, in a mount namespace that ends with it, and with a
-# home below the current directory. Exits as the command does, or with 77 and a line on standard
+# home below the current directory, or below /var/tmp where that one is in /tmp: nothing cleans a
+# temporary directory around the home. Exits as the command does, or with 77 and a line on standard
 # output where that cannot be.
 #
 #   own_tmp.sh COMMAND [ARGUMENT...]
@@ -19,7 +20,8 @@ if [ "${1:-}" != --inside ]; then
     for mapping in '' --map-root-user; do
         # shellcheck disable=SC2086 # no word when empty
         unshare $mapping --mount mount -t tmpfs tmpfs /tmp 2>/dev/null || continue
-        directory=$(mktemp -d "$PWD/own_tmp.XXXXXX")
+        case $PWD/ in /tmp/*) place=/var/tmp ;; *) place=$PWD ;; esac
+        directory=$(mktemp -d "$place/own_tmp.XXXXXX")
         status=0
         KORVANE_OWN_TMP=$directory unshare $mapping --mount "$0" --inside "$@" || status=$?
         rm -rf "$directory"

@@ -40,6 +40,14 @@ Deed shell(QByteArray script)
     return [script] { ::execl("/bin/sh", "sh", "-ec", script.constData(), nullptr); };
 }
 
+/// A program whose environment has the variable. The directory has a link to "top/a", and "top" one
+/// to another place.
+Deed withVariable(const QByteArray& variable)
+{
+    return shell("ln -s top/a link; ln -s ../other top/link; exec env " + variable +
+                 " sh -c 'exec >&-; kill -STOP $$'");
+}
+
 void mapAndClose()
 {
     const UniqueFd file(::open("top/a/b/file", O_RDONLY | O_CLOEXEC));
@@ -159,6 +167,14 @@ private Q_SLOTS:
         row("open by the other one", InUse, shell("ln top/a/b/file link; exec 3<link"));
         row("links to what must stay", Nothing,
             shell("ln -s ../../other/file /dev/null top/a; ln -s .. top/a/up; exec 3<other/file"));
+        row("named through a link", InUse, withVariable("XAUTHORITY=$PWD/link/b/file"));
+        row("the link that is named", InUse, withVariable("XAUTHORITY=$PWD//top/link/file"));
+        row("named with two slashes", InUse, withVariable("ICEAUTHORITY=$PWD//top/a/b/file"));
+        row("named from another place", InUse, withVariable("TMPDIR=$PWD/other/../top/a"));
+        row("on the way to a name", InUse, withVariable("TMPDIR=$PWD//top/../other"));
+        row("named relatively", InUse, withVariable("KRB5CCNAME=DIR::top/a/b/file"));
+        row("named for the future", InUse, withVariable("XDG_RUNTIME_DIR=link/to/be/made"));
+        row("named beside it", Nothing, withVariable("TMPDIR=./other/file/none"));
         if (::geteuid() != 0)
             return;
         row("another owner's", NotOwn, shell("chown 65534 top/a/b/file"));
@@ -273,18 +289,57 @@ private Q_SLOTS:
         QCOMPARE(kept("top"), Nothing);
     }
 
+    void useInAnotherMountNamespaceIsSeen_data()
+    {
+        QTest::addColumn<QByteArrayList>("mounts"); ///< Sources and places; no source is a tmpfs.
+        QTest::addColumn<KeptBecause>("top");
+        QTest::addColumn<KeptBecause>("other");
+        const auto row = [](const char* name, const QByteArrayList& mounts, KeptBecause top,
+                            KeptBecause other) { QTest::newRow(name) << mounts << top << other; };
+        row("the entry and a mount point", {"top", "other"}, InUse, MountPoint);
+        row("source and place within", {"top/a b", "other/in"}, InUse, MountPoint);
+        row("files", {"top/a/b/file", "other/file"}, InUse, MountPoint);
+        row("tmpfs", {"", "top/a/b"}, MountPoint, Nothing);
+        row("a source above", {".", "other"}, Nothing, MountPoint);
+        row("by another path", {".", "other", "", "other/top/a"}, MountPoint, MountPoint);
+        row("of the same path elsewhere", {"", ".", "", "top"}, Nothing, Nothing);
+        row("open", {".", "other", "other/top/a/b/file", ""}, InUse, MountPoint);
+    }
     void useInAnotherMountNamespaceIsSeen()
     {
+        QFETCH(QByteArrayList, mounts);
         if (!hasOwnMounts())
             QSKIP("this machine refuses a mount namespace");
-        const Child child([this] {
-            if (::chdir(path().constData()) != 0 || ::unshare(CLONE_NEWNS) != 0 ||
-                ::mount("top", "other", nullptr, MS_BIND, nullptr) != 0 ||
-                ::open("other/a/b/file", O_RDONLY | O_CLOEXEC) < 0)
-                ::_exit(1);
-        });
-        QCOMPARE(kept("top"), InUse);
-        QCOMPARE(kept("other"), Nothing);
+        QVERIFY(QDir().mkpath(m_directory->filePath(u"other/in"_s)));
+        for (const bool inThread : {false, true}) {
+            const auto useAll = [&] {
+                bool isDone = ::unshare(CLONE_FS | CLONE_NEWNS) == 0;
+                for (qsizetype i = 0; i < mounts.size(); i += 2) {
+                    const QByteArray source = path(mounts[i]);
+                    const QByteArray place = path(mounts[i + 1]);
+                    const unsigned long flags = mounts[i].isEmpty() ? 0 : MS_BIND;
+                    ::mkdir(place.constData(), 0700);
+                    if (mounts[i + 1].isEmpty())
+                        isDone = isDone && ::open(source.constData(), O_RDONLY | O_CLOEXEC) >= 0;
+                    else
+                        isDone = isDone && ::mount(source.constData(), place.constData(), "tmpfs",
+                                                   flags, nullptr) == 0;
+                }
+                if (!isDone)
+                    ::_exit(1);
+            };
+            const Child child([&] {
+                if (inThread)
+                    std::thread([&] {
+                        useAll();
+                        ::close(STDOUT_FILENO);
+                        test::waitForEnd();
+                    }).join();
+                useAll();
+            });
+            QTEST(kept("top"), "top");
+            QTEST(kept("other"), "other");
+        }
     }
 
     void tablesAreParsed_data()
@@ -343,17 +398,29 @@ private Q_SLOTS:
 
     void filesOfRemoteServersAreNotAskedFor()
     {
-        const QByteArray target = path("top/a/b/file");
-        QCOMPARE(::symlink(target.constData(), path("proc/7/task/7/fd/3").constData()), 0);
-        struct stat file = {};
-        QCOMPARE(::stat(target.constData(), &file), 0);
-        for (const QByteArray type : {"ext4", "nfs4"}) {
-            write("proc/self/mountinfo", "1 0 0:1 / / rw - ext4 s rw\n1 0 0:1 / " + path("top") +
-                                             " rw - nfs s rw\n1 0 0:1 / " + path("top/a") +
-                                             " rw - " + type + " s rw\n");
+        const QByteArray opened = path("top/a/b/file");
+        const QByteArray named = path("top/a/named");
+        write("top/a/named", "");
+        write("proc/7/environ", "XAUTHORITY=/" + named);
+        QCOMPARE(::symlink(opened.constData(), path("proc/7/task/7/fd/3").constData()), 0);
+        QCOMPARE(::symlink("/", path("proc/7/root").constData()), 0);
+        const auto has = [](const std::optional<FilesInUse>& found, const QByteArray& file) {
+            struct stat info = {};
+            return ::stat(file.constData(), &info) == 0 && found->has(info.st_dev, info.st_ino);
+        };
+        for (const QByteArray type : {"ext4", "nfs4", "fuseblk", "autofs"}) {
+            const QByteArray root = "1 0 8:1 / / rw - ext4 s rw\n";
+            const QByteArray nearest =
+                (type.contains('k') || type == "ext4" ? "8:1 / " : "0:1 / ") + path("top/a") +
+                " rw - " + type + " s rw\n";
+            write("proc/7/mountinfo", root + "3 1 " + nearest);
+            write("proc/self/mountinfo",
+                  root + "2 1 0:1 / " + path("top") + " rw - nfs s rw\n3 2 " + nearest);
             const auto found = lookAtMadeUp();
-            QCOMPARE(found->has(file.st_dev, file.st_ino), type == "ext4");
+            QCOMPARE(has(found, opened), type != "nfs4");
             QCOMPARE(found->hasBelow(path("top")), type == "nfs4");
+            QCOMPARE(has(found, named), type == "ext4");
+            QVERIFY(found->hasBelow('/' + named));
         }
     }
 

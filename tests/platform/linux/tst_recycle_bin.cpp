@@ -1,5 +1,6 @@
 // Tests the recycle bin by what other programs find and restore there. Runs by own_tmp.sh only.
 #include "platform/linux/proc_fs.h"
+#include "platform/linux/trash_mover.h"
 #include "platform/linux/tree_copy.h"
 #include "platform/linux/tree_removal.h"
 #include "platform/platform.h"
@@ -14,8 +15,10 @@
 
 #include <cstddef>
 
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -337,6 +340,82 @@ private Q_SLOTS:
         QVERIFY(none.message.endsWith(u"跳过 1 项 (正在使用 1)"_s));
         QVERIFY(moveToRecycleBin({u"/tmp/gone"_s}).ok);
         QFile::remove(u"/tmp/open"_s);
+    }
+
+    void aTemporaryDirectoryAroundTheHome()
+    {
+        const QString inHome = home + "/document"_L1;
+        const QString inLinked = around + "/linked/document"_L1;
+        QVERIFY(QDir().mkpath(home + "/.cache"_L1) && link(home, around + "/linked"_L1, true));
+        for (const QString& file : {inHome, around + "/file"_L1, home + "/.cache/idle"_L1})
+            write(file, "x");
+        for (const auto& [directory, path] :
+             {std::pair(home, inHome), std::pair(around + "/linked/."_L1, inHome),
+              std::pair(home, inLinked), std::pair(around, around + "/file"_L1),
+              std::pair(u"/"_s, u"/korvane-none"_s)}) {
+            qputenv("TMPDIR", QFile::encodeName(directory));
+            const OpResult result = moveToRecycleBin({path});
+            QVERIFY2(result.message.endsWith(u"跳过 1 项 (临时目录为用户目录或其上级 1)"_s),
+                     qPrintable(result.message));
+        }
+        QVERIFY(QFile::exists(inHome));
+        qputenv("TMPDIR", QFile::encodeName(home));
+        QVERIFY(moveToRecycleBin({home + "/.cache/idle"_L1}).ok);
+        qunsetenv("TMPDIR");
+        QVERIFY(moveToRecycleBin({inHome}).ok);
+    }
+
+    void whatAnotherNamespaceMountedStays_data()
+    {
+        QTest::addColumn<QString>("directory");
+        QTest::addColumn<QString>("reason");
+        QTest::addColumn<bool>("isLate"); ///< Mounted after the entry was judged.
+        for (const bool isLate : {false, true}) {
+            const char* when = isLate ? "late" : "early";
+            QTest::addRow("in memory, %s", when) << u"/tmp/mounted"_s << u"含挂载点"_s << isLate;
+            QTest::addRow("on the disk, %s", when)
+                << around + "/mounted"_L1 << u"含挂载点"_s << isLate;
+            QTest::addRow("a source, %s", when) << u"/tmp/mounted/in"_s << u"正在使用"_s << isLate;
+        }
+    }
+
+    void whatAnotherNamespaceMountedStays()
+    {
+        using namespace linux_platform;
+        QFETCH(const QString, directory);
+        QFETCH(const QString, reason);
+        QFETCH(const bool, isLate);
+        const bool isSource = reason == u"正在使用"_s;
+        QVERIFY(QDir().mkpath(directory + "/entry/mnt"_L1));
+        write(directory + "/entry/file"_L1, "x");
+        std::vector<TrashCandidate> judged(1);
+        judged[0].source = SourceDirectory::open(QFile::encodeName(directory));
+        judged[0].name = "entry";
+
+        const QByteArray place = QFile::encodeName(directory + "/entry/mnt"_L1);
+        const Child child([&] {
+            if (::unshare(CLONE_NEWNS) != 0 ||
+                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                (isSource ? ::mount(place.constData(), "/mnt", nullptr, MS_BIND, nullptr)
+                          : ::mount("tmpfs", place.constData(), "tmpfs", 0, nullptr)) != 0 ||
+                ::close(::creat((place + "/data").constData(), 0600)) != 0)
+                ::_exit(1);
+        });
+        const QString data = u"/proc/%1/root%2/data"_s.arg(
+            QString::number(child.pid()), isSource ? u"/mnt"_s : QFile::decodeName(place));
+        QVERIFY(QFile::exists(data));
+        if (isLate) {
+            TrashMover().move(judged);
+            QCOMPARE(judged[0].outcome, TrashCandidate::Outcome::Kept);
+            QCOMPARE(judged[0].why, reason);
+        } else {
+            const OpResult result = moveToRecycleBin({directory + "/entry"_L1});
+            QVERIFY2(result.message.endsWith(u"跳过 1 项 (%1 1)"_s.arg(reason)),
+                     qPrintable(result.message));
+        }
+        QVERIFY(QFile::exists(data) && QFile::exists(directory + "/entry/file"_L1));
+        checkTrash(homeTrash);
+        clear(directory);
     }
 
     void aTrashThatTakesNothing()
