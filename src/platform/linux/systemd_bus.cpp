@@ -47,6 +47,18 @@ QString errorMessage(sd_bus_message* reply)
     return error == nullptr ? QString() : briefText(error->message);
 }
 
+QByteArrayList readTexts(sd_bus_message* reply)
+{
+    QByteArrayList texts;
+    const char* text = nullptr;
+    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "s") > 0) {
+        while (sd_bus_message_read(reply, "s", &text) > 0)
+            texts.append(text);
+        sd_bus_message_exit_container(reply);
+    }
+    return texts;
+}
+
 SystemdBus::SystemdBus(milliseconds limit)
 {
     allow(limit);
@@ -54,7 +66,10 @@ SystemdBus::SystemdBus(milliseconds limit)
     sd_bus* bus = nullptr;
     const int result = sd_bus_open_system(&bus);
     m_bus.reset(bus);
-    if (result < 0)
+    // The peer took the connection and ended it at once, which may also show at any later step.
+    if (result == -EPIPE || result == -ECONNRESET)
+        failWith(result);
+    else if (result < 0)
         fail(QStringLiteral("无法连接系统总线: %1").arg(qt_error_string(-result)));
 }
 
