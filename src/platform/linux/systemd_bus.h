@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QByteArrayView>
 #include <QString>
 
@@ -25,6 +26,9 @@ QString briefText(QByteArrayView text);
 
 /// The text of an error reply, shortened; empty when `reply` is none.
 QString errorMessage(sd_bus_message* reply);
+
+/// The array of texts that comes next in `reply`; empty when that is none.
+QByteArrayList readTexts(sd_bus_message* reply);
 
 /// A connection of its own to the system bus, made when first needed and closed with the object; it
 /// starts no thread. All that is asked of it, connecting included, is done within one limit from

@@ -169,6 +169,7 @@ constexpr auto makeUnits = R"(
 unit begins '' 'Type=notify\nTimeoutStartSec=infinity'
 unit broken '' 'Type=oneshot' /bin/false
 unit ends '' 'ExecStop=/bin/sleep infinity'
+unit lost
 unit needs 'Requires=run.service\nWants=gone.service'
 unit of@ 'Description=<%%i>'
 unit off '' "Type=oneshot\nExecStart=/bin/false\n$install" '@/bin/sh x -c true'
@@ -179,10 +180,18 @@ ln -s run.service alias.service
 ln -s /dev/null masked.service
 systemctl --user daemon-reload
 systemctl --user -q enable run
-systemctl --user -q start ends needs tied 'of@1.2_3\x2d'
+systemctl --user -q start ends lost needs tied 'of@1.2_3\x2d'
 systemctl --user -q start broken 2>/dev/null
 systemctl --user -q start --no-block begins
 systemctl --user -q stop --no-block ends
+cat >says.service <<'END'
+[Service]
+Type=oneshot
+ExecStart=/bin/sh -c "a  \x22b\x22"
+ExecStart=/bin/echo "it's" a\\b "c;" "\t\x01" "" \; 服
+END
+rm lost.service
+systemctl --user daemon-reload
 systemd-run --user -q --unit=passing --description=Passing /bin/sleep infinity
 )";
 
@@ -191,12 +200,16 @@ constexpr auto ownUnits = R"(
 begins|启动中…|手动|begins.service||/bin/sleep infinity
 broken|已停止|手动|broken.service||/bin/false
 ends|停止中…|手动|ends.service||/bin/sleep infinity
+lost|运行中|未知|lost.service||
 masked|已停止|已禁用|masked.service||
 needs|运行中|手动|needs.service||/bin/sleep infinity
 of@1.2_3\x2d|运行中|手动|<1.2_3\x2d>||/bin/sleep infinity
-off|已停止|手动|off.service||/bin/sh -c true
+off|已停止|手动|off.service||/bin/sh -c true; /bin/false
 passing|运行中|手动|Passing||/bin/sleep infinity
 run|运行中|自动|跑步 %1|man:a(1) https://b|/bin/sleep infinity
+)"
+                          "says|已停止|手动|says.service||/bin/sh -c \"a  \\\"b\\\"\"; /bin/echo "
+                          R"("it's" "a\\b" "c;" "\x09\x01" "" ";" 服
 tied|运行中|手动|tied.service||/bin/sleep infinity
 )";
 
@@ -205,7 +218,7 @@ constexpr auto showUnits = R"(
 {
     systemctl --user list-unit-files --plain --no-legend '*.service'
     systemctl --user list-units --all --plain --no-legend '*.service'
-} | grep -Ev '@\.service| alias | not-found ' | sed 's/\.service .*//' | LC_ALL=C sort -u |
+} | grep -Ev '@\.service| alias | not-found +inactive ' | sed 's/\.service .*//' | LC_ALL=C sort -u |
     sed 's/$/.service/' | tr '\n' '\0' | xargs -0 systemctl --user show -p Id -p Description -p Documentation -p MainPID |
     awk -v RS= -F '\n' '{
         for (i = 1; i <= NF; ++i)
@@ -342,6 +355,7 @@ private Q_SLOTS:
         addUnitFile(services, "/a/u7.service", "masked");
         addLoadedUnit(services, "u7.service", "\xff%1", "loaded", "");
         addUnitFile(services, "/b/u7.service", "\xff");
+        addLoadedUnit(services, "u8.service", "", "not-found", "inactive");
         addUnitFile(services, "", "");
         addUnitFile(services, "/", "enabled");
         addUnitFile(services, "/x/.service", "enabled");
@@ -431,7 +445,7 @@ private Q_SLOTS:
             QSKIP("private_systemd.sh runs this");
         shell(QByteArray(unitMaker) + makeUnits);
         const QRegularExpression own(QStringLiteral(
-            R"(^(alias|begins|broken|ends|gone|masked|needs|of@.*|off|passing|run|tied)\|)"));
+            R"(^(alias|begins|broken|ends|gone|lost|masked|needs|of@.*|off|passing|run|says|tied)\|)"));
         const auto ownRows = [&own] {
             return listed("name state start_type display_name description binary_path").filter(own);
         };
