@@ -4,8 +4,8 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/systemd_bus.h"
 #include "platform/linux/text.h"
+#include "platform/linux/unit_files.h"
 
-#include <algorithm>
 #include <array>
 #include <set>
 #include <span>
@@ -183,15 +183,11 @@ QList<QString> relatedServices(const QString& serviceName, std::span<const char*
 
 std::optional<QString> serviceNameOf(QByteArrayView unitName)
 {
-    constexpr qsizetype longest = 255;
-    static constexpr QByteArrayView allowed(
-        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@");
-    if (unitName.size() > longest || !unitName.endsWith(serviceSuffix))
+    if (!isUnitName(unitName) || !unitName.endsWith(serviceSuffix))
         return std::nullopt;
     const QByteArrayView name = unitName.chopped(serviceSuffix.size());
     const qsizetype at = name.indexOf('@');
-    if (name.isEmpty() || at == 0 || at == name.size() - 1 ||
-        !std::all_of(name.begin(), name.end(), [](char c) { return allowed.contains(c); }))
+    if (at == 0 || at == name.size() - 1)
         return std::nullopt;
     return textFromSystem(name);
 }

@@ -18,6 +18,7 @@ constexpr std::size_t maxCallsInFlight = 64;
 
 constexpr auto systemdService = "org.freedesktop.systemd1";
 constexpr auto managerPath = "/org/freedesktop/systemd1";
+constexpr auto propertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr auto managerInterface = "org.freedesktop.systemd1.Manager";
 
 /// What an error reply says of the bus or of systemd as a whole; empty when it is about the call.
@@ -94,6 +95,13 @@ UniqueMessage SystemdBus::managerCall(const char* member) const
     return newCall(systemdService, managerPath, managerInterface, member);
 }
 
+UniqueMessage SystemdBus::managerPropertyCall(const char* property) const
+{
+    UniqueMessage call = newCall(systemdService, managerPath, propertiesInterface, "Get");
+    sd_bus_message_append(call.get(), "ss", managerInterface, property);
+    return call;
+}
+
 UniqueMessage SystemdBus::matchCall(const char* member) const
 {
     constexpr auto bus = "org.freedesktop.DBus";
@@ -110,7 +118,7 @@ UniqueMessage SystemdBus::propertyCall(const QByteArray& unitName, const char* i
 {
     char* path = nullptr;
     sd_bus_path_encode("/org/freedesktop/systemd1/unit", unitName.constData(), &path);
-    UniqueMessage call = newCall(systemdService, path, "org.freedesktop.DBus.Properties", "Get");
+    UniqueMessage call = newCall(systemdService, path, propertiesInterface, "Get");
     std::free(path); // NOLINT(cppcoreguidelines-no-malloc): the library's own allocation
     sd_bus_message_append(call.get(), "ss", interface, property);
     return call;

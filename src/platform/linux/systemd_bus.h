@@ -45,6 +45,9 @@ public:
     /// A call of the manager's method `member`, to which arguments may be appended.
     UniqueMessage managerCall(const char* member) const;
 
+    /// A call that reads a property of the manager.
+    UniqueMessage managerPropertyCall(const char* property) const;
+
     /// A call that has the bus deliver the manager's signals `member` from then on.
     UniqueMessage matchCall(const char* member) const;
 

@@ -3,6 +3,7 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/services.h"
+#include "platform/linux/unit_files.h"
 #include "support/mcp_client.h"
 
 #include <QElapsedTimer>
@@ -247,6 +248,13 @@ unit c-unmet ConditionPathExists=/nowhere
 unit c-slow '' 'Type=notify\nTimeoutStartSec=infinity'
 unit c-two
 unit C-TWO
+unit c-also '' "$install \\\\\n# comment\n \nAlso = c-mate.service \\\\\n;comment\nc-gone.socket"
+unit c-mate '' "$install\nAlso=c-also.service c-plain.service"
+mkdir c-mate.service.d
+printf '[Install]\nAlso=c-far.service' >c-mate.service.d/far.conf
+unit c-far '' "$install"
+unit c-named '' "$install\nAlias=c-nick.service"
+unit c-thief '' "$install\nAlias=c-plain.service"
 systemctl --user -q enable ~/linked/c-linked.service
 systemctl --user -q enable --runtime ~/linked/c-passing.service
 systemctl --user daemon-reload
@@ -282,6 +290,22 @@ start c-once|+服务已启动,并已执行完毕|static inactive
 disabled c-once|+启动类型已改为已禁用|masked-runtime inactive
 slowly c-slow|-启动服务失败: 1 秒后仍未完成,systemd 的作业还在进行|static activating
 stop c-slow|+服务已停止|static inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
+enable -q c-far|-|enabled inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-mate.service (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
+enable -q c-mate|-|enabled inactive
+enable c-also|+启动类型已改为自动|enabled inactive
+manual c-also|-设置启动类型失败: 禁用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl disable c-also.service)|enabled inactive
+disabled c-also|+启动类型已改为已禁用|masked-runtime inactive
+manual c-also|-设置启动类型失败: 禁用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl unmask c-also.service && systemctl disable c-also.service)|masked-runtime inactive
+disable -q c-far|-|disabled inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-far.service (可由用户自行运行 systemctl unmask c-also.service && systemctl enable c-also.service)|masked-runtime inactive
+enable -q c-far|-|enabled inactive
+auto c-also|+启动类型已改为自动|enabled inactive
+manual c-far|+启动类型已改为手动|disabled inactive
+auto c-named|+启动类型已改为自动|enabled inactive
+manual c-named|+启动类型已改为手动|disabled inactive
+auto c-thief|-设置启动类型失败: 启用它会同时改变其他单元: c-plain.service (可由用户自行运行 systemctl enable c-thief.service)|disabled inactive
 start c-two|-有多个服务的名称只有大小写不同,无法区分: C-TWO, c-two|static inactive
 )";
 
@@ -299,7 +323,7 @@ QString changeService(const QString& line)
     const QByteArray unit = command.section(QLatin1Char(' '), -1).toUtf8();
     const QString name = QString::fromUtf8(unit.toUpper());
     OpResult result;
-    if (command.contains(QLatin1String("--")))
+    if (command.contains(QLatin1String(" -")))
         shell("systemctl --user -q " + command.toUtf8());
     else if (action == u"start")
         result = services.startService(name);
@@ -437,6 +461,58 @@ private Q_SLOTS:
         const OpResult result = services.startService(QStringLiteral("A"));
         QVERIFY(!result.ok);
         QCOMPARE(result.message, told);
+    }
+
+    void whatIsEnabledTooIsFound_data()
+    {
+        QTest::addColumn<QByteArray>("script"); // in a folder of "hi" and "lo"
+        QTest::addColumn<QString>("found");
+        const auto row = [](const char* name, const char* script, const QString& found = {}) {
+            QTest::newRow(name) << QByteArray(script) << found;
+        };
+        row("parts of the name",
+            "w hi/my-a@.service 'Also=%j-%i.socket %p%%.socket \\\n#'; w lo/a-q.socket $wanted",
+            QStringLiteral("a-q.socket"));
+        row("a template's instance",
+            "w hi/my-a@.service Also=t@.service; w hi/t@.service Also=%i.x",
+            QStringLiteral("t@.service 的 Also= 中有无法展开的 %i.x"));
+        row("of the machine", "w hi/my-a@q.service Also=%H.service",
+            QStringLiteral("my-a@q.service 的 Also= 中有无法展开的 %H.service"));
+        row("endless",
+            "w hi/my-a@.service Also=1@%i.service;"
+            "for i in $(seq 300); do w hi/$i@.service Also=$((i + 1))@%i.service; done",
+            QStringLiteral("相关的单元过多"));
+        row("large", "truncate -s 2M hi/my-a@.service",
+            QStringLiteral("无法读取 hi/my-a@.service: "));
+        row("no unit files",
+            "w hi/my-a@q.service 'Also=b.service ../c.service'; mkfifo hi/b.service;"
+            "w lo/b.service $wanted; w c.service $wanted");
+        row("drop-ins",
+            "ln -s /dev/null hi/my-a@q.service; w lo/my-a@.service; w lo/b.service $wanted;"
+            "w lo/c.service $wanted; w lo/my-a@q.service.d/x.conf Also=b.service;"
+            "ln -s /dev/null hi/my-a@q.service.d/x.conf; w lo/my-a@.service.d/y.conf Also=c.service",
+            QStringLiteral("c.service"));
+        row("aliases",
+            "w hi/my-a@q.service 'Also=b@%i.service\nAlias=d@%i.service e@%i.service f.x g.x';"
+            "ln -s /gone/c@.service hi/b@.service; w lo/c@.service $wanted; w lo/d@.service; ln -s /dev/null lo/g.x;"
+            "ln -s my-a@.service lo/e@.service",
+            QStringLiteral("c@q.service d@q.service g.x"));
+    }
+    void whatIsEnabledTooIsFound()
+    {
+        QFETCH(QByteArray, script);
+        QFETCH(QString, found);
+        const QTemporaryDir folder;
+        const QByteArray base = QFile::encodeName(folder.path()) + '/';
+        shell("cd " + base +
+              "; mkdir -p hi/my-a@q.service.d lo/my-a@q.service.d lo/my-a@.service.d;"
+              "w() { printf '[Install]\\n%s\\n' \"$2\" >$1; }; wanted=WantedBy=x.target\n" +
+              script);
+        const EnabledWith with = unitsEnabledWith("my-a@q.service", {base + "hi", base + "lo"});
+        const QByteArray units = (with.also + with.replaced).join(' ');
+        QString told = with.problem.isEmpty() ? QString::fromUtf8(units) : with.problem;
+        told.remove(QString::fromUtf8(base));
+        QVERIFY2(found.isEmpty() ? told.isEmpty() : told.startsWith(found), qPrintable(told));
     }
 
     void realUnitsAreListed()
