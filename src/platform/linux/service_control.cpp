@@ -2,6 +2,8 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/services.h"
 #include "platform/linux/systemd_bus.h"
+#include "platform/linux/text.h"
+#include "platform/linux/unit_files.h"
 
 #include <QThread>
 
@@ -93,8 +95,11 @@ private:
     QByteArray property(const char* interface, const char* name);
     QString resultOfService();
 
+    QByteArray fileStateOf(const QByteArray& unitName);
     bool readFileState();
-    bool keepsItsFile();
+    bool enablesNoOther();
+    bool disablesNoOther();
+    bool failFor(const QByteArrayList& others, const QString& action, const char* command);
     bool applyStartType(ServiceStartType type);
     bool changeBoth(const char* member);
     bool mask();
@@ -106,8 +111,10 @@ private:
     QString m_problem;
     QString m_note; ///< What the message of a success adds.
     QByteArray m_fileState;
+    QByteArray m_mask;     ///< The state of a unit's file that was masked.
     bool m_isKept = false; ///< systemd keeps the unit in memory until this is done.
     bool m_hasChangedFiles = false;
+    bool m_isTakenBack = false; ///< The files are again as they were.
 };
 
 bool UnitControl::receive(UniqueMessage call, milliseconds limit)
@@ -214,16 +221,59 @@ OpResult UnitControl::stop()
     return {true, QStringLiteral("服务已停止")};
 }
 
-/// Reads what the files say now; the unit's property would say what they said when it was loaded.
-bool UnitControl::readFileState()
+/// Asks what the files say now; the unit's property would say what they said when it was loaded.
+/// Empty when it is not told.
+QByteArray UnitControl::fileStateOf(const QByteArray& unitName)
 {
     const char* state = nullptr;
-    if (!ask("GetUnitFileState", "s", m_unit.constData()))
+    if (ask("GetUnitFileState", "s", unitName.constData()) &&
+        sd_bus_message_read(m_reply.get(), "s", &state) <= 0)
+        m_problem = QStringLiteral("systemd 的应答无法识别");
+    return state;
+}
+
+bool UnitControl::readFileState()
+{
+    m_fileState = fileStateOf(m_unit);
+    return !m_fileState.isEmpty();
+}
+
+/// Refuses a change that the user was not asked about, and says who else can make it.
+bool UnitControl::failFor(const QByteArrayList& others, const QString& action, const char* command)
+{
+    if (others.isEmpty())
+        return true;
+    // No name has anything else in it that a shell would change.
+    const QByteArray unit = m_unit.contains('\\') ? '\'' + m_unit + '\'' : m_unit;
+    const QByteArray unmasking =
+        m_mask.isEmpty() ? QByteArray() : "systemctl unmask " + unit + " && ";
+    return fail(QStringLiteral("%1它会同时改变其他单元: %2 (可由用户自行运行 %3systemctl %4 %5)")
+                    .arg(action, textFromSystem(others.join(", ")), textFromSystem(unmasking),
+                         QLatin1String(command), textFromSystem(unit)));
+}
+
+/// Whether enabling changes this unit only. systemd has no dry run of it.
+bool UnitControl::enablesNoOther()
+{
+    if (!receive(m_bus.managerPropertyCall("UnitPath"), m_limits.asking))
         return false;
-    if (sd_bus_message_read(m_reply.get(), "s", &state) <= 0)
+    if (sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_VARIANT, "as") <= 0)
         return fail(QStringLiteral("systemd 的应答无法识别"));
-    m_fileState = state;
-    return true;
+    const EnabledWith with = unitsEnabledWith(m_unit, readTexts(m_reply.get()));
+    if (!with.problem.isEmpty())
+        return fail(QStringLiteral("无法确定启用它会改变哪些单元: %1").arg(with.problem));
+    // Of what is enabled until the next boot only, it would last.
+    static constexpr std::array<QByteArrayView, 4> staying{"enabled", "static", "masked",
+                                                           "masked-runtime"};
+    QByteArrayList others = with.replaced;
+    for (const QByteArray& unit : with.also) {
+        if (std::find(staying.begin(), staying.end(), fileStateOf(unit)) == staying.end())
+            others.append(unit);
+        if (!m_bus.error().isEmpty())
+            return false;
+    }
+    std::sort(others.begin(), others.end());
+    return failFor(others, QStringLiteral("启用"), "enable");
 }
 
 /// Takes back what lasts, and what lasts until the next boot.
@@ -248,10 +298,11 @@ bool UnitControl::mask()
     return false;
 }
 
-/// Whether disabling removes links to the unit's file only from the folders of other units. A file
-/// that was linked into the configuration folder would go with them, and the unit with it.
-bool UnitControl::keepsItsFile()
+/// Whether disabling removes nothing but this unit's links in the folders of others. A file that was
+/// linked into the configuration folder would go with them, and the unit with it.
+bool UnitControl::disablesNoOther()
 {
+    QByteArrayList others;
     for (const int isRuntime : {0, 1}) {
         const char* link = nullptr;
         if (!ask("GetUnitFileLinks", "sb", m_unit.constData(), isRuntime))
@@ -261,9 +312,13 @@ bool UnitControl::keepsItsFile()
             const QByteArrayView path(link);
             if (path.endsWith("/system/" + m_unit) || path.endsWith("/user/" + m_unit))
                 return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
+            const QByteArray owner = ownerOfLink(path.toByteArray(), m_unit);
+            if (owner != m_unit && !others.contains(owner))
+                others.append(owner);
         }
     }
-    return true;
+    std::sort(others.begin(), others.end());
+    return failFor(others, QStringLiteral("禁用"), "disable");
 }
 
 bool UnitControl::applyStartType(ServiceStartType type)
@@ -274,8 +329,11 @@ bool UnitControl::applyStartType(ServiceStartType type)
         return false;
     if (type == ServiceStartType::Disabled)
         return mask();
-    if (startTypeFrom(m_fileState) == ServiceStartType::Disabled &&
-        !(changeBoth("UnmaskUnitFiles") && readFileState()))
+    if (startTypeFrom(m_fileState) == ServiceStartType::Disabled)
+        m_mask = m_fileState;
+    if (type == ServiceStartType::Auto && !enablesNoOther())
+        return false;
+    if (!m_mask.isEmpty() && !(changeBoth("UnmaskUnitFiles") && readFileState()))
         return false;
     if (type == ServiceStartType::Auto) {
         if (std::find(withInstall.begin(), withInstall.end(), m_fileState) == withInstall.end())
@@ -284,8 +342,16 @@ bool UnitControl::applyStartType(ServiceStartType type)
         return change("EnableUnitFiles", "asbb", 1, m_unit.constData(), 0, 0) &&
                (m_hasChangedFiles = true);
     }
-    return startTypeFrom(m_fileState) == ServiceStartType::Manual ||
-           (keepsItsFile() && changeBoth("DisableUnitFiles"));
+    if (startTypeFrom(m_fileState) == ServiceStartType::Manual)
+        return true;
+    if (disablesNoOther())
+        return changeBoth("DisableUnitFiles");
+    // Else a unit that did not start by itself would now.
+    const QString problem = m_problem;
+    const int isRuntime = m_mask == "masked-runtime" ? 1 : 0;
+    m_isTakenBack =
+        !m_mask.isEmpty() && change("MaskUnitFiles", "asbb", 1, m_unit.constData(), isRuntime, 0);
+    return fail(problem);
 }
 
 OpResult UnitControl::setStartType(ServiceStartType type)
@@ -305,10 +371,11 @@ OpResult UnitControl::setStartType(ServiceStartType type)
         note = QStringLiteral(",但 systemd 重新加载配置失败: %1").arg(m_problem);
     if (isSet)
         return {true, QStringLiteral("启动类型已改为%1").arg(serviceStartTypeLabel(type)) + note};
-    return {false, (m_hasChangedFiles ? QStringLiteral("设置启动类型只完成了一部分: %1")
-                                      : QStringLiteral("设置启动类型失败: %1"))
-                           .arg(problem) +
-                       note};
+    return {false,
+            (m_hasChangedFiles && !m_isTakenBack ? QStringLiteral("设置启动类型只完成了一部分: %1")
+                                                 : QStringLiteral("设置启动类型失败: %1"))
+                    .arg(problem) +
+                note};
 }
 
 OpResult UnitControl::disable()

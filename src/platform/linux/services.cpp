@@ -4,8 +4,8 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/systemd_bus.h"
 #include "platform/linux/text.h"
+#include "platform/linux/unit_files.h"
 
-#include <algorithm>
 #include <array>
 #include <set>
 #include <span>
@@ -76,31 +76,43 @@ QString readText(sd_bus_message* reply)
     return sd_bus_message_read(reply, "v", "s", &text) > 0 ? textFromSystem(text) : QString();
 }
 
-/// The array of texts that comes next.
-QByteArrayList readTexts(sd_bus_message* reply)
+/// One word of a command line, quoted where it would not be read back as it is: as in a unit's file,
+/// with ";" between commands.
+QByteArray quotedWord(const QByteArray& word)
 {
-    QByteArrayList texts;
-    const char* text = nullptr;
-    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "s") > 0) {
-        while (sd_bus_message_read(reply, "s", &text) > 0)
-            texts.append(text);
+    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+    QByteArray escaped;
+    bool needsQuotes = word.isEmpty();
+    for (const char c : word) {
+        needsQuotes |= isControl(c) || QByteArrayView(" \"'\\;").contains(c);
+        if (isControl(c))
+            escaped.append("\\x").append(QByteArray(1, c).toHex());
+        else if (c == '"' || c == '\\')
+            escaped.append('\\').append(c);
+        else
+            escaped.append(c);
     }
-    return texts;
+    return needsQuotes ? '"' + escaped + '"' : word;
 }
 
-/// The first command of ExecStart: its program, and the arguments after the name it is given. Only
-/// services of Type=oneshot may have more commands.
+/// The commands of ExecStart, each its program and the arguments after the name it is given. Only
+/// services of Type=oneshot may have more than one.
 QString readCommandLine(sd_bus_message* reply)
 {
+    QByteArrayList commands;
     const char* program = nullptr;
-    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "a(sasbttttuii)") <= 0 ||
-        sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "(sasbttttuii)") <= 0 ||
-        sd_bus_message_enter_container(reply, SD_BUS_TYPE_STRUCT, "sasbttttuii") <= 0 ||
-        sd_bus_message_read(reply, "s", &program) <= 0)
-        return {};
-    QByteArrayList words{program};
-    words.append(readTexts(reply).mid(1));
-    return textFromSystem(words.join(' '));
+    sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "a(sasbttttuii)");
+    sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "(sasbttttuii)");
+    while (sd_bus_message_enter_container(reply, SD_BUS_TYPE_STRUCT, "sasbttttuii") > 0 &&
+           sd_bus_message_read(reply, "s", &program) > 0) {
+        QByteArrayList words{quotedWord(program)};
+        for (const QByteArray& argument : readTexts(reply).mid(1))
+            words.append(quotedWord(argument));
+        commands.append(words.join(' '));
+        sd_bus_message_skip(reply, "bttttuii");
+        sd_bus_message_exit_container(reply);
+    }
+    return textFromSystem(commands.join("; "));
 }
 
 /// Asks for what the lists do not tell. A service that is gone by now keeps what they told.
@@ -171,15 +183,11 @@ QList<QString> relatedServices(const QString& serviceName, std::span<const char*
 
 std::optional<QString> serviceNameOf(QByteArrayView unitName)
 {
-    constexpr qsizetype longest = 255;
-    static constexpr QByteArrayView allowed(
-        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ:-_.\\@");
-    if (unitName.size() > longest || !unitName.endsWith(serviceSuffix))
+    if (!isUnitName(unitName) || !unitName.endsWith(serviceSuffix))
         return std::nullopt;
     const QByteArrayView name = unitName.chopped(serviceSuffix.size());
     const qsizetype at = name.indexOf('@');
-    if (name.isEmpty() || at == 0 || at == name.size() - 1 ||
-        !std::all_of(name.begin(), name.end(), [](char c) { return allowed.contains(c); }))
+    if (at == 0 || at == name.size() - 1)
         return std::nullopt;
     return textFromSystem(name);
 }
@@ -191,7 +199,7 @@ QByteArray unitNameOf(const QString& serviceName)
 
 ServiceState serviceStateFrom(QByteArrayView activeState)
 {
-    if (activeState == "active" || activeState == "reloading")
+    if (activeState == "active" || activeState == "reloading" || activeState == "refreshing")
         return ServiceState::Running;
     if (activeState == "activating")
         return ServiceState::StartPending;
@@ -219,7 +227,8 @@ void addLoadedUnit(ListedServices& services, QByteArrayView unitName, QByteArray
                    QByteArrayView loadState, QByteArrayView activeState)
 {
     const auto name = serviceNameOf(unitName);
-    if (!name || loadState == "not-found")
+    // A file may go while its service runs on.
+    if (!name || (loadState == "not-found" && activeState == "inactive"))
         return;
     ListedService& service = services[*name];
     service.item.name = *name;

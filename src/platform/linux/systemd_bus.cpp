@@ -18,6 +18,7 @@ constexpr std::size_t maxCallsInFlight = 64;
 
 constexpr auto systemdService = "org.freedesktop.systemd1";
 constexpr auto managerPath = "/org/freedesktop/systemd1";
+constexpr auto propertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr auto managerInterface = "org.freedesktop.systemd1.Manager";
 
 /// What an error reply says of the bus or of systemd as a whole; empty when it is about the call.
@@ -47,6 +48,18 @@ QString errorMessage(sd_bus_message* reply)
     return error == nullptr ? QString() : briefText(error->message);
 }
 
+QByteArrayList readTexts(sd_bus_message* reply)
+{
+    QByteArrayList texts;
+    const char* text = nullptr;
+    if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "s") > 0) {
+        while (sd_bus_message_read(reply, "s", &text) > 0)
+            texts.append(text);
+        sd_bus_message_exit_container(reply);
+    }
+    return texts;
+}
+
 SystemdBus::SystemdBus(milliseconds limit)
 {
     allow(limit);
@@ -54,7 +67,10 @@ SystemdBus::SystemdBus(milliseconds limit)
     sd_bus* bus = nullptr;
     const int result = sd_bus_open_system(&bus);
     m_bus.reset(bus);
-    if (result < 0)
+    // The peer took the connection and ended it at once, which may also show at any later step.
+    if (result == -EPIPE || result == -ECONNRESET)
+        failWith(result);
+    else if (result < 0)
         fail(QStringLiteral("无法连接系统总线: %1").arg(qt_error_string(-result)));
 }
 
@@ -79,6 +95,13 @@ UniqueMessage SystemdBus::managerCall(const char* member) const
     return newCall(systemdService, managerPath, managerInterface, member);
 }
 
+UniqueMessage SystemdBus::managerPropertyCall(const char* property) const
+{
+    UniqueMessage call = newCall(systemdService, managerPath, propertiesInterface, "Get");
+    sd_bus_message_append(call.get(), "ss", managerInterface, property);
+    return call;
+}
+
 UniqueMessage SystemdBus::matchCall(const char* member) const
 {
     constexpr auto bus = "org.freedesktop.DBus";
@@ -95,7 +118,7 @@ UniqueMessage SystemdBus::propertyCall(const QByteArray& unitName, const char* i
 {
     char* path = nullptr;
     sd_bus_path_encode("/org/freedesktop/systemd1/unit", unitName.constData(), &path);
-    UniqueMessage call = newCall(systemdService, path, "org.freedesktop.DBus.Properties", "Get");
+    UniqueMessage call = newCall(systemdService, path, propertiesInterface, "Get");
     std::free(path); // NOLINT(cppcoreguidelines-no-malloc): the library's own allocation
     sd_bus_message_append(call.get(), "ss", interface, property);
     return call;

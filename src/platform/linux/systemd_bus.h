@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QByteArrayView>
 #include <QString>
 
@@ -26,6 +27,9 @@ QString briefText(QByteArrayView text);
 /// The text of an error reply, shortened; empty when `reply` is none.
 QString errorMessage(sd_bus_message* reply);
 
+/// The array of texts that comes next in `reply`; empty when that is none.
+QByteArrayList readTexts(sd_bus_message* reply);
+
 /// A connection of its own to the system bus, made when first needed and closed with the object; it
 /// starts no thread. All that is asked of it, connecting included, is done within one limit from
 /// its construction, or from the latest allow(). It is of no more use after the first failure,
@@ -40,6 +44,9 @@ public:
 
     /// A call of the manager's method `member`, to which arguments may be appended.
     UniqueMessage managerCall(const char* member) const;
+
+    /// A call that reads a property of the manager.
+    UniqueMessage managerPropertyCall(const char* property) const;
 
     /// A call that has the bus deliver the manager's signals `member` from then on.
     UniqueMessage matchCall(const char* member) const;

@@ -3,6 +3,7 @@
 #include "core/service_manager_service.h"
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/services.h"
+#include "platform/linux/unit_files.h"
 #include "support/mcp_client.h"
 
 #include <QElapsedTimer>
@@ -169,6 +170,7 @@ constexpr auto makeUnits = R"(
 unit begins '' 'Type=notify\nTimeoutStartSec=infinity'
 unit broken '' 'Type=oneshot' /bin/false
 unit ends '' 'ExecStop=/bin/sleep infinity'
+unit lost
 unit needs 'Requires=run.service\nWants=gone.service'
 unit of@ 'Description=<%%i>'
 unit off '' "Type=oneshot\nExecStart=/bin/false\n$install" '@/bin/sh x -c true'
@@ -179,10 +181,18 @@ ln -s run.service alias.service
 ln -s /dev/null masked.service
 systemctl --user daemon-reload
 systemctl --user -q enable run
-systemctl --user -q start ends needs tied 'of@1.2_3\x2d'
+systemctl --user -q start ends lost needs tied 'of@1.2_3\x2d'
 systemctl --user -q start broken 2>/dev/null
 systemctl --user -q start --no-block begins
 systemctl --user -q stop --no-block ends
+cat >says.service <<'END'
+[Service]
+Type=oneshot
+ExecStart=/bin/sh -c "a  \x22b\x22"
+ExecStart=/bin/echo "it's" a\\b "c;" "\t\x01" "" \; 服
+END
+rm lost.service
+systemctl --user daemon-reload
 systemd-run --user -q --unit=passing --description=Passing /bin/sleep infinity
 )";
 
@@ -191,12 +201,16 @@ constexpr auto ownUnits = R"(
 begins|启动中…|手动|begins.service||/bin/sleep infinity
 broken|已停止|手动|broken.service||/bin/false
 ends|停止中…|手动|ends.service||/bin/sleep infinity
+lost|运行中|未知|lost.service||
 masked|已停止|已禁用|masked.service||
 needs|运行中|手动|needs.service||/bin/sleep infinity
 of@1.2_3\x2d|运行中|手动|<1.2_3\x2d>||/bin/sleep infinity
-off|已停止|手动|off.service||/bin/sh -c true
+off|已停止|手动|off.service||/bin/sh -c true; /bin/false
 passing|运行中|手动|Passing||/bin/sleep infinity
 run|运行中|自动|跑步 %1|man:a(1) https://b|/bin/sleep infinity
+)"
+                          "says|已停止|手动|says.service||/bin/sh -c \"a  \\\"b\\\"\"; /bin/echo "
+                          R"("it's" "a\\b" "c;" "\x09\x01" "" ";" 服
 tied|运行中|手动|tied.service||/bin/sleep infinity
 )";
 
@@ -205,7 +219,7 @@ constexpr auto showUnits = R"(
 {
     systemctl --user list-unit-files --plain --no-legend '*.service'
     systemctl --user list-units --all --plain --no-legend '*.service'
-} | grep -Ev '@\.service| alias | not-found ' | sed 's/\.service .*//' | LC_ALL=C sort -u |
+} | grep -Ev '@\.service| alias | not-found +inactive ' | sed 's/\.service .*//' | LC_ALL=C sort -u |
     sed 's/$/.service/' | tr '\n' '\0' | xargs -0 systemctl --user show -p Id -p Description -p Documentation -p MainPID |
     awk -v RS= -F '\n' '{
         for (i = 1; i <= NF; ++i)
@@ -234,6 +248,13 @@ unit c-unmet ConditionPathExists=/nowhere
 unit c-slow '' 'Type=notify\nTimeoutStartSec=infinity'
 unit c-two
 unit C-TWO
+unit c-also '' "$install \\\\\n# comment\n \nAlso = c-mate.service \\\\\n;comment\nc-gone.socket"
+unit c-mate '' "$install\nAlso=c-also.service c-plain.service"
+mkdir c-mate.service.d
+printf '[Install]\nAlso=c-far.service' >c-mate.service.d/far.conf
+unit c-far '' "$install"
+unit c-named '' "$install\nAlias=c-nick.service"
+unit c-thief '' "$install\nAlias=c-plain.service"
 systemctl --user -q enable ~/linked/c-linked.service
 systemctl --user -q enable --runtime ~/linked/c-passing.service
 systemctl --user daemon-reload
@@ -269,6 +290,22 @@ start c-once|+服务已启动,并已执行完毕|static inactive
 disabled c-once|+启动类型已改为已禁用|masked-runtime inactive
 slowly c-slow|-启动服务失败: 1 秒后仍未完成,systemd 的作业还在进行|static activating
 stop c-slow|+服务已停止|static inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
+enable -q c-far|-|enabled inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-mate.service (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
+enable -q c-mate|-|enabled inactive
+enable c-also|+启动类型已改为自动|enabled inactive
+manual c-also|-设置启动类型失败: 禁用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl disable c-also.service)|enabled inactive
+disabled c-also|+启动类型已改为已禁用|masked-runtime inactive
+manual c-also|-设置启动类型失败: 禁用它会同时改变其他单元: c-far.service, c-mate.service (可由用户自行运行 systemctl unmask c-also.service && systemctl disable c-also.service)|masked-runtime inactive
+disable -q c-far|-|disabled inactive
+auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-far.service (可由用户自行运行 systemctl unmask c-also.service && systemctl enable c-also.service)|masked-runtime inactive
+enable -q c-far|-|enabled inactive
+auto c-also|+启动类型已改为自动|enabled inactive
+manual c-far|+启动类型已改为手动|disabled inactive
+auto c-named|+启动类型已改为自动|enabled inactive
+manual c-named|+启动类型已改为手动|disabled inactive
+auto c-thief|-设置启动类型失败: 启用它会同时改变其他单元: c-plain.service (可由用户自行运行 systemctl enable c-thief.service)|disabled inactive
 start c-two|-有多个服务的名称只有大小写不同,无法区分: C-TWO, c-two|static inactive
 )";
 
@@ -286,7 +323,7 @@ QString changeService(const QString& line)
     const QByteArray unit = command.section(QLatin1Char(' '), -1).toUtf8();
     const QString name = QString::fromUtf8(unit.toUpper());
     OpResult result;
-    if (command.contains(QLatin1String("--")))
+    if (command.contains(QLatin1String(" -")))
         shell("systemctl --user -q " + command.toUtf8());
     else if (action == u"start")
         result = services.startService(name);
@@ -342,6 +379,7 @@ private Q_SLOTS:
         addUnitFile(services, "/a/u7.service", "masked");
         addLoadedUnit(services, "u7.service", "\xff%1", "loaded", "");
         addUnitFile(services, "/b/u7.service", "\xff");
+        addLoadedUnit(services, "u8.service", "", "not-found", "inactive");
         addUnitFile(services, "", "");
         addUnitFile(services, "/", "enabled");
         addUnitFile(services, "/x/.service", "enabled");
@@ -425,13 +463,65 @@ private Q_SLOTS:
         QCOMPARE(result.message, told);
     }
 
+    void whatIsEnabledTooIsFound_data()
+    {
+        QTest::addColumn<QByteArray>("script"); // in a folder of "hi" and "lo"
+        QTest::addColumn<QString>("found");
+        const auto row = [](const char* name, const char* script, const QString& found = {}) {
+            QTest::newRow(name) << QByteArray(script) << found;
+        };
+        row("parts of the name",
+            "w hi/my-a@.service 'Also=%j-%i.socket %p%%.socket \\\n#'; w lo/a-q.socket $wanted",
+            QStringLiteral("a-q.socket"));
+        row("a template's instance",
+            "w hi/my-a@.service Also=t@.service; w hi/t@.service Also=%i.x",
+            QStringLiteral("t@.service 的 Also= 中有无法展开的 %i.x"));
+        row("of the machine", "w hi/my-a@q.service Also=%H.service",
+            QStringLiteral("my-a@q.service 的 Also= 中有无法展开的 %H.service"));
+        row("endless",
+            "w hi/my-a@.service Also=1@%i.service;"
+            "for i in $(seq 300); do w hi/$i@.service Also=$((i + 1))@%i.service; done",
+            QStringLiteral("相关的单元过多"));
+        row("large", "truncate -s 2M hi/my-a@.service",
+            QStringLiteral("无法读取 hi/my-a@.service: "));
+        row("no unit files",
+            "w hi/my-a@q.service 'Also=b.service ../c.service'; mkfifo hi/b.service;"
+            "w lo/b.service $wanted; w c.service $wanted");
+        row("drop-ins",
+            "ln -s /dev/null hi/my-a@q.service; w lo/my-a@.service; w lo/b.service $wanted;"
+            "w lo/c.service $wanted; w lo/my-a@q.service.d/x.conf Also=b.service;"
+            "ln -s /dev/null hi/my-a@q.service.d/x.conf; w lo/my-a@.service.d/y.conf Also=c.service",
+            QStringLiteral("c.service"));
+        row("aliases",
+            "w hi/my-a@q.service 'Also=b@%i.service\nAlias=d@%i.service e@%i.service f.x g.x';"
+            "ln -s /gone/c@.service hi/b@.service; w lo/c@.service $wanted; w lo/d@.service; ln -s /dev/null lo/g.x;"
+            "ln -s my-a@.service lo/e@.service",
+            QStringLiteral("c@q.service d@q.service g.x"));
+    }
+    void whatIsEnabledTooIsFound()
+    {
+        QFETCH(QByteArray, script);
+        QFETCH(QString, found);
+        const QTemporaryDir folder;
+        const QByteArray base = QFile::encodeName(folder.path()) + '/';
+        shell("cd " + base +
+              "; mkdir -p hi/my-a@q.service.d lo/my-a@q.service.d lo/my-a@.service.d;"
+              "w() { printf '[Install]\\n%s\\n' \"$2\" >$1; }; wanted=WantedBy=x.target\n" +
+              script);
+        const EnabledWith with = unitsEnabledWith("my-a@q.service", {base + "hi", base + "lo"});
+        const QByteArray units = (with.also + with.replaced).join(' ');
+        QString told = with.problem.isEmpty() ? QString::fromUtf8(units) : with.problem;
+        told.remove(QString::fromUtf8(base));
+        QVERIFY2(found.isEmpty() ? told.isEmpty() : told.startsWith(found), qPrintable(told));
+    }
+
     void realUnitsAreListed()
     {
         if (qEnvironmentVariableIsEmpty("KORVANE_PRIVATE_SYSTEMD"))
             QSKIP("private_systemd.sh runs this");
         shell(QByteArray(unitMaker) + makeUnits);
         const QRegularExpression own(QStringLiteral(
-            R"(^(alias|begins|broken|ends|gone|masked|needs|of@.*|off|passing|run|tied)\|)"));
+            R"(^(alias|begins|broken|ends|gone|lost|masked|needs|of@.*|off|passing|run|says|tied)\|)"));
         const auto ownRows = [&own] {
             return listed("name state start_type display_name description binary_path").filter(own);
         };
