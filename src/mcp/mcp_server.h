@@ -1,12 +1,13 @@
 // The MCP server: a registry of tools, the dispatcher of requests, and the stdio transport.
 #pragma once
 
-#include <QHash>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
 
+#include <cstddef>
 #include <functional>
+#include <unordered_map>
 
 namespace korvane {
 
@@ -54,7 +55,14 @@ private:
     QJsonObject onToolsList();
     QJsonObject onToolsCall(const QJsonObject& params, const ProgressCallback& progress);
 
-    QHash<QString, ToolEntry> m_tools;
+    /// FNV-1a. The framework's own hash has another seed in each run, which would list the tools in
+    /// another order each time: clients keep what they made of a list that does not change.
+    struct NameHash
+    {
+        std::size_t operator()(const QString& name) const noexcept;
+    };
+
+    std::unordered_map<QString, ToolEntry, NameHash> m_tools;
 };
 
 } // namespace korvane
