@@ -11,6 +11,10 @@
 
 namespace korvane {
 
+namespace platform {
+class StandardStreams;
+}
+
 /// Takes one progress report. May be empty: test it before each call.
 using ProgressCallback = std::function<void(const QJsonObject&)>;
 
@@ -41,10 +45,10 @@ public:
     void registerTool(const QString& name, const QString& description,
                       const QJsonObject& inputSchema, ToolHandler handler);
 
-    /// Serves standard input, a JSON-RPC message a line, until it ends or standard output can no
+    /// Serves the input of `streams`, a JSON-RPC message a line, until it ends or the output can no
     /// longer be written. Runs the application's event loop on the calling (main) thread, and a
     /// reader thread beside it. Returns the exit code. Call once.
-    int runStdio();
+    int runStdio(platform::StandardStreams& streams);
 
     /// The response to one JSON-RPC request, or an empty object when there is none to write.
     /// Tools get `progress` unchanged. Main thread only.
