@@ -47,7 +47,8 @@ public:
 
     /// Serves the input of `streams`, a JSON-RPC message a line, until it ends or the output can no
     /// longer be written. Runs the application's event loop on the calling (main) thread, and a
-    /// reader thread beside it. Returns the exit code. Call once.
+    /// reader thread beside it. Returns the exit code. Call once. Does not return, but ends the
+    /// process as failed, when a search or verification is stuck after the input has ended.
     int runStdio(platform::StandardStreams& streams);
 
     /// The response to one JSON-RPC request, or an empty object when there is none to write.

@@ -1,6 +1,7 @@
 // The stdio transport: a reader thread takes lines, the main thread answers, the reader writes.
 #include "mcp/mcp_server.h"
 
+#include "base/watchdog.h"
 #include "mcp/json_rpc.h"
 #include "platform/standard_streams.h"
 
@@ -9,6 +10,7 @@
 #include <QMutex>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -197,6 +199,8 @@ void readLines(HandOver& handOver, StandardStreams& streams, QCoreApplication* a
 
 int McpServer::runStdio(StandardStreams& streams)
 {
+    const Watchdog watchdog([&streams] { return streams.inputHasEnded(); },
+                            [] { std::_Exit(EXIT_FAILURE); }, Watchdog::Limits());
     QCoreApplication* const application = QCoreApplication::instance();
     std::atomic<bool> stdinClosed = false;
     HandOver handOver(this);
