@@ -1,6 +1,7 @@
 // The process entry: names the application, registers the tools and serves standard input.
 #include "app/identity.h"
 #include "mcp/mcp_server.h"
+#include "platform/standard_streams.h"
 #include "tools/catalog.h"
 
 #include <QCoreApplication>
@@ -41,11 +42,12 @@ void setIdentity()
 
 int main(int argc, char* argv[])
 {
+    const auto streams = korvane::platform::openStandardStreams();
     ignoreBrokenPipeSignal();
     useUtf8Locale();
     const QCoreApplication application(argc, argv);
     setIdentity();
     korvane::McpServer server;
     korvane::registerKorvaneTools(server);
-    return server.runStdio();
+    return server.runStdio(*streams);
 }

@@ -60,8 +60,6 @@ QString signatureStatusLabel(SignatureStatus status)
     return {};
 }
 
-SignatureService::SignatureService() : m_settings(std::make_unique<QSettings>()) {}
-
 SignatureStatus SignatureService::verify(const QString& path)
 {
     if (path.isEmpty())
@@ -69,7 +67,9 @@ SignatureStatus SignatureService::verify(const QString& path)
     if (const auto known = inMemory(path))
         return *known;
 
-    const qint64 mtimeMs = modificationTimeMs(path);
+    // The time is that of before the verification: what changes during it is verified again.
+    const bool needsTime = isPersisted(path) || canVerifyPlatform();
+    const qint64 mtimeMs = needsTime ? modificationTimeMs(path) : 0;
     const bool persistable = mtimeMs >= 1;
     if (persistable) {
         const SignatureStatus persisted = loadPersisted(path, mtimeMs);
@@ -121,7 +121,8 @@ void SignatureService::clearCache()
 void SignatureService::flushPersistent()
 {
     const QMutexLocker locker(&m_settingsLock);
-    m_settings->sync();
+    if (m_settings != nullptr)
+        m_settings->sync();
 }
 
 int SignatureService::cacheSize() const
@@ -130,10 +131,25 @@ int SignatureService::cacheSize() const
     return static_cast<int>(m_statusCache.size());
 }
 
+QSettings& SignatureService::settings() const
+{
+    if (m_settings == nullptr) {
+        m_settings = std::make_unique<QSettings>();
+        m_settings->moveToThread(thread()); // whose event loop writes what is pending
+    }
+    return *m_settings;
+}
+
+bool SignatureService::isPersisted(const QString& path) const
+{
+    const QMutexLocker locker(&m_settingsLock);
+    return settings().contains(recordKey(path));
+}
+
 SignatureStatus SignatureService::loadPersisted(const QString& path, qint64 mtimeMs) const
 {
     const QMutexLocker locker(&m_settingsLock);
-    return statusOfRecord(m_settings->value(recordKey(path)).toString(), mtimeMs);
+    return statusOfRecord(settings().value(recordKey(path)).toString(), mtimeMs);
 }
 
 void SignatureService::savePersisted(const QString& path, qint64 mtimeMs, SignatureStatus status)
@@ -141,7 +157,7 @@ void SignatureService::savePersisted(const QString& path, qint64 mtimeMs, Signat
     const QString record = QStringLiteral("%1|%2").arg(QString::number(mtimeMs),
                                                        QString::number(static_cast<int>(status)));
     const QMutexLocker locker(&m_settingsLock);
-    m_settings->setValue(recordKey(path), record);
+    settings().setValue(recordKey(path), record);
 }
 
 std::optional<SignatureStatus> SignatureService::inMemory(const QString& path) const

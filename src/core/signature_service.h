@@ -40,7 +40,7 @@ class SignatureService : public QObject, public Singleton<SignatureService>
 
 public:
     /// The status of the file at `path`, verified when neither cache knows it. Unknown for an
-    /// empty path.
+    /// empty path. A file of which no record exists, and none can come to be, is left alone.
     SignatureStatus verify(const QString& path);
 
     /// The status in the memory cache; Unchecked when absent, Unknown for an empty path. Touches
@@ -64,12 +64,22 @@ public:
 
 private:
     friend class Singleton<SignatureService>;
-    SignatureService();
+    SignatureService() = default;
 
     /// Platform operations: verify the signature of a file, and name its signer. Called from any
     /// thread, from several at once, and with no lock held.
     SignatureStatus verifyPlatform(const QString& path) const;
     QString signerNamePlatform(const QString& path) const;
+
+    /// Whether verifyPlatform() can have any other answer than Unknown.
+    bool canVerifyPlatform() const;
+
+    /// The application's settings, opened by the first call: that reads a file, which may lie where
+    /// nobody answers. m_settingsLock is held.
+    QSettings& settings() const;
+
+    /// Whether there is a persisted record of `path`, of any time.
+    bool isPersisted(const QString& path) const;
 
     /// The persisted status of `path` at exactly that modification time (milliseconds since the
     /// epoch); Unchecked when there is no such record or it is damaged.
@@ -83,8 +93,8 @@ private:
     mutable QReadWriteLock m_cacheLock; ///< Guards the two hashes.
     QHash<QString, SignatureStatus> m_statusCache;
     QHash<QString, QString> m_signerCache; ///< Holds empty names too.
-    mutable QMutex m_settingsLock;         ///< Guards the settings object.
-    std::unique_ptr<QSettings> m_settings;
+    mutable QMutex m_settingsLock;         ///< Guards the settings object, and its making.
+    mutable std::unique_ptr<QSettings> m_settings;
 };
 
 } // namespace korvane

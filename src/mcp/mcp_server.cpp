@@ -26,7 +26,15 @@ QJsonObject toolResult(const QString& text, bool isError)
 void McpServer::registerTool(const QString& name, const QString& description,
                              const QJsonObject& inputSchema, ToolHandler handler)
 {
-    m_tools.insert(name, {description, inputSchema, std::move(handler)});
+    m_tools.insert_or_assign(name, ToolEntry{description, inputSchema, std::move(handler)});
+}
+
+std::size_t McpServer::NameHash::operator()(const QString& name) const noexcept
+{
+    quint64 hash = 0xcbf29ce484222325;
+    for (const QChar character : name)
+        hash = (hash ^ character.unicode()) * 0x100000001b3;
+    return static_cast<std::size_t>(hash);
 }
 
 QJsonObject McpServer::handleRequest(const QJsonObject& request, const ProgressCallback& progress)
@@ -63,10 +71,10 @@ QJsonObject McpServer::onInitialize(const QJsonObject& /*params*/)
 QJsonObject McpServer::onToolsList()
 {
     QJsonArray tools;
-    for (auto tool = m_tools.cbegin(); tool != m_tools.cend(); ++tool) {
-        tools.append(QJsonObject{{QStringLiteral("name"), tool.key()},
-                                 {QStringLiteral("description"), tool->description},
-                                 {QStringLiteral("inputSchema"), tool->inputSchema}});
+    for (const auto& [name, tool] : m_tools) {
+        tools.append(QJsonObject{{QStringLiteral("name"), name},
+                                 {QStringLiteral("description"), tool.description},
+                                 {QStringLiteral("inputSchema"), tool.inputSchema}});
     }
     return {{QStringLiteral("tools"), tools}};
 }
@@ -75,12 +83,12 @@ QJsonObject McpServer::onToolsCall(const QJsonObject& params, const ProgressCall
 {
     const QString name = params.value(QLatin1String("name")).toString();
     const QJsonObject arguments = params.value(QLatin1String("arguments")).toObject();
-    const auto tool = m_tools.constFind(name);
-    if (tool == m_tools.constEnd())
+    const auto tool = m_tools.find(name);
+    if (tool == m_tools.end())
         return toolResult(QStringLiteral("Unknown tool: %1").arg(name), true);
 
     try {
-        const QJsonObject result = tool->handler(arguments, progress);
+        const QJsonObject result = tool->second.handler(arguments, progress);
         return toolResult(QString::fromUtf8(QJsonDocument(result).toJson(QJsonDocument::Indented)),
                           false);
     } catch (const std::exception& error) {

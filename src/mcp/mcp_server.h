@@ -1,14 +1,19 @@
 // The MCP server: a registry of tools, the dispatcher of requests, and the stdio transport.
 #pragma once
 
-#include <QHash>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
 
+#include <cstddef>
 #include <functional>
+#include <unordered_map>
 
 namespace korvane {
+
+namespace platform {
+class StandardStreams;
+}
 
 /// Takes one progress report. May be empty: test it before each call.
 using ProgressCallback = std::function<void(const QJsonObject&)>;
@@ -40,10 +45,11 @@ public:
     void registerTool(const QString& name, const QString& description,
                       const QJsonObject& inputSchema, ToolHandler handler);
 
-    /// Serves standard input, a JSON-RPC message a line, until it ends or standard output can no
+    /// Serves the input of `streams`, a JSON-RPC message a line, until it ends or the output can no
     /// longer be written. Runs the application's event loop on the calling (main) thread, and a
-    /// reader thread beside it. Returns the exit code. Call once.
-    int runStdio();
+    /// reader thread beside it. Returns the exit code. Call once. Does not return, but ends the
+    /// process as failed, when a search or verification is stuck after the input has ended.
+    int runStdio(platform::StandardStreams& streams);
 
     /// The response to one JSON-RPC request, or an empty object when there is none to write.
     /// Tools get `progress` unchanged. Main thread only.
@@ -54,7 +60,14 @@ private:
     QJsonObject onToolsList();
     QJsonObject onToolsCall(const QJsonObject& params, const ProgressCallback& progress);
 
-    QHash<QString, ToolEntry> m_tools;
+    /// FNV-1a. The framework's own hash has another seed in each run, which would list the tools in
+    /// another order each time: clients keep what they made of a list that does not change.
+    struct NameHash
+    {
+        std::size_t operator()(const QString& name) const noexcept;
+    };
+
+    std::unordered_map<QString, ToolEntry, NameHash> m_tools;
 };
 
 } // namespace korvane

@@ -1,25 +1,32 @@
 // The stdio transport: a reader thread takes lines, the main thread answers, the reader writes.
 #include "mcp/mcp_server.h"
 
+#include "base/watchdog.h"
 #include "mcp/json_rpc.h"
 #include "platform/shared_processor.h"
+#include "platform/standard_streams.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QMutex>
 
-#include <array>
 #include <atomic>
-#include <cstdio>
+#include <cstdlib>
 #include <functional>
-#include <iostream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace korvane {
 
+using platform::StandardStreams;
+
 namespace {
+
+/// How much is read at once.
+constexpr std::size_t bufferBytes = std::size_t{64} * 1024;
 
 /// A longer line is discarded as it is read: what it may cost has to have an end.
 constexpr std::size_t maxLineBytes = std::size_t{128} * 1024 * 1024;
@@ -32,33 +39,57 @@ constexpr std::size_t maxIdleCapacity = std::size_t{1024} * 1024;
 
 enum class LineStatus { Whole, TooLong, EndOfInput };
 
-/// Reads up to the next line feed (not kept) into `line`. A last line without one counts.
-LineStatus readLine(std::istream& input, std::string& line)
+/// Takes the input apart into lines.
+class LineReader
 {
-    line.clear();
-    if (line.capacity() > maxIdleCapacity)
-        line.shrink_to_fit();
+public:
+    explicit LineReader(StandardStreams& streams) : m_streams(streams), m_buffer(bufferBytes) {}
 
-    std::array<char, 65536> chunk{};
-    bool tooLong = false;
-    for (;;) {
-        input.getline(chunk.data(), chunk.size());
-        const auto taken = static_cast<std::size_t>(input.gcount());
-        if (input.bad() || (input.eof() && taken == 0 && line.empty() && !tooLong))
-            return LineStatus::EndOfInput;
-        // A read that stopped at the line feed counts it but does not store it.
-        const bool stoppedAtLineFeed = input.good();
-        const bool chunkFull = input.fail() && !input.eof();
-        const std::size_t stored = stoppedAtLineFeed ? taken - 1 : taken;
-        tooLong = tooLong || line.size() + stored > maxLineBytes;
-        if (!tooLong)
-            line.append(chunk.data(), stored);
-        if (!chunkFull)
-            break;
-        input.clear();
+    /// Reads up to the next line feed (not kept) into `line`. A last line without one counts.
+    LineStatus read(std::string& line)
+    {
+        line.clear();
+        if (line.capacity() > maxIdleCapacity)
+            line.shrink_to_fit();
+
+        bool tooLong = false;
+        for (bool isComplete = false; !isComplete;) {
+            if (m_unread.empty() && !fill()) {
+                if (m_hasFailed || (line.empty() && !tooLong))
+                    return LineStatus::EndOfInput;
+                break;
+            }
+            const std::size_t lineFeed = m_unread.find('\n');
+            const std::string_view piece = m_unread.substr(0, lineFeed);
+            tooLong = tooLong || line.size() + piece.size() > maxLineBytes;
+            if (!tooLong)
+                line.append(piece);
+            isComplete = lineFeed != std::string_view::npos;
+            m_unread.remove_prefix(piece.size() + (isComplete ? 1 : 0));
+        }
+        return tooLong ? LineStatus::TooLong : LineStatus::Whole;
     }
-    return tooLong ? LineStatus::TooLong : LineStatus::Whole;
-}
+
+private:
+    /// Waits for more; false when there is none. An end is final, as it is not at a terminal.
+    bool fill()
+    {
+        if (m_hasEnded)
+            return false;
+        const std::ptrdiff_t count = m_streams.read(m_buffer);
+        m_hasFailed = count < 0;
+        m_hasEnded = count <= 0;
+        if (!m_hasEnded)
+            m_unread = std::string_view(m_buffer.data(), static_cast<std::size_t>(count));
+        return !m_hasEnded;
+    }
+
+    StandardStreams& m_streams;
+    std::vector<char> m_buffer;
+    std::string_view m_unread; ///< Of m_buffer.
+    bool m_hasEnded = false;
+    bool m_hasFailed = false;
+};
 
 /// Whether the text, if it is JSON, holds no more than maxValues: each but the first of a container
 /// follows a comma, and each container an opening bracket.
@@ -78,15 +109,13 @@ bool isParsable(const std::string& text)
     return values <= maxValues;
 }
 
-/// Writes one message as a line and flushes. False when standard output takes no more.
-bool writeJsonLine(const QJsonObject& message)
+/// Writes one message as a line and flushes. False when the output takes no more.
+bool writeJsonLine(StandardStreams& streams, const QJsonObject& message)
 {
     static QMutex outputLock;
-    const QByteArray bytes = QJsonDocument(message).toJson(QJsonDocument::Compact);
+    const QByteArray bytes = QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n';
     const QMutexLocker locker(&outputLock);
-    const auto size = static_cast<std::size_t>(bytes.size());
-    return std::fwrite(bytes.constData(), 1, size, stdout) == size &&
-           std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
+    return streams.write({bytes.constData(), static_cast<std::size_t>(bytes.size())});
 }
 
 QJsonObject parseErrorResponse(const QJsonParseError& error)
@@ -152,17 +181,19 @@ QJsonObject answerLine(HandOver& handOver, LineStatus status, const std::string&
 }
 
 /// The reader thread: until the input ends or the output fails, then asks the application to quit.
-void readLines(HandOver& handOver, QCoreApplication* application, std::atomic<bool>& stdinClosed)
+void readLines(HandOver& handOver, StandardStreams& streams, QCoreApplication* application,
+               std::atomic<bool>& stdinClosed)
 {
+    LineReader reader(streams);
     std::string line;
     for (;;) {
-        const LineStatus status = readLine(std::cin, line);
+        const LineStatus status = reader.read(line);
         if (status == LineStatus::EndOfInput)
             break;
         if (status == LineStatus::Whole && line.empty())
             continue;
         const QJsonObject response = answerLine(handOver, status, line);
-        if (!response.isEmpty() && !writeJsonLine(response))
+        if (!response.isEmpty() && !writeJsonLine(streams, response))
             break;
     }
     stdinClosed.store(true);
@@ -171,14 +202,15 @@ void readLines(HandOver& handOver, QCoreApplication* application, std::atomic<bo
 
 } // namespace
 
-int McpServer::runStdio()
+int McpServer::runStdio(StandardStreams& streams)
 {
-    // Unshared from C stdio, the stream reads in blocks instead of single characters.
-    std::ios::sync_with_stdio(false);
+    const Watchdog watchdog([&streams] { return streams.inputHasEnded(); },
+                            [] { std::_Exit(EXIT_FAILURE); }, Watchdog::Limits());
     QCoreApplication* const application = QCoreApplication::instance();
     std::atomic<bool> stdinClosed = false;
     HandOver handOver(this);
-    std::thread reader(readLines, std::ref(handOver), application, std::ref(stdinClosed));
+    std::thread reader(readLines, std::ref(handOver), std::ref(streams), application,
+                       std::ref(stdinClosed));
     const int exitCode = QCoreApplication::exec();
     // The reader may still be inside the posting of "quit": nothing it uses may go before it ends.
     reader.join();

@@ -40,7 +40,7 @@ protected:
     qint64 m_size = 0;
 };
 
-/// Returns false to end the walk.
+/// Returns false to end the walk. Whatever a walk meets is a step to the Watchdog.
 using EntryVisitor = std::function<bool(const WalkedEntry&)>;
 
 /// Shows `visit` every file below the directory `root`, in no defined order: hidden ones, special

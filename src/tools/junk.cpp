@@ -1,6 +1,7 @@
 // The tools that measure junk and, once the user has agreed, move it to the recycle bin.
 #include "tools/handlers.h"
 
+#include "base/watchdog.h"
 #include "core/byte_size.h"
 #include "core/junk_scanner.h"
 #include "platform/platform.h"
@@ -101,6 +102,7 @@ struct Cleaning
 
 Cleaning planCleaning(const QSet<QString>& ids)
 {
+    const Watchdog::Work work;
     Cleaning cleaning;
     const QList<JunkCategory> catalog = knownJunkCategories();
     for (const JunkCategory& category : catalog) {
@@ -135,6 +137,7 @@ consent::Request cleaningRequest(const Cleaning& cleaning, const QString& reason
 
 QJsonObject toolScanJunk(const QJsonObject& /*args*/, const ProgressCallback& progress)
 {
+    const Watchdog::Work work;
     const QList<JunkCategory> catalog = knownJunkCategories();
     QJsonArray categories;
     Total total;

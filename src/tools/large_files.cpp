@@ -1,6 +1,7 @@
 // The tool that finds the largest files below a directory.
 #include "tools/handlers.h"
 
+#include "base/watchdog.h"
 #include "platform/file_walk.h"
 #include "tools/tool_support.h"
 
@@ -73,6 +74,7 @@ private:
 
 QJsonObject toolFindLargeFiles(const QJsonObject& args, const ProgressCallback& progress)
 {
+    const Watchdog::Work work;
     const QString root =
         args.value(QLatin1String("root_path"))
             .toString(QStandardPaths::writableLocation(QStandardPaths::HomeLocation));

@@ -1,6 +1,7 @@
 // The tool that verifies the code signatures of executables.
 #include "tools/handlers.h"
 
+#include "base/watchdog.h"
 #include "core/process_service.h"
 #include "core/signature_service.h"
 
@@ -88,6 +89,7 @@ QJsonObject entryOf(const QString& path, SignatureStatus status, bool includeSig
 
 QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback& progress)
 {
+    const Watchdog::Work work;
     const QList<QString> paths = pathsToVerify(args.value(QLatin1String("paths")).toArray());
     if (paths.isEmpty()) {
         return {{QStringLiteral("total"), 0},
@@ -103,6 +105,7 @@ QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback
     QJsonArray results;
     qsizetype done = 0;
     for (const QString& path : paths) {
+        Watchdog::step();
         const SignatureStatus status = signatures.verify(path);
         ++verdicts.of(status);
         if (!onlySuspicious || status != SignatureStatus::Trusted)

@@ -137,8 +137,11 @@ private Q_SLOTS:
             return m_service->verify(path);
         };
         m_script.signatures.insert(path, Status::Untrusted);
-        QCOMPARE(statusBy(u"1700000000000|1"_s), Status::Trusted);
-        QCOMPARE(statusBy(u"1700000000000|4"_s), Status::Unknown);
+        for (const bool canVerify : {false, true}) {
+            m_script.canVerify = canVerify;
+            QCOMPARE(statusBy(u"1700000000000|1"_s), Status::Trusted);
+            QCOMPARE(statusBy(u"1700000000000|4"_s), Status::Unknown);
+        }
         QVERIFY(m_script.verified.isEmpty());
         for (const char* record :
              {"", "1700000000000", "|3", "1700000000000|", "1700000000000|abc", "1700000000000|0",

@@ -74,6 +74,7 @@ private Q_SLOTS:
     void survives_data();
     void survives();
     void writesOneAnswerALineAsSoonAsItIsThere();
+    void listsTheToolsInOneOrder();
     void endsWhenTheOutputIsClosed();
     void startsAndStopsUnderLoad();
 };
@@ -182,6 +183,13 @@ void TestTransport::writesOneAnswerALineAsSoonAsItIsThere()
     }
     server->closeWriteChannel();
     QVERIFY(endsQuietly(*server));
+}
+
+// Another run's list is the same: clients keep what they made of it.
+void TestTransport::listsTheToolsInOneOrder()
+{
+    const QByteArray request = R"({"id":1,"method":"tools/list"})";
+    QCOMPARE(answersTo(request), answersTo(request));
 }
 
 void TestTransport::endsWhenTheOutputIsClosed()

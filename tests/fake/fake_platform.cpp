@@ -126,6 +126,11 @@ SignatureStatus SignatureService::verifyPlatform(const QString& path) const
     return fake::platform().signatures.value(path, SignatureStatus::Unknown);
 }
 
+bool SignatureService::canVerifyPlatform() const
+{
+    return fake::platform().canVerify;
+}
+
 QString SignatureService::signerNamePlatform(const QString& path) const
 {
     fake::platform().signersAsked.append(path);

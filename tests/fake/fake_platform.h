@@ -54,6 +54,7 @@ struct Platform
     QList<quint32> commandLinesAsked;
     QHash<QString, SignatureStatus> signatures; ///< Unknown where absent.
     QHash<QString, QString> signers;
+    bool canVerify = true;
     QStringList verified; ///< Paths that reached verifyPlatform, in order.
     QStringList signersAsked;
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.

@@ -1,6 +1,8 @@
 // Walks directory trees with what the framework offers.
 #include "platform/file_walk.h"
 
+#include "base/watchdog.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
@@ -33,6 +35,7 @@ private:
 bool showAll(QDirIterator& found, const platform::EntryVisitor& visit)
 {
     while (found.hasNext()) {
+        Watchdog::step();
         found.next();
         if (!visit(FoundEntry(found.fileInfo())))
             return false;

@@ -11,6 +11,11 @@ SignatureStatus SignatureService::verifyPlatform(const QString& /*path*/) const
     return SignatureStatus::Unknown;
 }
 
+bool SignatureService::canVerifyPlatform() const
+{
+    return false;
+}
+
 QString SignatureService::signerNamePlatform(const QString& /*path*/) const
 {
     return {};

@@ -1,0 +1,43 @@
+// Standard input and output with what the standard library offers.
+#include "platform/standard_streams.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+
+namespace korvane {
+
+namespace {
+
+class LibraryStreams final : public platform::StandardStreams
+{
+public:
+    std::ptrdiff_t read(std::span<char> buffer) override
+    {
+        if (std::cin.peek() == std::istream::traits_type::eof())
+            return std::cin.bad() ? -1 : 0;
+        const auto size = static_cast<std::streamsize>(buffer.size());
+        const std::streamsize buffered = std::cin.rdbuf()->in_avail();
+        std::cin.read(buffer.data(), std::clamp<std::streamsize>(buffered, 1, size));
+        return std::cin.gcount();
+    }
+
+    bool write(std::string_view bytes) override
+    {
+        return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() &&
+               std::fflush(stdout) == 0;
+    }
+
+    bool inputHasEnded() override { return false; }
+};
+
+} // namespace
+
+std::unique_ptr<platform::StandardStreams> platform::openStandardStreams()
+{
+    // Unshared from C stdio, the stream reads in blocks instead of single characters.
+    std::ios::sync_with_stdio(false);
+    return std::make_unique<LibraryStreams>();
+}
+
+} // namespace korvane
