@@ -1,7 +1,7 @@
 // Measures the server beside its peers in one run and prints each figure with its ratio and bound.
 // Run: node bench.mjs PATH/TO/korvane-mcp [pings | disk | packages | services]
 // The last two parts want a machine prepared for them, and are started so by this program itself.
-import { spawn } from 'node:child_process';
+import { spawn, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import {
   mkdirSync, mkdtempSync, readFileSync, realpathSync, rmSync, truncateSync, writeFileSync,
@@ -27,6 +27,8 @@ const packageCount = 3000;
 const serviceCount = 300;
 const walkRounds = 15;
 const cachedFiles = 100_000;
+const deepLevels = 40_000;
+const deepRounds = 5;
 
 const median = (values) => [...values].sort((a, b) => a - b)[Math.floor(values.length / 2)];
 
@@ -327,23 +329,45 @@ function makeTree(root, directories, perDirectory) {
   }
 }
 
-/** Times find_large_files on a tree of so many files beside `find` for the same. */
-async function measureLargeFiles(directory, directories, perDirectory, bound) {
-  const root = join(directory, `tree-${perDirectory}`);
-  makeTree(root, directories, perDirectory);
+/** Makes a tree of `levels`, each of four directories, whose paths are longer than any call takes. */
+function makeDeepTree(root, levels) {
+  const before = process.cwd();
+  mkdirSync(root);
+  process.chdir(root);
+  for (let i = 0; i < levels; ++i) {
+    for (const name of ['a', 'b', 'c', 'd']) mkdirSync(name);
+    process.chdir('d');
+  }
+  process.chdir(before);
+}
+
+/** Times find_large_files on a tree beside `find` for the same, and removes the tree. */
+async function measureLargeFiles(root, occasion, rounds, bound) {
   const server = Server.ours();
   await server.handshake();
   const search = callOf(server, 'find_large_files', { root_path: root, max_results: 1000 });
   const find = runOf('find', [root, '-type', 'f', '-size', '+51200k', '-printf', '%s %p\n']);
   const peakBefore = server.mebibytes('status', 'VmHWM');
   await interleave(2, search, find); // warms
-  const times = await interleave(walkRounds, search, find);
-  const occasion = `${(directories * perDirectory) / 1000}k files, ${perDirectory} a directory`;
+  const times = await interleave(rounds, search, find);
   report(`find_large_files, ${occasion}`, 'ms', times.map(median), bound);
   report('  peak memory, beside that before', 'MiB',
     [server.mebibytes('status', 'VmHWM'), peakBefore], { atMost: 1.25 });
   await server.stop();
-  rmSync(root, { recursive: true });
+  spawnSync('rm', ['-rf', root]); // which knows paths of any length
+}
+
+async function measureTrees(directory) {
+  const trees = [[18_000, 8, { atMost: 0.9 }], [2000, 72, {}]];
+  for (const [directories, perDirectory, bound] of trees) {
+    const root = join(directory, `tree-${perDirectory}`);
+    makeTree(root, directories, perDirectory);
+    const occasion = `${(directories * perDirectory) / 1000}k files, ${perDirectory} a directory`;
+    await measureLargeFiles(root, occasion, walkRounds, bound);
+  }
+  const deep = join(directory, 'deep');
+  makeDeepTree(deep, deepLevels);
+  await measureLargeFiles(deep, `${deepLevels / 1000}k levels`, deepRounds, { atMost: 2 });
 }
 
 async function measureJunk(directory) {
@@ -361,8 +385,7 @@ async function measureJunk(directory) {
 
 async function measureDisk() {
   const directory = mkdtempSync(join(tmpdir(), 'korvane-bench-'));
-  await measureLargeFiles(directory, 18_000, 8, { atMost: 0.9 });
-  await measureLargeFiles(directory, 2000, 72, {});
+  await measureTrees(directory);
   await measureJunk(directory);
   rmSync(directory, { recursive: true });
 }

@@ -4,8 +4,6 @@
 #include "platform/linux/proc_fs.h"
 #include "platform/linux/text.h"
 
-#include <QSet>
-
 #include <algorithm>
 #include <filesystem>
 #include <utility>
@@ -151,33 +149,56 @@ DeviceLoad loadBetween(const Devices& before, const Devices& now, double kibPerU
     return load;
 }
 
-/// Whether the entry of /sys/block has a device, and so is a disk by itself. An NVMe disk of several
-/// paths is there beside them, but the kernel counts its load only from 6.2 on: so the paths are
-/// counted.
-bool isPhysicalDisk(const QByteArray& path)
+/// When the load of a device is part of the machine's.
+enum class Counts { Always, WhereNothingElseDoes, Never };
+
+/// The devices of one kind, as they are found.
+class FoundDevices
 {
+public:
+    void insert(Counts counts, const QByteArray& key, const LoadCounters::Device& device)
+    {
+        (counts == Counts::Always ? m_physical : m_others).insert(key, device);
+    }
+
+    qsizetype size() const { return m_physical.size() + m_others.size(); }
+    Devices counted() const { return m_physical.isEmpty() ? m_others : m_physical; }
+
+private:
+    Devices m_physical;
+    Devices m_others;
+};
+
+/// When the entry `name` of /sys/block counts. What is made of others, or of memory, never does; it
+/// has no device, but neither has a disk that a program serves (nbd). An NVMe disk of several paths
+/// is there beside them, but the kernel counts its load only from 6.2 on: so the paths are counted.
+Counts diskCounts(const QByteArray& path, QByteArrayView name)
+{
+    static constexpr std::array madeUp{"loop", "ram", "zram", "dm-", "md"};
+    if (std::any_of(madeUp.begin(), madeUp.end(),
+                    [name](const char* kind) { return name.startsWith(kind); }))
+        return Counts::Never;
+    if (!exists(path + "/device"))
+        return Counts::WhereNothingElseDoes;
     std::error_code error;
     const auto subsystem =
         std::filesystem::read_symlink((path + "/device/subsystem").toStdString(), error);
-    return exists(path + "/device") && subsystem.filename() != "nvme-subsystem";
+    return subsystem.filename() == "nvme-subsystem" ? Counts::Never : Counts::Always;
 }
 
-/// Whether the entry without a device is a disk all the same, as one that a server lends: neither a
-/// second view of others, nor made of memory.
-bool isLentDisk(const QByteArray& path)
+/// When the interface at that path of /sys/class/net counts, where `conduits` has the numbers of
+/// those that lead to a switch in the machine: all that its ports send and receive passes there. One
+/// that only works for another with a device, as in virtual machines, is counted there.
+Counts interfaceCounts(const QByteArray& path, const QList<QByteArray>& conduits)
 {
-    static constexpr std::array<QByteArrayView, 5> others{"loop", "ram", "zram", "dm-", "md"};
-    const QByteArrayView name = QByteArrayView(path).sliced(path.lastIndexOf('/') + 1);
-    return !exists(path + "/device") &&
-           std::none_of(others.begin(), others.end(),
-                        [name](QByteArrayView kind) { return name.startsWith(kind); });
-}
-
-/// Whether the interface at that path of /sys/class/net has a device. One that only works for
-/// another with a device, as in virtual machines, is counted there.
-bool isPhysicalInterface(const QByteArray& path)
-{
-    return exists(path + "/device") && !exists(path + "/master/device");
+    if (!conduits.isEmpty()) {
+        const QByteArray through = contentOf(path + "/iflink");
+        const bool isItself = through == contentOf(path + "/ifindex");
+        if (!isItself && conduits.contains(through))
+            return Counts::Never;
+    }
+    const bool isPhysical = exists(path + "/device") && !exists(path + "/master/device");
+    return isPhysical ? Counts::Always : Counts::WhereNothingElseDoes;
 }
 
 } // namespace
@@ -244,60 +265,58 @@ std::optional<LoadCounters::CpuTicks> LoadSampler::readCpu() const
     return whole ? std::optional(ticks) : std::nullopt;
 }
 
-/// The disks with a device; where there is none, as in some virtual machines, those that are lent.
 Devices LoadSampler::readDisks() const
 {
-    Devices physical;
-    Devices lent;
+    FoundDevices disks;
     std::error_code error;
     std::filesystem::directory_iterator entry((m_sysRoot + "/block").toStdString(), error);
-    for (; !error && entry != std::filesystem::directory_iterator() &&
-           physical.size() + lent.size() < mostDevices;
+    for (; !error && entry != std::filesystem::directory_iterator() && disks.size() < mostDevices;
          entry.increment(error)) {
         const QByteArray path = QByteArray::fromStdString(entry->path().native());
+        const Counts counts = diskCounts(path, path.sliced(path.lastIndexOf('/') + 1));
         std::array<quint64, 10> fields{};
-        const bool isPhysical = isPhysicalDisk(path);
-        if ((!isPhysical && !isLentDisk(path)) || !parseNumbers(contentOf(path + "/stat"), fields))
+        if (counts == Counts::Never || !parseNumbers(contentOf(path + "/stat"), fields))
             continue;
         // Another disk may get the name of one that is gone, but not its number.
-        (isPhysical ? physical : lent)
-            .insert(path + ' ' + contentOf(path + "/diskseq").trimmed(),
-                    {.in = fields[2], .out = fields[6], .busyMs = fields[9]});
+        disks.insert(counts, path + ' ' + contentOf(path + "/diskseq").trimmed(),
+                     {.in = fields[2], .out = fields[6], .busyMs = fields[9]});
     }
-    return physical.isEmpty() ? lent : physical;
+    return disks.counted();
 }
 
-/// The physical interfaces: what tunnels, bridges and the like carry passes one of them too, and what
-/// a port of a switch does passes the interface behind the switch. Where there is none, as in a
-/// container, all but the loopback.
+/// The physical interfaces: what tunnels, bridges and the like carry passes one of them too. Where
+/// there is none, as in a container, all but the loopback.
 Devices LoadSampler::readInterfaces() const
 {
-    Devices physical;
-    Devices others;
-    QSet<QByteArray> numbers;
-    QHash<QByteArray, QByteArray> ports; // and the number of the interface that each works through
+    const QByteArray directory = m_sysRoot + "/class/net/";
+    const Devices all = readAllInterfaces();
+    QList<QByteArray> conduits;
+    for (auto interface = all.cbegin(); interface != all.cend(); ++interface) {
+        if (exists(directory + interface.key() + "/dsa"))
+            conduits.append(contentOf(directory + interface.key() + "/ifindex"));
+    }
+    FoundDevices interfaces;
+    for (auto interface = all.cbegin(); interface != all.cend(); ++interface) {
+        const Counts counts = interfaceCounts(directory + interface.key(), conduits);
+        if (counts != Counts::Never)
+            interfaces.insert(counts, interface.key(), *interface);
+    }
+    return interfaces.counted();
+}
+
+/// Each interface but the loopback.
+Devices LoadSampler::readAllInterfaces() const
+{
+    Devices interfaces;
     const QByteArray content = contentOf(m_procRoot + "/net/dev");
     QByteArrayView rest = content;
     while (auto line = takeLine(rest)) {
         const QByteArray name = takeUntil(*line, ':').trimmed().toByteArray();
         std::array<quint64, 9> fields{};
-        if (name == "lo" || name.size() >= IFNAMSIZ || !parseNumbers(*line, fields))
-            continue;
-        const QByteArray path = m_sysRoot + "/class/net/" + name;
-        const bool isPhysical = isPhysicalInterface(path);
-        (isPhysical ? physical : others).insert(name, {.in = fields[0], .out = fields[8]});
-        const QByteArray number = contentOf(path + "/ifindex");
-        const QByteArray link = contentOf(path + "/iflink");
-        if (isPhysical)
-            numbers.insert(number);
-        if (isPhysical && link != number)
-            ports.insert(name, link);
+        if (name != "lo" && name.size() < IFNAMSIZ && parseNumbers(*line, fields))
+            interfaces.insert(name, {.in = fields[0], .out = fields[8]});
     }
-    for (auto port = ports.cbegin(); port != ports.cend(); ++port) {
-        if (numbers.contains(port.value()))
-            physical.remove(port.key());
-    }
-    return physical.isEmpty() ? others : physical;
+    return interfaces;
 }
 
 } // namespace korvane::linux_platform

@@ -61,6 +61,7 @@ private:
     std::optional<LoadCounters::CpuTicks> readCpu() const;
     QHash<QByteArray, LoadCounters::Device> readDisks() const;
     QHash<QByteArray, LoadCounters::Device> readInterfaces() const;
+    QHash<QByteArray, LoadCounters::Device> readAllInterfaces() const;
 
     QByteArray m_procRoot;
     QByteArray m_sysRoot;

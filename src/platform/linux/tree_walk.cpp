@@ -22,6 +22,9 @@ namespace {
 constexpr std::size_t entriesSize = 64UL * 1024;
 constexpr int openFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
+/// How many directories the walk leaves, at least, before it goes from the start again.
+constexpr std::size_t leastBetweenChecks = TreeWalk::maxHandles / 2;
+
 // The two that linux/magic.h leaves out.
 constexpr unsigned long configfsMagic = 0x62656570;
 constexpr unsigned long fusectlMagic = 0x65735543;
@@ -99,6 +102,7 @@ int TreeWalk::run(int at, const char* name, bool followLink, std::string shownAs
     m_pendingStarts.clear();
     m_levels.clear();
     m_closedBefore = 1;
+    m_leftSince = 0;
     m_levels.push_back({std::move(start), m_path.size()});
 
     Step step = showEntries(visitor);
@@ -180,10 +184,9 @@ TreeWalk::Step TreeWalk::descend(TreeVisitor& visitor)
 
 TreeWalk::Step TreeWalk::ascend(TreeVisitor& visitor)
 {
-    m_levels.pop_back();
+    leaveLevel();
     if (m_levels.empty())
         return Step::GoOn;
-    m_closedBefore = std::min(m_closedBefore, m_levels.size());
     const std::size_t parentPathSize = m_levels.back().pathSize;
     const std::size_t nameStart = m_path.find_first_not_of('/', parentPathSize);
     const std::string name = m_path.substr(nameStart);
@@ -243,7 +246,7 @@ bool TreeWalk::isForbidden(int parent, int opened) const
 }
 
 /// The handle nearest to the start is the one that is needed last. The start's own stays open: all
-/// others can be had again from there.
+/// others can be had again from below or from there.
 void TreeWalk::closeOldest()
 {
     Level& level = m_levels[m_closedBefore];
@@ -263,33 +266,58 @@ int TreeWalk::directory()
     return m_levels.back().handle.get();
 }
 
-/// Opens the closed handles again, of the top level and as many below it as will be needed next.
+/// Drops the top level. Where the one above has no handle, it is opened as the directory in which the
+/// dropped one lies. Now and then that is left to reopen(), which alone notices what was moved
+/// further up: so rarely that it opens no more directories than the walk has left meanwhile.
+void TreeWalk::leaveLevel()
+{
+    const UniqueFd below = std::move(m_levels.back().handle);
+    m_levels.pop_back();
+    m_closedBefore = std::min(m_closedBefore, m_levels.size());
+    ++m_leftSince;
+    if (m_levels.empty() || m_levels.back().handle.isValid())
+        return;
+    if (m_leftSince < std::max(leastBetweenChecks, m_levels.size()))
+        hold(openSame(below.get(), "..", m_levels.size() - 1));
+}
+
+/// Opens the top level again, from the start by the names. What is not there any more is lost, with
+/// all below it: else it would be looked for at every level on the way back.
 bool TreeWalk::reopen()
 {
     const std::size_t top = m_levels.size() - 1;
-    const std::size_t first = std::max(top - std::min(top, m_handleLimit / 2), std::size_t{1});
-    std::vector<UniqueFd> kept;
+    if (m_levels[top].isLost)
+        return false;
+    m_leftSince = 0;
+    UniqueFd reached;
     for (std::size_t i = 1; i <= top; ++i) {
-        const UniqueFd& parent = kept.empty() ? m_levels.front().handle : kept.back();
-        UniqueFd opened = openLevel(parent.get(), i);
-        if (!opened.isValid())
+        const std::size_t start = m_path.find_first_not_of('/', m_levels[i - 1].pathSize);
+        const std::string name = m_path.substr(start, m_levels[i].pathSize - start);
+        const UniqueFd& parent = i == 1 ? m_levels.front().handle : reached;
+        reached = openSame(parent.get(), name.c_str(), i);
+        if (!reached.isValid()) {
+            std::for_each(m_levels.begin() + static_cast<std::ptrdiff_t>(i), m_levels.end(),
+                          [](Level& level) { level.isLost = true; });
             return false;
-        if (i <= first)
-            kept.clear(); // only passed through
-        kept.push_back(std::move(opened));
+        }
     }
-    for (std::size_t i = first; i <= top; ++i)
-        m_levels[i].handle = std::move(kept[i - first]);
-    m_closedBefore = first;
+    hold(std::move(reached));
     return true;
 }
 
-/// The directory of `level` again, or none where another one has taken its place.
-UniqueFd TreeWalk::openLevel(int parent, std::size_t level) const
+/// Makes `opened` the top level's handle, the only one but the start's.
+void TreeWalk::hold(UniqueFd opened)
 {
-    const std::size_t start = m_path.find_first_not_of('/', m_levels[level - 1].pathSize);
-    const std::string name = m_path.substr(start, m_levels[level].pathSize - start);
-    UniqueFd opened(::openat(parent, name.c_str(), openFlags | O_NOFOLLOW));
+    if (!opened.isValid())
+        return;
+    m_levels.back().handle = std::move(opened);
+    m_closedBefore = m_levels.size() - 1;
+}
+
+/// The directory of `level` again, or none where another one has taken its place.
+UniqueFd TreeWalk::openSame(int parent, const char* name, std::size_t level) const
+{
+    UniqueFd opened(::openat(parent, name, openFlags | O_NOFOLLOW));
     struct stat info = {};
     if (!opened.isValid() || ::fstat(opened.get(), &info) != 0 ||
         info.st_dev != m_levels[level].device || info.st_ino != m_levels[level].inode)

@@ -52,7 +52,8 @@ protected:
 };
 
 /// One walk: no recursion, at most `maxHandles` open directories, and memory for the way down and
-/// for the names of the directories beside it. Links are shown, never followed.
+/// for the names of the directories beside it. Links are shown, never followed. On the way back, a
+/// closed handle is had again from the level below, so that depth costs no more than its directories.
 class TreeWalk
 {
 public:
@@ -75,8 +76,8 @@ public:
     /// which the start could not be opened; whether the visitor has stopped, it knows itself.
     int run(int at, const char* name, bool followLink, std::string shownAs, TreeVisitor& visitor);
 
-    /// A handle of the directory that the visitor is told of, for as long as it is; -1 where that
-    /// directory has been moved away meanwhile.
+    /// A handle of the directory that the visitor is told of, for as long as it is; -1 where its
+    /// handle was closed, and it or one above it was found to be moved away meanwhile.
     int directory();
 
     /// The path of directory().
@@ -96,6 +97,7 @@ private:
         std::size_t namesBefore = 0; ///< Names in m_pending that are not its entries.
         dev_t device = 0;            ///< What `handle` was, once it is closed.
         ino_t inode = 0;
+        bool isLost = false; ///< It cannot be opened again.
     };
 
     Step showEntries(TreeVisitor& visitor);
@@ -106,8 +108,10 @@ private:
     int openWithin(int parent, const char* name);
     bool isForbidden(int parent, int opened) const;
     void closeOldest();
+    void leaveLevel();
     bool reopen();
-    UniqueFd openLevel(int parent, std::size_t level) const;
+    void hold(UniqueFd opened);
+    UniqueFd openSame(int parent, const char* name, std::size_t level) const;
 
     Mounts m_mounts;
     bool m_entersKernelMade = false;
@@ -117,6 +121,7 @@ private:
     std::string m_path;
     std::vector<Level> m_levels;
     std::size_t m_closedBefore = 1;           ///< Levels from 1 up to this one have no handle.
+    std::size_t m_leftSince = 0;              ///< Directories, since the last way from the start.
     std::string m_pending;                    ///< Names yet to descend into, each NUL-terminated,
     std::vector<std::size_t> m_pendingStarts; ///< and where each starts.
 };

@@ -304,28 +304,49 @@ private Q_SLOTS:
         QCOMPARE(found, 51);
     }
 
+    void entersNothingInPlaceOfWhatItWasIn_data()
+    {
+        QTest::addColumn<int>("moved"); // The level of what is moved...
+        QTest::addColumn<int>("from");  // ... once the walk is back at this one.
+        QTest::newRow("all, at the bottom") << 0 << 400;
+        QTest::newRow("a part, at the bottom") << 30 << 400;
+        QTest::newRow("a part, on the way back") << 30 << 45;
+    }
+
     void entersNothingInPlaceOfWhatItWasIn()
     {
-        const QString inside = u"in/a"_s + u"/d"_s.repeated(400);
-        test::makeTree(m_root, inside + u"/bottom=0|out/"_s);
+        QFETCH(const int, moved);
+        QFETCH(const int, from);
+        test::makeTree(m_root, u"in/a"_s + u"/d"_s.repeated(400) + u"/bottom=0|out/"_s);
         const auto makeSides = [this] {
-            for (int i = 0; i < 20; ++i)
-                test::makeTree(m_root, u"in/a%1/side %2/f=0"_s.arg(u"/d"_s.repeated(i)).arg(i % 3));
+            for (int i = 0; i < 60; ++i)
+                test::makeTree(
+                    m_root,
+                    u"in/a%1/side %2/f=0|out/side %2/out=0"_s.arg(u"/d"_s.repeated(i)).arg(i));
         };
         makeSides();
+        bool isBack = false;
         bool isMoved = false;
-        QStringList late;
+        QList<qsizetype> above;
+        QStringList wrong;
         platform::walkFiles(u"in"_s, [&](const WalkedEntry& file) {
-            if (isMoved)
-                late.append(file.path());
-            if (file.name() == u"bottom") {
-                isMoved = ::rename("in/a", "out/a") == 0;
+            const qsizetype level = file.path().count(u"/d"_s);
+            if (level < moved)
+                above.append(level);
+            // What is moved while the walk is near may be shown to its end; nothing else may.
+            if (file.name() == u"out" || (isMoved && from == 400 && level >= moved))
+                wrong.append(file.path());
+            isBack = isBack || file.name() == u"bottom";
+            if (isBack && !isMoved && level <= from) {
+                const QByteArray path = (u"in/a"_s + u"/d"_s.repeated(moved)).toUtf8();
+                isMoved = ::rename(path.constData(), "out/a") == 0;
                 makeSides();
             }
             return true;
         });
         QVERIFY(isMoved);
-        QCOMPARE(late, QStringList());
+        QCOMPARE(wrong, QStringList());
+        QCOMPARE(above.size(), moved); // What lies above is not lost with it.
     }
 
     void leavesOutWhatTheKernelMakesUp()

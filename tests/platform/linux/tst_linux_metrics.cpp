@@ -189,15 +189,13 @@ class LinuxMetricsTest : public QObject
             doubles.append({"sys/block/" + name + "/stat", disk("0", "0", "0")});
             doublesAfter.append({"sys/block/" + name + "/stat", disk("9999", "9999", "1999")});
         }
+        doubles += Files{{"sys/block/nvme0n1/device/subsystem", "->/sys/class/nvme-subsystem"}};
+        row("none physical", doubles + Files{{"sys/block/sda", "-"}, {"sys/block/nbd0/stat", disk("0", "0", "0")}}, doublesAfter + Files{{"sys/block/sda", "-"}, {"sys/block/nbd0/stat", disk("4", "8", "20")}}, "disk 1 1 2");
+        doubles.append({"sys/block/nbd0/stat", disk("0", "0", "0")});
+        doublesAfter.append({"sys/block/nbd0/stat", disk("9999", "9999", "1999")});
         // The disk of several paths, its only path, and a file where a disk should be.
-        doubles += {{"sys/block/nvme0n1/device/subsystem", "->/sys/class/nvme-subsystem"}, {"sys/block/nvme0c0n1/device/subsystem", "->/sys/class/nvme"}, {"sys/block/nvme0c0n1/stat", disk("0", "0", "0")}, {"sys/block/x", {}}};
+        doubles += {{"sys/block/nvme0c0n1/device/subsystem", "->/sys/class/nvme"}, {"sys/block/nvme0c0n1/stat", disk("0", "0", "0")}, {"sys/block/x", {}}};
         row("each byte once", doubles, doublesAfter + Files{{"sys/block/nvme0c0n1/stat", disk("4", "8", "1200")}}, "disk 60 101 202");
-        // Disks that a server lends count only where there are no others.
-        const Files nbd{{"sys/block/nbd0/stat", disk("0", "0", "0")}};
-        const Files nbdAfter{{"sys/block/nbd0/stat", disk("4", "8", "20")}};
-        row("lent beside physical", nbd, nbdAfter, "disk 50 100 200");
-        row("only lent", doubles + nbd + Files{{"sys/block/sda", "-"}, {"sys/block/nvme0c0n1", "-"}},
-            doublesAfter + nbdAfter + Files{{"sys/block/sda", "-"}}, "disk 1 1 2");
         const auto sda = [](const char* tag, const Files& second, const char* expected, const Files& first = {}) {
             row(tag, Files{{"sys/block/sdb/device/", {}}, {"sys/block/sdb/stat", disk("0", "0", "0")}} + first, Files{{"sys/block/sdb/stat", disk("4", "8", "20")}} + second, expected);
         };
@@ -222,13 +220,12 @@ class LinuxMetricsTest : public QObject
         net("two physical", wlan, "net 11 22.4883", device);
         net("under a virtual one", wlan, "net 11 22.4883", device + Files{{"sys/class/net/wl0/master/", {}}});
         net("under a physical one", wlan, "net 10 20.4883", device + Files{{"sys/class/net/wl0/master/device/", {}}});
-        const auto numbers = [&device](const QByteArray& eth0) {
-            return device + Files{{"sys/class/net/wl0/ifindex", "3\n"}, {"sys/class/net/wl0/iflink", "2\n"},
-                                  {"sys/class/net/eth0/ifindex", eth0}, {"sys/class/net/eth0/iflink", eth0}};
-        };
-        net("port of a switch", wlan, "net 10 20.4883", numbers("2\n"));
-        net("port of a switch elsewhere", wlan, "net 11 22.4883", numbers("4\n"));
         net("none physical", wlan, "net 11 22.4883", {{"sys/class/net/eth0/device", "-"}});
+        const Files port = device + Files{{"sys/class/net/wl0/iflink", "2\n"}, {"sys/class/net/eth0/ifindex", "2\n"}};
+        const Files conduit{{"sys/class/net/eth0/dsa/", {}}, {"sys/class/net/eth0/iflink", "2\n"}};
+        net("a port and its conduit", wlan, "net 10 20.4883", port + conduit);
+        net("a port of a virtual conduit", wlan, "net 10 20.4883", port + conduit + Files{{"sys/class/net/eth0/device", "-"}});
+        net("a port without its conduit", wlan, "net 11 22.4883", port);
         net("gone", {}, "net 0 0", device, {});
         net("came", wlan + link("usb0: ", "9999", "9999"), "net 11 22.4883", device + Files{{"sys/class/net/usb0/device/", {}}});
         for (const QByteArray& old : {link("eth0: ", "999", "43960"), link("eth0: ", "21480", "1999"), link("eth0: ", most, most)})
