@@ -1,29 +1,45 @@
 #!/usr/bin/env bash
 # Proves on a Debian that has nothing but git that run.sh answers and test.sh passes, and says how
 # long each took. As root: check_fresh_machine.sh SUITE (bookworm, trixie), in a new directory under
-# KORVANE_FRESH_DIR (default /var/tmp) that is removed again when all went well.
+# KORVANE_FRESH_DIR (default /var/tmp) that is removed again when all went well. The packages come
+# from where this machine's own apt has them, or from KORVANE_MIRROR.
 set -euo pipefail
 
 suite=$1
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=packaging/dependencies.sh
+. "$root/packaging/dependencies.sh"
+
+# The archive of Debian itself among apt's sources, however they are written: apt knows once it has
+# their indexes. Security updates and the like are archives of other labels.
+find_mirror() {
+    apt-get indextargets 'Created-By: Packages' 'Origin: Debian' 'Label: Debian' \
+        'Component: main' --format "\$(REPO_URI)" | sed -n 1p
+}
+
+install_missing debootstrap=debootstrap
+mirror=${KORVANE_MIRROR:-$(find_mirror)}
+if [ -z "$mirror" ]; then
+    apt-get -q update >&2
+    mirror=$(find_mirror)
+fi
+case $mirror in
+    mirror+file:*) # a list of mirrors, of which debootstrap knows nothing
+        list=/${mirror#mirror+file:}
+        mirror=$(awk '/^[^#]/ { print $1; exit }' "${list%/}")
+        ;;
+esac
+if [ -z "$mirror" ]; then
+    echo "korvane: apt has no archive of Debian here; please name one in KORVANE_MIRROR" >&2
+    exit 1
+fi
+
 machine=$(mktemp -d "${KORVANE_FRESH_DIR:-/var/tmp}/korvane-$suite-XXXXXX")
 chmod 755 "$machine" # as the root of any system is
 trap '! mountpoint -q "$machine" || umount -R "$machine"' EXIT
 
-# Where this machine itself has Debian from.
-mirror_of_apt() {
-    apt-get indextargets --format '$(SUITE) $(REPO_URI)' \
-        'Created-By: Packages' 'Origin: Debian' 'Component: main' |
-        awk '$1 !~ /-/ { print $2; exit }'
-}
-mirror=${KORVANE_MIRROR:-$(mirror_of_apt)}
-if [ -z "$mirror" ]; then
-    echo 'korvane: apt knows no Debian archive (apt-get update); name one in KORVANE_MIRROR' >&2
-    exit 1
-fi
-
-debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" "$mirror" \
-    >"$machine.log"
+debootstrap --variant=minbase --include=git,ca-certificates "$suite" "$machine" \
+    "$mirror" >"$machine.log"
 cp -L /etc/resolv.conf /etc/hosts "$machine/etc/"
 # The certificates by which this machine trusts its own package registries.
 cp -r /usr/local/share/ca-certificates/. "$machine/usr/local/share/ca-certificates/"
