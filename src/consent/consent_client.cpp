@@ -2,7 +2,7 @@
 #include "consent/consent_client.h"
 
 #include "consent/consent_exchange.h"
-#include "platform/platform.h"
+#include "platform/peer.h"
 
 #include <QDeadlineTimer>
 #include <QDebug>
@@ -47,11 +47,13 @@ Result notRunning()
                                   "请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"));
 }
 
-/// Whether the program at the other end may speak for the user: the socket lives where anyone may
-/// have put it.
+/// Whether the program at the other end may speak for the user: one of the user's own, one of the
+/// administrator's, or one of whoever had this program started as the administrator. The socket lives
+/// where anyone may have put it.
 bool isTrusted(const QLocalSocket& socket)
 {
-    if (platform::mayAnswerForUser(socket.socketDescriptor()))
+    const auto peer = platform::peerOf(socket.socketDescriptor());
+    if (peer && peer->user != platform::PeerUser::Other)
         return true;
     static bool logged = false;
     if (!logged)

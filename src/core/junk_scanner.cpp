@@ -1,9 +1,10 @@
 // The scan of a category by directory walk, and of the whole catalog with signals.
 #include "core/junk_scanner.h"
 
-#include "core/byte_size.h"
-#include "core/process_service.h"
+#include "base/byte_size.h"
+#include "core/processes.h"
 #include "platform/file_walk.h"
+#include "platform/recycle_bin.h"
 
 #include <QDir>
 #include <QRegularExpression>
@@ -150,23 +151,35 @@ QStringList JunkScanner::runningGuardProcesses(const QStringList& names)
     return guards;
 }
 
-void JunkScanner::process()
+QList<JunkItem> JunkScanner::scanCatalog(const CategoryFilter& isWanted,
+                                         const std::atomic<bool>* cancel)
 {
     const QList<JunkCategory> catalog = knownJunkCategories();
-    const auto total = static_cast<int>(catalog.size());
     QList<JunkItem> items;
-    qint64 totalBytes = 0;
     int index = 0;
     for (const JunkCategory& category : catalog) {
-        if (m_cancelRequested)
-            break;
-        Q_EMIT progress(category.name, ++index, total);
-        JunkItem item = scanCategory(category, &m_cancelRequested);
-        if (item.isEmpty())
+        if (!isWanted(category, ++index, static_cast<int>(catalog.size())))
             continue;
-        totalBytes = sizeSum(totalBytes, item.sizeBytes);
-        items.append(std::move(item));
+        JunkItem item = scanCategory(category, cancel);
+        if (!item.isEmpty())
+            items.append(std::move(item));
     }
+    return items;
+}
+
+OpResult JunkScanner::moveToRecycleBin(const QStringList& paths)
+{
+    return platform::moveToRecycleBin(paths);
+}
+
+void JunkScanner::process()
+{
+    const auto announce = [this](const JunkCategory& category, int index, int total) {
+        if (!m_cancelRequested)
+            Q_EMIT progress(category.name, index, total);
+        return !m_cancelRequested;
+    };
+    QList<JunkItem> items = scanCatalog(announce, &m_cancelRequested);
     if (m_cancelRequested) { // The last item may be a part.
         Q_EMIT cancelled();
         return;
@@ -174,6 +187,9 @@ void JunkScanner::process()
     std::sort(items.begin(), items.end(), [](const JunkItem& a, const JunkItem& b) {
         return a.group != b.group ? a.group < b.group : a.sizeBytes > b.sizeBytes;
     });
+    qint64 totalBytes = 0;
+    for (const JunkItem& item : std::as_const(items))
+        totalBytes = sizeSum(totalBytes, item.sizeBytes);
     Q_EMIT finished(items, totalBytes);
 }
 

@@ -1,11 +1,13 @@
 // Measures what could be removed of each kind of junk.
 #pragma once
 
+#include "base/op_result.h"
 #include "core/junk_catalog.h"
 
 #include <QObject>
 
 #include <atomic>
+#include <functional>
 
 namespace korvane {
 
@@ -47,6 +49,17 @@ public:
     /// files; what cannot be read counts nothing. Once `cancel`, which may be null, is true, returns
     /// what was counted so far. Runs on any thread.
     static JunkItem scanCategory(const JunkCategory& category, const std::atomic<bool>* cancel);
+
+    /// Told of each category of the catalog before it is scanned; false leaves it out.
+    using CategoryFilter = std::function<bool(const JunkCategory&, int index, int total)>;
+
+    /// scanCategory() of those that `isWanted`, in the catalog's order; what is empty is left out.
+    static QList<JunkItem> scanCatalog(const CategoryFilter& isWanted,
+                                       const std::atomic<bool>* cancel = nullptr);
+
+    /// Moves the paths of items that were scanned just now to the recycle bin, in one go: see
+    /// platform::moveToRecycleBin().
+    static OpResult moveToRecycleBin(const QStringList& paths);
 
     /// Those of `names` that a running process has, in any letter case. Asks ProcessService, and so
     /// belongs to its thread; asks nobody for no names.

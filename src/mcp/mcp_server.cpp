@@ -1,7 +1,7 @@
 // The tool registry, and the dispatcher that turns a request into a response.
 #include "mcp/mcp_server.h"
 
-#include "app/identity.h"
+#include "base/identity.h"
 #include "mcp/json_rpc.h"
 
 #include <QJsonArray>

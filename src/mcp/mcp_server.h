@@ -11,9 +11,8 @@
 
 namespace korvane {
 
-namespace platform {
+class SharedProcessor;
 class StandardStreams;
-}
 
 /// Takes one progress report. May be empty: test it before each call.
 using ProgressCallback = std::function<void(const QJsonObject&)>;
@@ -46,10 +45,11 @@ public:
                       const QJsonObject& inputSchema, ToolHandler handler);
 
     /// Serves the input of `streams`, a JSON-RPC message a line, until it ends or the output can no
-    /// longer be written. Runs the application's event loop on the calling (main) thread, and a
+    /// longer be written. Uses `processor` for the hand-over between its two threads. Runs the
+    /// application's event loop on the calling (main) thread, and a
     /// reader thread beside it. Returns the exit code. Call once. Does not return, but ends the
     /// process as failed, when a search or verification is stuck after the input has ended.
-    int runStdio(platform::StandardStreams& streams);
+    int runStdio(StandardStreams& streams, SharedProcessor& processor);
 
     /// The response to one JSON-RPC request, or an empty object when there is none to write.
     /// Tools get `progress` unchanged. Main thread only.

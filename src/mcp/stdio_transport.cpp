@@ -1,10 +1,10 @@
 // The stdio transport: a reader thread takes lines, the main thread answers, the reader writes.
 #include "mcp/mcp_server.h"
 
+#include "base/shared_processor.h"
+#include "base/standard_streams.h"
 #include "base/watchdog.h"
 #include "mcp/json_rpc.h"
-#include "platform/shared_processor.h"
-#include "platform/standard_streams.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -20,8 +20,6 @@
 #include <vector>
 
 namespace korvane {
-
-using platform::StandardStreams;
 
 namespace {
 
@@ -128,10 +126,13 @@ QJsonObject parseErrorResponse(const QJsonParseError& error)
 ///
 /// Invariant: `m_response` belongs to the main thread from the posting of a request until
 /// m_answered counts it, and to the reader thread at all other times.
-class HandOver
+class MainThreadCall
 {
 public:
-    explicit HandOver(McpServer* server) : m_server(server) {}
+    MainThreadCall(McpServer* server, SharedProcessor& processor)
+        : m_server(server), m_processor(processor)
+    {
+    }
 
     /// Reader thread: has the main thread answer one request, and waits for it. The event loop runs
     /// as long as the reader does, so the request is never dropped.
@@ -158,13 +159,13 @@ private:
     }
 
     McpServer* m_server;
-    platform::SharedProcessor m_processor;
+    SharedProcessor& m_processor;
     QJsonObject m_response;
     std::atomic<quint32> m_answered = 0;
 };
 
 /// The response to one line; empty when there is none to write.
-QJsonObject answerLine(HandOver& handOver, LineStatus status, const std::string& line)
+QJsonObject answerLine(MainThreadCall& mainThread, LineStatus status, const std::string& line)
 {
     QJsonParseError error;
     if (status == LineStatus::TooLong || !isParsable(line)) {
@@ -177,11 +178,11 @@ QJsonObject answerLine(HandOver& handOver, LineStatus status, const std::string&
     // A document that is not an object carries the text of "no error" to the client.
     if (error.error != QJsonParseError::NoError || !document.isObject())
         return parseErrorResponse(error);
-    return handOver.ask(document.object());
+    return mainThread.ask(document.object());
 }
 
 /// The reader thread: until the input ends or the output fails, then asks the application to quit.
-void readLines(HandOver& handOver, StandardStreams& streams, QCoreApplication* application,
+void readLines(MainThreadCall& mainThread, StandardStreams& streams, QCoreApplication* application,
                std::atomic<bool>& stdinClosed)
 {
     LineReader reader(streams);
@@ -192,7 +193,7 @@ void readLines(HandOver& handOver, StandardStreams& streams, QCoreApplication* a
             break;
         if (status == LineStatus::Whole && line.empty())
             continue;
-        const QJsonObject response = answerLine(handOver, status, line);
+        const QJsonObject response = answerLine(mainThread, status, line);
         if (!response.isEmpty() && !writeJsonLine(streams, response))
             break;
     }
@@ -202,14 +203,14 @@ void readLines(HandOver& handOver, StandardStreams& streams, QCoreApplication* a
 
 } // namespace
 
-int McpServer::runStdio(StandardStreams& streams)
+int McpServer::runStdio(StandardStreams& streams, SharedProcessor& processor)
 {
     const Watchdog watchdog([&streams] { return streams.inputHasEnded(); },
                             [] { std::_Exit(EXIT_FAILURE); }, Watchdog::Limits());
     QCoreApplication* const application = QCoreApplication::instance();
     std::atomic<bool> stdinClosed = false;
-    HandOver handOver(this);
-    std::thread reader(readLines, std::ref(handOver), std::ref(streams), application,
+    MainThreadCall mainThread(this, processor);
+    std::thread reader(readLines, std::ref(mainThread), std::ref(streams), application,
                        std::ref(stdinClosed));
     const int exitCode = QCoreApplication::exec();
     // The reader may still be inside the posting of "quit": nothing it uses may go before it ends.

@@ -1,7 +1,7 @@
 // The tool that tells a client what it is talking to.
 #include "tools/handlers.h"
 
-#include "app/identity.h"
+#include "base/identity.h"
 
 #include <QCoreApplication>
 #include <QStandardPaths>

@@ -1,10 +1,9 @@
 // The tools that measure junk and, once the user has agreed, move it to the recycle bin.
 #include "tools/handlers.h"
 
+#include "base/byte_size.h"
 #include "base/watchdog.h"
-#include "core/byte_size.h"
 #include "core/junk_scanner.h"
-#include "platform/platform.h"
 #include "tools/tool_support.h"
 
 #include <QJsonArray>
@@ -104,19 +103,16 @@ Cleaning planCleaning(const QSet<QString>& ids)
 {
     const Watchdog::Work work;
     Cleaning cleaning;
-    const QList<JunkCategory> catalog = knownJunkCategories();
-    for (const JunkCategory& category : catalog) {
+    const auto mayBeCleaned = [&](const JunkCategory& category, int, int) {
         if (!ids.contains(category.id))
-            continue;
+            return false;
         const QStringList running = JunkScanner::runningGuardProcesses(category.guardProcesses);
-        if (!running.isEmpty()) {
+        if (!running.isEmpty())
             cleaning.skip(category.id, running);
-            continue;
-        }
-        const JunkItem item = JunkScanner::scanCategory(category, nullptr);
-        if (!item.isEmpty())
-            cleaning.take(item);
-    }
+        return running.isEmpty();
+    };
+    for (const JunkItem& item : JunkScanner::scanCatalog(mayBeCleaned))
+        cleaning.take(item);
     return cleaning;
 }
 
@@ -138,20 +134,17 @@ consent::Request cleaningRequest(const Cleaning& cleaning, const QString& reason
 QJsonObject toolScanJunk(const QJsonObject& /*args*/, const ProgressCallback& progress)
 {
     const Watchdog::Work work;
-    const QList<JunkCategory> catalog = knownJunkCategories();
-    QJsonArray categories;
-    Total total;
-    int index = 0;
-    for (const JunkCategory& category : catalog) {
-        ++index;
+    const auto announce = [&progress](const JunkCategory& category, int index, int total) {
         if (progress) {
             progress({{QStringLiteral("scanning_category"), category.name},
                       {QStringLiteral("index"), index},
-                      {QStringLiteral("total"), catalog.size()}});
+                      {QStringLiteral("total"), total}});
         }
-        const JunkItem item = JunkScanner::scanCategory(category, nullptr);
-        if (item.isEmpty())
-            continue;
+        return true;
+    };
+    QJsonArray categories;
+    Total total;
+    for (const JunkItem& item : JunkScanner::scanCatalog(announce)) {
         categories.append(entryOf(item));
         total.add(item);
     }
@@ -186,7 +179,7 @@ QJsonObject toolCleanJunk(const QJsonObject& args, const ProgressCallback& /*pro
     }
 
     requireConsent(cleaningRequest(cleaning, textArgument(args, QLatin1String("reason"))));
-    const OpResult result = platform::moveToRecycleBin(cleaning.paths);
+    const OpResult result = JunkScanner::moveToRecycleBin(cleaning.paths);
     if (!result.ok)
         throwToolError(result.message);
     return {{QStringLiteral("cleaned"), true},

@@ -1,17 +1,14 @@
 // The tool that takes one snapshot of the machine's load.
 #include "tools/handlers.h"
 
-#include "core/system_records.h"
-#include "platform/platform.h"
-
-#include <QThread>
+#include "core/metrics.h"
 
 namespace korvane {
 
 namespace {
 
 /// How long the load is measured.
-constexpr unsigned long measuringMs = 250;
+constexpr std::chrono::milliseconds measuringTime{250};
 
 QString gibDisplay(quint64 used, quint64 total)
 {
@@ -25,11 +22,7 @@ QString gibDisplay(quint64 used, quint64 total)
 
 QJsonObject toolGetSystemMetrics(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)
 {
-    SystemMetrics sample;
-    platform::sampleSystemMetrics(sample);
-    QThread::msleep(measuringMs);
-    platform::sampleSystemMetrics(sample);
-
+    const SystemMetrics sample = measureLoad(measuringTime);
     const auto integer = [](quint64 bytes) { return static_cast<qint64>(bytes); };
     return {
         {QStringLiteral("cpu_percent"), sample.cpuPercent},

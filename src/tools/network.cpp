@@ -1,7 +1,7 @@
 // The tools that list network endpoints and find who holds a port.
 #include "tools/handlers.h"
 
-#include "core/net_monitor_service.h"
+#include "core/network.h"
 #include "tools/tool_support.h"
 
 #include <QJsonArray>

@@ -1,7 +1,7 @@
 // The forest of parents and children that a process list describes.
 #pragma once
 
-#include "core/system_records.h"
+#include "base/system_records.h"
 
 #include <QHash>
 #include <QJsonArray>

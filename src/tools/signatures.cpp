@@ -2,8 +2,8 @@
 #include "tools/handlers.h"
 
 #include "base/watchdog.h"
-#include "core/process_service.h"
-#include "core/signature_service.h"
+#include "core/processes.h"
+#include "core/signatures.h"
 
 #include <QJsonArray>
 #include <QSet>

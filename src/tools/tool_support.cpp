@@ -1,7 +1,7 @@
 // Argument reading, rounding and failing, once for all tools.
 #include "tools/tool_support.h"
 
-#include "core/byte_size.h"
+#include "base/byte_size.h"
 
 #include <QJsonValue>
 #include <QVariant>

@@ -1,10 +1,11 @@
 // What several tool handlers share: reading arguments, rounding, and failing.
 #pragma once
 
+#include "base/singleton.h"
 #include "consent/consent_client.h"
 #include "consent/shown_text.h"
-#include "core/singleton.h"
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -50,6 +51,17 @@ template <typename Service> auto listAll()
     auto records = service.listAll();
     requireListed(records, service);
     return records;
+}
+
+/// The answer of a tool that lists an inventory as it is: "total" and, under `key`, an object a record.
+template <typename Record>
+QJsonObject inventory(const QList<Record>& records, const QString& key,
+                      QJsonObject (*toObject)(const Record&))
+{
+    QJsonArray objects;
+    for (const Record& record : records)
+        objects.append(toObject(record));
+    return {{QStringLiteral("total"), objects.size()}, {key, objects}};
 }
 
 } // namespace korvane

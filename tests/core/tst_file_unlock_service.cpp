@@ -1,5 +1,5 @@
 // Tests of the file-unlock service: the signal forms, and ending processes in a batch.
-#include "core/file_unlock_service.h"
+#include "core/file_unlock.h"
 #include "fake/fake_platform.h"
 
 #include <QTest>

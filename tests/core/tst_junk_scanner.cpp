@@ -1,5 +1,5 @@
 // Tests of the junk scanner on directories made for the test, on threads as its users run it.
-#include "core/byte_size.h"
+#include "base/byte_size.h"
 #include "core/junk_scanner.h"
 #include "fake/fake_platform.h"
 #include "support/file_tree.h"

@@ -1,5 +1,5 @@
 // Tests of the processor shares that are computed from successive readings, on a made-up clock.
-#include "core/process_cpu_table.h"
+#include "base/process_cpu_table.h"
 
 #include <QTest>
 

@@ -1,9 +1,9 @@
 // Tests of the inventory services: error bookkeeping, checks before writes, and composed lists.
-#include "core/net_monitor_service.h"
-#include "core/process_service.h"
-#include "core/service_manager_service.h"
-#include "core/startup_service.h"
-#include "core/uninstall_service.h"
+#include "core/network.h"
+#include "core/processes.h"
+#include "core/services.h"
+#include "core/startup.h"
+#include "core/software.h"
 #include "fake/fake_platform.h"
 
 #include <QTest>

@@ -1,5 +1,5 @@
 // Tests of the signature service's two caches, within a process, across two, and from threads.
-#include "core/signature_service.h"
+#include "core/signatures.h"
 #include "fake/fake_platform.h"
 
 #include <QCryptographicHash>

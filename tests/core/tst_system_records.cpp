@@ -1,5 +1,5 @@
 // Tests of the records' display texts and label tables, at the borders of their ranges.
-#include "core/system_records.h"
+#include "base/system_records.h"
 
 #include <QTest>
 

@@ -1,9 +1,9 @@
 // A scripted platform: what each operation answers is set by the test, and calls are counted.
 #pragma once
 
-#include "core/file_unlock_service.h"
-#include "core/signature_service.h"
-#include "core/system_records.h"
+#include "core/file_unlock.h"
+#include "core/signatures.h"
+#include "base/system_records.h"
 #include "platform/platform.h"
 
 #include <QHash>

@@ -1,5 +1,5 @@
 // Tests of the listing, metrics and signature tools as a client sees them, on scripted records.
-#include "core/signature_service.h"
+#include "core/signatures.h"
 #include "fake/fake_platform.h"
 #include "support/mcp_client.h"
 

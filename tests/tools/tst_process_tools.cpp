@@ -1,5 +1,5 @@
 // Tests of the process tools as a client sees them, on scripted process lists.
-#include "core/process_service.h"
+#include "core/processes.h"
 #include "fake/fake_platform.h"
 #include "support/mcp_client.h"
 #include "tools/process_tree.h"

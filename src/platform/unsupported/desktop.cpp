@@ -1,5 +1,5 @@
 // Desktop operations for graphical hosts, without a back end.
-#include "platform/platform.h"
+#include "platform/desktop.h"
 
 namespace korvane {
 

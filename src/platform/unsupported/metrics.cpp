@@ -1,10 +1,9 @@
 // System metrics without a back end: all zeros.
-#include "core/system_records.h"
-#include "platform/platform.h"
+#include "platform/metrics.h"
 
 namespace korvane {
 
-void platform::sampleSystemMetrics(SystemMetrics& out)
+void platform::sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
 {
     out = {};
 }

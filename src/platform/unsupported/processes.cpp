@@ -1,15 +1,27 @@
-// Process enumeration without a back end.
-#include "core/process_service.h"
+// Processes without a back end.
+#include "platform/processes.h"
+
 #include "platform/unsupported/unsupported.h"
 
 namespace korvane {
 
-QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
+QList<ProcessSnapshot> platform::listProcesses(ProcessCpuTable& /*cpuTable*/,
+                                               ShownProcesses& /*shown*/, QString* error)
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[ProcessService] 当前平台不支持进程枚举, 返回空列表");
     return unsupported::failedListing<ProcessSnapshot>(error,
                                                        QStringLiteral("当前平台不支持进程枚举"));
+}
+
+QString platform::processCommandLine(unsigned int /*pid*/)
+{
+    return {};
+}
+
+OpResult platform::endProcess(unsigned int /*pid*/, const ShownProcesses& /*shown*/)
+{
+    return {false, QStringLiteral("killProcess 仅支持 Windows")};
 }
 
 } // namespace korvane

@@ -1,5 +1,5 @@
 // Moves to the recycle bin without a back end.
-#include "platform/platform.h"
+#include "platform/recycle_bin.h"
 
 namespace korvane {
 

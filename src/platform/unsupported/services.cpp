@@ -1,24 +1,56 @@
-// Service enumeration without a back end.
-#include "core/service_manager_service.h"
+// Services without a back end.
+#include "platform/services.h"
+
 #include "platform/unsupported/unsupported.h"
 
 namespace korvane {
 
-QList<ServiceItem> ServiceManagerService::enumPlatform(QString* error) const
+namespace {
+
+OpResult notSupported()
+{
+    return {false, QStringLiteral("当前平台不支持服务管理")};
+}
+
+} // namespace
+
+QList<ServiceItem> platform::listServices(QStringList& /*shown*/, QString* error)
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[ServiceManagerService] 当前平台不支持服务枚举");
-    return unsupported::failedListing<ServiceItem>(error, QStringLiteral("当前平台不支持服务管理"));
+    return unsupported::failedListing<ServiceItem>(error, notSupported().message);
 }
 
-QList<QString> ServiceManagerService::enumDependentsPlatform(const QString& /*name*/) const
+QList<QString> platform::servicesDependingOn(const QString& /*name*/)
 {
     return {};
 }
 
-QList<QString> ServiceManagerService::queryDependenciesPlatform(const QString& /*name*/) const
+QList<QString> platform::servicesNeededBy(const QString& /*name*/)
 {
     return {};
+}
+
+OpResult platform::startService(const QString& /*name*/, const QStringList& /*shown*/)
+{
+    return notSupported();
+}
+
+OpResult platform::stopService(const QString& /*name*/, const QStringList& /*shown*/)
+{
+    return notSupported();
+}
+
+OpResult platform::setServiceEnabled(const QString& /*name*/, bool /*enabled*/,
+                                     const QStringList& /*shown*/)
+{
+    return notSupported();
+}
+
+OpResult platform::setServiceStartType(const QString& /*name*/, ServiceStartType /*type*/,
+                                       const QStringList& /*shown*/)
+{
+    return notSupported();
 }
 
 } // namespace korvane

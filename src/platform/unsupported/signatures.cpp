@@ -1,22 +1,23 @@
 // Signature verification without a back end.
-#include "core/signature_service.h"
+#include "platform/signatures.h"
+
 #include "platform/unsupported/unsupported.h"
 
 namespace korvane {
 
-SignatureStatus SignatureService::verifyPlatform(const QString& /*path*/) const
+SignatureStatus platform::verifySignature(const QString& /*path*/)
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[SignatureService] 当前平台不支持 Authenticode 签名验证");
     return SignatureStatus::Unknown;
 }
 
-bool SignatureService::canVerifyPlatform() const
+bool platform::canVerifySignatures()
 {
     return false;
 }
 
-QString SignatureService::signerNamePlatform(const QString& /*path*/) const
+QString platform::signerName(const QString& /*path*/)
 {
     return {};
 }

@@ -1,5 +1,5 @@
 // Tests who may answer for the user, on real sockets of this and of another user.
-#include "platform/linux/proc_fs.h"
+#include "platform/linux/sys/proc_fs.h"
 #include "platform/platform.h"
 #include "support/child_process.h"
 

@@ -1,6 +1,6 @@
 // Tests the load figures on directories of the shape of /proc and /sys, and on this machine beside
 // what other tools and counters of the system say in the same moment.
-#include "platform/linux/load_sampler.h"
+#include "platform/linux/metrics/load_sampler.h"
 #include "platform/platform.h"
 
 #include <QCoreApplication>

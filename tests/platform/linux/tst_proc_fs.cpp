@@ -1,6 +1,6 @@
 // Tests the reading and parsing of /proc on saved, damaged and hostile text, and on directories of
 // its shape.
-#include "platform/linux/proc_fs.h"
+#include "platform/linux/sys/proc_fs.h"
 
 #include <QDir>
 #include <QMap>

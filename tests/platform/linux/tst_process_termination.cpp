@@ -1,9 +1,9 @@
 // Tests the ending of processes on processes of the test's own: that it reaches the one that a
 // listing showed, and no other.
-#include "core/file_unlock_service.h"
-#include "core/net_monitor_service.h"
-#include "core/process_service.h"
-#include "platform/linux/proc_fs.h"
+#include "core/file_unlock.h"
+#include "core/network.h"
+#include "core/processes.h"
+#include "platform/linux/sys/proc_fs.h"
 #include "support/child_process.h"
 #include "support/fake_desktop.h"
 #include "support/mcp_client.h"

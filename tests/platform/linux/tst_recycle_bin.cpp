@@ -1,8 +1,8 @@
 // Tests the recycle bin by what other programs find and restore there. Runs by own_tmp.sh only.
-#include "platform/linux/proc_fs.h"
-#include "platform/linux/trash_mover.h"
-#include "platform/linux/tree_copy.h"
-#include "platform/linux/tree_removal.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/trash_mover.h"
+#include "platform/linux/trash/tree_copy.h"
+#include "platform/linux/trash/tree_removal.h"
 #include "platform/platform.h"
 #include "support/child_process.h"
 

@@ -1,5 +1,5 @@
 // Tests that two threads meet on one processor for a hand-over, and are free again after it.
-#include "platform/shared_processor.h"
+#include "base/shared_processor.h"
 
 #include <QTest>
 

@@ -1,0 +1,336 @@
+// The look through /proc, and the parsers of its tables of files.
+#include "platform/linux/trash/files_in_use.h"
+
+#include "platform/linux/trash/path_follower.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/sys/text.h"
+
+#include <QSet>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+
+#include <fcntl.h>
+#include <linux/kcmp.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+/// What the programs of a session use by its path again and again. Without the first, no X client
+/// started later would be let in.
+constexpr std::array<QByteArrayView, 5> pathVariables{
+    "XAUTHORITY=", "ICEAUTHORITY=", "KRB5CCNAME=", "XDG_RUNTIME_DIR=", "TMPDIR="};
+
+/// More than any session's environment.
+constexpr qsizetype environmentLimit = qsizetype{256} * 1024;
+
+void skipWords(QByteArrayView& line, int count)
+{
+    while (count-- > 0)
+        takeWord(line);
+}
+
+} // namespace
+
+/// One look under way.
+class FilesInUse::Look
+{
+public:
+    explicit Look(const char* proc) : m_proc(proc), m_tables(proc) {}
+
+    std::optional<FilesInUse> finished(const char* sys)
+    {
+        if (!m_proc.isOpen())
+            return std::nullopt;
+        const std::vector<Mount>& own = m_tables.own().mounts();
+        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
+                                        [](const Mount& mount) { return mount.isRemote(); });
+        const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
+            addProcess(pid);
+            return !m_isIncomplete;
+        });
+        readTable("net/unix", &Look::addSocket);
+        readTable("locks", &Look::addLock);
+        readTable("swaps", &Look::addSwap);
+        addLoopDevices(sys);
+        for (const auto& [text, table] : m_tables.tables()) {
+            for (const Mount& mount : table.mounts())
+                addMount(mount);
+        }
+        std::optional<MountTables> mounts = m_tables.result();
+        if (!sawAll || m_isIncomplete || !mounts)
+            return std::nullopt;
+
+        m_found.m_mounts = std::move(*mounts);
+        m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
+        std::sort(m_found.m_paths.begin(), m_found.m_paths.end());
+        std::sort(m_found.m_files.begin(), m_found.m_files.end());
+        return std::move(m_found);
+    }
+
+private:
+    /// What has vanished or is none of this user's business leaves the look complete.
+    void noteFailure() { m_isIncomplete = m_isIncomplete || isOwnFailure(errno); }
+
+    void readTable(const char* path, void (Look::*add)(QByteArrayView))
+    {
+        if (!m_proc.readLines(path, [this, add](QByteArrayView line) { (this->*add)(line); }))
+            noteFailure();
+    }
+
+    /// Shows the names in a directory, with a handle of it.
+    template <typename Show> void readNames(int at, const char* path, Show show)
+    {
+        const DirectoryHandle directory = openDirectory(at, path);
+        if (directory == nullptr)
+            return noteFailure();
+        for (errno = 0; const dirent* entry = ::readdir(directory.get()); errno = 0) {
+            if (entry->d_name[0] != '.')
+                show(::dirfd(directory.get()), entry->d_name);
+        }
+        noteFailure();
+    }
+
+    void addPath(const QByteArray& path)
+    {
+        if (path.startsWith('/'))
+            m_paths.insert(path);
+    }
+
+    /// Adds a file by the texts "MAJOR:MINOR", hexadecimal, and its inode.
+    void addFile(QByteArrayView device, QByteArrayView inode)
+    {
+        unsigned int majorNumber = 0;
+        unsigned int minorNumber = 0;
+        ino_t number = 0;
+        if (parseNumber(takeUntil(device, ':'), majorNumber, 16) &&
+            parseNumber(device, minorNumber, 16) && parseNumber(inode, number) && number != 0)
+            m_found.m_files.emplace_back(makedev(majorNumber, minorNumber), number);
+    }
+
+    /// Adds what a link of /proc leads to; false where this program may not look into the process.
+    /// On the way there, the kernel asks the server of some file systems, which may never answer:
+    /// files there are known by their path.
+    bool addTarget(int directory, const char* link)
+    {
+        std::array<char, PATH_MAX> path{};
+        const ssize_t size =
+            m_isRemoteMounted ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
+        if (size > 0 && isRemote(QByteArray(path.data(), size))) {
+            addPath(QByteArray(path.data(), size));
+            return true;
+        }
+        struct statx target = {};
+        constexpr int flags = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
+        if (::statx(directory, link, flags, STATX_INO, &target) != 0) {
+            noteFailure();
+            return errno != EACCES;
+        }
+        m_found.m_files.emplace_back(makedev(target.stx_dev_major, target.stx_dev_minor),
+                                     target.stx_ino);
+        return true;
+    }
+
+    bool isRemote(const QByteArray& path) const
+    {
+        const std::vector<const Mount*> mounts = m_tables.own().under(path);
+        return std::any_of(mounts.cbegin(), mounts.cend(),
+                           [](const Mount* mount) { return mount->isRemote(); });
+    }
+
+    void addProcess(quint32 pid)
+    {
+        addFromEnvironment(pid, m_tables.read(pid));
+        const QByteArray tasks = QByteArray::number(pid) + "/task/";
+        readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
+            quint32 tid = 0;
+            if (parseNumber(QByteArrayView(name), tid))
+                addThread(pid, tid, tasks + name + '/');
+        });
+    }
+
+    /// A thread may have a working directory and files of its own; of a process whose first thread has
+    /// ended, only the others have any.
+    void addThread(quint32 pid, quint32 tid, const QByteArray& path)
+    {
+        const auto has = [pid, tid](int what) {
+            return tid == pid || ::syscall(SYS_kcmp, pid, tid, what, 0, 0) != 0;
+        };
+        const int proc = m_proc.descriptor();
+        if (has(KCMP_FS)) {
+            if (!addTarget(proc, (path + "cwd").constData()))
+                return; // nor would anything else be told
+            addTarget(proc, (path + "root").constData());
+        }
+        if (has(KCMP_FILES)) {
+            readNames(proc, (path + "fd").constData(),
+                      [this](int directory, const char* name) { addTarget(directory, name); });
+        }
+        if (has(KCMP_VM)) {
+            addTarget(proc, (path + "exe").constData());
+            m_lastMapped.clear();
+            readTable((path + "maps").constData(), &Look::addMapped);
+        }
+    }
+
+    /// "ADDRESSES PERMISSIONS OFFSET DEVICE INODE PATH". By path too: the device of btrfs and overlay
+    /// files is another one than stat's.
+    void addMapped(QByteArrayView line)
+    {
+        skipWords(line, 3);
+        if (line.startsWith(" 00:00 ") || line == m_lastMapped)
+            return;
+        m_lastMapped = line.toByteArray();
+        const QByteArrayView device = takeWord(line);
+        addFile(device, takeWord(line));
+        const qsizetype path = line.indexOf('/');
+        if (path >= 0)
+            addPath(line.sliced(path).toByteArray().replace("\\012", "\n"));
+    }
+
+    void addFromEnvironment(quint32 pid, const MountTable* mounts)
+    {
+        const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
+        if (!environment)
+            return noteFailure();
+        QByteArrayView rest(*environment);
+        while (!rest.isEmpty()) {
+            const QByteArrayView variable = takeUntil(rest, '\0');
+            for (const QByteArrayView name : pathVariables) {
+                if (variable.startsWith(name))
+                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
+            }
+        }
+    }
+
+    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
+    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
+    {
+        if (value.contains('/'))
+            addPath(value.sliced(value.indexOf('/')));
+        if (mounts == nullptr || value.isEmpty())
+            return;
+        addLeadTo(pid, *mounts, value);
+        qsizetype begin = value.indexOf(':') + 1;
+        while (begin > 0 && begin < value.size() && value[begin] == ':')
+            ++begin;
+        if (begin > 0)
+            addLeadTo(pid, *mounts, value.sliced(begin));
+    }
+
+    /// Adds what the path leads to for the process, as far as that can be found without a wait.
+    void addLeadTo(quint32 pid, const MountTable& mounts, const QByteArray& path)
+    {
+        const QByteArray process = QByteArray::number(pid);
+        const std::optional<QByteArray> root = linkIn(process + "/root");
+        if (!root || !m_tables.own().isLocal(*root) || !mounts.isLocal("/"))
+            return;
+        QByteArray absolute = path;
+        if (!path.startsWith('/')) {
+            const std::optional<QByteArray> directory = linkIn(process + "/cwd");
+            if (!directory || !isAtOrBelow(*directory, *root))
+                return;
+            absolute = directory->sliced(*root == "/" ? 0 : root->size()) + '/' + path;
+        }
+        // Most processes of a session have the same.
+        const auto table = reinterpret_cast<quintptr>(&mounts);
+        const QByteArray question = QByteArray::number(quint64{table}) + *root + '\0' + absolute;
+        if (m_followed.contains(question))
+            return;
+        m_followed.insert(question);
+        PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
+        for (const Identity& found : follower.follow(absolute))
+            m_found.m_files.push_back(found);
+        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+    }
+
+    std::optional<QByteArray> linkIn(const QByteArray& path) const
+    {
+        std::array<char, PATH_MAX> target{};
+        const ssize_t size =
+            ::readlinkat(m_proc.descriptor(), path.constData(), target.data(), target.size());
+        return size > 0 ? std::optional(QByteArray(target.data(), size)) : std::nullopt;
+    }
+
+    /// The options of layered file systems name directories, as in "upperdir=/a,lowerdir=/b:/c".
+    void addMount(const Mount& mount)
+    {
+        addPath(mount.source);
+        QByteArrayView options(mount.options);
+        while (!options.isEmpty()) {
+            QByteArrayView paths = takeUntil(options, ',');
+            takeUntil(paths, '=');
+            while (!paths.isEmpty())
+                addPath(unescaped(takeUntil(paths, ':')));
+        }
+    }
+
+    /// "ADDRESS: REFERENCES PROTOCOL FLAGS TYPE STATE INODE PATH".
+    void addSocket(QByteArrayView line)
+    {
+        skipWords(line, 7);
+        takeUntil(line, ' ');
+        addPath(line.toByteArray());
+    }
+
+    /// "NUMBER: KIND... PID MAJOR:MINOR:INODE START END".
+    void addLock(QByteArrayView line)
+    {
+        while (!line.isEmpty()) {
+            const QByteArrayView word = takeWord(line);
+            const qsizetype device = word.lastIndexOf(':');
+            if (device > 0)
+                addFile(word.first(device), word.sliced(device + 1));
+        }
+    }
+
+    void addSwap(QByteArrayView line) { addPath(unescaped(takeWord(line))); }
+
+    /// The files behind loop devices, which no process has open.
+    void addLoopDevices(const char* sys)
+    {
+        const QByteArray blocks = QByteArray(sys) + "/block/";
+        readNames(AT_FDCWD, blocks.constData(), [&](int, const char* name) {
+            const QByteArray path = blocks + name + "/loop/backing_file";
+            const auto file = readSystemFile(path.constData(), PATH_MAX);
+            if (!file)
+                noteFailure();
+            else
+                addPath(file->endsWith('\n') ? file->chopped(1) : *file);
+        });
+    }
+
+    ProcFs m_proc;
+    MountTableReader m_tables;
+    FilesInUse m_found;
+    QSet<QByteArray> m_paths;
+    QSet<QByteArray> m_followed;
+    bool m_isRemoteMounted = false;
+    bool m_isIncomplete = false;
+    QByteArray m_lastMapped;
+};
+
+std::optional<FilesInUse> FilesInUse::look(const char* proc, const char* sys)
+{
+    return Look(proc).finished(sys);
+}
+
+bool FilesInUse::has(dev_t device, ino_t inode) const
+{
+    return std::binary_search(m_files.cbegin(), m_files.cend(), Identity(device, inode));
+}
+
+bool FilesInUse::hasBelow(const QByteArray& canonicalPath) const
+{
+    return anyAtOrBelow(m_paths, canonicalPath);
+}
+
+} // namespace korvane::linux_platform

@@ -1,0 +1,130 @@
+// Goes paths name by name, looking at what is mounted before each step.
+#include "platform/linux/trash/path_follower.h"
+
+#include "platform/linux/sys/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+constexpr int linkLimit = 40; // the kernel's own
+
+/// Opens what is there itself, a link too, but nothing that is mounted on it.
+int openBeside(int directory, const char* name)
+{
+    constexpr int flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+    open_how how = {};
+    how.flags = flags;
+    how.resolve = RESOLVE_NO_XDEV;
+    const auto opened =
+        static_cast<int>(::syscall(SYS_openat2, directory, name, &how, sizeof(how)));
+    const bool isRefused = opened < 0 && (errno == ENOSYS || errno == EPERM);
+    return isRefused ? ::openat(directory, name, flags) : opened; // as sandboxes do
+}
+
+bool statOf(int handle, struct statx& found)
+{
+    constexpr int flags = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
+    return ::statx(handle, "", flags, STATX_TYPE | STATX_INO, &found) == 0;
+}
+
+QByteArray placeUnder(const MountTable& table, const QByteArray& path)
+{
+    const std::vector<const Mount*> mounts = table.under(path);
+    return mounts.empty() ? QByteArray() : mounts.front()->place;
+}
+
+} // namespace
+
+std::vector<std::pair<dev_t, ino_t>> PathFollower::follow(const QByteArray& path)
+{
+    errno = 0;
+    m_found.clear();
+    m_links = 0;
+    m_ahead = path;
+    bool goesOn = goToRoot() && path.size() < PATH_MAX;
+    while (goesOn && !m_ahead.isEmpty()) {
+        const qsizetype end = m_ahead.indexOf('/');
+        const QByteArray name = m_ahead.first(end < 0 ? m_ahead.size() : end);
+        m_ahead = end < 0 ? QByteArray() : m_ahead.sliced(end + 1);
+        goesOn = name.isEmpty() || name == "." || step(name);
+    }
+    if (!goesOn && isOwnFailure(errno))
+        m_error = errno;
+    noteHere();
+    return std::move(m_found);
+}
+
+bool PathFollower::goToRoot()
+{
+    m_path = "/";
+    m_here = UniqueFd(); // first: another handle may be one too many
+    m_here = UniqueFd(::openat(m_proc, m_root.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return m_here.isValid();
+}
+
+bool PathFollower::step(const QByteArray& name)
+{
+    if (name != "..")
+        return goTo((m_path == "/" ? "/" : m_path + '/') + name, name);
+    noteHere();
+    const qsizetype slash = m_path.lastIndexOf('/');
+    return m_path == "/" || goTo(m_path.first(std::max(slash, qsizetype{1})), name);
+}
+
+/// Goes to the entry `name`, which is at `path`; false where that is the end.
+bool PathFollower::goTo(const QByteArray& path, const QByteArray& name)
+{
+    UniqueFd next = open(path, name.constData());
+    struct statx found = {};
+    if (!next.isValid() || !statOf(next.get(), found))
+        return false;
+    if (S_ISDIR(found.stx_mode)) {
+        m_here = std::move(next);
+        m_path = path;
+        return true;
+    }
+    m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
+    std::array<char, PATH_MAX> target{};
+    const ssize_t size = ::readlinkat(next.get(), "", target.data(), target.size());
+    if (!S_ISLNK(found.stx_mode) || size < 0 || ++m_links > linkLimit) {
+        errno = ENOTDIR;
+        return false;
+    }
+    next = UniqueFd();
+    m_ahead = QByteArray(target.data(), size) + '/' + m_ahead;
+    return !m_ahead.startsWith('/') || goToRoot();
+}
+
+/// Opens the entry `name` of the present directory, which is at `path`.
+UniqueFd PathFollower::open(const QByteArray& path, const char* name)
+{
+    if (!m_table.isLocal(path)) {
+        errno = EXDEV;
+        return UniqueFd();
+    }
+    const bool isCrossing = placeUnder(m_table, m_path) != placeUnder(m_table, path);
+    return UniqueFd(isCrossing ? ::openat(m_here.get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC)
+                               : openBeside(m_here.get(), name));
+}
+
+void PathFollower::noteHere()
+{
+    struct statx found = {};
+    if (m_here.isValid() && statOf(m_here.get(), found))
+        m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
+}
+
+} // namespace korvane::linux_platform

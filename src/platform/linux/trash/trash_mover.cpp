@@ -1,0 +1,279 @@
+// Moves entries into the recycle bin.
+#include "platform/linux/trash/trash_mover.h"
+
+#include "platform/linux/trash/directory_path.h"
+#include "platform/linux/files/file_status.h"
+#include "platform/linux/trash/tree_copy.h"
+#include "platform/linux/trash/tree_removal.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace korvane::linux_platform {
+
+namespace {
+
+using Outcome = TrashCandidate::Outcome;
+
+QString reasonFor(int error)
+{
+    switch (error) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return QStringLiteral("无权限");
+    case ENOSPC:
+    case EDQUOT:
+        return QStringLiteral("空间不足");
+    case EBUSY:
+    case ETXTBSY:
+        return QStringLiteral("正在使用");
+    default:
+        return QStringLiteral("移动失败: %1").arg(qt_error_string(error));
+    }
+}
+
+quint64 mountOf(int directory)
+{
+    struct statx info = {};
+    constexpr auto wanted = STATX_MNT_ID | STATX_INO;
+    if (::statx(directory, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, wanted, &info) != 0)
+        return 0;
+    if ((info.stx_mask & STATX_MNT_ID) != 0)
+        return info.stx_mnt_id;
+    return (quint64{1} << 63U) | (quint64{info.stx_dev_major} << 32U) | info.stx_dev_minor;
+}
+
+bool isSameDirectory(int one, int other)
+{
+    struct stat here = {};
+    struct stat there = {};
+    return ::fstat(one, &here) == 0 && ::fstat(other, &there) == 0 && isSameFile(here, there);
+}
+
+void keep(TrashCandidate& candidate, const QString& why)
+{
+    const bool isThere = hasEntry(candidate.source->handle.get(), candidate.name.constData());
+    candidate.outcome = isThere ? Outcome::Kept : Outcome::Vanished;
+    candidate.why = why;
+}
+
+void keep(TrashCandidate& candidate, int error)
+{
+    keep(candidate, reasonFor(error));
+}
+
+/// What keeps an entry by now: a mount in the namespace of any process. Removing an entry detaches what
+/// others have mounted there, without a word. Empty where it may go.
+QString problemWith(const TrashCandidate& candidate, const std::optional<MountTables>& mounts,
+                    int errorOfMounts)
+{
+    if (!mounts)
+        return reasonFor(errorOfMounts);
+    return keptBecauseText(keptByMounts(*mounts, candidate.source->handle.get(), candidate.path()));
+}
+
+/// The top directory of the mount that `source` lies on.
+std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
+{
+    constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    UniqueFd top(::openat(source.handle.get(), ".", flags));
+    QByteArray path = source.path;
+    while (top.isValid() && path != "/") {
+        UniqueFd above(::openat(top.get(), "..", flags));
+        if (!above.isValid() || mountOf(above.get()) != source.mount)
+            break;
+        top = std::move(above);
+        path.truncate(std::max(path.lastIndexOf('/'), qsizetype{1}));
+    }
+    return {std::move(top), path};
+}
+
+/// Whether a copy leaves the file system room to breathe.
+bool hasSpaceFor(const EntryCheck& entry, int directory)
+{
+    constexpr quint64 least = quint64{64} * 1024 * 1024;
+    struct statvfs info = {};
+    if (::fstatvfs(directory, &info) != 0)
+        return false;
+    const quint64 free = quint64{info.f_bavail} * info.f_frsize;
+    const quint64 reserve = std::max(least, quint64{info.f_blocks} * info.f_frsize / 100);
+    return free > reserve && static_cast<quint64>(entry.bytes) < free - reserve;
+}
+
+} // namespace
+
+std::shared_ptr<const SourceDirectory> SourceDirectory::open(const QByteArray& path)
+{
+    DirectoryAtPath opened = openDirectoryAt(path);
+    struct statfs info = {};
+    if (!opened.handle.isValid() || ::fstatfs(opened.handle.get(), &info) != 0)
+        return nullptr;
+    auto source = std::make_shared<SourceDirectory>();
+    source->handle = std::move(opened.handle);
+    source->path = std::move(opened.path);
+    source->mount = mountOf(source->handle.get());
+    source->isMemory = info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
+    return source;
+}
+
+TrashMover::TrashMover() : m_home(TrashDirectory::ofHome())
+{
+    if (m_home)
+        m_homeMount = mountOf(m_home->handle());
+}
+
+void TrashMover::move(std::vector<TrashCandidate>& candidates)
+{
+    std::map<TrashDirectory*, Candidates> renamed;
+    for (TrashCandidate& candidate : candidates) {
+        const SourceDirectory& source = *candidate.source;
+        if (::faccessat(source.handle.get(), ".", W_OK | X_OK, AT_EACCESS) != 0)
+            keep(candidate, errno);
+        else if (m_home && source.mount == m_homeMount)
+            renamed[m_home.get()].push_back(&candidate);
+        else if (!source.isMemory)
+            renamed[volumeTrashOf(source)].push_back(&candidate);
+    }
+    renamed.erase(nullptr);
+    for (const auto& [trash, group] : renamed)
+        rename(*trash, group);
+    Candidates copied;
+    for (TrashCandidate& candidate : candidates) {
+        if (candidate.outcome != Outcome::Pending)
+            continue;
+        if (!m_home)
+            keep(candidate, QStringLiteral("回收站不可用"));
+        else if (!candidate.check.canBeHeld)
+            keep(candidate, QStringLiteral("无法确认未被使用"));
+        else
+            copied.push_back(&candidate);
+    }
+    copy(std::move(copied));
+}
+
+/// The trash on the volume of `source`; none where there can be none, and where it would lie in that
+/// very directory: there the next search for junk would find it.
+TrashDirectory* TrashMover::volumeTrashOf(const SourceDirectory& source)
+{
+    Volume& volume = m_volumes[source.mount];
+    if (!volume.top.isValid())
+        std::tie(volume.top, volume.topPath) = topOf(source);
+    if (isSameDirectory(volume.top.get(), source.handle.get()))
+        return nullptr;
+    if (!volume.trash)
+        volume.trash = TrashDirectory::ofVolume(volume.top.get(), volume.topPath);
+    return volume.trash->get();
+}
+
+/// Renames what can be renamed; what cannot stays pending.
+void TrashMover::rename(TrashDirectory& trash, const Candidates& candidates)
+{
+    for (TrashCandidate* candidate : candidates)
+        candidate->reserved = trash.reserve(candidate->path());
+    // An entry whose info file is lost could not be restored.
+    const int syncError = trash.sync();
+    const std::optional<MountTables> mounts = MountTables::read();
+    const int errorOfMounts = errno;
+    for (TrashCandidate* candidate : candidates) {
+        if (candidate->reserved.isEmpty())
+            continue;
+        const QString problem = problemWith(*candidate, mounts, errorOfMounts);
+        if (!problem.isEmpty()) {
+            trash.release(candidate->reserved);
+            keep(*candidate, problem);
+            continue;
+        }
+        int error = syncError;
+        if (error == 0)
+            error = trash.accept(candidate->source->handle.get(), candidate->name.constData(),
+                                 candidate->reserved);
+        if (error == 0) {
+            candidate->outcome = Outcome::Moved;
+            continue;
+        }
+        trash.release(candidate->reserved);
+        if (error != EXDEV)
+            keep(*candidate, error);
+    }
+}
+
+/// Makes the copy of an entry that is to go to the home trash; false, with its outcome, if it stays.
+bool TrashMover::stage(TrashCandidate& candidate)
+{
+    const int staging = m_home->staging().handle();
+    if (!hasSpaceFor(candidate.check, staging)) {
+        keep(candidate, ENOSPC);
+        return false;
+    }
+    candidate.reserved = m_home->reserve(candidate.path());
+    if (candidate.reserved.isEmpty()) {
+        keep(candidate, errno);
+        return false;
+    }
+    candidate.copy = QByteArray::number(++m_copies) + ".copy";
+    const int error = copyTree(candidate.source->handle.get(), candidate.name.constData(), staging,
+                               candidate.copy.constData());
+    if (error != 0)
+        drop(candidate, reasonFor(error));
+    return error == 0;
+}
+
+/// Removes a copy that has not gone to the trash.
+void TrashMover::drop(TrashCandidate& candidate, const QString& why)
+{
+    (void)removeTree(m_home->staging().handle(), candidate.copy.constData());
+    m_home->release(candidate.reserved);
+    keep(candidate, why);
+}
+
+/// Moves entries into the home trash as copies, and removes the originals once those are on disk.
+void TrashMover::copy(Candidates candidates)
+{
+    std::erase_if(candidates, [this](TrashCandidate* candidate) { return !stage(*candidate); });
+    if (candidates.empty())
+        return;
+    const int syncError = m_home->sync();
+    std::erase_if(candidates, [&](TrashCandidate* candidate) {
+        int error = syncError;
+        if (error == 0)
+            error = m_home->accept(m_home->staging().handle(), candidate->copy.constData(),
+                                   candidate->reserved);
+        if (error != 0)
+            drop(*candidate, reasonFor(error));
+        return error != 0;
+    });
+    // Where that fails, which of the two the disk has is not known: both stay.
+    const bool isOnDisk = m_home->sync() == 0;
+    const std::optional<MountTables> mounts = MountTables::read();
+    const int errorOfMounts = errno;
+    for (TrashCandidate* candidate : candidates) {
+        candidate->outcome = Outcome::MovedInPart;
+        if (isOnDisk)
+            finish(*candidate, problemWith(*candidate, mounts, errorOfMounts));
+    }
+}
+
+/// Removes the original of an entry that is in the home trash, unless there is a reason not to.
+void TrashMover::finish(TrashCandidate& candidate, const QString& whyNot)
+{
+    RemovedOriginal removed;
+    if (whyNot.isEmpty())
+        removed = removeOriginal(candidate.source->handle.get(), candidate.name.constData(),
+                                 m_home->files(), candidate.reserved.constData());
+    if (removed.isGone) {
+        candidate.outcome = Outcome::Moved;
+    } else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0) {
+        const QString why = reasonFor(removed.error != 0 ? removed.error : EBUSY);
+        drop(candidate, whyNot.isEmpty() ? why : whyNot);
+    }
+}
+
+} // namespace korvane::linux_platform

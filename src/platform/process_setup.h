@@ -1,0 +1,23 @@
+// Making this process ready to serve: its streams, its signals, its locale.
+#pragma once
+
+#include "base/shared_processor.h"
+#include "base/standard_streams.h"
+
+#include <memory>
+
+namespace korvane::platform {
+
+/// Prepares the process and opens its standard input and output. Called first of all, on the main
+/// thread, before anything is opened and before there is an application object: texts are UTF-8 from
+/// then on, and a write to a closed pipe fails instead of ending the process.
+/// Linux: descriptors 0 and 1, with the null device in the place of one that is closed; they may be
+/// non-blocking, and stay as they are, since whoever started the program may share them.
+/// Without a back end: the streams of the standard library.
+std::unique_ptr<StandardStreams> prepareProcess();
+
+/// What keeps the calling thread, the main one, and another on one processor; does nothing without a
+/// back end. Linux: sched_setaffinity.
+std::unique_ptr<SharedProcessor> makeSharedProcessor();
+
+} // namespace korvane::platform

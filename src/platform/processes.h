@@ -1,0 +1,25 @@
+// Processes: who runs, with which arguments, and ending one.
+#pragma once
+
+#include "base/op_result.h"
+#include "base/process_cpu_table.h"
+#include "base/shown_processes.h"
+#include "base/system_records.h"
+
+namespace korvane::platform {
+
+/// Every process that this one may see. Records each in `cpuTable`, which gives its processor use, and
+/// replaces `shown` by what it lists. A failure is an empty list, with a short text in `error` (may be
+/// null), and leaves `shown` as it was. Main thread only. Linux: /proc/PID/stat, statm and exe.
+QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& shown,
+                                     QString* error);
+
+/// The full command line of process `pid`; empty when it cannot be read.
+/// Linux: /proc/PID/cmdline, arguments joined by one blank.
+QString processCommandLine(unsigned int pid);
+
+/// Ends process `pid`, and waits up to 3 s until it is gone. Not ok unless it is the very process that
+/// `shown` has under the PID; ok when that one has exited already. Linux: SIGKILL through a pidfd.
+OpResult endProcess(unsigned int pid, const ShownProcesses& shown);
+
+} // namespace korvane::platform

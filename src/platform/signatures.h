@@ -1,0 +1,18 @@
+// Code signatures of executable files.
+#pragma once
+
+#include "base/system_records.h"
+
+namespace korvane::platform {
+
+/// Verifies the code signature of the file at `path`; Unknown when that cannot be told. Any thread, and
+/// several at once, as all of these. Linux: not supported.
+SignatureStatus verifySignature(const QString& path);
+
+/// Whether verifySignature() can have any other answer than Unknown.
+bool canVerifySignatures();
+
+/// The name of the signer of the file at `path`; empty when it has none.
+QString signerName(const QString& path);
+
+} // namespace korvane::platform
