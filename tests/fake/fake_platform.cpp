@@ -1,11 +1,16 @@
 // Every platform operation, answered from the script.
 #include "fake/fake_platform.h"
 
-#include "core/network.h"
-#include "core/processes.h"
-#include "core/services.h"
-#include "core/startup.h"
-#include "core/software.h"
+#include "platform/desktop.h"
+#include "platform/metrics.h"
+#include "platform/network.h"
+#include "platform/peer.h"
+#include "platform/processes.h"
+#include "platform/recycle_bin.h"
+#include "platform/services.h"
+#include "platform/signatures.h"
+#include "platform/software.h"
+#include "platform/startup.h"
 
 #include <algorithm>
 
@@ -35,144 +40,142 @@ QString number(qint64 value)
 
 } // namespace
 
-QList<ProcessSnapshot> ProcessService::enumPlatform(QString* error) const
+namespace platform {
+
+QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& /*shown*/,
+                                     QString* error)
 {
     fake::Platform& script = fake::platform();
     QList<ProcessSnapshot> processes = script.processes.answer(error);
-    m_cpuTable.beginEnumeration(1);
+    cpuTable.beginEnumeration(1);
     if (script.processesLeaveCpuSamples) {
         for (const ProcessSnapshot& process : processes)
-            m_cpuTable.record({.pid = process.pid});
+            cpuTable.record({.pid = process.pid});
     }
-    m_cpuTable.endEnumeration();
+    cpuTable.endEnumeration();
     return processes;
 }
 
-QList<StartupItem> StartupService::enumPlatform(QString* error) const
+QString processCommandLine(unsigned int pid)
+{
+    fake::platform().commandLinesAsked.append(pid);
+    return fake::platform().commandLines.value(pid);
+}
+
+OpResult endProcess(unsigned int pid, const ShownProcesses& /*shown*/)
+{
+    return fake::platform().write({QStringLiteral("killProcess"), number(pid)});
+}
+
+QList<StartupItem> listRunItems(QString* error)
 {
     return fake::platform().startupItems.answer(error);
 }
 
-QList<StartupItem> StartupService::enumScheduledTasksPlatform(QString* error) const
+QList<StartupItem> listScheduledTasks(QString* error)
 {
     return fake::platform().scheduledTasks.answer(error);
 }
 
-QList<StartupItem> StartupService::enumShellExtensionsPlatform(QString* error) const
+QList<StartupItem> listShellExtensions(QString* error)
 {
     return fake::platform().shellExtensions.answer(error);
 }
 
-OpResult StartupService::setEnabledPlatform(StartupSource source, const QString& name, bool enabled)
+OpResult setRunItemEnabled(StartupSource source, const QString& name, bool enabled)
 {
     return fake::platform().write({QStringLiteral("StartupService::setEnabled"),
                                    number(static_cast<int>(source)), name, number(enabled)});
 }
 
-QList<NetConnection> NetMonitorService::enumPlatform(QString* error) const
+QList<NetConnection> listConnections(ShownProcesses& /*shown*/, QString* error)
 {
     return fake::platform().connections.answer(error);
 }
 
-QList<UninstallEntry> UninstallService::enumPlatform(QString* error) const
+QList<UninstallEntry> listSoftware(QString* error)
 {
     return fake::platform().uninstallEntries.answer(error);
 }
 
-OpResult UninstallService::executeUninstallPlatform(const UninstallEntry& entry)
+OpResult uninstallSoftware(const UninstallEntry& entry)
 {
     return fake::platform().write({QStringLiteral("executeUninstall"), entry.uninstallString});
 }
 
-QList<ServiceItem> ServiceManagerService::enumPlatform(QString* error) const
+QList<ServiceItem> listServices(QStringList& /*shown*/, QString* error)
 {
     return fake::platform().services.answer(error);
 }
 
-QList<QString> ServiceManagerService::enumDependentsPlatform(const QString& name) const
+QList<QString> servicesDependingOn(const QString& name)
 {
     return fake::platform().dependents.value(name);
 }
 
-QList<QString> ServiceManagerService::queryDependenciesPlatform(const QString& name) const
+QList<QString> servicesNeededBy(const QString& name)
 {
     return fake::platform().dependencies.value(name);
 }
 
-OpResult ServiceManagerService::startServicePlatform(const QString& name)
+OpResult startService(const QString& name, const QStringList& /*shown*/)
 {
     return fake::platform().write({QStringLiteral("startService"), name});
 }
 
-OpResult ServiceManagerService::stopServicePlatform(const QString& name)
+OpResult stopService(const QString& name, const QStringList& /*shown*/)
 {
     return fake::platform().write({QStringLiteral("stopService"), name});
 }
 
-OpResult ServiceManagerService::setEnabledPlatform(const QString& name, bool enabled)
+OpResult setServiceEnabled(const QString& name, bool enabled, const QStringList& /*shown*/)
 {
     return fake::platform().write({QStringLiteral("setEnabled"), name, number(enabled)});
 }
 
-OpResult ServiceManagerService::setStartTypePlatform(const QString& name, ServiceStartType type)
+OpResult setServiceStartType(const QString& name, ServiceStartType type,
+                             const QStringList& /*shown*/)
 {
     return fake::platform().write(
         {QStringLiteral("setStartType"), name, number(static_cast<int>(type))});
 }
 
-SignatureStatus SignatureService::verifyPlatform(const QString& path) const
+SignatureStatus verifySignature(const QString& path)
 {
     fake::platform().verified.append(path);
     return fake::platform().signatures.value(path, SignatureStatus::Unknown);
 }
 
-bool SignatureService::canVerifyPlatform() const
+bool canVerifySignatures()
 {
     return fake::platform().canVerify;
 }
 
-QString SignatureService::signerNamePlatform(const QString& path) const
+QString signerName(const QString& path)
 {
     fake::platform().signersAsked.append(path);
     return fake::platform().signers.value(path);
 }
 
-struct FileUnlockService::Impl
+LockerProbe findFileHolders(const QList<QString>& paths, QList<HeldFile>& held)
 {
-    QStringList probed;
-};
-
-FileUnlockService::ImplPointer FileUnlockService::makeImplPlatform()
-{
-    return {new Impl, [](Impl* impl) { delete impl; }};
-}
-
-LockerProbe FileUnlockService::probeLockers(const QList<QString>& paths)
-{
-    m_impl->probed = paths;
+    held.append({.pid = 1, .startTime = 2, .handle = 3});
+    fake::platform().probed = paths;
     return fake::platform().lockersOf.value(paths.value(0), fake::platform().lockers);
 }
 
-OpResult FileUnlockService::closeHandlesSync()
+OpResult closeHeldFiles(const QList<HeldFile>& held)
 {
-    return fake::platform().write(QStringList{QStringLiteral("closeHandles")} + m_impl->probed);
+    const QStringList probed = held.size() == 1 ? fake::platform().probed : QStringList();
+    return fake::platform().write(QStringList{QStringLiteral("closeHandles")} + probed);
 }
 
-OpResult FileUnlockService::killProcess(unsigned int pid)
+OpResult scheduleDeleteOnReboot(const QList<QString>& paths)
 {
-    return fake::platform().write({QStringLiteral("killProcess"), number(pid)});
+    return fake::platform().write(QStringList{QStringLiteral("deleteOnReboot")} + paths);
 }
 
-void FileUnlockService::scheduleDeleteOnReboot(const QList<QString>& paths)
-{
-    const OpResult result =
-        fake::platform().write(QStringList{QStringLiteral("deleteOnReboot")} + paths);
-    Q_EMIT operationLog(result.message, result.ok ? OpLevel::Info : OpLevel::Error);
-}
-
-namespace platform {
-
-void sampleSystemMetrics(SystemMetrics& out)
+void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
 {
     fake::Platform& script = fake::platform();
     const int sample = script.metricsSamples++;
@@ -185,15 +188,10 @@ void sampleMemoryOnly(SystemMetrics& out)
     sampleSystemMetrics(out);
 }
 
-bool mayAnswerForUser(qintptr /*socketDescriptor*/)
+std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
 {
-    return fake::platform().peerMayAnswer();
-}
-
-QString processCommandLine(unsigned int pid)
-{
-    fake::platform().commandLinesAsked.append(pid);
-    return fake::platform().commandLines.value(pid);
+    const PeerUser user = fake::platform().peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
+    return Peer{.user = user, .userId = {}, .executable = {}};
 }
 
 OpResult moveToRecycleBin(const QList<QString>& paths)

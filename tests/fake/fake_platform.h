@@ -1,10 +1,8 @@
 // A scripted platform: what each operation answers is set by the test, and calls are counted.
 #pragma once
 
-#include "core/file_unlock.h"
-#include "core/signatures.h"
 #include "base/system_records.h"
-#include "platform/platform.h"
+#include "platform/file_holders.h"
 
 #include <QHash>
 #include <QList>
@@ -60,6 +58,7 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
+    QStringList probed; ///< What the latest probe was of.
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
 
