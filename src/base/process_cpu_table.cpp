@@ -29,15 +29,15 @@ ProcessCpuTable::Nanoseconds ProcessCpuTable::settlingTime(Nanoseconds now) cons
 double ProcessCpuTable::record(const Reading& reading)
 {
     const Sample current{reading.cpuTime, reading.takenAt};
-    const auto found = m_entries.find(reading.pid);
+    const auto found = m_processes.find(reading.pid);
     if (m_isFilling)
         m_filledAt = reading.takenAt;
-    if (found == m_entries.end() || found->startTime != reading.startTime) {
-        m_entries.insert(reading.pid, {reading.startTime, current, current, m_enumeration});
+    if (found == m_processes.end() || found->startTime != reading.startTime) {
+        m_processes.insert(reading.pid, {reading.startTime, current, current, m_enumeration});
         return notMeasured;
     }
 
-    Entry& entry = *found;
+    TrackedProcess& entry = *found;
     entry.enumeration = m_enumeration;
     if (current.takenAt - entry.latest.takenAt >= minimumInterval)
         entry.baseline = std::exchange(entry.latest, current);
@@ -51,7 +51,7 @@ double ProcessCpuTable::record(const Reading& reading)
 
 void ProcessCpuTable::endEnumeration()
 {
-    m_entries.removeIf([this](QHash<quint32, Entry>::iterator entry) {
+    m_processes.removeIf([this](QHash<quint32, TrackedProcess>::iterator entry) {
         return entry->enumeration != m_enumeration;
     });
 }

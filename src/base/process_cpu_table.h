@@ -10,7 +10,7 @@ namespace korvane {
 /// The previous samples of every process, keyed by PID. One enumeration is a run of record()
 /// calls between beginEnumeration() and endEnumeration(). Not thread-safe.
 ///
-/// Invariant: an entry's `baseline` is never later than its `latest`, and two successive
+/// Invariant: a process's `baseline` is never later than its `latest`, and two successive
 /// `latest` samples are at least minimumInterval apart. A figure is measured against `latest`
 /// where that is old enough, else against `baseline`: an enumeration shortly after another
 /// neither measures over a too short time nor spoils the next one.
@@ -47,7 +47,7 @@ public:
     void endEnumeration();
 
     /// Whether no enumeration has filled the table yet.
-    bool isEmpty() const { return m_entries.isEmpty(); }
+    bool isEmpty() const { return m_processes.isEmpty(); }
 
 private:
     struct Sample
@@ -55,7 +55,7 @@ private:
         Nanoseconds cpuTime{0};
         Nanoseconds takenAt{0};
     };
-    struct Entry
+    struct TrackedProcess
     {
         quint64 startTime = 0;
         Sample baseline;
@@ -63,7 +63,7 @@ private:
         quint32 enumeration = 0;
     };
 
-    QHash<quint32, Entry> m_entries;
+    QHash<quint32, TrackedProcess> m_processes;
     /// Last reading of the first enumeration: a faster one may follow, and reach every process
     /// sooner after its start.
     Nanoseconds m_filledAt{0};
