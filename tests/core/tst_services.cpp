@@ -2,8 +2,8 @@
 #include "core/network.h"
 #include "core/processes.h"
 #include "core/services.h"
-#include "core/startup.h"
 #include "core/software.h"
+#include "core/startup.h"
 #include "fake/fake_platform.h"
 
 #include <QTest>

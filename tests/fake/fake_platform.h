@@ -58,7 +58,7 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
-    QStringList probed; ///< What the latest probe was of.
+    QStringList probed;                    ///< What the latest probe was of.
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
 

@@ -1,9 +1,9 @@
 // Tests the list of services: on a bus of the test's own that misbehaves, and, run by
 // private_systemd.sh, on units of a real systemd.
 #include "core/services.h"
-#include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/services/services.h"
 #include "platform/linux/services/unit_files.h"
+#include "platform/linux/sys/proc_fs.h"
 #include "support/mcp_client.h"
 
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // Tests what may be moved away on files that are really in use, mounted or somebody else's, and the
 // look through /proc on texts nobody would write.
-#include "platform/linux/trash/movable_entry.h"
 #include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/movable_entry.h"
 #include "support/child_process.h"
 
 #include <QDir>

@@ -2,8 +2,8 @@
 #include "platform/file_walk.h"
 
 #include "base/watchdog.h"
-#include "platform/linux/sys/text.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/text.h"
 
 #include <QFile>
 

@@ -1,8 +1,8 @@
 // The judgement of an entry: by its name, by what lies at its path, and by everything in it.
 #include "platform/linux/trash/movable_entry.h"
 
-#include "platform/linux/trash/file_hold.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/trash/file_hold.h"
 
 #include <algorithm>
 #include <array>

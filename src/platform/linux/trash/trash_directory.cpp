@@ -1,8 +1,8 @@
 // Keeps a trash directory: its names, its info files, and what moves in.
 #include "platform/linux/trash/trash_directory.h"
 
-#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/files/file_status.h"
+#include "platform/linux/trash/directory_path.h"
 
 #include <QDateTime>
 #include <QDir>

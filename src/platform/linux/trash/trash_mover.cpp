@@ -1,8 +1,8 @@
 // Moves entries into the recycle bin.
 #include "platform/linux/trash/trash_mover.h"
 
-#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/files/file_status.h"
+#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/trash/tree_copy.h"
 #include "platform/linux/trash/tree_removal.h"
 

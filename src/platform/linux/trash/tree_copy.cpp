@@ -1,11 +1,11 @@
 // Copies directory trees.
 #include "platform/linux/trash/tree_copy.h"
 
-#include "platform/linux/trash/file_copy.h"
 #include "platform/linux/files/file_status.h"
-#include "platform/linux/sys/proc_fs.h"
-#include "platform/linux/trash/tree_removal.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/file_copy.h"
+#include "platform/linux/trash/tree_removal.h"
 
 #include <QByteArray>
 
