@@ -75,7 +75,7 @@ QString problemWith(const TrashCandidate& candidate, const OrErrno<MountTables>&
     return keptBecauseText(keptByMounts(*mounts, candidate.source->handle.get(), candidate.path()));
 }
 
-/// The top directory of the mount that `source` lies on.
+/// The top directory of the mount that `source` lies on; invalid where it cannot be reached.
 std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
 {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
@@ -83,7 +83,7 @@ std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
     QByteArray path = source.path;
     while (top.isValid() && path != "/") {
         UniqueFd above(::openat(top.get(), "..", flags));
-        if (!above.isValid() || mountOf(above.get()) != source.mount)
+        if (above.isValid() && mountOf(above.get()) != source.mount)
             break;
         top = std::move(above);
         path.truncate(std::max(path.lastIndexOf('/'), qsizetype{1}));
@@ -117,7 +117,6 @@ OrErrno<std::shared_ptr<const SourceDirectory>> SourceDirectory::open(const QByt
     source->handle = std::move(opened->handle);
     source->path = std::move(opened->path);
     source->mount = mountOf(source->handle.get());
-    source->isTop = topOf(*source).second == source->path;
     source->isMemory = info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
     return std::shared_ptr<const SourceDirectory>(std::move(source));
 }
@@ -161,13 +160,12 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
 /// very directory: there the next search for junk would find it.
 TrashDirectory* TrashMover::volumeTrashOf(const SourceDirectory& source)
 {
-    if (source.isTop)
+    const auto [top, path] = topOf(source);
+    if (!top.isValid() || path == source.path)
         return nullptr;
     const auto [volume, isNew] = m_volumeTrashes.try_emplace(source.mount);
-    if (isNew) {
-        const auto [top, path] = topOf(source);
+    if (isNew)
         volume->second = TrashDirectory::ofVolume(top.get(), path);
-    }
     return volume->second.get();
 }
 

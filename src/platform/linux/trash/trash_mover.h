@@ -28,7 +28,6 @@ struct SourceDirectory
     UniqueFd handle;
     QByteArray path;       ///< The real one.
     quint64 mount = 0;     ///< The kernel's number of the mount it lies on.
-    bool isTop = false;    ///< It is the top directory of that mount.
     bool isMemory = false; ///< What it holds is lost when the machine stops.
 };
 
