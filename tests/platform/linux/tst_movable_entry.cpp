@@ -115,12 +115,12 @@ class TestMovableEntry : public QObject
                  content.size());
     }
 
-    EntryCheck check(const QByteArray& name, const std::optional<FilesInUse>& inUse,
-                     const QList<QByteArray>& protectedPaths = {}) const
+    MoveVerdict check(const QByteArray& name, const std::optional<FilesInUse>& inUse,
+                      const QList<QByteArray>& protectedPaths = {}) const
     {
         const UniqueFd parent(::open(path().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        return EntryChecker(inUse.value(), protectedPaths)
-            .check(parent.get(), name.constData(), path(name));
+        return MoveJudge(inUse.value(), protectedPaths)
+            .judge(parent.get(), name.constData(), path(name));
     }
     KeptBecause kept(const QByteArray& name, const QList<QByteArray>& protectedPaths = {}) const
     {
@@ -128,7 +128,7 @@ class TestMovableEntry : public QObject
     }
 
     /// A look through a directory of the shape of /proc, and another one of that of /sys.
-    std::optional<FilesInUse> lookAtMadeUp() const
+    OrErrno<FilesInUse> lookAtMadeUp() const
     {
         return FilesInUse::look(path("proc").constData(), path("sys").constData());
     }
@@ -200,7 +200,7 @@ private Q_SLOTS:
 
     void sizeIsThatOfTheFiles()
     {
-        const EntryCheck found = check("top", FilesInUse::look());
+        const MoveVerdict found = check("top", FilesInUse::look());
         qint64 blocks = 0;
         for (const char* each : {"top", "top/a", "top/a b", "top/a/b", "top/a/b/file"}) {
             struct stat info = {};

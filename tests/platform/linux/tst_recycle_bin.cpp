@@ -3,7 +3,7 @@
 #include "platform/linux/trash/trash_mover.h"
 #include "platform/linux/trash/tree_copy.h"
 #include "platform/linux/trash/tree_removal.h"
-#include "platform/platform.h"
+#include "platform/recycle_bin.h"
 #include "support/child_process.h"
 
 #include <QCryptographicHash>
@@ -389,7 +389,7 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(directory + "/entry/mnt"_L1));
         write(directory + "/entry/file"_L1, "x");
         std::vector<TrashCandidate> judged(1);
-        judged[0].source = SourceDirectory::open(QFile::encodeName(directory));
+        judged[0].source = SourceDirectory::open(QFile::encodeName(directory)).value();
         judged[0].name = "entry";
 
         const QByteArray place = QFile::encodeName(directory + "/entry/mnt"_L1);

@@ -39,34 +39,36 @@ void skipWords(QByteArrayView& line, int count)
 
 } // namespace
 
-/// One look under way.
-class FilesInUse::Look
+/// One look under way: collects what is found.
+class FilesInUse::UseCollector
 {
 public:
-    explicit Look(const char* proc) : m_proc(proc), m_tables(proc) {}
+    explicit UseCollector(const char* proc) : m_proc(proc), m_tables(proc) {}
 
-    std::optional<FilesInUse> finished(const char* sys)
+    OrErrno<FilesInUse> collect(const char* sys)
     {
         if (!m_proc.isOpen())
-            return std::nullopt;
+            return m_error;
         const std::vector<Mount>& own = m_tables.own().mounts();
         m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
                                         [](const Mount& mount) { return mount.isRemote(); });
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
-            return !m_isIncomplete;
+            return m_error == 0;
         });
-        readTable("net/unix", &Look::addSocket);
-        readTable("locks", &Look::addLock);
-        readTable("swaps", &Look::addSwap);
+        if (!sawAll)
+            return m_error != 0 ? m_error : errno;
+        readTable("net/unix", &UseCollector::addSocket);
+        readTable("locks", &UseCollector::addLock);
+        readTable("swaps", &UseCollector::addSwap);
         addLoopDevices(sys);
         for (const auto& [text, table] : m_tables.tables()) {
             for (const Mount& mount : table.mounts())
                 addMount(mount);
         }
-        std::optional<MountTables> mounts = m_tables.result();
-        if (!sawAll || m_isIncomplete || !mounts)
-            return std::nullopt;
+        OrErrno<MountTables> mounts = m_tables.result();
+        if (m_error != 0 || !mounts)
+            return m_error != 0 ? m_error : mounts.error();
 
         m_found.m_mounts = std::move(*mounts);
         m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
@@ -77,12 +79,12 @@ public:
 
 private:
     /// What has vanished or is none of this user's business leaves the look complete.
-    void noteFailure() { m_isIncomplete = m_isIncomplete || isOwnFailure(errno); }
+    void note(int error) { m_error = m_error == 0 && isOwnFailure(error) ? error : m_error; }
 
-    void readTable(const char* path, void (Look::*add)(QByteArrayView))
+    void readTable(const char* path, void (UseCollector::*add)(QByteArrayView))
     {
         if (!m_proc.readLines(path, [this, add](QByteArrayView line) { (this->*add)(line); }))
-            noteFailure();
+            note(errno);
     }
 
     /// Shows the names in a directory, with a handle of it.
@@ -90,12 +92,12 @@ private:
     {
         const DirectoryHandle directory = openDirectory(at, path);
         if (directory == nullptr)
-            return noteFailure();
+            return note(errno);
         for (errno = 0; const dirent* entry = ::readdir(directory.get()); errno = 0) {
             if (entry->d_name[0] != '.')
                 show(::dirfd(directory.get()), entry->d_name);
         }
-        noteFailure();
+        note(errno);
     }
 
     void addPath(const QByteArray& path)
@@ -130,7 +132,7 @@ private:
         struct statx target = {};
         constexpr int flags = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
         if (::statx(directory, link, flags, STATX_INO, &target) != 0) {
-            noteFailure();
+            note(errno);
             return errno != EACCES;
         }
         m_found.m_files.emplace_back(makedev(target.stx_dev_major, target.stx_dev_minor),
@@ -176,7 +178,7 @@ private:
         if (has(KCMP_VM)) {
             addTarget(proc, (path + "exe").constData());
             m_lastMapped.clear();
-            readTable((path + "maps").constData(), &Look::addMapped);
+            readTable((path + "maps").constData(), &UseCollector::addMapped);
         }
     }
 
@@ -199,7 +201,7 @@ private:
     {
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
-            return noteFailure();
+            return note(errno);
         QByteArrayView rest(*environment);
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
@@ -249,7 +251,7 @@ private:
         PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
         for (const Identity& found : follower.follow(absolute))
             m_found.m_files.push_back(found);
-        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+        note(follower.error());
     }
 
     std::optional<QByteArray> linkIn(const QByteArray& path) const
@@ -302,25 +304,26 @@ private:
             const QByteArray path = blocks + name + "/loop/backing_file";
             const auto file = readSystemFile(path.constData(), PATH_MAX);
             if (!file)
-                noteFailure();
+                note(errno);
             else
                 addPath(file->endsWith('\n') ? file->chopped(1) : *file);
         });
     }
 
     ProcFs m_proc;
+    /// The first failure for which something may be missing; before m_tables, which sets errno too.
+    int m_error = m_proc.isOpen() ? 0 : errno;
     MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
     QSet<QByteArray> m_followed;
     bool m_isRemoteMounted = false;
-    bool m_isIncomplete = false;
     QByteArray m_lastMapped;
 };
 
-std::optional<FilesInUse> FilesInUse::look(const char* proc, const char* sys)
+OrErrno<FilesInUse> FilesInUse::look(const char* proc, const char* sys)
 {
-    return Look(proc).finished(sys);
+    return UseCollector(proc).collect(sys);
 }
 
 bool FilesInUse::has(dev_t device, ino_t inode) const

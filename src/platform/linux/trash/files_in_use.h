@@ -6,7 +6,6 @@
 #include <QByteArray>
 #include <QList>
 
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -21,10 +20,10 @@ namespace korvane::linux_platform {
 class FilesInUse
 {
 public:
-    /// Looks, without ever waiting for a file system that does not answer. None, and errno, when this
-    /// program's own limits or an unusable /proc left the look incomplete: then anything may be in use.
+    /// Looks, without ever waiting for a file system that does not answer. None when this program's
+    /// own limits or an unusable /proc left the look incomplete: then anything may be in use.
     /// Before it, the caller lets go of handles of what it wants to ask about.
-    static std::optional<FilesInUse> look(const char* proc = "/proc", const char* sys = "/sys");
+    static OrErrno<FilesInUse> look(const char* proc = "/proc", const char* sys = "/sys");
 
     /// Whether the file or directory is in use, whatever its path is and for whom.
     bool has(dev_t device, ino_t inode) const;
@@ -37,7 +36,7 @@ public:
     const MountTables& mounts() const { return m_mounts; }
 
 private:
-    class Look;
+    class UseCollector;
     using Identity = std::pair<dev_t, ino_t>;
 
     FilesInUse() = default;

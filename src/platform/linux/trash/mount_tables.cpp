@@ -135,17 +135,19 @@ bool MountTable::isLocal(const QByteArray& path) const
                        [](const Mount* mount) { return mount->isLocal(); });
 }
 
-std::optional<MountTables> MountTables::read(const char* proc)
+OrErrno<MountTables> MountTables::read(const char* proc)
 {
     ProcFs processes(proc);
     if (!processes.isOpen())
-        return std::nullopt;
+        return errno;
     MountTableReader reader(proc);
     const bool sawAll = processes.forEachPid([&reader](quint32 pid) {
         reader.read(pid);
         return true;
     });
-    return sawAll ? reader.result() : std::nullopt;
+    if (!sawAll)
+        return errno;
+    return reader.result();
 }
 
 MountTables::Use MountTables::useOf(int directory, const QByteArray& path) const
@@ -224,10 +226,9 @@ const MountTable* MountTableReader::table(const QByteArray& process, IfUnknown i
     if (const auto known = m_namespaces.find(key); known != m_namespaces.end())
         return known->second;
     const auto text = readSystemFile((m_proc + process + "mountinfo").constData(), tableLimit);
-    if (text && text->size() == tableLimit)
-        errno = ENOMEM;
+    const int error = text ? ENOMEM : errno;
     if (!text || text->size() == tableLimit) {
-        m_error = isOwnFailure(errno) ? errno : m_error;
+        m_error = isOwnFailure(error) ? error : m_error;
         return nullptr;
     }
     const auto [read, isNew] = m_tables.try_emplace(*text);
@@ -247,12 +248,10 @@ QByteArray MountTableReader::linkIn(const QByteArray& process, const char* name)
     return {target.data(), std::max(size, ssize_t{0})};
 }
 
-std::optional<MountTables> MountTableReader::result() const
+OrErrno<MountTables> MountTableReader::result() const
 {
-    if (m_error != 0) {
-        errno = m_error;
-        return std::nullopt;
-    }
+    if (m_error != 0)
+        return m_error;
     MountTables found;
     found.m_own = *m_own;
     for (const auto& each : m_tables)

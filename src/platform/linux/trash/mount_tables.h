@@ -1,12 +1,13 @@
 // What is mounted where, in the mount namespaces of all processes.
 #pragma once
 
+#include "platform/linux/trash/or_errno.h"
+
 #include <QByteArray>
 #include <QByteArrayView>
 #include <QList>
 
 #include <map>
-#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -75,9 +76,8 @@ public:
 
     MountTables() = default;
 
-    /// Reads the tables. None, and errno, when this program's own limits left some out, or there is no
-    /// usable /proc.
-    static std::optional<MountTables> read(const char* proc = "/proc");
+    /// Reads the tables; none when this program's own limits left some out, or /proc is unusable.
+    static OrErrno<MountTables> read(const char* proc = "/proc");
 
     /// Whether something is mounted on the entry at `path` or in it, or mounted from there: a source
     /// that holds the entry is none of its. The path is a real one, `directory` a handle of the
@@ -114,8 +114,8 @@ public:
     /// All distinct ones.
     const std::map<QByteArray, MountTable>& tables() const { return m_tables; }
 
-    /// What the tables read so far tell; none, and errno, as MountTables::read().
-    std::optional<MountTables> result() const;
+    /// What the tables read so far tell; none as MountTables::read().
+    OrErrno<MountTables> result() const;
 
 private:
     enum class IfUnknown { Read, Skip };

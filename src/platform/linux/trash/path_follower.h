@@ -34,10 +34,10 @@ public:
     int error() const { return m_error; }
 
 private:
-    bool goToRoot();
-    bool step(const QByteArray& name);
-    bool goTo(const QByteArray& path, const QByteArray& name);
-    UniqueFd open(const QByteArray& path, const char* name);
+    // Each returns 0, or the errno for which the way ends.
+    int goToRoot();
+    int step(const QByteArray& name);
+    int goTo(const QByteArray& path, const QByteArray& name);
     void noteHere();
 
     int m_proc;
