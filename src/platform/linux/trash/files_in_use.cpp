@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
@@ -49,13 +50,12 @@ public:
     {
         if (!m_proc.isOpen())
             return std::nullopt;
-        const std::vector<Mount>& own = m_tables.own().mounts();
-        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
-                                        [](const Mount& mount) { return mount.isRemote(); });
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
-            return !m_isIncomplete;
+            return m_error == 0;
         });
+        if (!sawAll && m_error == 0)
+            m_error = errno;
         readTable("net/unix", &Look::addSocket);
         readTable("locks", &Look::addLock);
         readTable("swaps", &Look::addSwap);
@@ -65,7 +65,9 @@ public:
                 addMount(mount);
         }
         std::optional<MountTables> mounts = m_tables.result();
-        if (!sawAll || m_isIncomplete || !mounts)
+        if (m_error != 0)
+            errno = m_error;
+        if (m_error != 0 || !mounts)
             return std::nullopt;
 
         m_found.m_mounts = std::move(*mounts);
@@ -77,7 +79,13 @@ public:
 
 private:
     /// What has vanished or is none of this user's business leaves the look complete.
-    void noteFailure() { m_isIncomplete = m_isIncomplete || isOwnFailure(errno); }
+    void noteFailure() { noteFailure(errno); }
+
+    void noteFailure(int error)
+    {
+        if (m_error == 0 && isOwnFailure(error))
+            m_error = error;
+    }
 
     void readTable(const char* path, void (Look::*add)(QByteArrayView))
     {
@@ -122,7 +130,7 @@ private:
     {
         std::array<char, PATH_MAX> path{};
         const ssize_t size =
-            m_isRemoteMounted ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
+            m_canBeRemote ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
         if (size > 0 && isRemote(QByteArray(path.data(), size))) {
             addPath(QByteArray(path.data(), size));
             return true;
@@ -138,16 +146,24 @@ private:
         return true;
     }
 
+    /// By the table of the process that the link is of; where that does not reach, as of what it has
+    /// opened before a chroot, by this one's own.
     bool isRemote(const QByteArray& path) const
     {
-        const std::vector<const Mount*> mounts = m_tables.own().under(path);
-        return std::any_of(mounts.cbegin(), mounts.cend(),
-                           [](const Mount* mount) { return mount->isRemote(); });
+        if (!isAtOrBelow(path, m_root))
+            return m_tables.own().isRemote(path);
+        const QByteArray below = path.sliced(m_root == "/" ? 0 : m_root.size());
+        return m_mounts->isRemote(below.isEmpty() ? "/" : below);
     }
 
     void addProcess(quint32 pid)
     {
-        addFromEnvironment(pid, m_tables.read(pid));
+        const MountTable* mounts = m_tables.read(pid);
+        m_mounts = mounts != nullptr ? mounts : &m_tables.own();
+        m_canBeRemote = m_mounts->hasRemote() || m_tables.own().hasRemote();
+        if (m_canBeRemote)
+            m_root = linkIn(QByteArray::number(pid) + "/root").value_or("/");
+        addFromEnvironment(pid, mounts);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -200,30 +216,49 @@ private:
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
             return noteFailure();
+        std::array<bool, pathVariables.size()> isSet{};
         QByteArrayView rest(*environment);
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
-            for (const QByteArrayView name : pathVariables) {
-                if (variable.startsWith(name))
-                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
+            for (std::size_t i = 0; i < pathVariables.size(); ++i) {
+                if (!variable.startsWith(pathVariables[i]))
+                    continue;
+                const QByteArray value = variable.sliced(pathVariables[i].size()).toByteArray();
+                addPath(value.sliced(std::max(value.indexOf('/'), qsizetype{0})));
+                // Of several values, programs take the first.
+                const bool isFirst = !std::exchange(isSet[i], true);
+                if (isFirst && mounts != nullptr && !value.isEmpty() && isOwn(pid))
+                    addNamed(pid, *mounts, value);
             }
         }
     }
 
-    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
-    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
-    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
+    /// Whether the process is this user's in every way: nobody else shall decide how far this program
+    /// goes. The owner of its files in /proc does not tell.
+    bool isOwn(quint32 pid)
     {
-        if (value.contains('/'))
-            addPath(value.sliced(value.indexOf('/')));
-        if (mounts == nullptr || value.isEmpty())
-            return;
-        addLeadTo(pid, *mounts, value);
+        const QByteArrayView status = m_proc.readFile(pid, "status").value_or(QByteArrayView());
+        QByteArrayView line = status.sliced(std::max(status.indexOf("\nUid:"), qsizetype{0}));
+        takeUntil(line, '\t');
+        line = takeUntil(line, '\n');
+        for (int i = 0; i < 4; ++i) {
+            uid_t user = 0;
+            if (!parseNumber(takeUntil(line, '\t'), user) || user != ::geteuid())
+                return false;
+        }
+        return true;
+    }
+
+    /// Adds what the value of a variable leads to. Before the path may stand the kind of cache, as in
+    /// "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable& mounts, const QByteArray& value)
+    {
+        addLeadTo(pid, mounts, value);
         qsizetype begin = value.indexOf(':') + 1;
         while (begin > 0 && begin < value.size() && value[begin] == ':')
             ++begin;
         if (begin > 0)
-            addLeadTo(pid, *mounts, value.sliced(begin));
+            addLeadTo(pid, mounts, value.sliced(begin));
     }
 
     /// Adds what the path leads to for the process, as far as that can be found without a wait.
@@ -249,7 +284,7 @@ private:
         PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
         for (const Identity& found : follower.follow(absolute))
             m_found.m_files.push_back(found);
-        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+        noteFailure(follower.error());
     }
 
     std::optional<QByteArray> linkIn(const QByteArray& path) const
@@ -313,9 +348,11 @@ private:
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
     QSet<QByteArray> m_followed;
-    bool m_isRemoteMounted = false;
-    bool m_isIncomplete = false;
+    const MountTable* m_mounts = nullptr; ///< Of the process at hand, as are its
+    QByteArray m_root;                    ///< root, where that matters, and
+    bool m_canBeRemote = false;           ///< whether a link of it may lead to a remote mount.
     QByteArray m_lastMapped;
+    int m_error = 0; ///< The first failure of this program's own.
 };
 
 std::optional<FilesInUse> FilesInUse::look(const char* proc, const char* sys)

@@ -20,6 +20,7 @@ namespace korvane::linux_platform {
 namespace {
 
 constexpr int linkLimit = 40; // the kernel's own
+constexpr int stepLimit = 256;
 
 /// Opens what is there itself, a link too, but nothing that is mounted on it.
 int openBeside(int directory, const char* name)
@@ -55,7 +56,7 @@ std::vector<std::pair<dev_t, ino_t>> PathFollower::follow(const QByteArray& path
     m_links = 0;
     m_ahead = path;
     bool goesOn = goToRoot() && path.size() < PATH_MAX;
-    while (goesOn && !m_ahead.isEmpty()) {
+    for (int steps = 0; goesOn && steps < stepLimit && !m_ahead.isEmpty(); ++steps) {
         const qsizetype end = m_ahead.indexOf('/');
         const QByteArray name = m_ahead.first(end < 0 ? m_ahead.size() : end);
         m_ahead = end < 0 ? QByteArray() : m_ahead.sliced(end + 1);
@@ -123,8 +124,11 @@ UniqueFd PathFollower::open(const QByteArray& path, const char* name)
 void PathFollower::noteHere()
 {
     struct statx found = {};
-    if (m_here.isValid() && statOf(m_here.get(), found))
-        m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
+    if (!m_here.isValid() || !statOf(m_here.get(), found))
+        return;
+    const std::pair here(makedev(found.stx_dev_major, found.stx_dev_minor), ino_t{found.stx_ino});
+    if (m_found.empty() || m_found.back() != here)
+        m_found.push_back(here);
 }
 
 } // namespace korvane::linux_platform
