@@ -1,6 +1,7 @@
 // Standard input and output by their descriptors, blocking or not; signals, locale and affinity.
 #include "platform/process_setup.h"
 
+#include "platform/portable/framework_log.h"
 #include "platform/portable/utf8_locale.h"
 
 #include <atomic>
@@ -117,6 +118,7 @@ std::unique_ptr<StandardStreams> platform::prepareProcess()
     fillClosedDescriptors();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     useUtf8Locale();
+    readLogRulesWithoutHome();
     return std::make_unique<DescriptorStreams>();
 }
 
