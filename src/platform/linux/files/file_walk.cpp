@@ -1,8 +1,8 @@
 // Walks directory trees through handles.
 #include "platform/file_walk.h"
 
-#include "platform/linux/sys/text.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/text.h"
 
 #include <QFile>
 

@@ -105,9 +105,8 @@ SourceListing flatpakSource(const QString& directory, bool perUser)
     listing.exists =
         !perUser || !QStandardPaths::findExecutable(QStringLiteral("flatpak")).isEmpty();
     // Without either nothing is installed there; asked all the same, flatpak would create it.
-    listing.exists =
-        listing.exists && (QFileInfo::exists(directory + QStringLiteral("/app")) ||
-                           QFileInfo::exists(directory + QStringLiteral("/runtime")));
+    listing.exists = listing.exists && (QFileInfo::exists(directory + QStringLiteral("/app")) ||
+                                        QFileInfo::exists(directory + QStringLiteral("/runtime")));
     const QString columns = QStringLiteral("--columns=") + flatpakColumns();
     listing.command = {QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}};
     listing.read = [directory, perUser](SourceListing& asked, const QByteArray& output) {

@@ -1,9 +1,9 @@
 // The look through /proc, and the parsers of its tables of files.
 #include "platform/linux/trash/files_in_use.h"
 
-#include "platform/linux/trash/path_follower.h"
 #include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/sys/text.h"
+#include "platform/linux/trash/path_follower.h"
 
 #include <QSet>
 

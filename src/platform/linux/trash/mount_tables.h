@@ -140,8 +140,8 @@ private:
     QByteArray m_proc;
     std::map<QByteArray, MountTable> m_tables;            ///< By their texts.
     std::map<QByteArray, const MountTable*> m_namespaces; ///< By namespace and root.
-    qsizetype m_bytes = 0; ///< Of all texts.
-    int m_error = 0;       ///< The first failure of this program's own.
+    qsizetype m_bytes = 0;                                ///< Of all texts.
+    int m_error = 0;         ///< The first failure of this program's own.
     const MountTable* m_own; // last: it is read with all of these
 };
 

@@ -1,8 +1,8 @@
 // The judgement of an entry: by its name, by what lies at its path, and by everything in it.
 #include "platform/linux/trash/movable_entry.h"
 
-#include "platform/linux/trash/file_hold.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/trash/file_hold.h"
 
 #include <algorithm>
 #include <array>
@@ -101,10 +101,17 @@ KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 11> texts{
-        u"",         u"已不存在", u"正在使用", u"无权限",           u"含特殊文件",
-        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改", u"临时目录为用户目录或其上级",
-        u"无法确认未被使用"};
+    static constexpr std::array<QStringView, 11> texts{u"",
+                                                       u"已不存在",
+                                                       u"正在使用",
+                                                       u"无权限",
+                                                       u"含特殊文件",
+                                                       u"含挂载点",
+                                                       u"系统保留",
+                                                       u"无法读取",
+                                                       u"路径可被他人更改",
+                                                       u"临时目录为用户目录或其上级",
+                                                       u"无法确认未被使用"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 

@@ -1,8 +1,8 @@
 // Finding the files that a path of another process means.
 #pragma once
 
-#include "platform/linux/trash/mount_tables.h"
 #include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/mount_tables.h"
 
 #include <QByteArray>
 
