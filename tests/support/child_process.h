@@ -71,6 +71,15 @@ public:
 
     pid_t pid() const { return m_pid; }
 
+    /// Whether it has neither ended nor been killed; so too of any other child.
+    static bool isRunning(qint64 pid)
+    {
+        siginfo_t info = {};
+        return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+    bool isRunning() const { return isRunning(m_pid); }
+
     /// Ends the child, which stays a zombie.
     void end() const
     {

@@ -40,11 +40,12 @@ inline QByteArray readFile(const QString& path)
 }
 
 /// What a shell prints for `script`, in which the first argument is $0.
-inline QString shell(const QString& script, const QStringList& arguments = {})
+inline QString shell(const QByteArray& script, const QStringList& arguments = {})
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(QStringLiteral("sh"), QStringList{QStringLiteral("-c"), script} + arguments);
+    process.start(QStringLiteral("sh"),
+                  QStringList{QStringLiteral("-c"), QString::fromUtf8(script)} + arguments);
     process.waitForFinished(60'000);
     return QString::fromUtf8(process.readAllStandardOutput());
 }

@@ -1,24 +1,27 @@
-// Tables of cases: a row is a struct whose first member `name` tells it from the others.
+// Tables of cases, each a name and whatever else the test takes apart.
 #pragma once
 
 #include <QTest>
 
+#include <tuple>
+#include <vector>
+
 namespace korvane::test {
 
-/// Makes a case of each row.
-template <typename Rows> void addRows(const Rows& rows)
+template <typename... Columns> using Cases = std::vector<std::tuple<const char*, Columns...>>;
+
+template <typename... Columns> void addRows(const Cases<Columns...>& cases)
 {
     QTest::addColumn<int>("row");
-    int index = 0;
-    for (const auto& row : rows)
-        QTest::newRow(row.name) << index++;
+    for (int row = 0; row < static_cast<int>(cases.size()); ++row)
+        QTest::newRow(std::get<0>(cases.at(static_cast<std::size_t>(row)))) << row;
 }
 
-/// The row whose turn it is.
-template <typename Rows> const auto& currentRow(const Rows& rows)
+/// The case whose turn it is.
+template <typename... Columns> const auto& currentRow(const Cases<Columns...>& cases)
 {
     QFETCH(const int, row);
-    return *(std::begin(rows) + row);
+    return cases.at(static_cast<std::size_t>(row));
 }
 
 } // namespace korvane::test
