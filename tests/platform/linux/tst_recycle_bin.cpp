@@ -29,7 +29,7 @@ const QString volume = qEnvironmentVariable("KORVANE_VOLUME");
 const QString volumeTrash = volume + u"/.Trash-%1"_s.arg(::geteuid());
 const QString homeTrash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash"_L1;
 
-/// What the entry at $0 is and all in it, but for what a restoring program that copies does not keep.
+/// What the entry at $0 is and all in it, but for what is lost where it is restored as a copy.
 constexpr auto describeCopy = R"(
 find "$0" -printf '\n%P %M %l' ! -type l -printf ' %T@' ! -type d -printf ' %s' | sort
 tar -cP -C "${0%/*}" --sort=name --transform='s,^[^/]*,x,S' --mtime=@0 --atime-preserve=system \
@@ -61,7 +61,8 @@ chmod 400 'read only'; chmod 0 closed; chmod 555 deep/er; chmod 2750 .)";
 
 /// Gives it times of its own, and makes the neighbours of it that are moved too.
 constexpr auto finishTree = R"(
-exec 2>&1; set -e; cd "$0"; cp deep/er/* ..; set -- sparse dangling 'read only' deep/er deep closed .
+exec 2>&1; set -e; cd "$0"; cp deep/er/* ..
+set -- sparse dangling 'read only' deep/er deep closed .
 touch -hmd @1234567890.123456789 "$@"; touch -had @1234567881.000000007 "$@"
 cd ..; ln -s nowhere link; echo feed >'a
 b')";
