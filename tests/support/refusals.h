@@ -14,10 +14,12 @@
 
 namespace korvane::test {
 
-/// The descriptor that the next file gets.
+/// The descriptor that the next file gets; those that follow it are free too.
 inline int nextDescriptor()
 {
-    const int next = ::dup(STDIN_FILENO);
+    int next = 0;
+    while (next < 64)
+        next = ::dup(STDIN_FILENO);
     ::close(next);
     return next;
 }
