@@ -78,8 +78,9 @@ void fill(QRandomGenerator& random, int depth)
         } else if (kind == 4 || kind == 5) {
             (void)::mknod(name.constData(), (kind == 4 ? S_IFIFO : S_IFSOCK) | 0600, 0);
         } else if (kind > 5) {
-            test::writeFile(QDir::current().filePath(QFile::decodeName(name)),
-                            QByteArray(random.bounded(2) * random.bounded(1 << 20), 'x'));
+            const QString path = QDir::current().filePath(QFile::decodeName(name));
+            test::writeFile(path, {});
+            (void)QFile::resize(path, random.bounded(2) * random.bounded(1 << 20));
         }
     }
 }
