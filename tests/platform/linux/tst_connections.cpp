@@ -1,7 +1,7 @@
 // Tests the connection tools on sockets of the test's own, and their parsers on damaged input; that
 // whole listings agree with ss is tested through the official client.
-#include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/network/socket_tables.h"
+#include "platform/linux/sys/proc_fs.h"
 #include "support/damage.h"
 #include "support/mcp_client.h"
 #include "support/refusals.h"

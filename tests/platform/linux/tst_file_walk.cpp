@@ -1,6 +1,6 @@
 // Tests of walking directory trees through handles: against the framework's way, and beyond it.
+#include "base/watchdog.h"
 #include "platform/file_walk.h"
-
 #include "support/file_tree.h"
 #include "support/system.h"
 
@@ -197,6 +197,17 @@ private Q_SLOTS:
             QCOMPARE(files(platform::walkFiles, u"."_s, limit).size(), limit);
             QCOMPARE(entries(platform::walkEntries, u"."_s, limit).size(), limit);
         }
+    }
+
+    void stepsAtEachDirectory()
+    {
+        for (int i = 0; i < 50; ++i)
+            test::makeTree(m_root, u"a%1/|b/%1/c/"_s.arg(i));
+        const auto before = Watchdog::steps();
+        QCOMPARE(files(platform::walkFiles, u"."_s), QStringList());
+        QCOMPARE(Watchdog::steps() - before, 2U * (50 + 1 + 100)); // seen and opened
+        QCOMPARE(entries(platform::walkEntries, u"."_s).size(), 51);
+        QVERIFY(Watchdog::steps() - before > 3U * (50 + 1 + 100));
     }
 
     void goesDeepWithFewHandles_data() { test::addRows(depths); }

@@ -1,8 +1,8 @@
 // Tests the listing of installed software on databases of rpm's and the test's own making, beside
 // dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the machine's
 // own packages are listed is tested through the official client.
-#include "platform/linux/software/software_sources.h"
 #include "platform/linux/software/package_databases.h"
+#include "platform/linux/software/software_sources.h"
 
 #include "support/damage.h"
 #include "support/system.h"
@@ -246,6 +246,8 @@ END
 
     void nothingToReadIsAnError()
     {
+        qputenv("PATH", "/nonexistent");
+        write("user/app/x", {}); // which no program is there to list
         QVERIFY(list().isEmpty());
         QVERIFY2(m_error.contains(u"没有 dpkg, rpm"_s), qPrintable(m_error));
         QVERIFY(QDir().mkpath(path("var/lib/dpkg/status")));
