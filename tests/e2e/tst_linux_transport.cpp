@@ -136,6 +136,10 @@ private Q_SLOTS:
             << m_directory.path() << call("list_processes") << QByteArray("signature_summary");
         QTest::newRow("a home on a dead mount")
             << QString::fromUtf8(dead()) << call("list_processes") << QByteArray("total");
+        QTest::newRow("a home without programs of its own")
+            << QString::fromUtf8(dead()) << call("list_uninstall_entries") << QByteArray("total");
+        QTest::newRow("a home that the log could be set up in")
+            << QString::fromUtf8(dead()) << call("list_startup_items") << QByteArray("isError");
         QTest::newRow("a file on a dead mount")
             << u"/nonexistent"_s << verification << QByteArray("未知");
     }

@@ -185,11 +185,11 @@ class LinuxMetricsTest : public QObject
     {
         Files doubles;
         Files doublesAfter;
-        for (const QByteArray name : {"loop0", "ram0", "zram0", "dm-0", "md127", "sda/sda1", "nvme0n1"}) {
+        for (const QByteArray name : {"loop0", "ram0", "zram0", "dm-0", "md127", "sr0", "fd0", "sda/sda1", "nvme0n1"}) {
             doubles.append({"sys/block/" + name + "/stat", disk("0", "0", "0")});
             doublesAfter.append({"sys/block/" + name + "/stat", disk("9999", "9999", "1999")});
         }
-        doubles += Files{{"sys/block/nvme0n1/device/subsystem", "->/sys/class/nvme-subsystem"}};
+        doubles += Files{{"sys/block/nvme0n1/device/subsystem", "->/sys/class/nvme-subsystem"}, {"sys/block/sr0/device/", {}}, {"sys/block/fd0/device/", {}}};
         row("none physical", doubles + Files{{"sys/block/sda", "-"}, {"sys/block/nbd0/stat", disk("0", "0", "0")}}, doublesAfter + Files{{"sys/block/sda", "-"}, {"sys/block/nbd0/stat", disk("4", "8", "20")}}, "disk 1 1 2");
         doubles.append({"sys/block/nbd0/stat", disk("0", "0", "0")});
         doublesAfter.append({"sys/block/nbd0/stat", disk("9999", "9999", "1999")});
@@ -221,10 +221,12 @@ class LinuxMetricsTest : public QObject
         net("under a virtual one", wlan, "net 11 22.4883", device + Files{{"sys/class/net/wl0/master/", {}}});
         net("under a physical one", wlan, "net 10 20.4883", device + Files{{"sys/class/net/wl0/master/device/", {}}});
         net("none physical", wlan, "net 11 22.4883", {{"sys/class/net/eth0/device", "-"}});
-        const Files port = device + Files{{"sys/class/net/wl0/iflink", "2\n"}, {"sys/class/net/eth0/ifindex", "2\n"}};
+        const Files linked = device + Files{{"sys/class/net/wl0/iflink", "2\n"}, {"sys/class/net/eth0/ifindex", "2\n"}};
+        const Files port = linked + Files{{"sys/class/net/wl0/uevent", "DEVTYPE=dsa\nINTERFACE=wl0\n"}};
         const Files conduit{{"sys/class/net/eth0/dsa/", {}}, {"sys/class/net/eth0/iflink", "2\n"}};
         net("a port and its conduit", wlan, "net 10 20.4883", port + conduit);
         net("a port of a virtual conduit", wlan, "net 10 20.4883", port + conduit + Files{{"sys/class/net/eth0/device", "-"}});
+        net("linked to that number elsewhere", wlan, "net 11 22.4883", linked + conduit);
         net("a port without its conduit", wlan, "net 11 22.4883", port);
         net("gone", {}, "net 0 0", device, {});
         net("came", wlan + link("usb0: ", "9999", "9999"), "net 11 22.4883", device + Files{{"sys/class/net/usb0/device/", {}}});

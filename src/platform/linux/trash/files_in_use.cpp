@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
@@ -49,15 +50,12 @@ public:
     {
         if (!m_proc.isOpen())
             return m_error;
-        const std::vector<Mount>& own = m_tables.own().mounts();
-        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
-                                        [](const Mount& mount) { return mount.isRemote(); });
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
             return m_error == 0;
         });
-        if (!sawAll)
-            return m_error != 0 ? m_error : errno;
+        if (!sawAll && m_error == 0)
+            m_error = errno;
         readTable("net/unix", &UseCollector::addSocket);
         readTable("locks", &UseCollector::addLock);
         readTable("swaps", &UseCollector::addSwap);
@@ -124,7 +122,7 @@ private:
     {
         std::array<char, PATH_MAX> path{};
         const ssize_t size =
-            m_isRemoteMounted ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
+            m_canBeRemote ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
         if (size > 0 && isRemote(QByteArray(path.data(), size))) {
             addPath(QByteArray(path.data(), size));
             return true;
@@ -140,16 +138,24 @@ private:
         return true;
     }
 
+    /// By the table of the process that the link is of; where that does not reach, as of what it has
+    /// opened before a chroot, by this one's own.
     bool isRemote(const QByteArray& path) const
     {
-        const std::vector<const Mount*> mounts = m_tables.own().under(path);
-        return std::any_of(mounts.cbegin(), mounts.cend(),
-                           [](const Mount* mount) { return mount->isRemote(); });
+        if (!isAtOrBelow(path, m_root))
+            return m_tables.own().isRemote(path);
+        const QByteArray below = path.sliced(m_root == "/" ? 0 : m_root.size());
+        return m_mounts->isRemote(below.isEmpty() ? "/" : below);
     }
 
     void addProcess(quint32 pid)
     {
-        addFromEnvironment(pid, m_tables.read(pid));
+        const MountTable* mounts = m_tables.read(pid);
+        m_mounts = mounts != nullptr ? mounts : &m_tables.own();
+        m_canBeRemote = m_mounts->hasRemote() || m_tables.own().hasRemote();
+        if (m_canBeRemote)
+            m_root = linkIn(QByteArray::number(pid) + "/root").value_or("/");
+        addFromEnvironment(pid, mounts);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -202,30 +208,49 @@ private:
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
             return note(errno);
+        std::array<bool, pathVariables.size()> isSet{};
         QByteArrayView rest(*environment);
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
-            for (const QByteArrayView name : pathVariables) {
-                if (variable.startsWith(name))
-                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
+            for (std::size_t i = 0; i < pathVariables.size(); ++i) {
+                if (!variable.startsWith(pathVariables[i]))
+                    continue;
+                const QByteArray value = variable.sliced(pathVariables[i].size()).toByteArray();
+                addPath(value.sliced(std::max(value.indexOf('/'), qsizetype{0})));
+                // Of several values, programs take the first.
+                const bool isFirst = !std::exchange(isSet[i], true);
+                if (isFirst && mounts != nullptr && !value.isEmpty() && isOwn(pid))
+                    addNamed(pid, *mounts, value);
             }
         }
     }
 
-    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
-    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
-    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
+    /// Whether the process is this user's in every way: nobody else shall decide how far this program
+    /// goes. The owner of its files in /proc does not tell.
+    bool isOwn(quint32 pid)
     {
-        if (value.contains('/'))
-            addPath(value.sliced(value.indexOf('/')));
-        if (mounts == nullptr || value.isEmpty())
-            return;
-        addLeadTo(pid, *mounts, value);
+        const QByteArrayView status = m_proc.readFile(pid, "status").value_or(QByteArrayView());
+        QByteArrayView line = status.sliced(std::max(status.indexOf("\nUid:"), qsizetype{0}));
+        takeUntil(line, '\t');
+        line = takeUntil(line, '\n');
+        for (int i = 0; i < 4; ++i) {
+            uid_t user = 0;
+            if (!parseNumber(takeUntil(line, '\t'), user) || user != ::geteuid())
+                return false;
+        }
+        return true;
+    }
+
+    /// Adds what the value of a variable leads to. Before the path may stand the kind of cache, as in
+    /// "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable& mounts, const QByteArray& value)
+    {
+        addLeadTo(pid, mounts, value);
         qsizetype begin = value.indexOf(':') + 1;
         while (begin > 0 && begin < value.size() && value[begin] == ':')
             ++begin;
         if (begin > 0)
-            addLeadTo(pid, *mounts, value.sliced(begin));
+            addLeadTo(pid, mounts, value.sliced(begin));
     }
 
     /// Adds what the path leads to for the process, as far as that can be found without a wait.
@@ -312,12 +337,14 @@ private:
 
     ProcFs m_proc;
     /// The first failure for which something may be missing; before m_tables, which sets errno too.
-    int m_error = m_proc.isOpen() ? 0 : errno;
+    int m_error = m_proc.isOpen() ? 0 : errno; ///< The first failure of this program's own.
     MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
     QSet<QByteArray> m_followed;
-    bool m_isRemoteMounted = false;
+    const MountTable* m_mounts = nullptr; ///< Of the process at hand, as are its
+    QByteArray m_root;                    ///< root, where that matters, and
+    bool m_canBeRemote = false;           ///< whether a link of it may lead to a remote mount.
     QByteArray m_lastMapped;
 };
 

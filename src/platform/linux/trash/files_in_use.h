@@ -15,8 +15,9 @@ namespace korvane::linux_platform {
 
 /// Which files are in use, from one look through /proc: open, mapped, a working directory, a root or
 /// an executable of a process; locked; a loop device's or a layered mount's; swap; and where a
-/// session's programs find their credentials or put their temporary files. A program that may not be
-/// looked into (another user's, for one without rights) is known by its locks and sockets alone.
+/// session's programs find their credentials or put their temporary files: by what the paths in this
+/// user's environments lead to, and by their text in all. A program that may not be looked into (another
+/// user's, for one without rights) is known by its locks and sockets alone.
 class FilesInUse
 {
 public:

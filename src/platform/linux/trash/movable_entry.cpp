@@ -101,18 +101,33 @@ KeptBecause judgeByLease(int directory, const char* name, MoveVerdict& sum)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 10> texts{
-        u"",         u"已不存在", u"正在使用", u"无权限",           u"含特殊文件",
-        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改", u"临时目录为用户目录或其上级"};
+    static constexpr std::array<QStringView, 11> texts{u"",
+                                                       u"已不存在",
+                                                       u"正在使用",
+                                                       u"无权限",
+                                                       u"含特殊文件",
+                                                       u"含挂载点",
+                                                       u"系统保留",
+                                                       u"无法读取",
+                                                       u"路径可被他人更改",
+                                                       u"临时目录为用户目录或其上级",
+                                                       u"无法确认未被使用"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 
 KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path)
 {
-    const MountTables::Use use = mounts.useOf(parent, path);
-    if (use == MountTables::Use::None)
+    switch (mounts.useOf(parent, path)) {
+    case MountTables::Use::None:
         return KeptBecause::Nothing;
-    return use == MountTables::Use::MountPoint ? KeptBecause::MountPoint : KeptBecause::InUse;
+    case MountTables::Use::MountPoint:
+        return KeptBecause::MountPoint;
+    case MountTables::Use::Source:
+        return KeptBecause::InUse;
+    case MountTables::Use::Unknown:
+        break;
+    }
+    return KeptBecause::Unconfirmed;
 }
 
 /// Adds up what is in a directory, until something must stay.

@@ -26,13 +26,14 @@ enum class KeptBecause {
     Unreadable,  ///< What it holds cannot be seen.
     OthersPath,  ///< Another user can change what root would find at its path.
     HomeAsTemp,  ///< The temporary directory that it lies in is the home or holds it.
+    Unconfirmed, ///< Whether others have something mounted there cannot be known.
 };
 
 /// The reason in a word or two, as the user reads it; empty for Nothing.
 QString keptBecauseText(KeptBecause reason);
 
 /// Why the entry at the real `path`, in the directory handle `parent`, stays for what is mounted on it,
-/// in it or from there.
+/// in it or from there, or may be.
 KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path);
 
 /// What is known of an entry with everything in it; the size is whole only where it may be moved.

@@ -20,6 +20,7 @@ namespace korvane::linux_platform {
 namespace {
 
 constexpr int linkLimit = 40; // the kernel's own
+constexpr int stepLimit = 256;
 
 /// Opens what is there itself, a link too, but nothing that is mounted on it.
 int openBeside(int directory, const char* name)
@@ -56,7 +57,7 @@ std::vector<std::pair<dev_t, ino_t>> PathFollower::follow(const QByteArray& path
     int error = goToRoot();
     if (error == 0 && path.size() >= PATH_MAX)
         error = ENAMETOOLONG;
-    while (error == 0 && !m_ahead.isEmpty()) {
+    for (int steps = 0; error == 0 && steps < stepLimit && !m_ahead.isEmpty(); ++steps) {
         const qsizetype end = m_ahead.indexOf('/');
         const QByteArray name = m_ahead.first(end < 0 ? m_ahead.size() : end);
         m_ahead = end < 0 ? QByteArray() : m_ahead.sliced(end + 1);
@@ -116,8 +117,11 @@ int PathFollower::goTo(const QByteArray& path, const QByteArray& name)
 void PathFollower::noteHere()
 {
     struct statx found = {};
-    if (m_here.isValid() && statOf(m_here.get(), found))
-        m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
+    if (!m_here.isValid() || !statOf(m_here.get(), found))
+        return;
+    const std::pair here(makedev(found.stx_dev_major, found.stx_dev_minor), ino_t{found.stx_ino});
+    if (m_found.empty() || m_found.back() != here)
+        m_found.push_back(here);
 }
 
 } // namespace korvane::linux_platform

@@ -14,7 +14,7 @@
 namespace korvane::linux_platform {
 
 /// Goes a path as a process would, from its root and with its mounts, but never onto a mount that is
-/// not local: its server may never answer.
+/// not local: its server may never answer. A long way is not gone to its end.
 class PathFollower
 {
 public:
