@@ -128,7 +128,7 @@ inline QString played(const std::function<QString()>& act)
     if (code == refusedCode)
         return {};
     const QString text = QString::fromUtf8(said.readAll());
-    return code == 0 ? text : text + QStringLiteral(", and failed");
+    return code == 0 && !text.isEmpty() ? text : text + QStringLiteral(" (failed)");
 }
 
 } // namespace korvane::test

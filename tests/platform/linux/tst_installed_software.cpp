@@ -72,8 +72,9 @@ class TestInstalledSoftware : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void starterMayHaveIgnoredChildren() // as main() has, before anything else
+    void starterMayHaveIgnoredChildren()
     {
+        static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
         QCOMPARE(linux_platform::runHelpers({{u"true"_s, {}}}, {})[0].error, QString());
     }
 
@@ -173,24 +174,22 @@ END
 
     void programsAreAsked()
     {
-        const QByteArray columns(" --columns=ref,origin,size,options,version,name");
-        write("var/lib/flatpak/app/a.B/x86_64/stable/active", "x");
-        write("user/app/a/i386/b/active", "x");
-        write("var/lib/snapd/state.json", "x");
+        for (const char* file :
+             {"var/lib/flatpak/app/a.B/x86_64/stable/active", "snap/core/current",
+              "user/app/a/i386/b/active", "var/lib/snapd/state.json"})
+            write(file, "x");
         write("var/lib/snapd/snaps/core_15.snap", QByteArray(1025, 'x'));
-        write("snap/core/current", "x");
         // Each answers only once all have been asked.
         const QByteArray meet(R"(>"$HOME/asked-$2"
             until [ -e ~/asked---system ] && [ -e ~/asked---user ] && [ -e ~/asked---unicode=never ]
             do sleep 0.01; done
             )");
-        writeProgram("flatpak", meet + R"(case "$*" in
-            "list --system)" + columns +
-                                    R"(")
+        writeProgram("flatpak", meet + R"(columns=--columns=ref,origin,size,options,version,name
+            case "$*" in
+            "list --system $columns")
                 printf 'a.B/x86_64/stable\to\t1.5\302\240MB\tsystem,current\t1 b\tN\tn\n'
                 printf 'x/i386/1\to\t512 bytes\tsystem,runtime\t\t\na line feed\n' ;;
-            "list --user)" + columns +
-                                    R"(") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
+            "list --user $columns") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
             *) exit 9 ;; esac)");
         writeProgram("snap", meet + R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
             echo 'Name  Version  Rev  Tracking  Publisher    Notes'
@@ -274,13 +273,11 @@ END
 
     void damagedTextIsSurvived()
     {
-        const QByteArray rpm("gpg-pubkey\x1fgpg-pubkey-1-1\x1f"
-                             "1-1\x1f(none)\x1f"
-                             "0\x1f\x1e"
-                             "a\x1f"
-                             "a-1.i586\x1f"
-                             "1\x1fi586\x1f"
-                             "9223372036854775807\x1fv\x1e");
+        const QByteArray rpm =
+            QByteArray("gpg-pubkey;gpg-pubkey-1-1;1-1;(none);0;|a;a-1.i586;1;i586;"
+                       "9223372036854775807;v|")
+                .replace(';', '\x1f')
+                .replace('|', '\x1e');
         QCOMPARE(lines(parseRpmPackages(rpm)),
                  QStringList(u"a|1|v|9007199254740992|rpm -e a-1.i586|1"_s));
         for (const char* size : {"-1 MB", "nan MB", "1e300 TB", "inf kB", "1 XB", "", "2000 kB"})
@@ -329,12 +326,5 @@ private:
     QString m_error;
 };
 
-int main(int argc, char** argv)
-{
-    static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
-    QCoreApplication application(argc, argv);
-    TestInstalledSoftware test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestInstalledSoftware)
 #include "tst_installed_software.moc"

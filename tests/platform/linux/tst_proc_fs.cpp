@@ -36,29 +36,6 @@ QByteArray statWith(const QMap<int, QByteArray>& changes)
     return statLine("bash", fields);
 }
 
-const test::Cases<QByteArray> names{
-    {"plain", "bash"},
-    {"empty", ""},
-    {"blanks", "  Web Content "},
-    {"looks like more of a line", "x) R 1 2 3 4 5"},
-    {"line feeds", "a\n1 (b) S\n"},
-    {"not UTF-8", "\xff\xc3(\x80\xed\xa0\x80"},
-};
-
-const test::Cases<QByteArray> damagedLines{
-    {"no brackets", "4711 bash S 811 4711\n"},
-    {"brackets the wrong way", "4711 )bash( S 811\n"},
-    {"nothing after the name", "4711 (bash)"},
-    {"no blank after the name", statLine("bash").replace(") S", ")S")},
-    {"parent beyond 32 bits", statWith({{1, "4294967296"}})},
-    {"negative parent", statWith({{1, "-1"}})},
-    {"flags of letters", statWith({{6, "0x40"}})},
-    {"empty processor time", statWith({{11, ""}})},
-    {"time with a NUL", statWith({{12, QByteArray("2\0", 2)}})},
-    {"start beyond 64 bits", statWith({{19, "18446744073709551616"}})},
-    {"start of fractions", statWith({{19, "1.5"}})},
-};
-
 } // namespace
 
 class TestProcFs : public QObject
@@ -72,23 +49,24 @@ private Q_SLOTS:
         QVERIFY(QDir(m_directory->path()).mkdir(u"7"_s));
     }
 
-    void anyNameIsParsed_data() { test::addRows(names); }
     void anyNameIsParsed()
     {
-        const QByteArray& name = std::get<1>(test::currentRow(names));
-        const QByteArray line = statLine(name);
-        const auto stat = parseProcStat(line);
-        QVERIFY(stat);
-        QCOMPARE(stat->shortName.toByteArray(), name);
-        QCOMPARE(stat->parentPid, 811U);
-        QCOMPARE(stat->cpuTicks, 64U + 27U);
-        QCOMPARE(stat->startTicks, 98765U);
-        QVERIFY(!stat->isKernelThread);
+        for (const QByteArray name : {"bash", "", "  Web Content ", "x) R 1 2 3 4 5",
+                                      "a\n1 (b) S\n", "\xff\xc3(\x80\xed\xa0\x80"}) {
+            const QByteArray line = statLine(name);
+            const auto stat = parseProcStat(line);
+            QVERIFY2(stat, line.constData());
+            QCOMPARE(stat->shortName.toByteArray(), name);
+            QCOMPARE(stat->parentPid, 811U);
+            QCOMPARE(stat->cpuTicks, 64U + 27U);
+            QCOMPARE(stat->startTicks, 98765U);
+            QVERIFY(!stat->isKernelThread);
 
-        // A line cut anywhere up to the end of its last needed field is damaged.
-        test::feedTruncated(line.first(line.indexOf(" 98765 ") + 7), [](const QByteArray& cut) {
-            QVERIFY2(!parseProcStat(cut), cut.constData());
-        });
+            // A line cut anywhere up to the end of its last needed field is damaged.
+            test::feedTruncated(line.first(line.indexOf(" 98765 ") + 7), [](const QByteArray& cut) {
+                QVERIFY2(!parseProcStat(cut), cut.constData());
+            });
+        }
     }
 
     void figuresAreParsedToTheirLimits()
@@ -102,10 +80,16 @@ private Q_SLOTS:
         QCOMPARE(stat->startTicks, std::numeric_limits<quint64>::max());
     }
 
-    void damagedLineIsRefused_data() { test::addRows(damagedLines); }
     void damagedLineIsRefused()
     {
-        QVERIFY(!parseProcStat(std::get<1>(test::currentRow(damagedLines))));
+        const QByteArray noBlank = statLine("bash").replace(") S", ")S");
+        for (const QByteArray& line :
+             {QByteArray("4711 bash S 811 4711\n"), QByteArray("4711 )bash( S 811\n"),
+              QByteArray("4711 (bash)"), noBlank, statWith({{1, "4294967296"}}),
+              statWith({{1, "-1"}}), statWith({{6, "0x40"}}), statWith({{11, ""}}),
+              statWith({{12, QByteArray("2\0", 2)}}), statWith({{19, "18446744073709551616"}}),
+              statWith({{19, "1.5"}})})
+            QVERIFY2(!parseProcStat(line), line.constData());
     }
 
     void trailingNulsAreDropped()
