@@ -25,11 +25,9 @@ template <typename Record> struct Listing
     QList<Record> answer(QString* errorOut)
     {
         ++calls;
-        if (error.isEmpty())
-            return records;
-        if (errorOut != nullptr)
+        if (errorOut != nullptr && !error.isEmpty())
             *errorOut = error;
-        return {};
+        return error.isEmpty() ? records : QList<Record>();
     }
 };
 
@@ -57,7 +55,7 @@ struct Platform
     bool canVerify = true;
     QStringList verified; ///< Paths that reached verifyPlatform, in order.
     QStringList signersAsked;
-    QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
+    QList<SystemMetrics> metrics; ///< Answers of successive samples.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
@@ -75,9 +73,16 @@ struct Platform
 };
 
 /// The script of the process.
-Platform& platform();
+inline Platform& platform()
+{
+    static Platform script;
+    return script;
+}
 
 /// Starts a test with an empty script.
-void reset();
+inline void reset()
+{
+    platform() = {};
+}
 
 } // namespace korvane::fake
