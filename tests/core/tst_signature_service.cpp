@@ -46,6 +46,7 @@ class SignatureServiceTest : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
+        QVERIFY(m_directory.isValid()); // Nothing is to be written elsewhere.
         QCoreApplication::setOrganizationName(u"Korvane"_s);
         QSettings::setDefaultFormat(QSettings::IniFormat);
         QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, at(u"settings"_s));
