@@ -90,7 +90,8 @@ private Q_SLOTS:
             r/f=1 -> ; 0 0
             r/Thumbcache_1024.DB=1|r/thumbcache_1024.db.bak=2|r/xthumbcache_1024.db=4
                 |r/.d/iconcache_3.db=8|r/iconcache_32.db=16|r/iconcache_.db=32|r/iconcache_ .db=128
-                |r/thumbcache_d.db/f=64 -> .d/iconcache_3.db Thumbcache_1024.DB iconcache_ .db; 3 137
+                |r/thumbcache_d.db/f=64
+                -> .d/iconcache_3.db Thumbcache_1024.DB iconcache_ .db; 3 137
             out/thumbcache_.db=3|other/d/thumbcache_2.db=1|r/a\thumbcache_.db=0|r/thumbcache_\.db=4
                 |r/dir>../out|r/thumbcache_1.db>../out/thumbcache_.db
                 -> other/d/thumbcache_2.db thumbcache_1.db; 3 8)")) {

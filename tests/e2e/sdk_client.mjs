@@ -131,8 +131,8 @@ function readSockets() {
 
 test('lists the sockets that ss shows', async (t) => {
   const { port } = await startForkedServer(t, 2);
-  const hasIpv6 = Object.values(networkInterfaces()).flat().some(({ address }) => address === '::1');
-  if (hasIpv6) await startForkedServer(t, 1, '::');
+  const interfaces = Object.values(networkInterfaces()).flat();
+  if (interfaces.some(({ address }) => address === '::1')) await startForkedServer(t, 1, '::');
   const client = connect(port, '127.0.0.1');
   t.after(() => client.destroy());
   await once(client, 'connect');

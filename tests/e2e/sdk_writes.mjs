@@ -36,7 +36,8 @@ async function startSleeper(t) {
 async function startServer(t) {
   const { port, pids } = await startForkedServer(t, 3);
   const shows = [`占用端口 ${port} 的 4 个进程`];
-  return { args: { port }, shows, isUnchanged: () => pids.some(isRunning) && pids.every(isRunning) };
+  const isUnchanged = () => pids.some(isRunning) && pids.every(isRunning);
+  return { args: { port }, shows, isUnchanged };
 }
 
 /** A unit of the tests' own systemd, which private_systemd.sh has started. */

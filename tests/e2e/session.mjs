@@ -60,7 +60,7 @@ export async function startDesktop(t, directory, reply) {
 export class Session {
   called = new Set();
 
-  /** Lasts until `scope`, a test or the whole run, is over; `ownEnv` is added to its environment. */
+  /** Lasts until `scope`, a test or the run, is over; `ownEnv` is added to the environment. */
   static async start(scope, command, args = [], ownEnv = {}) {
     const session = new Session();
     scope.after(() => session.close());
