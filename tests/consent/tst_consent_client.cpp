@@ -43,10 +43,10 @@ class ConsentClientTest : public QObject
         return text(consent::exchange({{}, {}, {}, {}, reason}, m_limits));
     }
 
-    QString askForReal(const consent::Request& request = {})
+    QString askForReal()
     {
         m_timer.start();
-        return text(consent::requestConsent(request));
+        return text(consent::requestConsent({}));
     }
 
 private Q_SLOTS:
@@ -95,20 +95,6 @@ private Q_SLOTS:
         QTEST(ask(), "expected");
         QVERIFY(m_timer.elapsed() < 4000); // Never by waiting the limit out.
         QCOMPARE(m_desktop->takeReceived().size(), 1);
-    }
-
-    void eachRequestHasAConnectionOfItsOwn()
-    {
-        m_desktop->setAnswer({{granted}});
-        QCOMPARE(askForReal({u"a"_s, u"标题"_s, u"s \"q\" \\"_s, u"一\n二\r"_s, u"r\u2028"_s}),
-                 u"1 "_s);
-        m_desktop->setAnswer({{"{}\n"}});
-        QCOMPARE(askForReal(), u"0 "_s);
-        const QByteArray first = "{`action`:`a`,`detail`:`一\\n二\\r`,`reason`:`r\u2028`,"
-                                 "`summary`:`s \\`q\\` \\\\`,`title`:`标题`}\n";
-        const QByteArray second = "{`action`:``,`detail`:``,`reason`:``,`summary`:``,`title`:``}\n";
-        const QByteArray received = m_desktop->takeReceived().join('|').replace('"', '`');
-        QCOMPARE(received, first + '|' + second);
     }
 
     void limitIsOfEachPiece()

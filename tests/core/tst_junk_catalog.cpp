@@ -24,28 +24,22 @@ class JunkCatalogTest : public QObject
         qputenv(variable, (m_machine.path() + QString::fromUtf8(directory)).toUtf8());
     }
 
-    /// A row an array, roots from the machine's own root on.
-    QByteArray json(const QList<JunkCategory>& catalog) const
+    /// A row an array, roots from the machine's own root on; without those in `directory`, and the
+    /// categories that then have none.
+    QByteArray json(const QList<JunkCategory>& catalog, const QString& directory = u"//"_s) const
     {
         QJsonArray rows;
-        for (JunkCategory category : catalog) {
+        for (const JunkCategory& c : catalog) {
             const auto array = &QJsonArray::fromStringList;
-            category.roots.replaceInStrings(m_machine.path(), QString());
-            rows.append(QJsonArray{category.id, category.name, category.description,
-                                   int(category.group), int(category.safety), array(category.roots),
-                                   array(category.patterns), array(category.guardProcesses)});
+            QStringList roots = c.roots;
+            roots.replaceInStrings(m_machine.path(), QString());
+            roots.removeIf([&](const QString& root) { return root.startsWith(directory); });
+            if (!roots.isEmpty()) {
+                rows.append(QJsonArray{c.id, c.name, c.description, int(c.group), int(c.safety),
+                                       array(roots), array(c.patterns), array(c.guardProcesses)});
+            }
         }
         return QJsonDocument(rows).toJson(QJsonDocument::Compact);
-    }
-
-    /// Without the roots in `directory`, and without the categories that then have none.
-    QByteArray without(const char* directory, QList<JunkCategory> catalog) const
-    {
-        const QString prefix = m_machine.path() + QString::fromUtf8(directory);
-        for (JunkCategory& category : catalog)
-            category.roots.removeIf([&](const QString& root) { return root.startsWith(prefix); });
-        catalog.removeIf([](const JunkCategory& category) { return category.roots.isEmpty(); });
-        return json(catalog);
     }
 
 private Q_SLOTS:
@@ -88,10 +82,10 @@ private Q_SLOTS:
 
         for (const auto& [variable, value, directory] : places) {
             qunsetenv(variable);
-            QCOMPARE(json(knownJunkCategories()), without(directory, all));
+            QCOMPARE(json(knownJunkCategories()), json(all, QString::fromUtf8(directory)));
             set(variable, "/absent");
             set("windir", "/windows");
-            QCOMPARE(json(knownJunkCategories()), without(directory, all));
+            QCOMPARE(json(knownJunkCategories()), json(all, QString::fromUtf8(directory)));
             set(variable, value);
             qunsetenv("SystemRoot"); // "windir" stands in.
             QCOMPARE(json(knownJunkCategories()), json(all));

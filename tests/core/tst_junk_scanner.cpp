@@ -6,7 +6,6 @@
 #include "support/json.h"
 
 #include <QRandomGenerator>
-#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -33,34 +32,29 @@ class JunkScannerTest : public QObject
         return category;
     }
 
-    /// Runs process() on a thread; what the scanner told, in order, each told to this thread, which
-    /// cancels the scan when it hears of category `cancelAt`, while the scanner waits.
+    /// Runs process() on a thread; what the scanner told, in order. It is cancelled while it tells
+    /// of category `cancelAt`.
     static QStringList processed(JunkScanner& scanner, int cancelAt = -1)
     {
-        QObject here;
-        QSemaphore heard;
+        const QObject here;
         QStringList told;
-        connect(&scanner, &JunkScanner::progress, &here, [&](const QString& name, int i, int all) {
+        const auto hear = [&](auto signal, auto slot) {
+            connect(&scanner, signal, &here, slot, Qt::DirectConnection);
+        };
+        hear(&JunkScanner::progress, [&](const QString& name, int i, int all) {
             told.append(u"%1 %2/%3"_s.arg(name, QString::number(i), QString::number(all)));
             if (i == cancelAt)
                 scanner.cancel();
-            heard.release();
         });
-        const auto wait = [&heard] { heard.acquire(); };
-        connect(&scanner, &JunkScanner::progress, &here, wait, Qt::DirectConnection);
-        connect(&scanner, &JunkScanner::cancelled, &here, [&] { told.append(u"cancelled"_s); });
-        connect(&scanner, &JunkScanner::finished, &here,
-                [&](const QList<JunkItem>& items, qint64 total) {
-                    for (const JunkItem& item : items)
-                        told.append(u"%1 %2"_s.arg(item.id, item.sizeDisplay()));
-                    told.append(QString::number(total));
-                });
-        const std::unique_ptr<QThread> thread(QThread::create(
-            [&scanner] { QMetaObject::invokeMethod(&scanner, "process", Qt::DirectConnection); }));
-        thread->start();
-        while (!thread->wait(1))
-            QCoreApplication::processEvents();
-        QCoreApplication::processEvents();
+        hear(&JunkScanner::cancelled, [&] { told.append(u"cancelled"_s); });
+        hear(&JunkScanner::finished, [&](const QList<JunkItem>& items, qint64 total) {
+            for (const JunkItem& item : items)
+                told.append(u"%1 %2"_s.arg(item.id, item.sizeDisplay()));
+            told.append(QString::number(total));
+        });
+        std::thread([&scanner] {
+            QMetaObject::invokeMethod(&scanner, "process", Qt::DirectConnection);
+        }).join();
         return told;
     }
 

@@ -175,16 +175,6 @@ private Q_SLOTS:
         }
     }
 
-    void hundredThousandProcesses()
-    {
-        makeChain(100000);
-        for (ProcessSnapshot& process : m_processes)
-            process.parentPid = 1;
-        const QJsonArray roots = tree().json().value("roots"_L1).toArray();
-        QCOMPARE(roots.at(0)["children"_L1].toArray().size(), 99999);
-        QCOMPARE(list().json().value("total"_L1), QJsonValue(100000));
-    }
-
     void commandLines()
     {
         // The argument => the PID that the platform was asked for: the answer. 4294967303 is 7 in

