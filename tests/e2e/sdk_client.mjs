@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { createSocket } from 'node:dgram';
-import { mkdtempSync, readFileSync, realpathSync, rmSync, statSync } from 'node:fs';
+import { mkdtempSync, readFileSync, readlinkSync, realpathSync, rmSync, statSync } from 'node:fs';
 import { connect } from 'node:net';
 import { cpus, networkInterfaces, release, tmpdir } from 'node:os';
 import { basename, join } from 'node:path';
@@ -29,14 +29,21 @@ async function startBurner(t) {
   return { pid: child.pid, command_line: ['sh', ...args].join(' ') };
 }
 
-const exeOf = (pid) => linesOf('readlink', `/proc/${pid}/exe`)?.[0].replace(/ \(deleted\)$/, '');
+/** Empty for a kernel thread, a zombie, and what is not ours to read, or gone. */
+function exeOf(pid) {
+  try { // By no program of its own: readings that take long enclose nothing.
+    return readlinkSync(`/proc/${pid}/exe`).replace(/ \(deleted\)$/, '');
+  } catch {
+    return '';
+  }
+}
 
 /** What ps and the exe links say of every process, by PID, under the keys of list_processes. */
 function readProcesses() {
   const parse = (line) => line.match(/^ *(\d+) +(\d+) +(\d+) (.*?)(?: <defunct>)?$/).slice(1);
   return new Map(linesOf('ps', '-eo', 'pid=,ppid=,rss=,comm=').map(parse).map((row) => {
     const [pid, parent_pid, kib] = row.map(Number);
-    const exe_path = exeOf(pid) ?? ''; // A kernel thread, a zombie, not ours to read, or gone.
+    const exe_path = exeOf(pid);
     const name = basename(exe_path) || row[3];
     return [pid, { parent_pid, exe_path, name, memory_bytes: kib * 1024 }];
   }));
