@@ -349,15 +349,21 @@ private Q_SLOTS:
         QFETCH(QString, expected);
         const QTemporaryDir directory;
         const QByteArray root = directory.path().toUtf8();
-        linux_platform::LoadSampler sampler(root + "/proc", root + "/sys");
-        writeFiles(before + first, directory.path());
-        const QString primed = shown(sampler.sample(1h));
+        const linux_platform::LoadSampler sampler(root + "/proc", root + "/sys");
+        LoadCounters before;
+        const auto sampled = [&](std::chrono::nanoseconds now) {
+            SystemMetrics sample;
+            sampler.sample(before, now, sample);
+            return shown(sample);
+        };
+        writeFiles(::before + first, directory.path());
+        const QString primed = sampled(1h);
         QVERIFY2(primed.startsWith(u"cpu 0|"_s), qPrintable(primed));
         QVERIFY2(primed.endsWith(u"|disk 0 0 0|net 0 0"_s), qPrintable(primed));
         writeFiles(after + second, directory.path());
         // No time has passed, and nothing is forgotten.
-        QCOMPARE(shown(sampler.sample(1h)), primed);
-        const QString measured = shown(sampler.sample(1h + 2s));
+        QCOMPARE(sampled(1h), primed);
+        const QString measured = sampled(1h + 2s);
         QVERIFY2((u'|' + measured + u'|').contains(u'|' + expected + u'|'), qPrintable(measured));
     }
 
