@@ -1,6 +1,7 @@
 // Tests of the process tools as a client sees them, on scripted process lists.
 #include "core/process_tree.h"
 #include "core/processes.h"
+#include "core/signatures.h"
 #include "fake/fake_platform.h"
 #include "support/mcp_client.h"
 

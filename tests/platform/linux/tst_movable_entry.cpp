@@ -380,7 +380,8 @@ private Q_SLOTS:
         for (int spare = 0; spare <= 3; ++spare) {
             const auto look = [next, spare] {
                 const test::FewDescriptors few(next + spare);
-                return FilesInUse::look() ? 0 : errno;
+                const auto found = FilesInUse::look();
+                return found ? 0 : found.error();
             };
             QCOMPARE(look(), spare == 3 ? 0 : EMFILE);
         }
