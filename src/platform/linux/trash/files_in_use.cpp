@@ -213,12 +213,12 @@ private:
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
             for (std::size_t i = 0; i < pathVariables.size(); ++i) {
-                if (!variable.startsWith(pathVariables[i]))
+                if (!variable.startsWith(pathVariables.at(i)))
                     continue;
-                const QByteArray value = variable.sliced(pathVariables[i].size()).toByteArray();
+                const QByteArray value = variable.sliced(pathVariables.at(i).size()).toByteArray();
                 addPath(value.sliced(std::max(value.indexOf('/'), qsizetype{0})));
                 // Of several values, programs take the first.
-                const bool isFirst = !std::exchange(isSet[i], true);
+                const bool isFirst = !std::exchange(isSet.at(i), true);
                 if (isFirst && mounts != nullptr && !value.isEmpty() && isOwn(pid))
                     addNamed(pid, *mounts, value);
             }
@@ -229,8 +229,12 @@ private:
     /// goes. The owner of its files in /proc does not tell.
     bool isOwn(quint32 pid)
     {
-        const QByteArrayView status = m_proc.readFile(pid, "status").value_or(QByteArrayView());
-        QByteArrayView line = status.sliced(std::max(status.indexOf("\nUid:"), qsizetype{0}));
+        const std::optional<QByteArrayView> status = m_proc.readFile(pid, "status");
+        if (!status) {
+            noteFailure();
+            return false;
+        }
+        QByteArrayView line = status->sliced(std::max(status->indexOf("\nUid:"), qsizetype{0}));
         takeUntil(line, '\t');
         line = takeUntil(line, '\n');
         for (int i = 0; i < 4; ++i) {

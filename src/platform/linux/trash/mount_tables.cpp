@@ -194,14 +194,16 @@ std::optional<MountTables::Place> MountTables::placeOf(const Mount* mount, const
 
 void MountTables::add(const MountTable& table)
 {
+    const auto append = [](const std::optional<Place>& place, QList<Place>& places) {
+        if (place)
+            places.append(*place);
+    };
     for (const Mount& mount : table.mounts()) {
-        if (mount.place != "/") {
-            if (const auto place = placeOf(table.byId(mount.parent), mount.place))
-                m_points.append(*place);
-        }
+        if (mount.place != "/")
+            append(placeOf(table.byId(mount.parent), mount.place), m_points);
         const bool isPart = mount.root.startsWith('/') && mount.root != "/";
         if (isPart && !mount.root.endsWith("//deleted"))
-            m_sources.append(*placeOf(&mount, mount.place));
+            append(placeOf(&mount, mount.place), m_sources);
     }
 }
 
