@@ -231,7 +231,7 @@ private:
     {
         const std::optional<QByteArrayView> status = m_proc.readFile(pid, "status");
         if (!status) {
-            noteFailure();
+            note(errno);
             return false;
         }
         QByteArrayView line = status->sliced(std::max(status->indexOf("\nUid:"), qsizetype{0}));
