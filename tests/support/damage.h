@@ -1,5 +1,5 @@
-// Valid texts damaged in every place, for parsers that nothing may harm. Each text has memory of its
-// own size, so that a sanitizer sees a read beyond it.
+// Valid texts damaged in every place, for parsers that nothing may harm. Each text has memory of
+// its own size, so that a sanitizer sees a read beyond it.
 #pragma once
 
 #include <QByteArray>

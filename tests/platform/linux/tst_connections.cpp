@@ -140,8 +140,8 @@ const test::Cases<int, const char*, QString> addresses{
 };
 
 const QString unreadable = u"无法读取 /proc: %1"_s;
-/// The call that is refused below what is opened after so many files, or 0 where so many more may be
-/// opened; and what is said then.
+/// The call that is refused below what is opened after so many files, or 0 where so many more may
+/// be opened; and what is said then.
 const test::Cases<long, int, QString> failures{
     {"of a process, its descriptors", SYS_getdents64, 1, unreadable},
     {"of a process, a link", SYS_readlinkat, 1, unreadable},

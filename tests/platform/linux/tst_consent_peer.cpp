@@ -25,8 +25,8 @@ UniqueFd userNamespace(const QByteArray& mapping)
 }
 
 const QByteArray here;
-/// Who listens, the user of sudo, whether he may answer, and the mapping of the namespace that asks,
-/// if it is another one.
+/// Who listens, the user of sudo, whether he may answer, and the mapping of the namespace that
+/// asks, if it is another one.
 const test::Cases<uid_t, QByteArray, bool, QByteArray> users{
     {"the same user", self, {}, true, here},
     {"a stranger", stranger, {}, false, here},

@@ -80,7 +80,7 @@ void fill(QRandomGenerator& random, int depth)
         } else if (kind > 5) {
             const QString path = QDir::current().filePath(QFile::decodeName(name));
             test::writeFile(path, {});
-            (void)QFile::resize(path, random.bounded(2) * random.bounded(1 << 20));
+            (void)QFile::resize(path, random.bounded(2) == 0 ? 0 : random.bounded(1 << 20));
         }
     }
 }

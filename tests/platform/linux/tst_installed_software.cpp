@@ -1,6 +1,6 @@
 // Tests the listing of installed software on databases of rpm's and the test's own making, beside
-// dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the machine's
-// own packages are listed is tested through the official client.
+// dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the
+// machine's own packages are listed is tested through the official client.
 #include "platform/linux/software/package_databases.h"
 #include "platform/linux/software/software_sources.h"
 

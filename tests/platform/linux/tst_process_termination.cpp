@@ -3,7 +3,6 @@
 #include "core/file_unlock.h"
 #include "core/network.h"
 #include "core/processes.h"
-#include "platform/linux/sys/proc_fs.h"
 #include "support/fake_desktop.h"
 #include "support/mcp_client.h"
 #include "support/system.h"
@@ -14,7 +13,6 @@
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
-using linux_platform::UniqueFd;
 using test::Child;
 
 namespace {
@@ -52,8 +50,7 @@ QString afterARecycling(bool isHolder)
     auto victim = std::make_unique<Child>();
     const pid_t pid = victim->pid();
     std::unique_ptr<Child> other;
-    char target[64] = {};
-    (void)::readlink(QFile::encodeName(handle).constData(), target, sizeof target - 1);
+    const QByteArray target = QFile::symLinkTarget(handle).section(u'/', -1).toUtf8();
     LinkRead link{target, [&] {
                       victim.reset();
                       ::usleep(50'000); // Start times of two differ by a clock tick at least.
