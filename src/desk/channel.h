@@ -35,8 +35,8 @@ public:
     /// language: another desk or program has the channel, or the socket is somebody else's.
     OpResult open();
 
-    /// Ends all connections, without an answer.
-    void close();
+    /// Ends all connections with that answer, and listens no more.
+    void close(const consent::Result& farewell);
 
     /// Whether it listens, and the socket in the file system is still its own.
     bool isOpen() const;
@@ -59,7 +59,7 @@ public:
 
     static constexpr qsizetype maxRequestBytes = qsizetype{256} * 1024;
     /// Connections whose request has not arrived yet; for a further one, the oldest is given up.
-    static constexpr std::size_t maxSending = 64;
+    static constexpr std::ptrdiff_t maxSending = 64;
     static constexpr std::chrono::seconds sendingLimit{5};
 
 Q_SIGNALS:
@@ -71,12 +71,22 @@ Q_SIGNALS:
     void left(quint64 id);
 
 private:
-    struct Connection;
+    struct Connection
+    {
+        QLocalSocket* socket; ///< The server's child.
+        platform::Peer peer;
+        std::chrono::milliseconds since;
+        QByteArray received;
+        bool isTooLong = false;
+        bool hasAsked = false; ///< Its sending has ended: it waits for the answer.
+    };
     /// Why nobody may listen here now; empty when nothing is in the way.
     QString obstacle();
     void accept();
     void read(quint64 id);
-    void end(quint64 id);
+    void finish(quint64 id, Connection& connection, QString fault);
+    void giveUpOldest();
+    void lose(quint64 id);
 
     SteadyClock m_clock;
     QLocalServer m_server;

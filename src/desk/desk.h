@@ -25,6 +25,7 @@ struct Question
     consent::Request request; ///< As it came: not fit to be shown.
     Asker asker;
     QDateTime arrivedAt;
+    std::chrono::milliseconds arrivedAtSteady{0}; ///< The same moment by Clock::steady.
 };
 
 /// The time, which tests set.
@@ -115,12 +116,12 @@ Q_SIGNALS:
 
 private:
     void take(quint64 id, const platform::Peer& peer, const consent::Request& request);
-    void refuseMalformed(quint64 id, const platform::Peer& peer, const QString& fault);
+    void refuseGarbled(quint64 id, const platform::Peer& peer, const QString& fault);
     void end(quint64 id, Outcome outcome);
-    void decide(const Question& question, Outcome outcome, const QString& problem = {});
     void endAll(Outcome outcome);
-    Question questionOf(quint64 id, const platform::Peer& peer,
-                        const consent::Request& request) const;
+    /// Records, then answers. The outcome that it came to.
+    Outcome decide(const Question& question, Outcome outcome, QString problem = {});
+    QList<Question>::const_iterator find(quint64 id) const;
 
     Clock m_clock;
     Channel m_channel;
@@ -129,6 +130,8 @@ private:
     QList<Question> m_questions;
     bool m_isPaused = false;
     QDateTime m_pausedUntil;
+    std::chrono::milliseconds m_checkedAt{0}; ///< When the channel was last seen to.
+    QString m_channelProblem;
     QString m_historyProblem;
 };
 

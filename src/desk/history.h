@@ -35,6 +35,9 @@ struct HistoryEntry
     Delivery delivery = Delivery::Unknown;
 };
 
+/// Whether the answer went out, in the person's language; empty where there was none to send.
+QString deliveryText(const HistoryEntry& entry);
+
 /// The history in `directory`, which it makes where needed: history.jsonl, and what was rotated away,
 /// history.1.jsonl (the latest) to history.3.jsonl. Main thread only.
 class History
@@ -61,11 +64,13 @@ public:
 
 private:
     QString pathOf(int age) const;
+    /// Keeps other desks from writing here.
+    OpResult takeOver();
     OpResult append(const QByteArray& line, bool waitsForDisk);
     void rotate();
-    void load();
     void readFile(const QString& path);
     void remember(const HistoryEntry& entry);
+    void note(quint64 id, bool isDelivered);
 
     QString m_directory;
     std::unique_ptr<QLockFile> m_lock;

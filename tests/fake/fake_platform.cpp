@@ -2,6 +2,7 @@
 #include "fake/fake_platform.h"
 
 #include "platform/desktop.h"
+#include "platform/file_sync.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
 #include "platform/peer.h"
@@ -54,6 +55,16 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
     }
     cpuTable.endEnumeration();
     return processes;
+}
+
+QList<ProcessSnapshot> processAndAncestors(quint32 /*pid*/)
+{
+    return fake::platform().ancestors;
+}
+
+bool syncFile(int /*handle*/)
+{
+    return fake::platform().canSync();
 }
 
 QString processCommandLine(unsigned int pid)
@@ -191,7 +202,8 @@ void sampleMemoryOnly(SystemMetrics& out)
 std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
 {
     const PeerUser user = fake::platform().peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
-    return Peer{.user = user, .userId = {}, .executable = {}};
+    const QString executable = fake::platform().ancestors.value(0).exePath;
+    return Peer{.user = user, .userId = {}, .pid = 4711, .executable = executable};
 }
 
 OpResult moveToRecycleBin(const QList<QString>& paths)

@@ -48,6 +48,7 @@ struct Platform
 
     QHash<QString, QStringList> dependents;
     QHash<QString, QStringList> dependencies;
+    QList<ProcessSnapshot> ancestors; ///< Of every process; the first is what peers run.
     QHash<quint32, QString> commandLines;
     QList<quint32> commandLinesAsked;
     QHash<QString, SignatureStatus> signatures; ///< Unknown where absent.
@@ -58,9 +59,10 @@ struct Platform
     QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
-    QStringList probed; ///< What the latest probe was of.
+    QStringList probed;                    ///< What the latest probe was of.
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
+    std::function<bool()> canSync = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,
     QHash<QString, OpResult> writeResults; ///< but of those with a line here.
