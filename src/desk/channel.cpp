@@ -26,9 +26,10 @@ bool isTrusted(const platform::Peer& peer)
     return peer.user == platform::PeerUser::Own || peer.user == platform::PeerUser::System;
 }
 
-bool isThere(const QFileInfo& file)
+/// The name of whom a file belongs to; the number of a user without one.
+QString ownerOf(const QFileInfo& file)
 {
-    return file.exists() || file.isSymLink();
+    return file.owner().isEmpty() ? QString::number(file.ownerId()) : file.owner();
 }
 
 /// What the program that listens on the channel is called; none where nobody does.
@@ -80,7 +81,7 @@ OpResult Channel::open()
     if (isOpen())
         return {true, {}};
     // A listener that closes removes whatever has its name by now.
-    if (m_server.isListening() && !isThere(QFileInfo(path())))
+    if (m_server.isListening() && !QFileInfo::exists(path()))
         m_server.close();
     if (const QString inTheWay = obstacle(); !inTheWay.isEmpty())
         return {false, inTheWay};
@@ -99,7 +100,7 @@ QString Channel::obstacle()
         m_lock = takeLock(lockPath, m_otherDesk);
     if (m_otherDesk != 0)
         return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个授权台占用 (PID %2, 用户 %3)。"))
-            .arg(path(), QString::number(m_otherDesk), QFileInfo(lockPath).owner());
+            .arg(path(), QString::number(m_otherDesk), ownerOf(QFileInfo(lockPath)));
     if (!m_lock)
         return translated(
                    QT_TRANSLATE_NOOP("desk",
@@ -107,13 +108,13 @@ QString Channel::obstacle()
                                      "可写的 TMPDIR。"))
             .arg(lockPath);
     const QFileInfo socket(path());
-    if (isThere(socket) && socket.ownerId() != QFileInfo(lockPath).ownerId())
-        return translated(QT_TRANSLATE_NOOP(
-                              "desk", "%1 属于用户 %2。请让其删除, 或为授权台和客户端设置同一个属于"
-                                      "自己的 TMPDIR。"))
-            .arg(path(), socket.owner());
     if (socket.isFile() || socket.isDir() || socket.isSymLink())
         return translated(QT_TRANSLATE_NOOP("desk", "%1 不是套接字, 请先移走它。")).arg(path());
+    if (socket.exists() && socket.ownerId() != QFileInfo(lockPath).ownerId())
+        return translated(QT_TRANSLATE_NOOP(
+                              "desk", "%1 属于用户 %2。请让其删除, 或为授权台和客户端设置同一个"
+                                      "属于自己的 TMPDIR。"))
+            .arg(path(), ownerOf(socket));
     if (const auto other = listener())
         return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个程序占用: %2。"))
             .arg(path(), *other);

@@ -107,8 +107,11 @@ OpResult History::record(const HistoryEntry& entry)
     const bool isDecision = entry.outcome != Outcome::Malformed;
     const OpResult written = append(compact(encode(entry)), isDecision);
     HistoryEntry remembered = entry;
-    if (!written.ok && entry.outcome == Outcome::Granted)
-        remembered.outcome = Outcome::NotRecorded;
+    if (!written.ok) {
+        static_cast<void>(entries()); // No file tells of this one.
+        if (entry.outcome == Outcome::Granted)
+            remembered.outcome = Outcome::NotRecorded;
+    }
     if (m_isLoaded)
         remember(remembered);
     return written;
