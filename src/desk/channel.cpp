@@ -55,6 +55,8 @@ Channel::Channel(SteadyClock clock)
     : m_clock(std::move(clock)),
       m_lastId(static_cast<quint64>(QDateTime::currentMSecsSinceEpoch()) * 1000)
 {
+    constexpr int backlog = 128; // Of many that connect at once, none is to be turned away.
+    m_server.setListenBacklogSize(backlog);
     m_server.setSocketOptions(QLocalServer::UserAccessOption);
     connect(&m_server, &QLocalServer::newConnection, this, &Channel::accept);
 }

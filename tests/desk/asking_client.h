@@ -3,9 +3,9 @@
 
 #include "consent/protocol.h"
 
+#include <QEventLoop>
 #include <QLocalSocket>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QTimer>
 
 namespace korvane::test {
 
@@ -33,8 +33,12 @@ public:
     /// The answer's line; empty where the connection ends without one, or there is none in time.
     QByteArray answerLine()
     {
-        static_cast<void>(
-            QTest::qWaitFor([this] { return m_socket.canReadLine() || !isConnected(); }));
+        QEventLoop loop;
+        QTimer::singleShot(5000, &loop, &QEventLoop::quit);
+        QObject::connect(&m_socket, &QLocalSocket::readyRead, &loop, &QEventLoop::quit);
+        QObject::connect(&m_socket, &QLocalSocket::disconnected, &loop, &QEventLoop::quit);
+        if (!m_socket.canReadLine() && isConnected())
+            loop.exec();
         return m_socket.readLine();
     }
     consent::Result answer() { return consent::decodeResult(answerLine().trimmed()); }
