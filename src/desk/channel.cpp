@@ -82,11 +82,9 @@ OpResult Channel::open()
 {
     if (isOpen())
         return {true, {}};
-    // A listener that closes removes whatever has its name by now.
-    if (m_server.isListening() && !QFileInfo::exists(path()))
-        m_server.close();
     if (const QString inTheWay = obstacle(); !inTheWay.isEmpty())
         return {false, inTheWay};
+    m_server.close(); // Where it lost its socket. Whatever has its name by now goes with it.
     if (!m_server.listen(consent::channelName))
         return {false, translated(QT_TRANSLATE_NOOP("desk", "无法监听 %1: %2"))
                            .arg(path(), m_server.errorString())};

@@ -67,7 +67,7 @@ Q_SIGNALS:
                const korvane::consent::Request& request);
     /// What came is no request: `fault` says why, in Chinese. It awaits an answer all the same.
     void garbled(quint64 id, const korvane::platform::Peer& peer, const QString& fault);
-    /// The asker has closed the connection before an answer.
+    /// The asker has closed the connection, or its own direction of it, before an answer.
     void left(quint64 id);
 
 private:

@@ -157,7 +157,7 @@ void Desk::endAll(Outcome outcome)
         end(question.id, outcome);
 }
 
-Outcome Desk::decide(const Question& question, Outcome outcome, QString problem)
+Outcome Desk::decide(const Question& question, Outcome outcome, const QString& problem)
 {
     HistoryEntry entry{.id = question.id,
                        .arrivedAt = question.arrivedAt,
@@ -166,10 +166,8 @@ Outcome Desk::decide(const Question& question, Outcome outcome, QString problem)
                        .request = question.request,
                        .outcome = outcome};
     const OpResult recorded = m_history.record(entry);
-    if (!recorded.ok && outcome == Outcome::Granted) {
+    if (!recorded.ok && outcome == Outcome::Granted)
         outcome = Outcome::NotRecorded;
-        problem = recorded.message;
-    }
     if (outcome != Outcome::AskerGone) {
         const consent::Result result{outcome == Outcome::Granted, replyMessage(outcome, problem)};
         m_history.recordDelivery(question.id, m_channel.answer(question.id, result));

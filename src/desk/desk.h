@@ -120,7 +120,7 @@ private:
     void end(quint64 id, Outcome outcome);
     void endAll(Outcome outcome);
     /// Records, then answers. The outcome that it came to.
-    Outcome decide(const Question& question, Outcome outcome, QString problem = {});
+    Outcome decide(const Question& question, Outcome outcome, const QString& problem = {});
     QList<Question>::const_iterator find(quint64 id) const;
 
     Clock m_clock;

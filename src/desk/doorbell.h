@@ -15,7 +15,8 @@ class Doorbell : public QObject
 public:
     Doorbell();
 
-    /// Listens. Called once the consent channel is had: then no other desk's socket can be replaced.
+    /// Listens. Called after Desk::start(), where otherDesk() tells of none: else it would take the
+    /// other's place.
     bool listen();
 
     /// Has the desk that listens raise itself. False where none of this user's does.

@@ -20,6 +20,11 @@ namespace {
 
 constexpr QFile::Permissions ownerOnly = QFile::ReadOwner | QFile::WriteOwner;
 
+QString translated(const char* text)
+{
+    return QCoreApplication::translate("desk", text);
+}
+
 QByteArray compact(const QJsonObject& object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
@@ -79,13 +84,13 @@ QString deliveryText(const HistoryEntry& entry)
         return {};
     switch (entry.delivery) {
     case HistoryEntry::Delivery::Delivered:
-        return QCoreApplication::translate("desk", "答复已送达");
+        return translated(QT_TRANSLATE_NOOP("desk", "答复已送达"));
     case HistoryEntry::Delivery::AskerGone:
-        return QCoreApplication::translate("desk", "答复时请求方已离开");
+        return translated(QT_TRANSLATE_NOOP("desk", "答复时请求方已离开"));
     case HistoryEntry::Delivery::Unknown:
         break;
     }
-    return QCoreApplication::translate("desk", "答复是否送达不明");
+    return translated(QT_TRANSLATE_NOOP("desk", "答复是否送达不明"));
 }
 
 History::History(QString directory) : m_directory(std::move(directory)) {}
@@ -139,14 +144,15 @@ OpResult History::takeOver()
         return {true, {}};
     if (!QDir().exists(m_directory) &&
         !QDir().mkpath(m_directory)) // The files in it have a mode of their own.
-        return {false, QStringLiteral("无法创建目录 %1").arg(m_directory)};
+        return {false, translated(QT_TRANSLATE_NOOP("desk", "无法创建目录 %1")).arg(m_directory)};
     qint64 holder = 0;
     m_lock = takeLock(m_directory + QStringLiteral("/history.lock"), holder);
     if (m_lock)
         return {true, {}};
-    return {false, holder != 0 ? QStringLiteral("另一个授权台 (PID %1) 正在使用 %2")
-                                     .arg(QString::number(holder), m_directory)
-                               : QStringLiteral("目录 %1 不可写").arg(m_directory)};
+    return {false, holder != 0
+                       ? translated(QT_TRANSLATE_NOOP("desk", "另一个授权台 (PID %1) 正在使用 %2"))
+                             .arg(QString::number(holder), m_directory)
+                       : translated(QT_TRANSLATE_NOOP("desk", "目录 %1 不可写")).arg(m_directory)};
 }
 
 OpResult History::append(const QByteArray& line, bool waitsForDisk)
@@ -163,7 +169,8 @@ OpResult History::append(const QByteArray& line, bool waitsForDisk)
     const bool isWritten = file.write(written) == written.size();
     if (isWritten && (!waitsForDisk || platform::syncFile(file.handle())))
         return {true, {}};
-    const QString error = isWritten ? QStringLiteral("磁盘写入失败") : file.errorString();
+    const QString error =
+        isWritten ? translated(QT_TRANSLATE_NOOP("desk", "磁盘写入失败")) : file.errorString();
     file.resize(before); // It is not to tell of a grant that never went out.
     return {false, error};
 }
@@ -178,7 +185,7 @@ void History::rotate()
 void History::readFile(const QString& path)
 {
     QFile file(path);
-    if (!file.open(QFile::ReadOnly))
+    if (!file.open(QFile::ReadOnly) || file.isSequential())
         return;
     file.seek(std::max<qint64>(0, file.size() - 2 * maxFileBytes)); // Others may have grown it.
     QList<QByteArray> lines = file.read(2 * maxFileBytes).split('\n');

@@ -44,7 +44,7 @@ constexpr std::array words{
           "等待用户答复的请求已满 64 个, 此请求被自动拒绝, 未向用户显示。请稍后再试。",
           QT_TRANSLATE_NOOP("desk", "已拒绝"), QT_TRANSLATE_NOOP("desk", "请求过多")},
     Words{Outcome::NotRecorded, "notRecorded",
-          "授权记录无法写入 (%1), 没有记录就不能授权, 已自动拒绝。请用户检查磁盘空间和权限。",
+          "授权记录无法写入, 没有记录就不能授权, 已自动拒绝。请用户按授权台的提示处理后再试。",
           QT_TRANSLATE_NOOP("desk", "已拒绝"), QT_TRANSLATE_NOOP("desk", "无法记录")},
     Words{Outcome::AskerGone, "askerGone", "",
           QT_TRANSLATE_NOOP("desk", "未答复"), QT_TRANSLATE_NOOP("desk", "请求方已离开")},

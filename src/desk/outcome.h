@@ -26,7 +26,7 @@ QString outcomeName(Outcome outcome);
 std::optional<Outcome> outcomeOfName(const QString& name);
 
 /// What the AI is told: each outcome in other words, so that it takes none for another. Always
-/// Chinese. `problem` is what was wrong, for Malformed and NotRecorded.
+/// Chinese. `problem` is what was wrong, for Malformed.
 QString replyMessage(Outcome outcome, const QString& problem = {});
 
 /// The answer in a word or two, in the person's language: "allowed", "refused".

@@ -101,13 +101,12 @@ TerminalDesk::TerminalDesk(Desk& desk, platform::Terminal& terminal)
         if (id != m_shown)
             return;
         m_shown = 0;
+        m_timer.stop();
         print(QStringLiteral("\n→ %1 (%2)").arg(answerText(outcome), deciderText(outcome)));
         showNext();
     });
     connect(&m_desk, &Desk::stateChanged, this, &TerminalDesk::showState);
     connect(&m_timer, &QTimer::timeout, this, &TerminalDesk::update);
-    constexpr milliseconds updateTime = 200ms;
-    m_timer.start(updateTime);
     showState();
 }
 
@@ -123,6 +122,8 @@ void TerminalDesk::showNext()
         return;
     const Question question = m_desk.questions().first();
     m_shown = question.id;
+    constexpr milliseconds updateTime = 200ms;
+    m_timer.start(updateTime);
     m_isAsked = false;
     m_nextChange = std::max(m_desk.remaining(m_shown) - readingTime, milliseconds::zero());
     showQuestion(question);

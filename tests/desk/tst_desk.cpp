@@ -94,7 +94,7 @@ class DeskTest : public QObject
     {
         QFile file(path(name));
         QList<QJsonObject> lines;
-        if (file.open(QFile::ReadOnly)) {
+        if (file.open(QFile::ReadOnly) && file.size() > 0) {
             while (!file.atEnd())
                 lines.append(QJsonDocument::fromJson(file.readLine()).object());
         }
@@ -121,49 +121,34 @@ private Q_SLOTS:
     }
     void cleanup() { m_desk.reset(); }
 
+    // clang-format off
     void questions_data()
     {
         using Act = std::function<void(quint64)>;
         QTest::addColumn<Act>("act");
         QTest::addColumn<QString>("outcome");
         QTest::addColumn<QString>("message");
-        const auto row = [](const char* tag, const Act& act, const char* outcome,
-                            const QString& message) {
+        const auto row = [](const char* tag, const Act& act, const char* outcome, const QString& message) {
             QTest::newRow(tag) << act << QString::fromLatin1(outcome) << message;
         };
         const QString timeOut = u"120 秒内无人作答"_s;
-        row(
-            "yes", [this](quint64 id) { m_desk->allow(id); }, "granted", u"明确允许"_s);
-        row(
-            "no", [this](quint64 id) { m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
-        row(
-            "yes, then no", [this](quint64 id) { m_desk->allow(id), m_desk->refuse(id); },
-            "granted", u"明确允许"_s);
-        row(
-            "yes to another", [this](quint64 id) { m_desk->allow(id + 1), m_desk->refuse(id); },
-            "refused", u"明确拒绝"_s);
-        row(
-            "yes at the last moment", [this](quint64 id) { pass(120s - 1ms), m_desk->allow(id); },
-            "granted", u"明确允许"_s);
-        row(
-            "nothing", [this](quint64) { pass(120s); }, "timedOut", timeOut);
-        row(
-            "yes too late", [this](quint64 id) { m_now += 120s, m_desk->allow(id); }, "timedOut",
-            timeOut);
-        row(
-            "pause", [this](quint64) { m_desk->pauseFor({}); }, "paused", u"暂时拒绝一切"_s);
-        row(
-            "quit", [this](quint64) { m_desk->quit(); }, "quitting", u"正在退出"_s);
-        row(
-            "end of the desk", [this](quint64) { m_desk.reset(); }, "quitting", u"正在退出"_s);
-        const auto fillDisk = [] { fake::platform().canSync = [] { return false; }; };
-        row(
-            "yes that is not written", [=, this](quint64 id) { fillDisk(), m_desk->allow(id); },
-            "notRecorded", u"无法写入 (磁盘写入失败)"_s);
-        row(
-            "no that is not written", [=, this](quint64 id) { fillDisk(), m_desk->refuse(id); },
-            "refused", u"明确拒绝"_s);
+        row("yes", [this](quint64 id) { m_desk->allow(id); }, "granted", u"明确允许"_s);
+        row("no", [this](quint64 id) { m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
+        row("yes, then no", [this](quint64 id) { m_desk->allow(id), m_desk->refuse(id); }, "granted", u"明确允许"_s);
+        row("yes to another", [this](quint64 id) { m_desk->allow(id + 1), m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
+        row("yes at the last moment", [this](quint64 id) { pass(120s - 1ms), m_desk->allow(id); }, "granted", u"明确允许"_s);
+        row("nothing", [this](quint64) { pass(120s); }, "timedOut", timeOut);
+        row("yes too late", [this](quint64 id) { m_now += 120s, m_desk->allow(id); }, "timedOut", timeOut);
+        row("pause", [this](quint64) { m_desk->pauseFor({}); }, "paused", u"暂时拒绝一切"_s);
+        row("quit", [this](quint64) { m_desk->quit(); }, "quitting", u"正在退出"_s);
+        row("end of the desk", [this](quint64) { m_desk.reset(); }, "quitting", u"正在退出"_s);
+        const auto breakDisk = [] { fake::platform().canSync = [] { return false; }; };
+        const auto fillDisk = [this] { QDir().mkpath(path(u"data"_s)), QFile::link(u"/dev/full"_s, path(u"data/history.jsonl"_s)); };
+        row("yes on a broken disk", [=, this](quint64 id) { breakDisk(), m_desk->allow(id); }, "notRecorded", u"无法写入"_s);
+        row("yes on a full disk", [=, this](quint64 id) { fillDisk(), m_desk->allow(id); }, "notRecorded", u"无法写入"_s);
+        row("no on a full disk", [=, this](quint64 id) { fillDisk(), m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
     }
+    // clang-format on
     void questions()
     {
         QFETCH(std::function<void(quint64)>, act);
@@ -183,11 +168,9 @@ private Q_SLOTS:
             return;
         QVERIFY(m_desk->questions().isEmpty());
         QCOMPARE(outcomeName(m_desk->history().first().outcome), outcome);
-        QCOMPARE(m_desk->problem().contains(u"磁盘写入失败"), !fake::platform().canSync());
         const QList<QJsonObject> lines = historyLines();
-        if (!fake::platform()
-                 .canSync()) { // No word of a grant, however much of it had been written.
-            QCOMPARE(lines.value(0).value(u"outcome"_s), QJsonValue(QJsonValue::Undefined));
+        if (!m_desk->problem().isEmpty()) { // Nor does a grant stand there that never went out.
+            QVERIFY(!lines.value(0).contains(u"outcome"_s));
             return;
         }
         QCOMPARE(lines.size(), 2);
@@ -340,6 +323,7 @@ private Q_SLOTS:
         QVERIFY(nextQuestion() != 0);
     }
 
+    // clang-format off
     void whatIsInTheChannelsPlace_data()
     {
         using Prepare = std::function<void(const QString&)>;
@@ -348,51 +332,34 @@ private Q_SLOTS:
         const auto row = [](const char* tag, const Prepare& prepare, const QString& problem) {
             QTest::newRow(tag) << prepare << problem;
         };
-        const auto touch = [](const QString& name) {
+        const auto touch = [](const QString& name) { // A file of a minute ago, or one that has become so.
             QFile file(name);
-            QVERIFY(file.open(QFile::WriteOnly) &&
-                    file.setFileTime(QDateTime::currentDateTime().addSecs(-60),
-                                     QFile::FileModificationTime));
+            QVERIFY(file.open(QFile::ReadWrite));
+            QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFile::FileModificationTime));
         };
         row("nothing", [](const QString&) {}, {});
-        row("the socket of a killed desk",
-            [](const QString& name) {
-                QLocalServer server;
-                QVERIFY(server.listen(name) && QFile::rename(name, name + u'1'));
-                server.close();
-                QVERIFY(QFile::rename(name + u'1', name));
-            },
-            {});
-        row("the lock of a desk that was killed at once",
-            [=](const QString& name) { touch(name + u".lock"_s); }, {});
-        row(
-            "another program",
-            [this](const QString& name) {
-                auto* const server = new QLocalServer(m_desk.get());
-                QVERIFY(server->listen(name));
-            },
-            u"另一个程序占用"_s);
-        row(
-            "another desk",
-            [this](const QString&) {
-                auto* const other = new Desk(clock(), path(u"other"_s));
-                other->setParent(m_desk.get());
-                QVERIFY(other->start());
-                QFile lock(other->channelPath() +
-                           u".lock"_s); // Its age does not make it anybody's.
-                QVERIFY(lock.open(QFile::ReadWrite) &&
-                        lock.setFileTime(QDateTime::currentDateTime().addSecs(-60),
-                                         QFile::FileModificationTime));
-            },
-            u"另一个授权台占用 (PID %1"_s.arg(QCoreApplication::applicationPid()));
+        row("the socket of a killed desk", [](const QString& name) {
+            QLocalServer server;
+            QVERIFY(server.listen(name) && QFile::rename(name, name + u'1'));
+            server.close();
+            QVERIFY(QFile::rename(name + u'1', name));
+        }, {});
+        row("the lock of a desk that was killed at once", [=](const QString& name) { touch(name + u".lock"_s); }, {});
+        row("another program", [this](const QString& name) {
+            auto* const server = new QLocalServer(m_desk.get());
+            QVERIFY(server->listen(name));
+        }, u"另一个程序占用"_s);
+        row("another desk", [=, this](const QString& name) {
+            auto* const other = new Desk(clock(), path(u"other"_s));
+            other->setParent(m_desk.get());
+            QVERIFY(other->start());
+            touch(name + u".lock"_s); // Its age does not make it anybody's.
+        }, u"另一个授权台占用 (PID %1"_s.arg(QCoreApplication::applicationPid()));
         row("a file", touch, u"不是套接字"_s);
-        row(
-            "a directory", [](const QString& name) { QVERIFY(QDir().mkdir(name)); },
-            u"不是套接字"_s);
-        row(
-            "a link to nowhere",
-            [](const QString& name) { QVERIFY(QFile::link(u"nowhere"_s, name)); }, u"不是套接字"_s);
+        row("a directory", [](const QString& name) { QVERIFY(QDir().mkdir(name)); }, u"不是套接字"_s);
+        row("a link to nowhere", [](const QString& name) { QVERIFY(QFile::link(u"nowhere"_s, name)); }, u"不是套接字"_s);
     }
+    // clang-format on
     void whatIsInTheChannelsPlace()
     {
         QFETCH(std::function<void(const QString&)>, prepare);
@@ -449,6 +416,7 @@ private Q_SLOTS:
         QCOMPARE(slow.answer().message, replyMessage(Outcome::Malformed, u"请求未在 5 秒内送达"_s));
     }
 
+    // clang-format off
     void askers_data()
     {
         QTest::addColumn<QString>("executable");
@@ -456,12 +424,11 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isOwnServer");
         const QString beside = QCoreApplication::applicationDirPath() + u"/korvane-mcp"_s;
         QTest::newRow("the server") << beside << u"korvane-mcp (4711) ← node ← c\ufffdde"_s << true;
-        QTest::newRow("its namesake")
-            << u"/tmp/korvane-mcp"_s << u"korvane-mcp (4711) ← node ← c\ufffdde"_s << false;
-        QTest::newRow("hostile") << u"/tmp/a\nb"_s << u"a\ufffdb (4711) ← node ← c\ufffdde"_s
-                                 << false;
+        QTest::newRow("its namesake") << u"/tmp/korvane-mcp"_s << u"korvane-mcp (4711) ← node ← c\ufffdde"_s << false;
+        QTest::newRow("hostile") << u"/tmp/a\nb"_s << u"a\ufffdb (4711) ← node ← c\ufffdde"_s << false;
         QTest::newRow("unknown") << QString() << u"PID 4711"_s << false;
     }
+    // clang-format on
     void askers()
     {
         QFETCH(QString, executable);
