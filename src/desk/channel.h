@@ -30,6 +30,7 @@ public:
 
     explicit Channel(SteadyClock clock);
     ~Channel() override;
+    Q_DISABLE_COPY_MOVE(Channel)
 
     /// Listens, unless somebody does already. Not ok, with what to do about it in the person's
     /// language: another desk or program has the channel, or the socket is somebody else's.

@@ -146,8 +146,7 @@ void Desk::end(quint64 id, Outcome outcome)
     const auto found = find(id);
     if (found == m_questions.end())
         return;
-    const Question question = *found;
-    m_questions.erase(found);
+    const Question question = m_questions.takeAt(found - m_questions.cbegin());
     Q_EMIT questionEnded(id, decide(question, outcome));
 }
 

@@ -60,6 +60,7 @@ public:
     explicit Desk(Clock clock = Clock::ofSystem(),
                   const QString& directory = History::defaultDirectory());
     ~Desk() override; ///< As quit().
+    Q_DISABLE_COPY_MOVE(Desk)
 
     /// Takes the channel. False where somebody else has it or it cannot be had.
     bool start();

@@ -110,7 +110,7 @@ OpResult History::record(const HistoryEntry& entry)
 {
     // What never was a question may come by the thousand, and nobody has decided it.
     const bool isDecision = entry.outcome != Outcome::Malformed;
-    const OpResult written = append(compact(encode(entry)), isDecision);
+    OpResult written = append(compact(encode(entry)), isDecision);
     HistoryEntry remembered = entry;
     if (!written.ok) {
         static_cast<void>(entries()); // No file tells of this one.

@@ -34,7 +34,7 @@ QString translated(const char* text)
 }
 
 /// Asked before there is an application object, whose kind depends on it.
-bool needsWindows(int argc, char* argv[])
+bool needsWindows(int argc, char** argv)
 {
     constexpr std::array<std::string_view, 6> others{"--terminal", "--history", "--help",
                                                      "-h",         "--version", "-v"};

@@ -5,7 +5,7 @@
 
 namespace korvane::desk {
 
-std::unique_ptr<QCoreApplication> makeWindowApplication(int& /*argc*/, char* /*argv*/[])
+std::unique_ptr<QCoreApplication> makeWindowApplication(int& /*argc*/, char** /*argv*/)
 {
     std::fputs("korvane-desk: 此版本没有窗口, 请用 korvane-desk --terminal\n", stderr);
     return nullptr;
