@@ -1,4 +1,4 @@
-// The client's side of the consent protocol: a request and a reply, a line of JSON each.
+// The client's side of an exchange: connects, sends the request, waits for the answer.
 #include "consent/consent_client.h"
 
 #include "consent/consent_exchange.h"
@@ -6,8 +6,6 @@
 
 #include <QDeadlineTimer>
 #include <QDebug>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QLocalSocket>
 
 #include <optional>
@@ -18,23 +16,6 @@ namespace {
 
 /// More than any answer has, its line feed included; one that goes on is no answer.
 constexpr qsizetype maxReplyBytes = qsizetype{1024} * 1024;
-
-QByteArray encodeRequest(const Request& request)
-{
-    const QJsonObject object{{QStringLiteral("action"), request.action},
-                             {QStringLiteral("title"), request.title},
-                             {QStringLiteral("summary"), request.summary},
-                             {QStringLiteral("detail"), request.detail},
-                             {QStringLiteral("reason"), request.reason}};
-    return QJsonDocument(object).toJson(QJsonDocument::Compact);
-}
-
-Result decodeResult(const QByteArray& line)
-{
-    const QJsonObject object = QJsonDocument::fromJson(line).object();
-    return {object.value(QLatin1String("granted")).toBool(),
-            object.value(QLatin1String("message")).toString()};
-}
 
 Result refusal(const QString& message)
 {

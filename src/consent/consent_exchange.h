@@ -10,7 +10,7 @@ namespace korvane::consent {
 /// How long each step of an exchange may take, and where it goes.
 struct ExchangeLimits
 {
-    QString serverName = QStringLiteral("korvane-consent-v1");
+    QString serverName = channelName;
     std::chrono::milliseconds connecting{3000};
     std::chrono::milliseconds sending{3000};
     std::chrono::milliseconds answering{130'000}; ///< For each wait: begins anew with each piece.

@@ -4,6 +4,9 @@
 #include "base/shared_processor.h"
 #include "base/standard_streams.h"
 
+#include <QObject>
+
+#include <functional>
 #include <memory>
 
 namespace korvane::platform {
@@ -20,5 +23,10 @@ std::unique_ptr<StandardStreams> prepareProcess();
 /// What keeps the calling thread, the main one, and another on one processor; does nothing without a
 /// back end. Linux: sched_setaffinity.
 std::unique_ptr<SharedProcessor> makeSharedProcessor();
+
+/// What watches for the system's demand to end this program, for as long as it lives: `quit` is then
+/// called by the event loop, once. Needs the application object; one at a time. Null without a back end.
+/// Linux: SIGTERM, SIGINT and SIGHUP; the same one again ends the program at once.
+std::unique_ptr<QObject> watchForQuit(std::function<void()> quit);
 
 } // namespace korvane::platform

@@ -14,6 +14,11 @@ namespace korvane::platform {
 QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& shown,
                                      QString* error);
 
+/// Process `pid`, its parent, and so on, at most 16; empty where it is not visible, or has ended. A
+/// parent that started after its child is none, but has its PID by now: there the list ends. Main
+/// thread only. Linux: /proc/PID/stat and exe. Without a back end: empty.
+QList<ProcessSnapshot> processAndAncestors(quint32 pid);
+
 /// The full command line of process `pid`; empty when it cannot be read.
 /// Linux: /proc/PID/cmdline, arguments joined by one blank.
 QString processCommandLine(unsigned int pid);

@@ -2,6 +2,7 @@
 #include "fake/fake_platform.h"
 
 #include "platform/desktop.h"
+#include "platform/file_sync.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
 #include "platform/peer.h"
@@ -43,6 +44,16 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
     }
     cpuTable.endEnumeration();
     return processes;
+}
+
+QList<ProcessSnapshot> processAndAncestors(quint32 /*pid*/)
+{
+    return script.ancestors;
+}
+
+bool syncFile(int /*handle*/)
+{
+    return script.canSync();
 }
 
 QString processCommandLine(unsigned int pid)
@@ -171,7 +182,8 @@ void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
 std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
 {
     const PeerUser user = script.peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
-    return Peer{.user = user, .userId = {}, .executable = {}};
+    const QString executable = script.ancestors.value(0).exePath;
+    return Peer{.user = user, .userId = {}, .pid = 4711, .executable = executable};
 }
 
 OpResult moveToRecycleBin(const QList<QString>& paths)

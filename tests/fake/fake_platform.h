@@ -46,6 +46,7 @@ struct Platform
 
     QHash<QString, QStringList> dependents;
     QHash<QString, QStringList> dependencies;
+    QList<ProcessSnapshot> ancestors; ///< Of every process; the first is what peers run.
     QHash<quint32, QString> commandLines;
     QList<quint32> commandLinesAsked;
     QHash<QString, SignatureStatus> signatures; ///< Unknown where absent.
@@ -59,6 +60,7 @@ struct Platform
     QStringList probed;                    ///< What the latest probe was of.
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
+    std::function<bool()> canSync = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,
     QHash<QString, OpResult> writeResults; ///< but of those with a line here.

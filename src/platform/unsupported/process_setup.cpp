@@ -62,4 +62,9 @@ std::unique_ptr<SharedProcessor> platform::makeSharedProcessor()
     return std::make_unique<AnyProcessor>();
 }
 
+std::unique_ptr<QObject> platform::watchForQuit(std::function<void()> /*quit*/)
+{
+    return nullptr;
+}
+
 } // namespace korvane

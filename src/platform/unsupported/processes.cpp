@@ -14,6 +14,11 @@ QList<ProcessSnapshot> platform::listProcesses(ProcessCpuTable& /*cpuTable*/,
                                                        QStringLiteral("当前平台不支持进程枚举"));
 }
 
+QList<ProcessSnapshot> platform::processAndAncestors(quint32 /*pid*/)
+{
+    return {};
+}
+
 QString platform::processCommandLine(unsigned int /*pid*/)
 {
     return {};

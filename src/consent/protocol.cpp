@@ -1,0 +1,85 @@
+// Requests and answers from and to JSON.
+#include "consent/protocol.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <array>
+
+namespace korvane::consent {
+
+namespace {
+
+struct Member
+{
+    QLatin1StringView key;
+    QString Request::*value;
+};
+
+constexpr std::array members{
+    Member{QLatin1StringView("action"), &Request::action},
+    Member{QLatin1StringView("title"), &Request::title},
+    Member{QLatin1StringView("summary"), &Request::summary},
+    Member{QLatin1StringView("detail"), &Request::detail},
+    Member{QLatin1StringView("reason"), &Request::reason},
+};
+
+QByteArray compact(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+/// What is wrong with a request; empty for a good one, whose strings go to `request`.
+QString readMembers(const QByteArray& line, Request& request)
+{
+    QJsonParseError parsing{};
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parsing);
+    if (parsing.error != QJsonParseError::NoError)
+        return QStringLiteral("不是有效的 JSON");
+    if (!document.isObject())
+        return QStringLiteral("不是 JSON 对象");
+    const QJsonObject object = document.object();
+    for (const Member& member : members) {
+        const QJsonValue value = object.value(member.key);
+        if (value.isUndefined())
+            return QStringLiteral("缺少成员 %1").arg(member.key);
+        if (!value.isString())
+            return QStringLiteral("成员 %1 不是字符串").arg(member.key);
+        request.*member.value = value.toString();
+    }
+    return {};
+}
+
+} // namespace
+
+QByteArray encodeRequest(const Request& request)
+{
+    QJsonObject object;
+    for (const Member& member : members)
+        object.insert(member.key, request.*member.value);
+    return compact(object);
+}
+
+std::optional<Request> decodeRequest(const QByteArray& line, QString* error)
+{
+    Request request;
+    const QString fault = readMembers(line, request);
+    if (error != nullptr)
+        *error = fault;
+    return fault.isEmpty() ? std::optional(request) : std::nullopt;
+}
+
+QByteArray encodeResult(const Result& result)
+{
+    return compact(
+        {{QStringLiteral("granted"), result.granted}, {QStringLiteral("message"), result.message}});
+}
+
+Result decodeResult(const QByteArray& line)
+{
+    const QJsonObject object = QJsonDocument::fromJson(line).object();
+    return {object.value(QLatin1String("granted")).toBool(),
+            object.value(QLatin1String("message")).toString()};
+}
+
+} // namespace korvane::consent

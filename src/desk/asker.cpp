@@ -1,0 +1,45 @@
+// The asker's chain of programs, and whether it is the server that came with the desk.
+#include "desk/asker.h"
+
+#include "consent/shown_text.h"
+#include "platform/processes.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+
+namespace korvane::desk {
+
+namespace {
+
+/// The server beside the desk, whatever the system adds to the names of programs.
+QString ownServer()
+{
+    const QFileInfo desk(QCoreApplication::applicationFilePath());
+    const QString suffix = desk.suffix().isEmpty() ? QString() : u'.' + desk.suffix();
+    return desk.canonicalPath() + QStringLiteral("/korvane-mcp") + suffix;
+}
+
+} // namespace
+
+QString Asker::chainText() const
+{
+    return chain.isEmpty() ? QStringLiteral("PID %1").arg(pid) : chain.join(u" ← ");
+}
+
+Asker askerOf(const platform::Peer& peer)
+{
+    Asker asker;
+    asker.pid = peer.pid;
+    asker.executable = consent::shownText(peer.executable);
+    asker.isKnown = !peer.executable.isEmpty();
+    asker.isOwnServer = peer.executable == ownServer();
+    for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
+        const QString name = consent::shownText(process.name);
+        asker.chain.append(process.pid == peer.pid
+                               ? QStringLiteral("%1 (%2)").arg(name, QString::number(peer.pid))
+                               : name);
+    }
+    return asker;
+}
+
+} // namespace korvane::desk

@@ -1,0 +1,248 @@
+// Listening without taking anybody's place, and reading requests within their limits.
+#include "desk/channel.h"
+
+#include "desk/lock.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocalSocket>
+
+#include <algorithm>
+#include <utility>
+
+namespace korvane::desk {
+
+namespace {
+
+QString translated(const char* text)
+{
+    return QCoreApplication::translate("desk", text);
+}
+
+bool isTrusted(const platform::Peer& peer)
+{
+    return peer.user == platform::PeerUser::Own || peer.user == platform::PeerUser::System;
+}
+
+/// The name of whom a file belongs to; the number of a user without one.
+QString ownerOf(const QFileInfo& file)
+{
+    return file.owner().isEmpty() ? QString::number(file.ownerId()) : file.owner();
+}
+
+/// What the program that listens on the channel is called; none where nobody does.
+std::optional<QString> listener()
+{
+    constexpr int waitMs = 1000;
+    QLocalSocket probe;
+    probe.connectToServer(consent::channelName);
+    if (!probe.waitForConnected(waitMs)) {
+        const auto error = probe.error();
+        const bool isNobody = error == QLocalSocket::ConnectionRefusedError ||
+                              error == QLocalSocket::ServerNotFoundError;
+        return isNobody ? std::nullopt : std::optional(probe.errorString());
+    }
+    const auto peer = platform::peerOf(probe.socketDescriptor());
+    return peer ? QStringLiteral("%1 (PID %2)").arg(peer->executable, QString::number(peer->pid))
+                : QString();
+}
+
+} // namespace
+
+Channel::Channel(SteadyClock clock)
+    : m_clock(std::move(clock)),
+      m_lastId(static_cast<quint64>(QDateTime::currentMSecsSinceEpoch()) * 1000)
+{
+    constexpr int backlog = 128; // Of many that connect at once, none is to be turned away.
+    m_server.setListenBacklogSize(backlog);
+    m_server.setSocketOptions(QLocalServer::UserAccessOption);
+    connect(&m_server, &QLocalServer::newConnection, this, &Channel::accept);
+}
+
+Channel::~Channel()
+{
+    close({});
+}
+
+QString Channel::path() const
+{
+    if (m_server.isListening())
+        return m_server.fullServerName();
+    return QDir::cleanPath(QDir::tempPath()) + u'/' + consent::channelName;
+}
+
+bool Channel::isOpen() const
+{
+    return m_server.isListening() && QFileInfo(path()).lastModified() == m_socketMadeAt;
+}
+
+OpResult Channel::open()
+{
+    if (isOpen())
+        return {true, {}};
+    if (const QString inTheWay = obstacle(); !inTheWay.isEmpty())
+        return {false, inTheWay};
+    m_server.close(); // Where it lost its socket. Whatever has its name by now goes with it.
+    if (!m_server.listen(consent::channelName))
+        return {false, translated(QT_TRANSLATE_NOOP("desk", "无法监听 %1: %2"))
+                           .arg(path(), m_server.errorString())};
+    QFile::setPermissions(path(), QFile::ReadOwner | QFile::WriteOwner);
+    m_socketMadeAt = QFileInfo(path()).lastModified();
+    return {true, {}};
+}
+
+QString Channel::obstacle()
+{
+    const QString lockPath = path() + QStringLiteral(".lock");
+    if (!m_lock)
+        m_lock = takeLock(lockPath, m_otherDesk);
+    if (m_otherDesk != 0)
+        return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个授权台占用 (PID %2, 用户 %3)。"))
+            .arg(path(), QString::number(m_otherDesk), ownerOf(QFileInfo(lockPath)));
+    if (!m_lock)
+        return translated(
+                   QT_TRANSLATE_NOOP("desk",
+                                     "无法创建 %1。请检查该目录的权限, 或为授权台和客户端设置同一个"
+                                     "可写的 TMPDIR。"))
+            .arg(lockPath);
+    const QFileInfo socket(path());
+    if (socket.isFile() || socket.isDir() || socket.isSymLink())
+        return translated(QT_TRANSLATE_NOOP("desk", "%1 不是套接字, 请先移走它。")).arg(path());
+    if (socket.exists() && socket.ownerId() != QFileInfo(lockPath).ownerId())
+        return translated(QT_TRANSLATE_NOOP(
+                              "desk", "%1 属于用户 %2。请让其删除, 或为授权台和客户端设置同一个"
+                                      "属于自己的 TMPDIR。"))
+            .arg(path(), ownerOf(socket));
+    if (const auto other = listener())
+        return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个程序占用: %2。"))
+            .arg(path(), *other);
+    return {};
+}
+
+void Channel::close(const consent::Result& farewell)
+{
+    while (!m_connections.empty())
+        answer(m_connections.begin()->first, farewell);
+    m_server.close();
+    m_lock.reset();
+}
+
+void Channel::accept()
+{
+    while (QLocalSocket* socket = m_server.nextPendingConnection()) {
+        const auto peer = platform::peerOf(socket->socketDescriptor());
+        if (!peer || !isTrusted(*peer)) {
+            socket->deleteLater();
+            continue;
+        }
+        const quint64 id = ++m_lastId;
+        socket->setReadBufferSize(maxRequestBytes);
+        m_connections.insert({id, {socket, *peer, m_clock(), {}}});
+        connect(socket, &QLocalSocket::readyRead, this, [this, id] { read(id); });
+        connect(socket, &QLocalSocket::disconnected, this, [this, id] { lose(id); });
+        giveUpOldest();
+    }
+}
+
+void Channel::giveUpOldest()
+{
+    const auto isSending = [](const auto& entry) { return !entry.second.hasAsked; };
+    if (std::count_if(m_connections.begin(), m_connections.end(), isSending) <= maxSending)
+        return;
+    const auto oldest = std::find_if(m_connections.begin(), m_connections.end(), isSending);
+    finish(oldest->first, oldest->second, QStringLiteral("同时发送的请求过多"));
+}
+
+void Channel::dropSlow()
+{
+    const auto isLate = [this](const auto& entry) {
+        return !entry.second.hasAsked && m_clock() - entry.second.since >= sendingLimit;
+    };
+    for (;;) {
+        const auto late = std::find_if(m_connections.begin(), m_connections.end(), isLate);
+        if (late == m_connections.end())
+            return;
+        finish(late->first, late->second, QStringLiteral("请求未在 5 秒内送达"));
+    }
+}
+
+/// What does not fit is read all the same: a client whose sending fails never hears why.
+void Channel::read(quint64 id)
+{
+    const auto found = m_connections.find(id);
+    if (found == m_connections.end())
+        return;
+    Connection& connection = found->second;
+    const QByteArray piece = connection.socket->readAll();
+    if (connection.hasAsked)
+        return;
+    const qsizetype end = piece.indexOf('\n');
+    const QByteArrayView line = QByteArrayView(piece).first(end < 0 ? piece.size() : end);
+    const qsizetype room = maxRequestBytes - connection.received.size();
+    connection.isTooLong = connection.isTooLong || line.size() > room;
+    connection.received.append(line.first(std::min(line.size(), room)));
+    if (end >= 0)
+        finish(id, connection, connection.isTooLong ? QStringLiteral("超过 256 KiB") : QString());
+}
+
+/// The end of the sending, after which only the answer is due.
+void Channel::finish(quint64 id, Connection& connection, QString fault)
+{
+    connection.hasAsked = true;
+    const QByteArray line = std::exchange(connection.received, {});
+    const platform::Peer peer = connection.peer; // The connection may end while others hear of it.
+    const auto request =
+        fault.isEmpty() ? consent::decodeRequest(line, &fault) : std::optional<consent::Request>();
+    if (request)
+        Q_EMIT asked(id, peer, *request);
+    else
+        Q_EMIT garbled(id, peer, fault);
+}
+
+bool Channel::isConnected(quint64 id)
+{
+    const auto found = m_connections.find(id);
+    if (found == m_connections.end())
+        return false;
+    // What has arrived by now, its end included, fits into few readings.
+    constexpr int maxReadings = 8;
+    QLocalSocket* const socket = found->second.socket;
+    for (int i = 0; i < maxReadings && socket->state() == QLocalSocket::ConnectedState; ++i) {
+        if (!socket->waitForReadyRead(0))
+            break;
+    }
+    return m_connections.count(id) > 0;
+}
+
+bool Channel::answer(quint64 id, const consent::Result& result)
+{
+    const auto found = m_connections.find(id);
+    if (found == m_connections.end())
+        return false;
+    QLocalSocket* const socket = found->second.socket;
+    m_connections.erase(found);
+    socket->disconnect(this);
+    socket->write(consent::encodeResult(result) + '\n');
+    socket->flush();
+    const bool isDelivered =
+        socket->state() == QLocalSocket::ConnectedState && socket->bytesToWrite() == 0;
+    socket->abort();
+    socket->deleteLater();
+    return isDelivered;
+}
+
+void Channel::lose(quint64 id)
+{
+    const auto found = m_connections.find(id);
+    if (found == m_connections.end())
+        return;
+    const bool hasAsked = found->second.hasAsked;
+    found->second.socket->deleteLater();
+    m_connections.erase(found);
+    if (hasAsked)
+        Q_EMIT left(id);
+}
+
+} // namespace korvane::desk

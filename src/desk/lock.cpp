@@ -1,0 +1,28 @@
+// Taking lock files, those of killed programs too.
+#include "desk/lock.h"
+
+#include <chrono>
+
+namespace korvane::desk {
+
+std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
+{
+    using namespace std::chrono_literals;
+    // Who was killed while it made the file has left it without a PID. By age any file counts as left
+    // over, but the system tells of a holder who lives.
+    constexpr auto staleAfter = 1s;
+    constexpr std::chrono::milliseconds waitForStale = 1500ms;
+
+    auto lock = std::make_unique<QLockFile>(path);
+    lock->setStaleLockTime(staleAfter);
+    QString host;
+    QString program;
+    holder = 0;
+    if (lock->tryLock())
+        return lock;
+    if (lock->error() != QLockFile::LockFailedError || lock->getLockInfo(&holder, &host, &program))
+        return nullptr;
+    return lock->tryLock(static_cast<int>(waitForStale.count())) ? std::move(lock) : nullptr;
+}
+
+} // namespace korvane::desk
