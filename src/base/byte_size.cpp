@@ -7,6 +7,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 double mebibytes(qint64 bytes)
 {
     return static_cast<double>(bytes) / (1024.0 * 1024.0);
@@ -14,14 +16,14 @@ double mebibytes(qint64 bytes)
 
 QString mebibytesDisplay(double mib)
 {
-    return QString::number(mib, 'f', mib < 100 ? 1 : 0) + QStringLiteral(" MB");
+    return QString::number(mib, 'f', mib < 100 ? 1 : 0) + u" MB"_s;
 }
 
 QString sizeDisplay(double mib)
 {
     if (mib < 1024)
         return mebibytesDisplay(mib);
-    return QString::number(mib / 1024.0, 'f', 2) + QStringLiteral(" GB");
+    return QString::number(mib / 1024.0, 'f', 2) + u" GB"_s;
 }
 
 QString gibibytesDisplay(quint64 used, quint64 total)
@@ -29,7 +31,7 @@ QString gibibytesDisplay(quint64 used, quint64 total)
     const auto gib = [](quint64 bytes) {
         return QString::number(static_cast<double>(bytes) / 1073741824.0, 'f', 1);
     };
-    return QStringLiteral("%1 / %2 GB").arg(gib(used), gib(total));
+    return u"%1 / %2 GB"_s.arg(gib(used), gib(total));
 }
 
 qint64 sizeSum(qint64 first, qint64 second)

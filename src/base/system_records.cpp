@@ -7,16 +7,18 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QString notAvailable()
 {
-    return QStringLiteral("—");
+    return u"—"_s;
 }
 
 QString endpoint(quint32 family, const QString& address, quint16 port)
 {
-    const QString format = family == 1 ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2");
+    const QString format = family == 1 ? u"[%1]:%2"_s : u"%1:%2"_s;
     return format.arg(address, QString::number(port));
 }
 
@@ -71,12 +73,12 @@ void registerRecordMetaTypes()
 
 QString protocolLabel(quint32 protocol)
 {
-    return protocol == 0 ? QStringLiteral("TCP") : QStringLiteral("UDP");
+    return protocol == 0 ? u"TCP"_s : u"UDP"_s;
 }
 
 QString familyLabel(quint32 family)
 {
-    return family == 1 ? QStringLiteral("IPv6") : QStringLiteral("IPv4");
+    return family == 1 ? u"IPv6"_s : u"IPv4"_s;
 }
 
 QString tcpStateLabel(quint32 state)
@@ -108,20 +110,20 @@ QString serviceStartTypeLabel(ServiceStartType type)
 
 QString startupSourceKey(StartupSource source)
 {
-    return source == StartupSource::hklm ? QStringLiteral("hklm") : QStringLiteral("hkcu");
+    return source == StartupSource::hklm ? u"hklm"_s : u"hkcu"_s;
 }
 
 QString startupSourceLabel(const StartupItem& item)
 {
     switch (item.category) {
     case StartupCategory::RegistryRun:
-        return item.source == StartupSource::hklm ? QStringLiteral("系统") : QStringLiteral("用户");
+        return item.source == StartupSource::hklm ? u"系统"_s : u"用户"_s;
     case StartupCategory::Service:
-        return QStringLiteral("服务");
+        return u"服务"_s;
     case StartupCategory::ScheduledTask:
-        return QStringLiteral("计划任务");
+        return u"计划任务"_s;
     case StartupCategory::ShellExtension:
-        return QStringLiteral("Shell 扩展");
+        return u"Shell 扩展"_s;
     }
     return {};
 }
@@ -131,14 +133,14 @@ QString startupSourcePath(const StartupItem& item)
     switch (item.category) {
     case StartupCategory::RegistryRun:
         return item.source == StartupSource::hklm
-                   ? QStringLiteral(R"(HKLM\Software\Microsoft\Windows\CurrentVersion\Run)")
-                   : QStringLiteral(R"(HKCU\Software\Microsoft\Windows\CurrentVersion\Run)");
+                   ? uR"(HKLM\Software\Microsoft\Windows\CurrentVersion\Run)"_s
+                   : uR"(HKCU\Software\Microsoft\Windows\CurrentVersion\Run)"_s;
     case StartupCategory::Service:
-        return QStringLiteral("Windows 服务 (自动启动)");
+        return u"Windows 服务 (自动启动)"_s;
     case StartupCategory::ScheduledTask:
-        return QStringLiteral("任务计划程序 (登录/开机触发)");
+        return u"任务计划程序 (登录/开机触发)"_s;
     case StartupCategory::ShellExtension:
-        return QStringLiteral("Shell 扩展 (已批准)");
+        return u"Shell 扩展 (已批准)"_s;
     }
     return {};
 }
@@ -153,15 +155,15 @@ QString signatureStatusLabel(SignatureStatus status)
 {
     switch (status) {
     case SignatureStatus::Unchecked:
-        return QStringLiteral("—");
+        return u"—"_s;
     case SignatureStatus::Trusted:
-        return QStringLiteral("已签名 ✓");
+        return u"已签名 ✓"_s;
     case SignatureStatus::Untrusted:
-        return QStringLiteral("签名无效");
+        return u"签名无效"_s;
     case SignatureStatus::Unsigned:
-        return QStringLiteral("未签名");
+        return u"未签名"_s;
     case SignatureStatus::Unknown:
-        return QStringLiteral("未知");
+        return u"未知"_s;
     }
     return {};
 }

@@ -12,6 +12,8 @@
 
 namespace korvane::consent {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// More than any answer has, its line feed included; one that goes on is no answer.
@@ -24,8 +26,8 @@ Result refusal(const QString& message)
 
 Result notRunning()
 {
-    return refusal(QStringLiteral("Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。"
-                                  "请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"));
+    return refusal(u"Korvane 主程序未运行 — 写操作必须经主程序弹窗授权。"
+                   "请先启动 Korvane 桌面程序, 再让 AI 执行此操作。"_s);
 }
 
 /// Whether the program at the other end may speak for the user: one of the user's own, one of the
@@ -90,11 +92,11 @@ Result exchange(const Request& request, const ExchangeLimits& limits)
     socket.write(encodeRequest(request));
     socket.write("\n");
     if (!isSent(socket, limits.sending))
-        return refusal(QStringLiteral("授权请求发送失败。"));
+        return refusal(u"授权请求发送失败。"_s);
 
     const auto answer = readAnswer(socket, limits.answering);
     if (!answer)
-        return refusal(QStringLiteral("用户授权超时 — 已默认拒绝。"));
+        return refusal(u"用户授权超时 — 已默认拒绝。"_s);
     socket.disconnectFromServer();
     return decodeResult(*answer);
 }

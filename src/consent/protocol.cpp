@@ -8,6 +8,8 @@
 
 namespace korvane::consent {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 struct Member
@@ -35,16 +37,16 @@ QString readMembers(const QByteArray& line, Request& request)
     QJsonParseError parsing{};
     const QJsonDocument document = QJsonDocument::fromJson(line, &parsing);
     if (parsing.error != QJsonParseError::NoError)
-        return QStringLiteral("不是有效的 JSON");
+        return u"不是有效的 JSON"_s;
     if (!document.isObject())
-        return QStringLiteral("不是 JSON 对象");
+        return u"不是 JSON 对象"_s;
     const QJsonObject object = document.object();
     for (const Member& member : members) {
         const QJsonValue value = object.value(member.key);
         if (value.isUndefined())
-            return QStringLiteral("缺少成员 %1").arg(member.key);
+            return u"缺少成员 %1"_s.arg(member.key);
         if (!value.isString())
-            return QStringLiteral("成员 %1 不是字符串").arg(member.key);
+            return u"成员 %1 不是字符串"_s.arg(member.key);
         request.*member.value = value.toString();
     }
     return {};
@@ -71,15 +73,13 @@ std::optional<Request> decodeRequest(const QByteArray& line, QString* error)
 
 QByteArray encodeResult(const Result& result)
 {
-    return compact(
-        {{QStringLiteral("granted"), result.granted}, {QStringLiteral("message"), result.message}});
+    return compact({{u"granted"_s, result.granted}, {u"message"_s, result.message}});
 }
 
 Result decodeResult(const QByteArray& line)
 {
     const QJsonObject object = QJsonDocument::fromJson(line).object();
-    return {object.value(QLatin1String("granted")).toBool(),
-            object.value(QLatin1String("message")).toString()};
+    return {object.value("granted"_L1).toBool(), object.value("message"_L1).toString()};
 }
 
 } // namespace korvane::consent

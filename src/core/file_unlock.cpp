@@ -7,6 +7,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 struct FileUnlockService::Impl
 {
     QList<platform::HeldFile> held;
@@ -53,8 +55,8 @@ void FileUnlockService::killProcesses(const QList<unsigned int>& pids)
         ++failed;
         Q_EMIT operationLog(result.message, OpLevel::Warning);
     }
-    const QString summary = QStringLiteral("批量杀进程完成:成功 %1 / 失败 %2")
-                                .arg(QString::number(succeeded), QString::number(failed));
+    const QString summary = u"批量杀进程完成:成功 %1 / 失败 %2"_s.arg(QString::number(succeeded),
+                                                                      QString::number(failed));
     Q_EMIT operationLog(summary, failed > 0 ? OpLevel::Warning : OpLevel::Info);
 }
 

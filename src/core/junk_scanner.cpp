@@ -15,6 +15,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// The entry's path with "/" as separator; none when that would name something else, as where a
@@ -121,7 +123,7 @@ private:
 
 QString JunkItem::sizeDisplay() const
 {
-    return sizeBytes < 1 ? QStringLiteral("0 MB") : korvane::sizeDisplay(mebibytes(sizeBytes));
+    return sizeBytes < 1 ? u"0 MB"_s : korvane::sizeDisplay(mebibytes(sizeBytes));
 }
 
 JunkScanner::JunkScanner(QObject* parent) : QObject(parent)

@@ -8,6 +8,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 ProcessTree::ProcessTree(const QList<ProcessSnapshot>& processes)
 {
     for (const ProcessSnapshot& process : processes) {
@@ -96,17 +98,17 @@ QJsonArray ProcessTree::toJson() const
     for (std::size_t i = m_nodes.size(); i-- > 0;) {
         const Node& node = m_nodes[i];
         QJsonObject& object = objects[i];
-        object.insert(QStringLiteral("pid"), static_cast<qint64>(node.pid));
-        object.insert(QStringLiteral("name"), nameOf(node.pid));
+        object.insert(u"pid"_s, static_cast<qint64>(node.pid));
+        object.insert(u"name"_s, nameOf(node.pid));
         if (!node.children.empty())
-            object.insert(QStringLiteral("children"), arrayOf(node.children));
+            object.insert(u"children"_s, arrayOf(node.children));
     }
     return arrayOf(m_roots);
 }
 
 QString ProcessTree::nameOf(quint32 pid) const
 {
-    return m_names.value(pid, QStringLiteral("(未知)"));
+    return m_names.value(pid, u"(未知)"_s);
 }
 
 } // namespace korvane

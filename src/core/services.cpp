@@ -5,11 +5,13 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 OpResult emptyNameRefused()
 {
-    return {false, QStringLiteral("服务名称不能为空")};
+    return {false, u"服务名称不能为空"_s};
 }
 
 } // namespace
@@ -52,9 +54,9 @@ OpResult ServiceManagerService::setStartType(const QString& name, ServiceStartTy
     if (name.isEmpty())
         return emptyNameRefused();
     if (type == ServiceStartType::Boot || type == ServiceStartType::System)
-        return {false, QStringLiteral("引导/系统驱动的启动类型不允许从此处修改")};
+        return {false, u"引导/系统驱动的启动类型不允许从此处修改"_s};
     if (type == ServiceStartType::Unknown)
-        return {false, QStringLiteral("无效的启动类型")};
+        return {false, u"无效的启动类型"_s};
     return setStartTypePlatform(name, type);
 }
 

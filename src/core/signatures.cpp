@@ -9,6 +9,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// Modification time in milliseconds since the epoch; 0 when there is no file or no time.
@@ -24,7 +26,7 @@ qint64 modificationTimeMs(const QString& path)
 QString recordKey(const QString& path)
 {
     const QByteArray digest = QCryptographicHash::hash(path.toUtf8(), QCryptographicHash::Sha1);
-    return QStringLiteral("sigcache/") + QString::fromLatin1(digest.toHex());
+    return u"sigcache/"_s + QString::fromLatin1(digest.toHex());
 }
 
 /// The status in a record "TIME|STATUS" if it is whole and its time is `mtimeMs`.
@@ -139,8 +141,8 @@ SignatureStatus SignatureService::loadPersisted(const QString& path, qint64 mtim
 
 void SignatureService::savePersisted(const QString& path, qint64 mtimeMs, SignatureStatus status)
 {
-    const QString record = QStringLiteral("%1|%2").arg(QString::number(mtimeMs),
-                                                       QString::number(static_cast<int>(status)));
+    const QString record =
+        u"%1|%2"_s.arg(QString::number(mtimeMs), QString::number(static_cast<int>(status)));
     const QMutexLocker locker(&m_settingsLock);
     settings().setValue(recordKey(path), record);
 }

@@ -5,6 +5,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 QList<UninstallEntry> UninstallService::listAll() const
 {
     QString error;
@@ -16,8 +18,8 @@ QList<UninstallEntry> UninstallService::listAll() const
 OpResult UninstallService::executeUninstall(const UninstallEntry& entry)
 {
     if (entry.uninstallString.trimmed().isEmpty()) {
-        return {false, QStringLiteral("该软件未在注册表提供 UninstallString,无法启动卸载程序 "
-                                      "(可能是系统应用或 MSIX/Store 应用)。")};
+        return {false, u"该软件未在注册表提供 UninstallString,无法启动卸载程序 "
+                       "(可能是系统应用或 MSIX/Store 应用)。"_s};
     }
     return executeUninstallPlatform(entry);
 }

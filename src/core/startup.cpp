@@ -6,6 +6,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// What stands between the quotes of a command line that begins with one. A missing or an
@@ -88,7 +90,7 @@ QList<StartupItem> StartupService::listServices(QString* error) const
 OpResult StartupService::setEnabled(StartupSource source, const QString& name, bool enabled)
 {
     if (name.isEmpty())
-        return {false, QStringLiteral("启动项名称不能为空")};
+        return {false, u"启动项名称不能为空"_s};
     return setEnabledPlatform(source, name, enabled);
 }
 

@@ -9,6 +9,8 @@
 
 namespace korvane::desk {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// The server beside the desk, whatever the system adds to the names of programs.
@@ -16,14 +18,14 @@ QString ownServer()
 {
     const QFileInfo desk(QCoreApplication::applicationFilePath());
     const QString suffix = desk.suffix().isEmpty() ? QString() : u'.' + desk.suffix();
-    return desk.canonicalPath() + QStringLiteral("/korvane-mcp") + suffix;
+    return desk.canonicalPath() + u"/korvane-mcp"_s + suffix;
 }
 
 } // namespace
 
 QString Asker::chainText() const
 {
-    return chain.isEmpty() ? QStringLiteral("PID %1").arg(pid) : chain.join(u" ← ");
+    return chain.isEmpty() ? u"PID %1"_s.arg(pid) : chain.join(u" ← ");
 }
 
 Asker askerOf(const platform::Peer& peer)
@@ -35,9 +37,8 @@ Asker askerOf(const platform::Peer& peer)
     asker.isOwnServer = peer.executable == ownServer();
     for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
         const QString name = consent::shownText(process.name);
-        asker.chain.append(process.pid == peer.pid
-                               ? QStringLiteral("%1 (%2)").arg(name, QString::number(peer.pid))
-                               : name);
+        asker.chain.append(
+            process.pid == peer.pid ? u"%1 (%2)"_s.arg(name, QString::number(peer.pid)) : name);
     }
     return asker;
 }

@@ -14,6 +14,8 @@
 
 namespace korvane::desk {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QString translated(const char* text)
@@ -45,8 +47,7 @@ std::optional<QString> listener()
         return isNobody ? std::nullopt : std::optional(probe.errorString());
     }
     const auto peer = platform::peerOf(probe.socketDescriptor());
-    return peer ? QStringLiteral("%1 (PID %2)").arg(peer->executable, QString::number(peer->pid))
-                : QString();
+    return peer ? u"%1 (PID %2)"_s.arg(peer->executable, QString::number(peer->pid)) : QString();
 }
 
 } // namespace
@@ -95,7 +96,7 @@ OpResult Channel::open()
 
 QString Channel::obstacle()
 {
-    const QString lockPath = path() + QStringLiteral(".lock");
+    const QString lockPath = path() + u".lock"_s;
     if (!m_lock)
         m_lock = takeLock(lockPath, m_otherDesk);
     if (m_otherDesk != 0)
@@ -152,7 +153,7 @@ void Channel::giveUpOldest()
     if (std::count_if(m_connections.begin(), m_connections.end(), isSending) <= maxSending)
         return;
     const auto oldest = std::find_if(m_connections.begin(), m_connections.end(), isSending);
-    finish(oldest->first, oldest->second, QStringLiteral("同时发送的请求过多"));
+    finish(oldest->first, oldest->second, u"同时发送的请求过多"_s);
 }
 
 void Channel::dropSlow()
@@ -164,7 +165,7 @@ void Channel::dropSlow()
         const auto late = std::find_if(m_connections.begin(), m_connections.end(), isLate);
         if (late == m_connections.end())
             return;
-        finish(late->first, late->second, QStringLiteral("请求未在 5 秒内送达"));
+        finish(late->first, late->second, u"请求未在 5 秒内送达"_s);
     }
 }
 
@@ -184,7 +185,7 @@ void Channel::read(quint64 id)
     connection.isTooLong = connection.isTooLong || line.size() > room;
     connection.received.append(line.first(std::min(line.size(), room)));
     if (end >= 0)
-        finish(id, connection, connection.isTooLong ? QStringLiteral("超过 256 KiB") : QString());
+        finish(id, connection, connection.isTooLong ? u"超过 256 KiB"_s : QString());
 }
 
 /// The end of the sending, after which only the answer is due.

@@ -16,6 +16,8 @@
 
 namespace korvane::desk {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr QFile::Permissions ownerOnly = QFile::ReadOwner | QFile::WriteOwner;
@@ -32,19 +34,19 @@ QByteArray compact(const QJsonObject& object)
 
 QJsonObject encode(const HistoryEntry& entry)
 {
-    return {{QStringLiteral("id"), static_cast<qint64>(entry.id)},
-            {QStringLiteral("time"), entry.arrivedAt.toUTC().toString(Qt::ISODateWithMs)},
-            {QStringLiteral("outcome"), outcomeName(entry.outcome)},
-            {QStringLiteral("milliseconds"), static_cast<qint64>(entry.taken.count())},
-            {QStringLiteral("pid"), static_cast<qint64>(entry.asker.pid)},
-            {QStringLiteral("executable"), entry.asker.executable},
-            {QStringLiteral("chain"), QJsonArray::fromStringList(entry.asker.chain)},
-            {QStringLiteral("ownServer"), entry.asker.isOwnServer},
-            {QStringLiteral("action"), entry.request.action},
-            {QStringLiteral("title"), entry.request.title},
-            {QStringLiteral("summary"), entry.request.summary},
-            {QStringLiteral("detail"), entry.request.detail},
-            {QStringLiteral("reason"), entry.request.reason}};
+    return {{u"id"_s, static_cast<qint64>(entry.id)},
+            {u"time"_s, entry.arrivedAt.toUTC().toString(Qt::ISODateWithMs)},
+            {u"outcome"_s, outcomeName(entry.outcome)},
+            {u"milliseconds"_s, static_cast<qint64>(entry.taken.count())},
+            {u"pid"_s, static_cast<qint64>(entry.asker.pid)},
+            {u"executable"_s, entry.asker.executable},
+            {u"chain"_s, QJsonArray::fromStringList(entry.asker.chain)},
+            {u"ownServer"_s, entry.asker.isOwnServer},
+            {u"action"_s, entry.request.action},
+            {u"title"_s, entry.request.title},
+            {u"summary"_s, entry.request.summary},
+            {u"detail"_s, entry.request.detail},
+            {u"reason"_s, entry.request.reason}};
 }
 
 HistoryEntry decode(const QJsonObject& object, Outcome outcome)
@@ -102,8 +104,8 @@ QString History::defaultDirectory()
 
 QString History::pathOf(int age) const
 {
-    const QString number = age == 0 ? QString() : QStringLiteral(".%1").arg(age);
-    return QStringLiteral("%1/history%2.jsonl").arg(m_directory, number);
+    const QString number = age == 0 ? QString() : u".%1"_s.arg(age);
+    return u"%1/history%2.jsonl"_s.arg(m_directory, number);
 }
 
 OpResult History::record(const HistoryEntry& entry)
@@ -124,8 +126,7 @@ OpResult History::record(const HistoryEntry& entry)
 
 void History::recordDelivery(quint64 id, bool isDelivered)
 {
-    const QJsonObject line{{QStringLiteral("id"), static_cast<qint64>(id)},
-                           {QStringLiteral("delivered"), isDelivered}};
+    const QJsonObject line{{u"id"_s, static_cast<qint64>(id)}, {u"delivered"_s, isDelivered}};
     append(compact(line), false);
     note(id, isDelivered);
 }
@@ -146,7 +147,7 @@ OpResult History::takeOver()
         !QDir().mkpath(m_directory)) // The files in it have a mode of their own.
         return {false, translated(QT_TRANSLATE_NOOP("desk", "无法创建目录 %1")).arg(m_directory)};
     qint64 holder = 0;
-    m_lock = takeLock(m_directory + QStringLiteral("/history.lock"), holder);
+    m_lock = takeLock(m_directory + u"/history.lock"_s, holder);
     if (m_lock)
         return {true, {}};
     return {false, holder != 0

@@ -13,6 +13,8 @@
 #include <array>
 #include <string_view>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using namespace korvane;
@@ -22,7 +24,7 @@ constexpr qsizetype usualEntries = 20;
 
 void setIdentity()
 {
-    QCoreApplication::setApplicationName(QStringLiteral("korvane-desk"));
+    QCoreApplication::setApplicationName(u"korvane-desk"_s);
     QCoreApplication::setApplicationVersion(identity::version);
     QCoreApplication::setOrganizationDomain(identity::organizationDomain);
     QCoreApplication::setOrganizationName(identity::applicationName);
@@ -101,14 +103,13 @@ int main(int argc, char* argv[])
             .arg(desk.channelPath(), desk::History::defaultDirectory()));
     parser.addHelpOption();
     parser.addVersionOption();
-    const QString terminal = QStringLiteral("terminal");
-    const QString history = QStringLiteral("history");
+    const QString terminal = u"terminal"_s;
+    const QString history = u"history"_s;
     parser.addOptions(
         {{terminal, translated(QT_TRANSLATE_NOOP("desk", "在终端中询问, 不用窗口。"))},
          {history, translated(QT_TRANSLATE_NOOP("desk", "显示最近的授权记录, 默认 20 条。"))}});
-    parser.addPositionalArgument(QStringLiteral("N"),
-                                 translated(QT_TRANSLATE_NOOP("desk", "记录的条数。")),
-                                 QStringLiteral("[N]"));
+    parser.addPositionalArgument(u"N"_s, translated(QT_TRANSLATE_NOOP("desk", "记录的条数。")),
+                                 u"[N]"_s);
     parser.process(*application);
     if (parser.isSet(history))
         return printHistory(parser.positionalArguments(), *streams);

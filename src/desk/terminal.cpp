@@ -11,6 +11,8 @@
 
 namespace korvane::desk {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -57,12 +59,12 @@ QStringList framed(const QString& text, int columns)
     const int room = std::max(columns, leastColumns) - widthOf(U'│') - 2;
     QStringList lines;
     for (const QString& line : text.split(u'\n')) {
-        QString row = QStringLiteral("│ ");
+        QString row = u"│ "_s;
         int used = 0;
         for (const char32_t code : consent::shownText(line).toStdU32String()) {
             if (used + widthOf(code) > room) {
                 lines.append(row);
-                row = QStringLiteral("│ ");
+                row = u"│ "_s;
                 used = 0;
             }
             row += QString::fromUcs4(&code, 1);
@@ -77,16 +79,13 @@ QString historyText(const QList<HistoryEntry>& entries, qsizetype count)
 {
     QStringList lines;
     for (const HistoryEntry& entry : entries.first(std::min(count, entries.size()))) {
-        lines.append(
-            QStringLiteral("%1  %2 (%3, %4 s%5)  %6  %7")
-                .arg(entry.arrivedAt.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                     answerText(entry.outcome), deciderText(entry.outcome),
-                     QString::number(static_cast<double>(entry.taken.count()) / 1000, 'f', 1),
-                     deliveryText(entry).isEmpty() ? QString()
-                                                   : QStringLiteral(", ") + deliveryText(entry),
-                     consent::shownText(entry.request.action),
-                     consent::shownText(entry.asker.chainText())));
-        lines.append(QStringLiteral("    ") + consent::shownText(entry.request.summary));
+        lines.append(u"%1  %2 (%3, %4 s%5)  %6  %7"_s.arg(
+            entry.arrivedAt.toString(u"yyyy-MM-dd HH:mm:ss"_s), answerText(entry.outcome),
+            deciderText(entry.outcome),
+            QString::number(static_cast<double>(entry.taken.count()) / 1000, 'f', 1),
+            deliveryText(entry).isEmpty() ? QString() : u", "_s + deliveryText(entry),
+            consent::shownText(entry.request.action), consent::shownText(entry.asker.chainText())));
+        lines.append(u"    "_s + consent::shownText(entry.request.summary));
     }
     return lines.isEmpty() ? QString() : lines.join(u'\n') + u'\n';
 }
@@ -102,7 +101,7 @@ TerminalDesk::TerminalDesk(Desk& desk, platform::Terminal& terminal)
             return;
         m_shown = 0;
         m_timer.stop();
-        print(QStringLiteral("\n→ %1 (%2)").arg(answerText(outcome), deciderText(outcome)));
+        print(u"\n→ %1 (%2)"_s.arg(answerText(outcome), deciderText(outcome)));
         showNext();
     });
     connect(&m_desk, &Desk::stateChanged, this, &TerminalDesk::showState);
@@ -138,8 +137,8 @@ void TerminalDesk::showQuestion(const Question& question)
     };
     const Risk risk = riskOf(question.request.action);
     m_allow = risk.allow;
-    print(QStringLiteral("\a\n") + translated(QT_TRANSLATE_NOOP("desk", "授权请求, 共 %1 个等待中"))
-                                       .arg(m_desk.questions().size()));
+    print(u"\a\n"_s + translated(QT_TRANSLATE_NOOP("desk", "授权请求, 共 %1 个等待中"))
+                          .arg(m_desk.questions().size()));
     frame(
         QT_TRANSLATE_NOOP("desk", "以下是请求方的话:"),
         QStringList{question.request.title, question.request.summary, question.request.detail}.join(
@@ -147,7 +146,7 @@ void TerminalDesk::showQuestion(const Question& question)
     frame(QT_TRANSLATE_NOOP("desk", "以下是 AI 自述的理由, 未经核实:"), question.request.reason);
     print(translated(QT_TRANSLATE_NOOP("desk", "请求方: %1")).arg(question.asker.chainText()));
     if (question.asker.isKnown)
-        print(QStringLiteral("        ") + question.asker.executable);
+        print(u"        "_s + question.asker.executable);
     if (const QString warning = warningOf(question.asker); !warning.isEmpty())
         print(warning);
     print(translated(QT_TRANSLATE_NOOP("desk", "后果: %1")).arg(risk.text));

@@ -14,18 +14,16 @@ inline constexpr int methodNotFoundCode = -32601;
 /// A success response. An undefined `id` leaves the member out; a null one is written.
 inline QJsonObject makeResult(const QJsonValue& id, const QJsonValue& result)
 {
-    return {{QStringLiteral("jsonrpc"), QStringLiteral("2.0")},
-            {QStringLiteral("id"), id},
-            {QStringLiteral("result"), result}};
+    using namespace Qt::StringLiterals;
+    return {{u"jsonrpc"_s, u"2.0"_s}, {u"id"_s, id}, {u"result"_s, result}};
 }
 
 /// An error response; `id` as for makeResult().
 inline QJsonObject makeError(const QJsonValue& id, int code, const QString& message)
 {
-    const QJsonObject error{{QStringLiteral("code"), code}, {QStringLiteral("message"), message}};
-    return {{QStringLiteral("jsonrpc"), QStringLiteral("2.0")},
-            {QStringLiteral("id"), id},
-            {QStringLiteral("error"), error}};
+    using namespace Qt::StringLiterals;
+    const QJsonObject error{{u"code"_s, code}, {u"message"_s, message}};
+    return {{u"jsonrpc"_s, u"2.0"_s}, {u"id"_s, id}, {u"error"_s, error}};
 }
 
 } // namespace korvane

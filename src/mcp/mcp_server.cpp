@@ -12,13 +12,14 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonObject toolResult(const QString& text, bool isError)
 {
-    const QJsonObject content{{QStringLiteral("type"), QStringLiteral("text")},
-                              {QStringLiteral("text"), text}};
-    return {{QStringLiteral("content"), QJsonArray{content}}, {QStringLiteral("isError"), isError}};
+    const QJsonObject content{{u"type"_s, u"text"_s}, {u"text"_s, text}};
+    return {{u"content"_s, QJsonArray{content}}, {u"isError"_s, isError}};
 }
 
 } // namespace
@@ -39,53 +40,53 @@ std::size_t McpServer::NameHash::operator()(const QString& name) const noexcept
 
 QJsonObject McpServer::handleRequest(const QJsonObject& request, const ProgressCallback& progress)
 {
-    const QJsonValue id = request.value(QLatin1String("id"));
-    const QString method = request.value(QLatin1String("method")).toString();
-    const QJsonObject params = request.value(QLatin1String("params")).toObject();
+    const QJsonValue id = request.value("id"_L1);
+    const QString method = request.value("method"_L1).toString();
+    const QJsonObject params = request.value("params"_L1).toObject();
     const bool isNotification = id.isUndefined() || id.isNull();
 
-    if (method == QLatin1String("initialize"))
+    if (method == "initialize"_L1)
         return makeResult(id, onInitialize(params));
-    if (method == QLatin1String("notifications/initialized"))
+    if (method == "notifications/initialized"_L1)
         return {};
-    if (method == QLatin1String("tools/list"))
+    if (method == "tools/list"_L1)
         return makeResult(id, onToolsList());
-    if (method == QLatin1String("tools/call"))
+    if (method == "tools/call"_L1)
         return makeResult(id, onToolsCall(params, progress));
-    if (method == QLatin1String("ping"))
+    if (method == "ping"_L1)
         return makeResult(id, QJsonObject());
     if (isNotification)
         return {};
-    return makeError(id, methodNotFoundCode, QStringLiteral("Method not found: %1").arg(method));
+    return makeError(id, methodNotFoundCode, u"Method not found: %1"_s.arg(method));
 }
 
 QJsonObject McpServer::onInitialize(const QJsonObject& /*params*/)
 {
-    const QJsonObject serverInfo{{QStringLiteral("name"), identity::serverName},
-                                 {QStringLiteral("version"), identity::version}};
-    return {{QStringLiteral("protocolVersion"), QStringLiteral("2024-11-05")},
-            {QStringLiteral("capabilities"), QJsonObject{{QStringLiteral("tools"), QJsonObject()}}},
-            {QStringLiteral("serverInfo"), serverInfo}};
+    const QJsonObject serverInfo{{u"name"_s, identity::serverName},
+                                 {u"version"_s, identity::version}};
+    return {{u"protocolVersion"_s, u"2024-11-05"_s},
+            {u"capabilities"_s, QJsonObject{{u"tools"_s, QJsonObject()}}},
+            {u"serverInfo"_s, serverInfo}};
 }
 
 QJsonObject McpServer::onToolsList()
 {
     QJsonArray tools;
     for (const auto& [name, tool] : m_tools) {
-        tools.append(QJsonObject{{QStringLiteral("name"), name},
-                                 {QStringLiteral("description"), tool.description},
-                                 {QStringLiteral("inputSchema"), tool.inputSchema}});
+        tools.append(QJsonObject{{u"name"_s, name},
+                                 {u"description"_s, tool.description},
+                                 {u"inputSchema"_s, tool.inputSchema}});
     }
-    return {{QStringLiteral("tools"), tools}};
+    return {{u"tools"_s, tools}};
 }
 
 QJsonObject McpServer::onToolsCall(const QJsonObject& params, const ProgressCallback& progress)
 {
-    const QString name = params.value(QLatin1String("name")).toString();
-    const QJsonObject arguments = params.value(QLatin1String("arguments")).toObject();
+    const QString name = params.value("name"_L1).toString();
+    const QJsonObject arguments = params.value("arguments"_L1).toObject();
     const auto tool = m_tools.find(name);
     if (tool == m_tools.end())
-        return toolResult(QStringLiteral("Unknown tool: %1").arg(name), true);
+        return toolResult(u"Unknown tool: %1"_s.arg(name), true);
 
     try {
         const QJsonObject result = tool->second.handler(arguments, progress);
@@ -93,7 +94,7 @@ QJsonObject McpServer::onToolsCall(const QJsonObject& params, const ProgressCall
                           false);
     } catch (const std::exception& error) {
         const QString message = QString::fromUtf8(error.what());
-        return toolResult(QStringLiteral("Tool '%1' failed: %2").arg(name, message), true);
+        return toolResult(u"Tool '%1' failed: %2"_s.arg(name, message), true);
     }
 }
 

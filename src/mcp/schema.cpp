@@ -5,11 +5,13 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonObject property(const QString& type, const QString& description)
 {
-    return {{QStringLiteral("type"), type}, {QStringLiteral("description"), description}};
+    return {{u"type"_s, type}, {u"description"_s, description}};
 }
 
 } // namespace
@@ -21,47 +23,45 @@ QJsonObject schemaEmpty()
 
 QJsonObject schemaObject(const QJsonObject& properties, const QStringList& required)
 {
-    QJsonObject schema{{QStringLiteral("type"), QStringLiteral("object")},
-                       {QStringLiteral("properties"), properties}};
+    QJsonObject schema{{u"type"_s, u"object"_s}, {u"properties"_s, properties}};
     if (!required.isEmpty())
-        schema.insert(QStringLiteral("required"), QJsonArray::fromStringList(required));
+        schema.insert(u"required"_s, QJsonArray::fromStringList(required));
     return schema;
 }
 
 QJsonObject propString(const QString& description)
 {
-    return property(QStringLiteral("string"), description);
+    return property(u"string"_s, description);
 }
 
 QJsonObject propInteger(const QString& description, int defaultValue)
 {
     QJsonObject schema = propInteger(description);
-    schema.insert(QStringLiteral("default"), defaultValue);
+    schema.insert(u"default"_s, defaultValue);
     return schema;
 }
 
 QJsonObject propInteger(const QString& description)
 {
-    return property(QStringLiteral("integer"), description);
+    return property(u"integer"_s, description);
 }
 
 QJsonObject propBoolean(const QString& description)
 {
-    return property(QStringLiteral("boolean"), description);
+    return property(u"boolean"_s, description);
 }
 
 QJsonObject propStringArray(const QString& description)
 {
-    QJsonObject schema = property(QStringLiteral("array"), description);
-    schema.insert(QStringLiteral("items"),
-                  QJsonObject{{QStringLiteral("type"), QStringLiteral("string")}});
+    QJsonObject schema = property(u"array"_s, description);
+    schema.insert(u"items"_s, QJsonObject{{u"type"_s, u"string"_s}});
     return schema;
 }
 
 QJsonObject propStringEnum(const QStringList& values, const QString& description)
 {
     QJsonObject schema = propString(description);
-    schema.insert(QStringLiteral("enum"), QJsonArray::fromStringList(values));
+    schema.insert(u"enum"_s, QJsonArray::fromStringList(values));
     return schema;
 }
 

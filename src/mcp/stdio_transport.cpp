@@ -21,6 +21,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// How much is read at once.
@@ -119,7 +121,7 @@ bool writeJsonLine(StandardStreams& streams, const QJsonObject& message)
 QJsonObject parseErrorResponse(const QJsonParseError& error)
 {
     return makeError(QJsonValue::Null, parseErrorCode,
-                     QStringLiteral("Parse error: %1").arg(error.errorString()));
+                     u"Parse error: %1"_s.arg(error.errorString()));
 }
 
 /// Hands requests from the reader thread to the main thread, one at a time.

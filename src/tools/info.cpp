@@ -9,20 +9,20 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 QJsonObject toolGetAppInfo(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)
 {
     return {
-        {QStringLiteral("name"), identity::applicationName},
-        {QStringLiteral("version"), identity::version},
-        {QStringLiteral("organization"), identity::organizationDomain},
-        {QStringLiteral("platform"), QSysInfo::prettyProductName()},
-        {QStringLiteral("kernel_version"), QSysInfo::kernelVersion()},
-        {QStringLiteral("qt_version"), identity::qtVersion},
-        {QStringLiteral("data_dir"),
-         QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)},
-        {QStringLiteral("executable"), QCoreApplication::applicationFilePath()},
-        {QStringLiteral("description"),
-         QStringLiteral("Korvane 系统医生 — 进程/启动项/网络/卸载/大文件 五合一诊断工具")},
+        {u"name"_s, identity::applicationName},
+        {u"version"_s, identity::version},
+        {u"organization"_s, identity::organizationDomain},
+        {u"platform"_s, QSysInfo::prettyProductName()},
+        {u"kernel_version"_s, QSysInfo::kernelVersion()},
+        {u"qt_version"_s, identity::qtVersion},
+        {u"data_dir"_s, QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)},
+        {u"executable"_s, QCoreApplication::applicationFilePath()},
+        {u"description"_s, u"Korvane 系统医生 — 进程/启动项/网络/卸载/大文件 五合一诊断工具"_s},
     };
 }
 

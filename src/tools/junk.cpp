@@ -11,24 +11,26 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QString groupLabel(JunkGroup group)
 {
     switch (group) {
     case JunkGroup::system:
-        return QStringLiteral("system");
+        return u"system"_s;
     case JunkGroup::browser:
-        return QStringLiteral("browser");
+        return u"browser"_s;
     case JunkGroup::devtools:
         break;
     }
-    return QStringLiteral("devtools");
+    return u"devtools"_s;
 }
 
 QString safetyLabel(JunkSafety safety)
 {
-    return safety == JunkSafety::safe ? QStringLiteral("safe") : QStringLiteral("caution");
+    return safety == JunkSafety::safe ? u"safe"_s : u"caution"_s;
 }
 
 /// How much several categories hold together.
@@ -47,16 +49,15 @@ struct Total
 QJsonObject entryOf(const JunkItem& item)
 {
     constexpr qsizetype samples = 5;
-    return {
-        {QStringLiteral("category_id"), item.id},
-        {QStringLiteral("category_name"), item.name},
-        {QStringLiteral("group"), groupLabel(item.group)},
-        {QStringLiteral("description"), item.description},
-        {QStringLiteral("safety"), safetyLabel(item.safety)},
-        {QStringLiteral("size_bytes"), item.sizeBytes},
-        {QStringLiteral("size_mb"), roundedMebibytes(item.sizeBytes)},
-        {QStringLiteral("file_count"), item.fileCount},
-        {QStringLiteral("sample_paths"), QJsonArray::fromStringList(item.paths.mid(0, samples))}};
+    return {{u"category_id"_s, item.id},
+            {u"category_name"_s, item.name},
+            {u"group"_s, groupLabel(item.group)},
+            {u"description"_s, item.description},
+            {u"safety"_s, safetyLabel(item.safety)},
+            {u"size_bytes"_s, item.sizeBytes},
+            {u"size_mb"_s, roundedMebibytes(item.sizeBytes)},
+            {u"file_count"_s, item.fileCount},
+            {u"sample_paths"_s, QJsonArray::fromStringList(item.paths.mid(0, samples))}};
 }
 
 /// The strings of the array without surrounding white space; what is no string is an empty one, as
@@ -82,20 +83,18 @@ struct Cleaning
     {
         paths += item.paths;
         total.add(item);
-        lines.append(QStringLiteral("  - %1 (%2, %3 项)")
-                         .arg(item.name, item.sizeDisplay(), QString::number(item.fileCount)));
-        categories.append(QJsonObject{{QStringLiteral("category_id"), item.id},
-                                      {QStringLiteral("category_name"), item.name},
-                                      {QStringLiteral("size_bytes"), item.sizeBytes},
-                                      {QStringLiteral("file_count"), item.fileCount}});
+        lines.append(u"  - %1 (%2, %3 项)"_s.arg(item.name, item.sizeDisplay(),
+                                                 QString::number(item.fileCount)));
+        categories.append(QJsonObject{{u"category_id"_s, item.id},
+                                      {u"category_name"_s, item.name},
+                                      {u"size_bytes"_s, item.sizeBytes},
+                                      {u"file_count"_s, item.fileCount}});
     }
 
     void skip(const QString& id, const QStringList& running)
     {
-        const QString reason =
-            QStringLiteral("进程运行中, 请先关闭: %1").arg(running.join(QStringLiteral(", ")));
-        skipped.append(
-            QJsonObject{{QStringLiteral("category_id"), id}, {QStringLiteral("reason"), reason}});
+        const QString reason = u"进程运行中, 请先关闭: %1"_s.arg(running.join(u", "_s));
+        skipped.append(QJsonObject{{u"category_id"_s, id}, {u"reason"_s, reason}});
     }
 };
 
@@ -119,13 +118,13 @@ Cleaning planCleaning(const QSet<QString>& ids)
 consent::Request cleaningRequest(const Cleaning& cleaning, const QString& reason)
 {
     const auto& [files, bytes] = cleaning.total;
-    return {.action = QStringLiteral("clean_junk"),
-            .title = QStringLiteral("清理磁盘垃圾"),
-            .summary = QStringLiteral("AI 请求清理 %1 类垃圾 (共 %2 个文件, 约 %3 MB) 到回收站")
-                           .arg(QString::number(cleaning.lines.size()), QString::number(files),
-                                QString::number(mebibytes(bytes), 'f', 1)),
-            .detail = QStringLiteral("将移到回收站 (可从回收站恢复) 的分类:\n%1")
-                          .arg(cleaning.lines.join(u'\n')),
+    return {.action = u"clean_junk"_s,
+            .title = u"清理磁盘垃圾"_s,
+            .summary = u"AI 请求清理 %1 类垃圾 (共 %2 个文件, 约 %3 MB) 到回收站"_s.arg(
+                QString::number(cleaning.lines.size()), QString::number(files),
+                QString::number(mebibytes(bytes), 'f', 1)),
+            .detail =
+                u"将移到回收站 (可从回收站恢复) 的分类:\n%1"_s.arg(cleaning.lines.join(u'\n')),
             .reason = reason};
 }
 
@@ -136,9 +135,9 @@ QJsonObject toolScanJunk(const QJsonObject& /*args*/, const ProgressCallback& pr
     const Watchdog::Work work;
     const auto announce = [&progress](const JunkCategory& category, int index, int total) {
         if (progress) {
-            progress({{QStringLiteral("scanning_category"), category.name},
-                      {QStringLiteral("index"), index},
-                      {QStringLiteral("total"), total}});
+            progress({{u"scanning_category"_s, category.name},
+                      {u"index"_s, index},
+                      {u"total"_s, total}});
         }
         return true;
     };
@@ -148,47 +147,43 @@ QJsonObject toolScanJunk(const QJsonObject& /*args*/, const ProgressCallback& pr
         categories.append(entryOf(item));
         total.add(item);
     }
-    return {{QStringLiteral("category_count"), categories.size()},
-            {QStringLiteral("total_size_bytes"), total.bytes},
-            {QStringLiteral("total_size_mb"), roundedMebibytes(total.bytes)},
-            {QStringLiteral("total_file_count"), total.files},
-            {QStringLiteral("categories"), categories},
-            {QStringLiteral("note"),
-             QStringLiteral("清理用 clean_junk 传 category_ids[]; 那是写操作, 执行前会在 Korvane "
-                            "主程序弹窗请求授权。safety=caution 的分类(更新缓存/"
-                            "Prefetch)建议先向用户说明副作用再清。")}};
+    return {{u"category_count"_s, categories.size()},
+            {u"total_size_bytes"_s, total.bytes},
+            {u"total_size_mb"_s, roundedMebibytes(total.bytes)},
+            {u"total_file_count"_s, total.files},
+            {u"categories"_s, categories},
+            {u"note"_s, u"清理用 clean_junk 传 category_ids[]; 那是写操作, 执行前会在 Korvane "
+                        "主程序弹窗请求授权。safety=caution 的分类(更新缓存/"
+                        "Prefetch)建议先向用户说明副作用再清。"_s}};
 }
 
 QJsonObject toolCleanJunk(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
-    const QJsonArray ids = args.value(QLatin1String("category_ids")).toArray();
+    const QJsonArray ids = args.value("category_ids"_L1).toArray();
     if (ids.isEmpty())
-        throwToolError(
-            QStringLiteral("参数 category_ids 不能为空 — 先用 scan_junk 拿 category_id"));
+        throwToolError(u"参数 category_ids 不能为空 — 先用 scan_junk 拿 category_id"_s);
 
     const Cleaning cleaning = planCleaning(idsIn(ids));
     if (cleaning.paths.isEmpty()) {
         const QString note =
             cleaning.skipped.isEmpty()
-                ? QStringLiteral("匹配的分类当前无可清理内容 (可能已清理过, 或 category_id 无效 — "
-                                 "用 scan_junk 确认有效 id)")
-                : QStringLiteral("所有匹配分类都因进程运行中被跳过, 请先关闭对应程序再试");
-        return {{QStringLiteral("cleaned"), false},
-                {QStringLiteral("skipped"), cleaning.skipped},
-                {QStringLiteral("note"), note}};
+                ? u"匹配的分类当前无可清理内容 (可能已清理过, 或 category_id 无效 — "
+                  "用 scan_junk 确认有效 id)"_s
+                : u"所有匹配分类都因进程运行中被跳过, 请先关闭对应程序再试"_s;
+        return {{u"cleaned"_s, false}, {u"skipped"_s, cleaning.skipped}, {u"note"_s, note}};
     }
 
-    requireConsent(cleaningRequest(cleaning, textArgument(args, QLatin1String("reason"))));
+    requireConsent(cleaningRequest(cleaning, textArgument(args, "reason"_L1)));
     const OpResult result = JunkScanner::moveToRecycleBin(cleaning.paths);
     if (!result.ok)
         throwToolError(result.message);
-    return {{QStringLiteral("cleaned"), true},
-            {QStringLiteral("freed_bytes"), cleaning.total.bytes},
-            {QStringLiteral("freed_mb"), roundedMebibytes(cleaning.total.bytes)},
-            {QStringLiteral("file_count"), cleaning.total.files},
-            {QStringLiteral("categories"), cleaning.categories},
-            {QStringLiteral("skipped"), cleaning.skipped},
-            {QStringLiteral("message"), result.message}};
+    return {{u"cleaned"_s, true},
+            {u"freed_bytes"_s, cleaning.total.bytes},
+            {u"freed_mb"_s, roundedMebibytes(cleaning.total.bytes)},
+            {u"file_count"_s, cleaning.total.files},
+            {u"categories"_s, cleaning.categories},
+            {u"skipped"_s, cleaning.skipped},
+            {u"message"_s, result.message}};
 }
 
 } // namespace korvane

@@ -6,6 +6,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// How long the load is measured.
@@ -18,26 +20,23 @@ QJsonObject toolGetSystemMetrics(const QJsonObject& /*args*/, const ProgressCall
     const SystemMetrics sample = measureLoad(measuringTime);
     const auto integer = [](quint64 bytes) { return static_cast<qint64>(bytes); };
     return {
-        {QStringLiteral("cpu_percent"), sample.cpuPercent},
-        {QStringLiteral("memory_percent"), sample.memoryPercent},
-        {QStringLiteral("memory_used_bytes"), integer(sample.memoryUsedBytes)},
-        {QStringLiteral("memory_total_bytes"), integer(sample.memoryTotalBytes)},
-        {QStringLiteral("memory_display"),
-         gibibytesDisplay(sample.memoryUsedBytes, sample.memoryTotalBytes)},
-        {QStringLiteral("commit_percent"), sample.commitPercent},
-        {QStringLiteral("commit_charge_bytes"), integer(sample.commitChargeBytes)},
-        {QStringLiteral("commit_limit_bytes"), integer(sample.commitLimitBytes)},
-        {QStringLiteral("commit_display"),
-         gibibytesDisplay(sample.commitChargeBytes, sample.commitLimitBytes)},
-        {QStringLiteral("disk_percent"), sample.diskPercent},
-        {QStringLiteral("disk_read_kbs"), sample.diskReadKbs},
-        {QStringLiteral("disk_write_kbs"), sample.diskWriteKbs},
-        {QStringLiteral("net_recv_kbs"), sample.netRecvKbs},
-        {QStringLiteral("net_send_kbs"), sample.netSendKbs},
-        {QStringLiteral("commit_note"),
-         QStringLiteral("提交内存(commit charge)是 OS 的承诺计数器, 非物理占用, 无法'清理'; "
-                        "逼近上限(commit_percent>90)才是真风险(新内存分配失败/程序崩溃)。"
-                        "memory_percent 高但 commit 充裕多为正常缓存, 无需处理。")},
+        {u"cpu_percent"_s, sample.cpuPercent},
+        {u"memory_percent"_s, sample.memoryPercent},
+        {u"memory_used_bytes"_s, integer(sample.memoryUsedBytes)},
+        {u"memory_total_bytes"_s, integer(sample.memoryTotalBytes)},
+        {u"memory_display"_s, gibibytesDisplay(sample.memoryUsedBytes, sample.memoryTotalBytes)},
+        {u"commit_percent"_s, sample.commitPercent},
+        {u"commit_charge_bytes"_s, integer(sample.commitChargeBytes)},
+        {u"commit_limit_bytes"_s, integer(sample.commitLimitBytes)},
+        {u"commit_display"_s, gibibytesDisplay(sample.commitChargeBytes, sample.commitLimitBytes)},
+        {u"disk_percent"_s, sample.diskPercent},
+        {u"disk_read_kbs"_s, sample.diskReadKbs},
+        {u"disk_write_kbs"_s, sample.diskWriteKbs},
+        {u"net_recv_kbs"_s, sample.netRecvKbs},
+        {u"net_send_kbs"_s, sample.netSendKbs},
+        {u"commit_note"_s, u"提交内存(commit charge)是 OS 的承诺计数器, 非物理占用, 无法'清理'; "
+                           "逼近上限(commit_percent>90)才是真风险(新内存分配失败/程序崩溃)。"
+                           "memory_percent 高但 commit 充裕多为正常缓存, 无需处理。"_s},
     };
 }
 

@@ -8,18 +8,20 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonObject connectionObject(const NetConnection& connection)
 {
     return {
-        {QStringLiteral("protocol"), protocolLabel(connection.protocol)},
-        {QStringLiteral("ip_version"), familyLabel(connection.family)},
-        {QStringLiteral("local"), connection.localEndpoint()},
-        {QStringLiteral("remote"), connection.remoteEndpoint()},
-        {QStringLiteral("state"), stateLabel(connection)},
-        {QStringLiteral("pid"), static_cast<qint64>(connection.pid)},
-        {QStringLiteral("process_name"), connection.processName},
+        {u"protocol"_s, protocolLabel(connection.protocol)},
+        {u"ip_version"_s, familyLabel(connection.family)},
+        {u"local"_s, connection.localEndpoint()},
+        {u"remote"_s, connection.remoteEndpoint()},
+        {u"state"_s, stateLabel(connection)},
+        {u"pid"_s, static_cast<qint64>(connection.pid)},
+        {u"process_name"_s, connection.processName},
     };
 }
 
@@ -37,11 +39,11 @@ QJsonObject toolListNetworkConnections(const QJsonObject& /*args*/,
         ipv6Count += connection.family == 1 ? 1 : 0;
         objects.append(connectionObject(connection));
     }
-    return {{QStringLiteral("total"), objects.size()},
-            {QStringLiteral("tcp_count"), tcpCount},
-            {QStringLiteral("udp_count"), objects.size() - tcpCount},
-            {QStringLiteral("ipv6_count"), ipv6Count},
-            {QStringLiteral("connections"), objects}};
+    return {{u"total"_s, objects.size()},
+            {u"tcp_count"_s, tcpCount},
+            {u"udp_count"_s, objects.size() - tcpCount},
+            {u"ipv6_count"_s, ipv6Count},
+            {u"connections"_s, objects}};
 }
 
 QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallback& /*progress*/)
@@ -53,9 +55,7 @@ QJsonObject toolFindProcessByPort(const QJsonObject& args, const ProgressCallbac
         if (connection.localPort == port)
             objects.append(connectionObject(connection));
     }
-    return {{QStringLiteral("port"), port},
-            {QStringLiteral("matches"), objects.size()},
-            {QStringLiteral("connections"), objects}};
+    return {{u"port"_s, port}, {u"matches"_s, objects.size()}, {u"connections"_s, objects}};
 }
 
 } // namespace korvane

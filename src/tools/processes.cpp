@@ -20,6 +20,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// How long the first listing waits, so that processor use is measured over a useful time.
@@ -44,15 +46,15 @@ void awaitCpuSamples(const ProcessService& service)
 QJsonObject processObject(const ProcessSnapshot& process, SignatureStatus signature)
 {
     return {
-        {QStringLiteral("pid"), static_cast<qint64>(process.pid)},
-        {QStringLiteral("parent_pid"), static_cast<qint64>(process.parentPid)},
-        {QStringLiteral("name"), process.name},
-        {QStringLiteral("exe_path"), process.exePath},
-        {QStringLiteral("memory_bytes"), process.memoryBytes},
-        {QStringLiteral("memory_display"), process.memoryDisplay()},
-        {QStringLiteral("cpu_percent"), process.cpuPercent},
-        {QStringLiteral("cpu_display"), process.cpuDisplay()},
-        {QStringLiteral("signature"), signatureStatusLabel(signature)},
+        {u"pid"_s, static_cast<qint64>(process.pid)},
+        {u"parent_pid"_s, static_cast<qint64>(process.parentPid)},
+        {u"name"_s, process.name},
+        {u"exe_path"_s, process.exePath},
+        {u"memory_bytes"_s, process.memoryBytes},
+        {u"memory_display"_s, process.memoryDisplay()},
+        {u"cpu_percent"_s, process.cpuPercent},
+        {u"cpu_display"_s, process.cpuDisplay()},
+        {u"signature"_s, signatureStatusLabel(signature)},
     };
 }
 
@@ -74,23 +76,22 @@ ProcessSnapshot findProcess(quint32 pid)
         std::find_if(processes.cbegin(), processes.cend(),
                      [pid](const ProcessSnapshot& process) { return process.pid == pid; });
     if (found == processes.cend())
-        throwToolError(QStringLiteral("找不到 PID %1 对应的进程 — 可能已退出").arg(pid));
+        throwToolError(u"找不到 PID %1 对应的进程 — 可能已退出"_s.arg(pid));
     return *found;
 }
 
 consent::Request terminationRequest(const ProcessSnapshot& process, const QString& reason)
 {
-    QString detail = QStringLiteral("可执行路径: %1")
-                         .arg(process.exePath.isEmpty() ? QStringLiteral("(未知)")
-                                                        : consent::shownText(process.exePath));
+    QString detail = u"可执行路径: %1"_s.arg(
+        process.exePath.isEmpty() ? u"(未知)"_s : consent::shownText(process.exePath));
     if (process.memoryBytes >= 1) {
         const double mib = mebibytes(process.memoryBytes);
-        detail += QStringLiteral("\n内存占用: %1 MB").arg(QString::number(mib, 'f', 1));
+        detail += u"\n内存占用: %1 MB"_s.arg(QString::number(mib, 'f', 1));
     }
-    return {.action = QStringLiteral("kill_process"),
-            .title = QStringLiteral("结束进程"),
-            .summary = QStringLiteral("AI 请求强制结束进程「%1」(PID %2)")
-                           .arg(consent::quotedText(process.name), QString::number(process.pid)),
+    return {.action = u"kill_process"_s,
+            .title = u"结束进程"_s,
+            .summary = u"AI 请求强制结束进程「%1」(PID %2)"_s.arg(consent::quotedText(process.name),
+                                                                  QString::number(process.pid)),
             .detail = detail,
             .reason = reason};
 }
@@ -112,10 +113,10 @@ PortHolders findHolders(qint64 port)
             holders.pids.contains(pid))
             continue;
         const QString name = connection.processName.isEmpty()
-                                 ? QStringLiteral("未知")
+                                 ? u"未知"_s
                                  : consent::shownText(connection.processName);
         holders.pids.append(pid);
-        holders.labels.append(QStringLiteral("%1 (PID %2)").arg(name, QString::number(pid)));
+        holders.labels.append(u"%1 (PID %2)"_s.arg(name, QString::number(pid)));
     }
     return holders;
 }
@@ -139,15 +140,14 @@ QJsonObject toolListProcesses(const QJsonObject& /*args*/, const ProgressCallbac
     }
 
     const QJsonObject summary{
-        {QStringLiteral("trusted_cached"), counts.value(SignatureStatus::Trusted)},
-        {QStringLiteral("untrusted_cached"), counts.value(SignatureStatus::Untrusted)},
-        {QStringLiteral("unsigned_cached"), counts.value(SignatureStatus::Unsigned)},
-        {QStringLiteral("note"), QStringLiteral("签名仅返回 panel/MCP 已查询过的缓存值;Korvane GUI "
-                                                "里点「验签可见行」会触发实际 WinVerifyTrust")},
+        {u"trusted_cached"_s, counts.value(SignatureStatus::Trusted)},
+        {u"untrusted_cached"_s, counts.value(SignatureStatus::Untrusted)},
+        {u"unsigned_cached"_s, counts.value(SignatureStatus::Unsigned)},
+        {u"note"_s, u"签名仅返回 panel/MCP 已查询过的缓存值;Korvane GUI "
+                    "里点「验签可见行」会触发实际 WinVerifyTrust"_s},
     };
-    return {{QStringLiteral("total"), objects.size()},
-            {QStringLiteral("processes"), objects},
-            {QStringLiteral("signature_summary"), summary}};
+    return {
+        {u"total"_s, objects.size()}, {u"processes"_s, objects}, {u"signature_summary"_s, summary}};
 }
 
 QJsonObject toolGetProcessTree(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)
@@ -158,15 +158,15 @@ QJsonObject toolGetProcessTree(const QJsonObject& /*args*/, const ProgressCallba
 
     const ProcessTree tree(processes);
     if (tree.textSizeBound() > ProcessTree::maxTextSize)
-        throwToolError(QStringLiteral("进程树过深 — 缩进文本将超过 64 MiB, 请改用 list_processes"));
-    return {{QStringLiteral("total"), processes.size()}, {QStringLiteral("roots"), tree.toJson()}};
+        throwToolError(u"进程树过深 — 缩进文本将超过 64 MiB, 请改用 list_processes"_s);
+    return {{u"total"_s, processes.size()}, {u"roots"_s, tree.toJson()}};
 }
 
 QJsonObject toolGetProcessCommandLine(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
-    const qint64 pid = integerArgument(args, QLatin1String("pid"));
+    const qint64 pid = integerArgument(args, "pid"_L1);
     if (pid <= 0)
-        throwToolError(QStringLiteral("参数 pid 缺失或非法 — 必须是正整数"));
+        throwToolError(u"参数 pid 缺失或非法 — 必须是正整数"_s);
 
     // A value beyond the type names no process; narrowing it would name another one.
     const bool namesProcess = pid <= std::numeric_limits<quint32>::max();
@@ -174,34 +174,31 @@ QJsonObject toolGetProcessCommandLine(const QJsonObject& args, const ProgressCal
         namesProcess ? ProcessService::commandLine(static_cast<quint32>(pid)) : QString();
     const QString note =
         commandLine.isEmpty()
-            ? QStringLiteral(
-                  "读取失败 — 可能是受保护进程/系统进程/已退出, 或 32 位进程在 64 位下不可跨位读")
-            : QStringLiteral("");
-    return {{QStringLiteral("pid"), pid},
-            {QStringLiteral("command_line"), commandLine},
-            {QStringLiteral("note"), note}};
+            ? u"读取失败 — 可能是受保护进程/系统进程/已退出, 或 32 位进程在 64 位下不可跨位读"_s
+            : u""_s;
+    return {{u"pid"_s, pid}, {u"command_line"_s, commandLine}, {u"note"_s, note}};
 }
 
 QJsonObject toolKillProcess(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
-    const qint64 number = integerArgument(args, QLatin1String("pid"));
+    const qint64 number = integerArgument(args, "pid"_L1);
     if (number < 1)
-        throwToolError(QStringLiteral("参数 pid 缺失或非法 — 必须是正整数"));
+        throwToolError(u"参数 pid 缺失或非法 — 必须是正整数"_s);
     const auto pid = static_cast<quint32>(number); // its low 32 bits
     if (isCritical(pid))
-        throwToolError(QStringLiteral("拒绝结束系统关键进程 (System Idle Process / System)"));
+        throwToolError(u"拒绝结束系统关键进程 (System Idle Process / System)"_s);
     if (isSelf(pid))
-        throwToolError(QStringLiteral("拒绝结束 Korvane 自身进程"));
+        throwToolError(u"拒绝结束 Korvane 自身进程"_s);
 
     const ProcessSnapshot process = findProcess(pid);
-    requireConsent(terminationRequest(process, textArgument(args, QLatin1String("reason"))));
+    requireConsent(terminationRequest(process, textArgument(args, "reason"_L1)));
     const OpResult result = Singleton<FileUnlockService>::instance().killProcess(pid);
     if (!result.ok)
         throwToolError(result.message);
-    return {{QStringLiteral("killed"), true},
-            {QStringLiteral("pid"), static_cast<qint64>(pid)},
-            {QStringLiteral("process_name"), process.name},
-            {QStringLiteral("message"), result.message}};
+    return {{u"killed"_s, true},
+            {u"pid"_s, static_cast<qint64>(pid)},
+            {u"process_name"_s, process.name},
+            {u"message"_s, result.message}};
 }
 
 QJsonObject toolKillByPort(const QJsonObject& args, const ProgressCallback& /*progress*/)
@@ -209,28 +206,27 @@ QJsonObject toolKillByPort(const QJsonObject& args, const ProgressCallback& /*pr
     const qint64 port = portArgument(args);
     const PortHolders holders = findHolders(port);
     if (holders.pids.isEmpty())
-        throwToolError(QStringLiteral("端口 %1 未发现可结束的占用进程").arg(port));
+        throwToolError(u"端口 %1 未发现可结束的占用进程"_s.arg(port));
 
-    requireConsent(
-        {.action = QStringLiteral("kill_by_port"),
-         .title = QStringLiteral("按端口结束进程"),
-         .summary = QStringLiteral("AI 请求结束占用端口 %1 的 %2 个进程")
-                        .arg(QString::number(port), QString::number(holders.pids.size())),
-         .detail = holders.labels.join(u'\n'),
-         .reason = textArgument(args, QLatin1String("reason"))});
+    requireConsent({.action = u"kill_by_port"_s,
+                    .title = u"按端口结束进程"_s,
+                    .summary = u"AI 请求结束占用端口 %1 的 %2 个进程"_s.arg(
+                        QString::number(port), QString::number(holders.pids.size())),
+                    .detail = holders.labels.join(u'\n'),
+                    .reason = textArgument(args, "reason"_L1)});
     QJsonArray killed;
     QJsonArray failed;
     for (const quint32 pid : holders.pids) {
         const OpResult result = Singleton<FileUnlockService>::instance().killProcess(pid);
         (result.ok ? killed : failed)
-            .append(QJsonObject{{QStringLiteral("pid"), static_cast<qint64>(pid)},
-                                {QStringLiteral("message"), result.message}});
+            .append(
+                QJsonObject{{u"pid"_s, static_cast<qint64>(pid)}, {u"message"_s, result.message}});
     }
-    return {{QStringLiteral("port"), port},
-            {QStringLiteral("killed_count"), killed.size()},
-            {QStringLiteral("failed_count"), failed.size()},
-            {QStringLiteral("killed"), killed},
-            {QStringLiteral("failed"), failed}};
+    return {{u"port"_s, port},
+            {u"killed_count"_s, killed.size()},
+            {u"failed_count"_s, failed.size()},
+            {u"killed"_s, killed},
+            {u"failed"_s, failed}};
 }
 
 } // namespace korvane

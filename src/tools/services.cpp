@@ -9,18 +9,20 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonObject toObject(const ServiceItem& service)
 {
     return {
-        {QStringLiteral("name"), service.name},
-        {QStringLiteral("display_name"), service.displayName},
-        {QStringLiteral("description"), service.description},
-        {QStringLiteral("binary_path"), service.binaryPath},
-        {QStringLiteral("state"), serviceStateLabel(service.state)},
-        {QStringLiteral("start_type"), serviceStartTypeLabel(service.startType)},
-        {QStringLiteral("pid"), static_cast<qint64>(service.pid)},
+        {u"name"_s, service.name},
+        {u"display_name"_s, service.displayName},
+        {u"description"_s, service.description},
+        {u"binary_path"_s, service.binaryPath},
+        {u"state"_s, serviceStateLabel(service.state)},
+        {u"start_type"_s, serviceStartTypeLabel(service.startType)},
+        {u"pid"_s, static_cast<qint64>(service.pid)},
     };
 }
 
@@ -31,9 +33,9 @@ ServiceManagerService& manager()
 
 QString nameArgument(const QJsonObject& args)
 {
-    QString name = trimmedArgument(args, QLatin1String("name"));
+    QString name = trimmedArgument(args, "name"_L1);
     if (name.isEmpty())
-        throwToolError(QStringLiteral("参数 name 不能为空"));
+        throwToolError(u"参数 name 不能为空"_s);
     return name;
 }
 
@@ -58,15 +60,13 @@ ServiceItem findService(const QString& name)
             return service.name.compare(name, Qt::CaseInsensitive) == 0;
         });
     if (found == services.cend())
-        throwToolError(QStringLiteral("找不到服务: %1").arg(name));
+        throwToolError(u"找不到服务: %1"_s.arg(name));
     return *found;
 }
 
 QJsonObject unchanged(const QString& name, const QString& note)
 {
-    return {{QStringLiteral("changed"), false},
-            {QStringLiteral("name"), name},
-            {QStringLiteral("note"), note}};
+    return {{u"changed"_s, false}, {u"name"_s, name}, {u"note"_s, note}};
 }
 
 /// The result of a write that the user granted; ends the tool call when it failed.
@@ -74,9 +74,7 @@ QJsonObject changed(const QString& name, const OpResult& outcome)
 {
     if (!outcome.ok)
         throwToolError(outcome.message);
-    return {{QStringLiteral("changed"), true},
-            {QStringLiteral("name"), name},
-            {QStringLiteral("message"), outcome.message}};
+    return {{u"changed"_s, true}, {u"name"_s, name}, {u"message"_s, outcome.message}};
 }
 
 /// Starting or stopping, as the dialog and the answer put it.
@@ -100,10 +98,10 @@ QJsonObject changeRun(const RunChange& change, const QString& name, const Servic
                     .title = change.title,
                     .summary = change.summary.arg(consent::quotedText(service.displayName),
                                                   consent::quotedText(name)),
-                    .detail = QStringLiteral("二进制路径: %1\n当前状态: %2\n%3")
-                                  .arg(consent::shownText(service.binaryPath),
-                                       serviceStateLabel(service.state), change.lastLine),
-                    .reason = textArgument(args, QLatin1String("reason"))});
+                    .detail = u"二进制路径: %1\n当前状态: %2\n%3"_s.arg(
+                        consent::shownText(service.binaryPath), serviceStateLabel(service.state),
+                        change.lastLine),
+                    .reason = textArgument(args, "reason"_L1)});
     return changed(name, (manager().*change.make)(name));
 }
 
@@ -112,8 +110,8 @@ QJsonObject changeRun(const RunChange& change, const QString& name, const Servic
 QJsonObject toolListServices(const QJsonObject& /*args*/, const ProgressCallback& /*progress*/)
 {
     const QList<ServiceItem> services = listAll<ServiceManagerService>();
-    QJsonObject result = inventory(services, QStringLiteral("entries"), toObject);
-    result.insert(QStringLiteral("running"),
+    QJsonObject result = inventory(services, u"entries"_s, toObject);
+    result.insert(u"running"_s,
                   static_cast<qint64>(std::count_if(
                       services.cbegin(), services.cend(), [](const ServiceItem& service) {
                           return service.state == ServiceState::Running;
@@ -125,26 +123,25 @@ QJsonObject toolStartService(const QJsonObject& args, const ProgressCallback& /*
 {
     const QString name = nameArgument(args);
     const ServiceItem service = findService(name);
-    return changeRun(
-        {.goal = ServiceState::Running,
-         .action = QStringLiteral("start_service"),
-         .title = QStringLiteral("启动服务"),
-         .summary = QStringLiteral("AI 请求启动服务「%1」(%2)"),
-         .lastLine = QStringLiteral("启动类型: %1").arg(serviceStartTypeLabel(service.startType)),
-         .note = QStringLiteral("服务已在运行"),
-         .make = &ServiceManagerService::startService},
-        name, service, args);
+    return changeRun({.goal = ServiceState::Running,
+                      .action = u"start_service"_s,
+                      .title = u"启动服务"_s,
+                      .summary = u"AI 请求启动服务「%1」(%2)"_s,
+                      .lastLine = u"启动类型: %1"_s.arg(serviceStartTypeLabel(service.startType)),
+                      .note = u"服务已在运行"_s,
+                      .make = &ServiceManagerService::startService},
+                     name, service, args);
 }
 
 QJsonObject toolStopService(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
     const QString name = nameArgument(args);
     return changeRun({.goal = ServiceState::Stopped,
-                      .action = QStringLiteral("stop_service"),
-                      .title = QStringLiteral("停止服务"),
-                      .summary = QStringLiteral("AI 请求停止服务「%1」(%2)"),
-                      .lastLine = QStringLiteral("依赖此服务的功能可能失效。"),
-                      .note = QStringLiteral("服务已停止"),
+                      .action = u"stop_service"_s,
+                      .title = u"停止服务"_s,
+                      .summary = u"AI 请求停止服务「%1」(%2)"_s,
+                      .lastLine = u"依赖此服务的功能可能失效。"_s,
+                      .note = u"服务已停止"_s,
                       .make = &ServiceManagerService::stopService},
                      name, findService(name), args);
 }
@@ -152,31 +149,28 @@ QJsonObject toolStopService(const QJsonObject& args, const ProgressCallback& /*p
 QJsonObject toolSetServiceStartType(const QJsonObject& args, const ProgressCallback& /*progress*/)
 {
     const QString name = nameArgument(args);
-    const QString given = trimmedArgument(args, QLatin1String("start_type"));
+    const QString given = trimmedArgument(args, "start_type"_L1);
     const auto type = startTypeFrom(given.toLower());
     if (!type) {
-        throwToolError(QStringLiteral("参数 start_type 非法 (\"%1\"),必须是 "
-                                      "auto/auto_delayed/manual/disabled")
-                           .arg(given));
+        throwToolError(u"参数 start_type 非法 (\"%1\"),必须是 "
+                       "auto/auto_delayed/manual/disabled"_s.arg(given));
     }
     const ServiceItem service = findService(name);
     QJsonObject result;
     if (service.startType == *type) {
-        result = unchanged(name, QStringLiteral("启动类型已是目标值"));
+        result = unchanged(name, u"启动类型已是目标值"_s);
     } else {
-        requireConsent(
-            {.action = QStringLiteral("set_service_start_type"),
-             .title = QStringLiteral("设服务启动类型"),
-             .summary =
-                 QStringLiteral("AI 请求把服务「%1」启动类型从「%2」改为「%3」")
-                     .arg(consent::quotedText(service.displayName),
-                          serviceStartTypeLabel(service.startType), serviceStartTypeLabel(*type)),
-             .detail = QStringLiteral("服务名: %1\n二进制路径: %2\n(下次启动生效)")
-                           .arg(consent::shownText(name), consent::shownText(service.binaryPath)),
-             .reason = textArgument(args, QLatin1String("reason"))});
+        requireConsent({.action = u"set_service_start_type"_s,
+                        .title = u"设服务启动类型"_s,
+                        .summary = u"AI 请求把服务「%1」启动类型从「%2」改为「%3」"_s.arg(
+                            consent::quotedText(service.displayName),
+                            serviceStartTypeLabel(service.startType), serviceStartTypeLabel(*type)),
+                        .detail = u"服务名: %1\n二进制路径: %2\n(下次启动生效)"_s.arg(
+                            consent::shownText(name), consent::shownText(service.binaryPath)),
+                        .reason = textArgument(args, "reason"_L1)});
         result = changed(name, manager().setStartType(name, *type));
     }
-    result.insert(QStringLiteral("start_type"), given);
+    result.insert(u"start_type"_s, given);
     return result;
 }
 

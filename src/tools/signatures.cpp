@@ -10,6 +10,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// Progress is told after each so many files.
@@ -73,15 +75,14 @@ struct Verdicts
 
 QJsonObject entryOf(const QString& path, SignatureStatus status, bool includeSigner)
 {
-    QJsonObject entry{{QStringLiteral("path"), path},
-                      {QStringLiteral("signature"), signatureStatusLabel(status)}};
+    QJsonObject entry{{u"path"_s, path}, {u"signature"_s, signatureStatusLabel(status)}};
     const bool isSigned =
         status == SignatureStatus::Trusted || status == SignatureStatus::Untrusted;
     if (!includeSigner || !isSigned)
         return entry;
     const QString signer = Singleton<SignatureService>::instance().signerName(path);
     if (!signer.isEmpty())
-        entry.insert(QStringLiteral("signer"), signer);
+        entry.insert(u"signer"_s, signer);
     return entry;
 }
 
@@ -90,16 +91,15 @@ QJsonObject entryOf(const QString& path, SignatureStatus status, bool includeSig
 QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback& progress)
 {
     const Watchdog::Work work;
-    const QList<QString> paths = pathsToVerify(args.value(QLatin1String("paths")).toArray());
+    const QList<QString> paths = pathsToVerify(args.value("paths"_L1).toArray());
     if (paths.isEmpty()) {
-        return {{QStringLiteral("total"), 0},
-                {QStringLiteral("results"), QJsonArray()},
-                {QStringLiteral("note"),
-                 QStringLiteral("无可验签路径 (入参 paths 为空且无可读 exe 路径的进程)")}};
+        return {{u"total"_s, 0},
+                {u"results"_s, QJsonArray()},
+                {u"note"_s, u"无可验签路径 (入参 paths 为空且无可读 exe 路径的进程)"_s}};
     }
 
-    const bool onlySuspicious = args.value(QLatin1String("only_suspicious")).toBool();
-    const bool includeSigner = args.value(QLatin1String("include_signer")).toBool();
+    const bool onlySuspicious = args.value("only_suspicious"_L1).toBool();
+    const bool includeSigner = args.value("include_signer"_L1).toBool();
     SignatureService& signatures = Singleton<SignatureService>::instance();
     Verdicts verdicts;
     QJsonArray results;
@@ -112,23 +112,19 @@ QJsonObject toolVerifySignatures(const QJsonObject& args, const ProgressCallback
             results.append(entryOf(path, status, includeSigner));
         ++done;
         if (progress && done % progressStep == 0)
-            progress({{QStringLiteral("verified"), done}, {QStringLiteral("total"), paths.size()}});
+            progress({{u"verified"_s, done}, {u"total"_s, paths.size()}});
     }
     signatures.flushPersistent();
 
-    QJsonObject result{{QStringLiteral("total"), paths.size()},
-                       {QStringLiteral("trusted"), verdicts.trusted},
-                       {QStringLiteral("untrusted"), verdicts.untrusted},
-                       {QStringLiteral("unsigned"), verdicts.unsignedFiles},
-                       {QStringLiteral("unknown"), verdicts.unknown},
-                       {QStringLiteral("results"), results}};
+    QJsonObject result{
+        {u"total"_s, paths.size()},           {u"trusted"_s, verdicts.trusted},
+        {u"untrusted"_s, verdicts.untrusted}, {u"unsigned"_s, verdicts.unsignedFiles},
+        {u"unknown"_s, verdicts.unknown},     {u"results"_s, results}};
     if (onlySuspicious) {
-        result.insert(QStringLiteral("only_suspicious"), true);
-        result.insert(QStringLiteral("omitted_trusted"), verdicts.trusted);
-        result.insert(QStringLiteral("note"),
-                      QStringLiteral("only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 "
-                                     "%1 个已签名进程")
-                          .arg(verdicts.trusted));
+        result.insert(u"only_suspicious"_s, true);
+        result.insert(u"omitted_trusted"_s, verdicts.trusted);
+        result.insert(u"note"_s, u"only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 "
+                                 "%1 个已签名进程"_s.arg(verdicts.trusted));
     }
     return result;
 }

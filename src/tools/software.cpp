@@ -7,19 +7,21 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QJsonObject toObject(const UninstallEntry& entry)
 {
     return {
-        {QStringLiteral("display_name"), entry.displayName},
-        {QStringLiteral("display_version"), entry.displayVersion},
-        {QStringLiteral("publisher"), entry.publisher},
-        {QStringLiteral("install_location"), entry.installLocation},
-        {QStringLiteral("uninstall_string"), entry.uninstallString},
-        {QStringLiteral("size_kb"), entry.estimatedSizeKb},
-        {QStringLiteral("size_display"), entry.sizeDisplay()},
-        {QStringLiteral("source"), uninstallSourceLabel(entry.source)},
+        {u"display_name"_s, entry.displayName},
+        {u"display_version"_s, entry.displayVersion},
+        {u"publisher"_s, entry.publisher},
+        {u"install_location"_s, entry.installLocation},
+        {u"uninstall_string"_s, entry.uninstallString},
+        {u"size_kb"_s, entry.estimatedSizeKb},
+        {u"size_display"_s, entry.sizeDisplay()},
+        {u"source"_s, uninstallSourceLabel(entry.source)},
     };
 }
 
@@ -29,7 +31,7 @@ QJsonObject toolListUninstallEntries(const QJsonObject& /*args*/,
                                      const ProgressCallback& /*progress*/)
 {
     const Watchdog::Work work;
-    return inventory(listAll<UninstallService>(), QStringLiteral("entries"), toObject);
+    return inventory(listAll<UninstallService>(), u"entries"_s, toObject);
 }
 
 } // namespace korvane

@@ -11,6 +11,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 void throwToolError(const QString& message)
 {
     throw std::runtime_error(message.toStdString());
@@ -28,9 +30,9 @@ qint64 integerArgument(const QJsonObject& args, QLatin1String key)
 
 qint64 portArgument(const QJsonObject& args)
 {
-    const qint64 port = integerArgument(args, QLatin1String("port"));
+    const qint64 port = integerArgument(args, "port"_L1);
     if (port < 1 || port > 65535)
-        throwToolError(QStringLiteral("参数 port 缺失或非法 — 必须是 1-65535 的整数"));
+        throwToolError(u"参数 port 缺失或非法 — 必须是 1-65535 的整数"_s);
     return port;
 }
 
@@ -48,8 +50,7 @@ void requireConsent(const consent::Request& request)
 {
     const consent::Result result = consent::requestConsent(request);
     if (!result.granted) {
-        throwToolError(result.message.isEmpty() ? QStringLiteral("用户未授权此操作")
-                                                : result.message);
+        throwToolError(result.message.isEmpty() ? u"用户未授权此操作"_s : result.message);
     }
 }
 

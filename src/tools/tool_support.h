@@ -58,10 +58,11 @@ template <typename Record>
 QJsonObject inventory(const QList<Record>& records, const QString& key,
                       QJsonObject (*toObject)(const Record&))
 {
+    using namespace Qt::StringLiterals;
     QJsonArray objects;
     for (const Record& record : records)
         objects.append(toObject(record));
-    return {{QStringLiteral("total"), objects.size()}, {key, objects}};
+    return {{u"total"_s, objects.size()}, {key, objects}};
 }
 
 } // namespace korvane

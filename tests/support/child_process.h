@@ -19,6 +19,8 @@
 
 namespace korvane::test {
 
+using namespace Qt::StringLiterals;
+
 inline void waitForEnd()
 {
     for (;;)
@@ -31,7 +33,7 @@ inline void endFirstThread()
 {
     std::thread([] {
         for (bool hasEnded = false; !hasEnded; ::usleep(1000)) {
-            QFile stat(QStringLiteral("/proc/self/stat"));
+            QFile stat(u"/proc/self/stat"_s);
             hasEnded = stat.open(QFile::ReadOnly) && stat.readAll().contains(") Z ");
         }
         ::close(STDOUT_FILENO);
@@ -128,7 +130,7 @@ inline QString played(const std::function<QString()>& act)
     if (code == refusedCode)
         return {};
     const QString text = QString::fromUtf8(said.readAll());
-    return code == 0 && !text.isEmpty() ? text : text + QStringLiteral(" (failed)");
+    return code == 0 && !text.isEmpty() ? text : text + u" (failed)"_s;
 }
 
 } // namespace korvane::test

@@ -14,7 +14,9 @@
 
 namespace korvane::test {
 
-inline const QString consentServer = QStringLiteral("korvane-consent-v1");
+using namespace Qt::StringLiterals;
+
+inline const QString consentServer = u"korvane-consent-v1"_s;
 
 /// What is sent after a request: nothing, and the connection kept open, when all is empty.
 struct DesktopAnswer

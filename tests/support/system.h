@@ -21,6 +21,8 @@
 
 namespace korvane::test {
 
+using namespace Qt::StringLiterals;
+
 constexpr uid_t nobody = 65534; ///< As whom the kernel shows users without a mapping, too.
 
 /// Writes a file, and makes its directories.
@@ -44,8 +46,7 @@ inline QString shell(const QByteArray& script, const QStringList& arguments = {}
 {
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(QStringLiteral("sh"),
-                  QStringList{QStringLiteral("-c"), QString::fromUtf8(script)} + arguments);
+    process.start(u"sh"_s, QStringList{u"-c"_s, QString::fromUtf8(script)} + arguments);
     process.waitForFinished(60'000);
     return QString::fromUtf8(process.readAllStandardOutput());
 }

@@ -7,6 +7,8 @@
 
 namespace korvane::platform {
 
+using namespace Qt::StringLiterals;
+
 void RecycleTally::addMovedInPart()
 {
     ++m_moved;
@@ -28,16 +30,16 @@ OpResult RecycleTally::result() const
 {
     QStringList parts;
     if (m_moved > 0)
-        parts << QStringLiteral("已移到回收站 %1 项").arg(m_moved);
+        parts << u"已移到回收站 %1 项"_s.arg(m_moved);
     if (m_inPart > 0)
-        parts << QStringLiteral("其中 %1 项的原件有变动, 未全部移除").arg(m_inPart);
+        parts << u"其中 %1 项的原件有变动, 未全部移除"_s.arg(m_inPart);
     if (m_skipped > 0)
         parts << skippedText();
     if (parts.isEmpty())
-        parts << QStringLiteral("没有需要移动的内容 (可能已被删除)");
+        parts << u"没有需要移动的内容 (可能已被删除)"_s;
     if (m_moved == 0 && m_skipped > 0)
-        parts.prepend(QStringLiteral("没有内容被移到回收站"));
-    return {m_moved > 0 || m_skipped == 0, parts.join(QStringLiteral(", "))};
+        parts.prepend(u"没有内容被移到回收站"_s);
+    return {m_moved > 0 || m_skipped == 0, parts.join(u", "_s)};
 }
 
 QString RecycleTally::skippedText() const
@@ -45,8 +47,7 @@ QString RecycleTally::skippedText() const
     QStringList reasons;
     for (const auto& [why, count] : m_reasons)
         reasons << why + u' ' + QString::number(count);
-    return QStringLiteral("跳过 %1 项 (%2)")
-        .arg(QString::number(m_skipped), reasons.join(QStringLiteral(", ")));
+    return u"跳过 %1 项 (%2)"_s.arg(QString::number(m_skipped), reasons.join(u", "_s));
 }
 
 } // namespace korvane::platform

@@ -9,6 +9,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr QDir::Filters fileFilters =
@@ -51,7 +53,7 @@ bool walk(const QString& root, const platform::EntryVisitor& visit)
 
 QString orCurrentDirectory(const QString& root)
 {
-    return root.isEmpty() ? QStringLiteral(".") : root;
+    return root.isEmpty() ? u"."_s : root;
 }
 
 } // namespace

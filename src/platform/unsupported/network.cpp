@@ -5,12 +5,13 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 QList<NetConnection> platform::listConnections(ShownProcesses& /*shown*/, QString* error)
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[NetMonitorService] 当前平台不支持 TCP 枚举");
-    return unsupported::failedListing<NetConnection>(error,
-                                                     QStringLiteral("当前平台不支持网络监视"));
+    return unsupported::failedListing<NetConnection>(error, u"当前平台不支持网络监视"_s);
 }
 
 } // namespace korvane

@@ -5,13 +5,14 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 QList<ProcessSnapshot> platform::listProcesses(ProcessCpuTable& /*cpuTable*/,
                                                ShownProcesses& /*shown*/, QString* error)
 {
     static bool logged = false;
     unsupported::logOnce(logged, "[ProcessService] 当前平台不支持进程枚举, 返回空列表");
-    return unsupported::failedListing<ProcessSnapshot>(error,
-                                                       QStringLiteral("当前平台不支持进程枚举"));
+    return unsupported::failedListing<ProcessSnapshot>(error, u"当前平台不支持进程枚举"_s);
 }
 
 QList<ProcessSnapshot> platform::processAndAncestors(quint32 /*pid*/)
@@ -26,7 +27,7 @@ QString platform::processCommandLine(unsigned int /*pid*/)
 
 OpResult platform::endProcess(unsigned int /*pid*/, const ShownProcesses& /*shown*/)
 {
-    return {false, QStringLiteral("killProcess 仅支持 Windows")};
+    return {false, u"killProcess 仅支持 Windows"_s};
 }
 
 } // namespace korvane

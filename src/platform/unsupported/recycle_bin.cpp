@@ -3,9 +3,11 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 OpResult platform::moveToRecycleBin(const QList<QString>& /*paths*/)
 {
-    return {false, QStringLiteral("当前平台不支持回收站删除")};
+    return {false, u"当前平台不支持回收站删除"_s};
 }
 
 } // namespace korvane

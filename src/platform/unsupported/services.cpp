@@ -5,11 +5,13 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 OpResult notSupported()
 {
-    return {false, QStringLiteral("当前平台不支持服务管理")};
+    return {false, u"当前平台不支持服务管理"_s};
 }
 
 } // namespace

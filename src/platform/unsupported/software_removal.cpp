@@ -3,9 +3,11 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 OpResult platform::uninstallSoftware(const UninstallEntry& /*entry*/)
 {
-    return {false, QStringLiteral("当前平台不支持执行卸载")};
+    return {false, u"当前平台不支持执行卸载"_s};
 }
 
 } // namespace korvane

@@ -18,6 +18,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using namespace linux_platform;
@@ -193,7 +195,7 @@ QList<NetConnection> platform::listConnections(ShownProcesses& shown, QString* e
     ProcFs procFs;
     HolderSearch holders(procFs, sockets);
     if (!procFs.isOpen() || !holders.run())
-        return fail(QStringLiteral("无法读取 /proc: %1").arg(qt_error_string(errno)));
+        return fail(u"无法读取 /proc: %1"_s.arg(qt_error_string(errno)));
     for (const Holder& holder : holders.found())
         shown.insert(holder.pid, holder.startTicks);
     QList<NetConnection> rows;

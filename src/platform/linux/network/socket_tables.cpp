@@ -20,6 +20,8 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr quint32 tcp = 0;
@@ -220,15 +222,15 @@ QString readTable(SocketDiagnostics& diagnostics, const SocketTable& table,
     for (int i = 1; i < maxDumps && dump.isInterrupted; ++i)
         dump = diagnostics.dump(table, sockets);
     if (dump.isInterrupted)
-        return QStringLiteral("网络连接表变化过快, 未能得到一致的列表, 请重试");
+        return u"网络连接表变化过快, 未能得到一致的列表, 请重试"_s;
     if (dump.state == DumpState::Done)
         return {};
     if (readProcNet(table, sockets))
         return {};
     const int procError = errno;
-    return QStringLiteral("无法读取网络连接: netlink (%1), %2 (%3)")
-        .arg(qt_error_string(dump.errorNumber), QString::fromLatin1(table.procFile),
-             qt_error_string(procError));
+    return u"无法读取网络连接: netlink (%1), %2 (%3)"_s.arg(qt_error_string(dump.errorNumber),
+                                                            QString::fromLatin1(table.procFile),
+                                                            qt_error_string(procError));
 }
 
 } // namespace

@@ -11,6 +11,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using namespace linux_platform;
@@ -37,7 +39,7 @@ nanoseconds monotonicNow()
 
 QString unreadable(int errorNumber)
 {
-    return QStringLiteral("无法读取 /proc: %1").arg(qt_error_string(errorNumber));
+    return u"无法读取 /proc: %1"_s.arg(qt_error_string(errorNumber));
 }
 
 } // namespace

@@ -12,6 +12,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace linux_platform {
 
 namespace {
@@ -32,8 +34,7 @@ QString refusalOf(sd_bus_message* reply)
     const bool isDenied = name == SD_BUS_ERROR_ACCESS_DENIED || name == SD_BUS_ERROR_AUTH_FAILED ||
                           name == SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED ||
                           name.startsWith("org.freedesktop.PolicyKit1.Error.");
-    return (isDenied ? QStringLiteral("没有权限 (%1)") : QStringLiteral("systemd 拒绝: %1"))
-        .arg(errorMessage(reply));
+    return (isDenied ? u"没有权限 (%1)"_s : u"systemd 拒绝: %1"_s).arg(errorMessage(reply));
 }
 
 QString inSeconds(milliseconds limit)
@@ -85,7 +86,7 @@ private:
         if (receive(std::move(call), m_limits.authorizing))
             return true;
         if (m_bus.isOutOfTime()) // closing the connection does not withdraw the question
-            m_problem += QStringLiteral(",之后仍可能生效");
+            m_problem += u",之后仍可能生效"_s;
         return false;
     }
 
@@ -135,7 +136,7 @@ bool UnitControl::runJob(const char* member)
         !change(member, "ss", m_unit.constData(), "replace"))
         return false;
     if (sd_bus_message_read(m_reply.get(), "o", &job) <= 0)
-        return fail(QStringLiteral("systemd 的应答无法识别"));
+        return fail(u"systemd 的应答无法识别"_s);
     QString result;
     m_bus.allow(m_limits.job);
     m_bus.awaitSignal(sd_bus_message_get_sender(m_reply.get()), [&](sd_bus_message* signal) {
@@ -149,12 +150,10 @@ bool UnitControl::runJob(const char* member)
         return true;
     });
     if (m_bus.isOutOfTime())
-        return fail(
-            QStringLiteral("%1 秒后仍未完成,systemd 的作业还在进行").arg(inSeconds(m_limits.job)));
+        return fail(u"%1 秒后仍未完成,systemd 的作业还在进行"_s.arg(inSeconds(m_limits.job)));
     if (!m_bus.error().isEmpty())
         return fail(m_bus.error());
-    return result == u"done" ||
-           fail(QStringLiteral("systemd 的作业结果为 %1").arg(result) + resultOfService());
+    return result == u"done" || fail(u"systemd 的作业结果为 %1"_s.arg(result) + resultOfService());
 }
 
 /// The text of a property; empty when there is none.
@@ -164,7 +163,7 @@ QByteArray UnitControl::property(const char* interface, const char* name)
     if (!receive(m_bus.propertyCall(m_unit, interface, name), m_limits.asking))
         return {};
     if (sd_bus_message_read(m_reply.get(), "v", "s", &text) <= 0)
-        m_problem = QStringLiteral("systemd 的应答无法识别");
+        m_problem = u"systemd 的应答无法识别"_s;
     return text;
 }
 
@@ -181,9 +180,8 @@ bool UnitControl::isUnmet()
 QString UnitControl::resultOfService()
 {
     const QByteArray result = property(serviceInterface, "Result");
-    return result.isEmpty() || result == "success"
-               ? QString()
-               : QStringLiteral(",服务结果为 %1").arg(briefText(result));
+    return result.isEmpty() || result == "success" ? QString()
+                                                   : u",服务结果为 %1"_s.arg(briefText(result));
 }
 
 /// Whether the service does what it was started for.
@@ -196,12 +194,12 @@ bool UnitControl::isRunning()
     if (serviceStateFrom(state) == ServiceState::Running)
         return true;
     if (state == "inactive" && isUnmet())
-        return fail(QStringLiteral("单元的启动条件不满足"));
+        return fail(u"单元的启动条件不满足"_s);
     if (state == "inactive" && property(serviceInterface, "Type") == "oneshot") {
-        m_note = m_isKept ? QStringLiteral(",并已执行完毕") : QStringLiteral(",现在没有在运行");
+        m_note = m_isKept ? u",并已执行完毕"_s : u",现在没有在运行"_s;
         return true;
     }
-    return fail(QStringLiteral("启动后没有保持运行") + resultOfService());
+    return fail(u"启动后没有保持运行"_s + resultOfService());
 }
 
 OpResult UnitControl::start()
@@ -210,15 +208,15 @@ OpResult UnitControl::start()
     // being asked for a password may do this.
     m_isKept = ask("RefUnit", "s", m_unit.constData());
     if (!runJob("StartUnit") || !isRunning())
-        return {false, QStringLiteral("启动服务失败: %1").arg(m_problem)};
-    return {true, QStringLiteral("服务已启动") + m_note};
+        return {false, u"启动服务失败: %1"_s.arg(m_problem)};
+    return {true, u"服务已启动"_s + m_note};
 }
 
 OpResult UnitControl::stop()
 {
     if (!runJob("StopUnit"))
-        return {false, QStringLiteral("停止服务失败: %1").arg(m_problem)};
-    return {true, QStringLiteral("服务已停止")};
+        return {false, u"停止服务失败: %1"_s.arg(m_problem)};
+    return {true, u"服务已停止"_s};
 }
 
 /// Asks what the files say now; the unit's property would say what they said when it was loaded.
@@ -228,7 +226,7 @@ QByteArray UnitControl::fileStateOf(const QByteArray& unitName)
     const char* state = nullptr;
     if (ask("GetUnitFileState", "s", unitName.constData()) &&
         sd_bus_message_read(m_reply.get(), "s", &state) <= 0)
-        m_problem = QStringLiteral("systemd 的应答无法识别");
+        m_problem = u"systemd 的应答无法识别"_s;
     return state;
 }
 
@@ -248,9 +246,9 @@ bool UnitControl::failFor(const QByteArrayList& others, const QString& action, c
     const QByteArray unit = m_unit.startsWith('-') ? "-- " + name : name;
     const QByteArray unmasking =
         m_mask.isEmpty() ? QByteArray() : "systemctl unmask " + unit + " && ";
-    return fail(QStringLiteral("%1它会同时改变其他单元: %2 (可由用户自行运行 %3systemctl %4 %5)")
-                    .arg(action, textFromSystem(others.join(", ")), textFromSystem(unmasking),
-                         QLatin1String(command), textFromSystem(unit)));
+    return fail(u"%1它会同时改变其他单元: %2 (可由用户自行运行 %3systemctl %4 %5)"_s.arg(
+        action, textFromSystem(others.join(", ")), textFromSystem(unmasking),
+        QLatin1String(command), textFromSystem(unit)));
 }
 
 /// Whether enabling changes this unit only. systemd has no dry run of it.
@@ -259,10 +257,10 @@ bool UnitControl::enablesNoOther()
     if (!receive(m_bus.managerPropertyCall("UnitPath"), m_limits.asking))
         return false;
     if (sd_bus_message_enter_container(m_reply.get(), SD_BUS_TYPE_VARIANT, "as") <= 0)
-        return fail(QStringLiteral("systemd 的应答无法识别"));
+        return fail(u"systemd 的应答无法识别"_s);
     const EnabledWith with = unitsEnabledWith(m_unit, readTexts(m_reply.get()));
     if (!with.problem.isEmpty())
-        return fail(QStringLiteral("无法确定启用它会改变哪些单元: %1").arg(with.problem));
+        return fail(u"无法确定启用它会改变哪些单元: %1"_s.arg(with.problem));
     // Of what is enabled until the next boot only, it would last.
     static constexpr std::array<QByteArrayView, 4> staying{"enabled", "static", "masked",
                                                            "masked-runtime"};
@@ -274,7 +272,7 @@ bool UnitControl::enablesNoOther()
             return false;
     }
     std::sort(others.begin(), others.end());
-    return failFor(others, QStringLiteral("启用"), "enable");
+    return failFor(others, u"启用"_s, "enable");
 }
 
 /// Takes back what lasts, and what lasts until the next boot.
@@ -294,8 +292,7 @@ bool UnitControl::mask()
         return m_hasChangedFiles = true;
     if (m_reply &&
         sd_bus_message_is_method_error(m_reply.get(), "org.freedesktop.systemd1.UnitExists") > 0)
-        m_problem = QStringLiteral("单元文件就在配置目录中,屏蔽会替换它 (%1)")
-                        .arg(errorMessage(m_reply.get()));
+        m_problem = u"单元文件就在配置目录中,屏蔽会替换它 (%1)"_s.arg(errorMessage(m_reply.get()));
     return false;
 }
 
@@ -312,14 +309,14 @@ bool UnitControl::disablesNoOther()
         while (sd_bus_message_read(m_reply.get(), "s", &link) > 0) {
             const QByteArrayView path(link);
             if (path.endsWith("/system/" + m_unit) || path.endsWith("/user/" + m_unit))
-                return fail(QStringLiteral("单元文件是链接到配置目录的,禁用会移除整个单元"));
+                return fail(u"单元文件是链接到配置目录的,禁用会移除整个单元"_s);
             const QByteArray owner = ownerOfLink(path.toByteArray(), m_unit);
             if (owner != m_unit && !others.contains(owner))
                 others.append(owner);
         }
     }
     std::sort(others.begin(), others.end());
-    return failFor(others, QStringLiteral("禁用"), "disable");
+    return failFor(others, u"禁用"_s, "disable");
 }
 
 bool UnitControl::applyStartType(ServiceStartType type)
@@ -338,8 +335,8 @@ bool UnitControl::applyStartType(ServiceStartType type)
         return false;
     if (type == ServiceStartType::Auto) {
         if (std::find(withInstall.begin(), withInstall.end(), m_fileState) == withInstall.end())
-            return fail(QStringLiteral("单元没有可用的 [Install] 段 (单元文件状态: %1)")
-                            .arg(briefText(m_fileState)));
+            return fail(
+                u"单元没有可用的 [Install] 段 (单元文件状态: %1)"_s.arg(briefText(m_fileState)));
         return change("EnableUnitFiles", "asbb", 1, m_unit.constData(), 0, 0) &&
                (m_hasChangedFiles = true);
     }
@@ -358,31 +355,30 @@ bool UnitControl::applyStartType(ServiceStartType type)
 OpResult UnitControl::setStartType(ServiceStartType type)
 {
     if (type == ServiceStartType::AutoDelayed)
-        return {false, QStringLiteral("systemd 没有延迟自动启动,请改用自动")};
+        return {false, u"systemd 没有延迟自动启动,请改用自动"_s};
     if (type != ServiceStartType::Auto && type != ServiceStartType::Manual &&
         type != ServiceStartType::Disabled)
-        return {false, QStringLiteral("无效的启动类型")};
+        return {false, u"无效的启动类型"_s};
 
     bool isSet = applyStartType(type) && readFileState();
     if (isSet && startTypeFrom(m_fileState) != type)
-        isSet = fail(QStringLiteral("单元文件状态仍为 %1").arg(briefText(m_fileState)));
+        isSet = fail(u"单元文件状态仍为 %1"_s.arg(briefText(m_fileState)));
     const QString problem = m_problem;
     QString note;
     if (m_hasChangedFiles && !change("Reload", ""))
-        note = QStringLiteral(",但 systemd 重新加载配置失败: %1").arg(m_problem);
+        note = u",但 systemd 重新加载配置失败: %1"_s.arg(m_problem);
     if (isSet)
-        return {true, QStringLiteral("启动类型已改为%1").arg(serviceStartTypeLabel(type)) + note};
-    return {false,
-            (m_hasChangedFiles && !m_isTakenBack ? QStringLiteral("设置启动类型只完成了一部分: %1")
-                                                 : QStringLiteral("设置启动类型失败: %1"))
-                    .arg(problem) +
-                note};
+        return {true, u"启动类型已改为%1"_s.arg(serviceStartTypeLabel(type)) + note};
+    return {false, (m_hasChangedFiles && !m_isTakenBack ? u"设置启动类型只完成了一部分: %1"_s
+                                                        : u"设置启动类型失败: %1"_s)
+                           .arg(problem) +
+                       note};
 }
 
 OpResult UnitControl::disable()
 {
     if (readFileState() && startTypeFrom(m_fileState) == ServiceStartType::Disabled)
-        return {true, QStringLiteral("服务已被屏蔽,不会自动启动")};
+        return {true, u"服务已被屏蔽,不会自动启动"_s};
     return setStartType(ServiceStartType::Manual);
 }
 
@@ -396,11 +392,10 @@ OpResult changeShown(const QString& name, const QStringList& shown, const Contro
         shown.begin(), shown.end(), std::back_inserter(names),
         [&name](const QString& one) { return one.compare(name, Qt::CaseInsensitive) == 0; });
     if (names.isEmpty())
-        return {false, QStringLiteral("找不到服务: %1").arg(name)};
+        return {false, u"找不到服务: %1"_s.arg(name)};
     // Not even the one that is spelled the same: the user was shown the first of them.
     if (names.size() > 1)
-        return {false, QStringLiteral("有多个服务的名称只有大小写不同,无法区分: %1")
-                           .arg(names.join(QStringLiteral(", ")))};
+        return {false, u"有多个服务的名称只有大小写不同,无法区分: %1"_s.arg(names.join(u", "_s))};
     UnitControl unit(names.constFirst(), limits);
     return change(unit);
 }

@@ -11,6 +11,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace linux_platform {
 
 namespace {
@@ -55,9 +57,9 @@ ListedServices listNames(SystemdBus& bus)
     ListedServices services;
     bus.callAll(calls, [&](std::size_t index, sd_bus_message* reply) {
         if (sd_bus_message_is_method_error(reply, nullptr) > 0)
-            bus.fail(QStringLiteral("systemd 拒绝列出服务: %1").arg(errorMessage(reply)));
+            bus.fail(u"systemd 拒绝列出服务: %1"_s.arg(errorMessage(reply)));
         else if (!readList(reply, index == 1, services))
-            bus.fail(QStringLiteral("systemd 的服务列表无法识别"));
+            bus.fail(u"systemd 的服务列表无法识别"_s);
     });
     return services;
 }
@@ -162,7 +164,7 @@ QList<QString> relatedServices(const QString& serviceName, std::span<const char*
     std::set<QString> names;
     const bool answered = bus.callAll(calls, [&](std::size_t, sd_bus_message* reply) {
         if (sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "as") <= 0)
-            bus.fail(QStringLiteral("systemd 没有给出 %1 的依赖关系").arg(serviceName));
+            bus.fail(u"systemd 没有给出 %1 的依赖关系"_s.arg(serviceName));
         for (const QByteArray& related : readTexts(reply)) {
             if (const auto name = serviceNameOf(related))
                 names.insert(*name);

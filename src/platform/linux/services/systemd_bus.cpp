@@ -9,6 +9,8 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using namespace std::chrono;
@@ -28,9 +30,9 @@ QString troubleOf(sd_bus_message* reply)
         return sd_bus_message_is_method_error(reply, name) > 0;
     };
     if (is(SD_BUS_ERROR_SERVICE_UNKNOWN) || is(SD_BUS_ERROR_NAME_HAS_NO_OWNER))
-        return QStringLiteral("系统总线上没有 systemd");
+        return u"系统总线上没有 systemd"_s;
     if (is(SD_BUS_ERROR_NO_REPLY) || is(SD_BUS_ERROR_LIMITS_EXCEEDED))
-        return QStringLiteral("systemd 未能应答: %1").arg(errorMessage(reply));
+        return u"systemd 未能应答: %1"_s.arg(errorMessage(reply));
     return {};
 }
 
@@ -71,7 +73,7 @@ SystemdBus::SystemdBus(milliseconds limit)
     if (result == -EPIPE || result == -ECONNRESET)
         failWith(result);
     else if (result < 0)
-        fail(QStringLiteral("无法连接系统总线: %1").arg(qt_error_string(-result)));
+        fail(u"无法连接系统总线: %1"_s.arg(qt_error_string(-result)));
 }
 
 void SystemdBus::allow(milliseconds limit)
@@ -180,7 +182,7 @@ bool SystemdBus::fail(const QString& reason)
 
 bool SystemdBus::failWith(int result)
 {
-    return fail(QStringLiteral("系统总线连接中断: %1").arg(qt_error_string(-result)));
+    return fail(u"系统总线连接中断: %1"_s.arg(qt_error_string(-result)));
 }
 
 UniqueMessage SystemdBus::advance()
@@ -192,9 +194,8 @@ UniqueMessage SystemdBus::advance()
     if (left <= 0) {
         m_isOutOfTime = true;
         const bool isReady = sd_bus_is_ready(m_bus.get()) > 0;
-        fail(QStringLiteral("%1在 %2 秒内没有应答")
-                 .arg(isReady ? QStringLiteral("systemd ") : QStringLiteral("系统总线"),
-                      QString::number(duration<double>(m_limit).count())));
+        fail(u"%1在 %2 秒内没有应答"_s.arg(isReady ? u"systemd "_s : u"系统总线"_s,
+                                           QString::number(duration<double>(m_limit).count())));
         return nullptr;
     }
     if (result == 0)

@@ -15,6 +15,8 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 constexpr qsizetype maxSize = 1 << 20; ///< Of all that is read.
@@ -190,8 +192,7 @@ private:
 
     void failToRead(const QByteArray& path, int error)
     {
-        m_found.problem =
-            QStringLiteral("无法读取 %1: %2").arg(textFromSystem(path), qt_error_string(error));
+        m_found.problem = u"无法读取 %1: %2"_s.arg(textFromSystem(path), qt_error_string(error));
     }
 
     std::optional<FoundFile> find(const QByteArray& unitName, bool looksBehindMasks);
@@ -295,8 +296,8 @@ QByteArrayList UnitWalk::unitsAfter(const QByteArray& unitName, bool isFirst)
     for (const QByteArray& word : std::as_const(sections.also)) {
         const auto unit = expanded(word, unitName);
         if (!unit)
-            m_found.problem = QStringLiteral("%1 的 Also= 中有无法展开的 %2")
-                                  .arg(textFromSystem(unitName), textFromSystem(word));
+            m_found.problem = u"%1 的 Also= 中有无法展开的 %2"_s.arg(textFromSystem(unitName),
+                                                                     textFromSystem(word));
         else
             units.append(*unit);
     }
@@ -320,7 +321,7 @@ EnabledWith UnitWalk::from(const QByteArray& unitName)
                 pending.append(next);
         }
         if (seen.size() > maxUnits)
-            m_found.problem = QStringLiteral("相关的单元过多");
+            m_found.problem = u"相关的单元过多"_s;
     }
     return m_found;
 }

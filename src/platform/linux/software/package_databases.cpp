@@ -9,6 +9,8 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 /// A field as it is shown: one of more than 1024 bytes is cut.
@@ -152,7 +154,7 @@ QString dpkgCommand(const DpkgStanza& stanza, QByteArrayView machine)
     if (!isLower || !isPlainName(stanza.package, "+-.") ||
         !(isOwn || isPlainName(architecture, "-")))
         return {};
-    const QString command = QStringLiteral("apt-get remove ") + QLatin1String(stanza.package);
+    const QString command = u"apt-get remove "_s + QLatin1String(stanza.package);
     return isOwn ? command : command + u':' + QLatin1String(architecture);
 }
 
@@ -190,8 +192,8 @@ QList<UninstallEntry> parseDpkgDatabase(QByteArrayView status, const QByteArrayL
 QString rpmQueryFormat()
 {
     // Ends of fields and records are control bytes: no ordinary text can pose as one.
-    return QStringLiteral("%{NAME}\x1f%{NVRA}\x1f%{EVR}\x1f%{ARCH}\x1f%{LONGSIZE}\x1f"
-                          "%|VENDOR?{%{VENDOR}}:{%|PACKAGER?{%{PACKAGER}}|}|\x1e");
+    return u"%{NAME}\x1f%{NVRA}\x1f%{EVR}\x1f%{ARCH}\x1f%{LONGSIZE}\x1f"
+           "%|VENDOR?{%{VENDOR}}:{%|PACKAGER?{%{PACKAGER}}|}|\x1e"_s;
 }
 
 QList<UninstallEntry> parseRpmPackages(QByteArrayView output)
@@ -209,7 +211,7 @@ QList<UninstallEntry> parseRpmPackages(QByteArrayView output)
         // A key that rpm trusts is kept as a package of this name.
         if (name.isEmpty() || name == "gpg-pubkey")
             continue;
-        const QString command = QStringLiteral("rpm -e ") + shown(key);
+        const QString command = u"rpm -e "_s + shown(key);
         entries.append({machineWideSource(architecture),
                         shown(key),
                         shown(name),
@@ -244,7 +246,7 @@ qint64 kibFromSizeText(QByteArrayView text)
 QString flatpakColumns()
 {
     // What an application's author words comes last: it may hold tabs and line feeds.
-    return QStringLiteral("ref,origin,size,options,version,name");
+    return u"ref,origin,size,options,version,name"_s;
 }
 
 QList<UninstallEntry> parseFlatpakList(QByteArrayView output, bool perUser)
@@ -264,9 +266,8 @@ QList<UninstallEntry> parseFlatpakList(QByteArrayView output, bool perUser)
         const QByteArrayView architecture = takeUntil(branch, '/');
         QString key;
         if (isPlainName(id, "._-") && isPlainName(architecture, "_") && isPlainName(branch, "._-+"))
-            key = (isRuntime ? QStringLiteral("runtime/") : QStringLiteral("app/")) + shown(ref);
-        const QString command = perUser ? QStringLiteral("flatpak uninstall --user ")
-                                        : QStringLiteral("flatpak uninstall ");
+            key = (isRuntime ? u"runtime/"_s : u"app/"_s) + shown(ref);
+        const QString command = perUser ? u"flatpak uninstall --user "_s : u"flatpak uninstall "_s;
         entries.append({perUser ? 2 : machineWideSource(architecture),
                         key,
                         shown(line.trimmed().isEmpty() ? id : line.trimmed()),
@@ -288,7 +289,7 @@ std::optional<QList<UninstallEntry>> parseSnapList(QByteArrayView output)
         return shown(takeUntil(output, '\n')).split(u' ', Qt::SkipEmptyParts);
     };
     const QStringList header = takeRow();
-    if (header.value(0) != u"Name" || !header.contains(QStringLiteral("Rev")))
+    if (header.value(0) != u"Name" || !header.contains(u"Rev"_s))
         return std::nullopt;
     while (!output.isEmpty()) {
         QStringList row = takeRow();
@@ -301,18 +302,18 @@ std::optional<QList<UninstallEntry>> parseSnapList(QByteArrayView output)
             const QString text = row.value(header.indexOf(heading));
             return text == u'-' ? QString() : text;
         };
-        const QString name = cell(QStringLiteral("Name"));
-        QString publisher = cell(QStringLiteral("Publisher"));
+        const QString name = cell(u"Name"_s);
+        QString publisher = cell(u"Publisher"_s);
         while (publisher.endsWith(u'*')) // the mark of one that the store has verified
             publisher.chop(1);
-        QString key = name + u'_' + cell(QStringLiteral("Rev"));
+        QString key = name + u'_' + cell(u"Rev"_s);
         if (!isPlainName(key.toUtf8(), "-_"))
             key.clear();
-        const QString command = QStringLiteral("snap remove ") + name;
+        const QString command = u"snap remove "_s + name;
         entries.append({0,
                         key,
                         name,
-                        cell(QStringLiteral("Version")),
+                        cell(u"Version"_s),
                         publisher,
                         {},
                         key.isEmpty() ? QString() : command,

@@ -19,6 +19,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace linux_platform {
 
 namespace {
@@ -47,18 +49,18 @@ std::optional<QByteArray> readWhole(const QString& path)
 
 SourceListing listDpkg(const QString& root)
 {
-    SourceListing listing{QStringLiteral("dpkg")};
+    SourceListing listing{u"dpkg"_s};
     const auto fail = [&listing](const QString& path) {
-        listing.error = path + QStringLiteral(": ") + qt_error_string(errno);
+        listing.error = path + u": "_s + qt_error_string(errno);
         return listing;
     };
-    const QString path = root + QStringLiteral("/var/lib/dpkg/status");
+    const QString path = root + u"/var/lib/dpkg/status"_s;
     const auto status = readWhole(path);
     listing.exists = status || errno != ENOENT;
     if (!status)
         return fail(path);
     QByteArrayList journal;
-    const QDir updates(root + QStringLiteral("/var/lib/dpkg/updates"));
+    const QDir updates(root + u"/var/lib/dpkg/updates"_s);
     for (const QString& name : updates.entryList(QDir::Files, QDir::Name)) {
         if (!std::all_of(name.begin(), name.end(), [](QChar c) { return c >= u'0' && c <= u'9'; }))
             continue;
@@ -73,15 +75,15 @@ SourceListing listDpkg(const QString& root)
 
 SourceListing rpmSource(const QString& root)
 {
-    SourceListing listing{QStringLiteral("rpm"), false};
+    SourceListing listing{u"rpm"_s, false};
     for (const char* directory : {"/var/lib/rpm", "/usr/lib/sysimage/rpm"}) {
         for (const char* file : {"/rpmdb.sqlite", "/Packages", "/Packages.db"}) {
             const QFileInfo database(root + QLatin1String(directory) + QLatin1String(file));
             listing.exists = listing.exists || database.size() > 0;
         }
     }
-    const QString format = QStringLiteral("--queryformat=") + rpmQueryFormat();
-    listing.command = {QStringLiteral("rpm"), {QStringLiteral("-qa"), format}};
+    const QString format = u"--queryformat="_s + rpmQueryFormat();
+    listing.command = {u"rpm"_s, {u"-qa"_s, format}};
     listing.read = [](SourceListing& asked, const QByteArray& output) {
         asked.entries = parseRpmPackages(output);
     };
@@ -98,21 +100,20 @@ void locate(UninstallEntry& entry, const QString& location)
 
 SourceListing flatpakSource(const QString& directory, bool perUser)
 {
-    const QString option = perUser ? QStringLiteral("--user") : QStringLiteral("--system");
-    SourceListing listing{QStringLiteral("flatpak ") + option};
+    const QString option = perUser ? u"--user"_s : u"--system"_s;
+    SourceListing listing{u"flatpak "_s + option};
     Watchdog::step();
     // A home may be on a server that is dead: without a program to ask, it is left alone.
-    listing.exists =
-        !perUser || !QStandardPaths::findExecutable(QStringLiteral("flatpak")).isEmpty();
+    listing.exists = !perUser || !QStandardPaths::findExecutable(u"flatpak"_s).isEmpty();
     // Without either nothing is installed there; asked all the same, flatpak would create it.
-    listing.exists = listing.exists && (QFileInfo::exists(directory + QStringLiteral("/app")) ||
-                                        QFileInfo::exists(directory + QStringLiteral("/runtime")));
-    const QString columns = QStringLiteral("--columns=") + flatpakColumns();
-    listing.command = {QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}};
+    listing.exists = listing.exists && (QFileInfo::exists(directory + u"/app"_s) ||
+                                        QFileInfo::exists(directory + u"/runtime"_s));
+    const QString columns = u"--columns="_s + flatpakColumns();
+    listing.command = {u"flatpak"_s, {u"list"_s, option, columns}};
     listing.read = [directory, perUser](SourceListing& asked, const QByteArray& output) {
         asked.entries = parseFlatpakList(output, perUser);
         for (UninstallEntry& entry : asked.entries)
-            locate(entry, directory + u'/' + entry.identifier + QStringLiteral("/active"));
+            locate(entry, directory + u'/' + entry.identifier + u"/active"_s);
     };
     return listing;
 }
@@ -120,19 +121,17 @@ SourceListing flatpakSource(const QString& directory, bool perUser)
 SourceListing snapSource(const QString& root)
 {
     Watchdog::step();
-    const QDir snapd(root + QStringLiteral("/var/lib/snapd"));
-    SourceListing listing{QStringLiteral("snap"), snapd.exists(QStringLiteral("state.json"))};
-    listing.command = {listing.source,
-                       {QStringLiteral("list"), QStringLiteral("--unicode=never"),
-                        QStringLiteral("--color=never")}};
+    const QDir snapd(root + u"/var/lib/snapd"_s);
+    SourceListing listing{u"snap"_s, snapd.exists(u"state.json"_s)};
+    listing.command = {listing.source, {u"list"_s, u"--unicode=never"_s, u"--color=never"_s}};
     listing.read = [root, snapd](SourceListing& asked, const QByteArray& output) {
         const auto entries = parseSnapList(output);
         if (!entries)
-            asked.error = QStringLiteral("无法识别的输出");
+            asked.error = u"无法识别的输出"_s;
         asked.entries = entries.value_or(QList<UninstallEntry>());
         for (UninstallEntry& entry : asked.entries) {
-            locate(entry, QStringLiteral("%1/snap/%2/current").arg(root, entry.displayName));
-            const QFileInfo image(snapd, QStringLiteral("snaps/%1.snap").arg(entry.identifier));
+            locate(entry, u"%1/snap/%2/current"_s.arg(root, entry.displayName));
+            const QFileInfo image(snapd, u"snaps/%1.snap"_s.arg(entry.identifier));
             entry.estimatedSizeKb = (image.size() + 1023) / 1024;
         }
     };
@@ -173,10 +172,9 @@ QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLim
                                             QString* error)
 {
     const QString userData = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    const QString userFlatpaks =
-        qEnvironmentVariable("FLATPAK_USER_DIR", userData + QStringLiteral("/flatpak"));
+    const QString userFlatpaks = qEnvironmentVariable("FLATPAK_USER_DIR", userData + u"/flatpak"_s);
     QList<SourceListing> listings{listDpkg(root), rpmSource(root),
-                                  flatpakSource(root + QStringLiteral("/var/lib/flatpak"), false),
+                                  flatpakSource(root + u"/var/lib/flatpak"_s, false),
                                   flatpakSource(userFlatpaks, true), snapSource(root)};
     listings.removeIf([](const SourceListing& listing) { return !listing.exists; });
     Watchdog::step();
@@ -186,7 +184,7 @@ QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLim
     for (const SourceListing& listing : listings) {
         entries += listing.entries;
         if (!listing.error.isEmpty())
-            reasons += QStringLiteral("%1 (%2)").arg(listing.source, listing.error);
+            reasons += u"%1 (%2)"_s.arg(listing.source, listing.error);
     }
     const bool isAnyRead = reasons.size() < listings.size();
     for (const SourceListing& listing : listings) {
@@ -194,9 +192,9 @@ QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLim
             logOnce(listing);
     }
     if (listings.isEmpty())
-        reasons += QStringLiteral("没有 dpkg, rpm, flatpak 或 snap 的数据库");
+        reasons += u"没有 dpkg, rpm, flatpak 或 snap 的数据库"_s;
     if (error != nullptr && !isAnyRead)
-        *error = QStringLiteral("无法读取已安装软件: ") + reasons.join(QStringLiteral("; "));
+        *error = u"无法读取已安装软件: "_s + reasons.join(u"; "_s);
     return entries;
 }
 

@@ -18,16 +18,18 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 void prepare(QProcess& process)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
-    environment.remove(QStringLiteral("LANGUAGE")); // translates C.UTF-8 too
+    environment.insert(u"LC_ALL"_s, u"C.UTF-8"_s);
+    environment.remove(u"LANGUAGE"_s); // translates C.UTF-8 too
     process.setProcessEnvironment(environment);
     process.setStandardInputFile(QProcess::nullDevice());
-    process.setWorkingDirectory(QStringLiteral("/"));
+    process.setWorkingDirectory(u"/"_s);
     process.setChildProcessModifier([] { ::setpgid(0, 0); });
 }
 
@@ -71,7 +73,7 @@ public:
         m_output += m_process->readAllStandardOutput();
         m_complaint = (m_complaint + m_process->readAllStandardError()).left(complaintLimit);
         if (m_output.size() > m_outputLimit)
-            fail(QStringLiteral("输出超过 %1 字节").arg(m_outputLimit));
+            fail(u"输出超过 %1 字节"_s.arg(m_outputLimit));
     }
 
     /// Ends it with its whole group. It has not been waited for: the id is still its own.
@@ -92,13 +94,13 @@ public:
         if (!m_error.isEmpty())
             return {{}, m_error};
         if (m_process->error() == QProcess::FailedToStart)
-            return {{}, QStringLiteral("无法启动: %1").arg(m_process->errorString())};
+            return {{}, u"无法启动: %1"_s.arg(m_process->errorString())};
         if (m_process->exitStatus() != QProcess::NormalExit)
-            return {{}, QStringLiteral("异常终止")};
+            return {{}, u"异常终止"_s};
         if (const int code = m_process->exitCode(); code != 0)
             return {{},
-                    QStringLiteral("退出码 %1: %2")
-                        .arg(QString::number(code), textFromSystem(m_complaint.trimmed()))};
+                    u"退出码 %1: %2"_s.arg(QString::number(code),
+                                           textFromSystem(m_complaint.trimmed()))};
         return {m_output, {}};
     }
 
@@ -138,7 +140,7 @@ QList<HelperResult> runHelpers(const QList<HelperCommand>& commands, const Helpe
     waitFor(helpers, limits.time);
     for (const auto& helper : helpers) {
         if (helper->isRunning())
-            helper->fail(QStringLiteral("%1 毫秒内未结束").arg(limits.time.count()));
+            helper->fail(u"%1 毫秒内未结束"_s.arg(limits.time.count()));
     }
     waitFor(helpers, patience);
     QList<HelperResult> results;

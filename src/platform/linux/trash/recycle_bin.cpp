@@ -20,6 +20,8 @@
 
 namespace korvane {
 
+using namespace Qt::StringLiterals;
+
 namespace linux_platform {
 
 namespace {
@@ -150,7 +152,7 @@ void BatchedMove::add(const QString& path)
     const qsizetype slash = bytes.lastIndexOf('/');
     const QByteArray name = bytes.sliced(slash + 1);
     if (!bytes.startsWith('/') || name == "." || name == ".." || bytes.contains('\0'))
-        return m_tally.addSkipped(QStringLiteral("路径无效"));
+        return m_tally.addSkipped(u"路径无效"_s);
     const QByteArray directory = slash == 0 ? QByteArray("/") : bytes.first(slash);
     if (directory != m_parent.named)
         m_parent = openParent(directory);
@@ -208,8 +210,8 @@ OpResult platform::moveToRecycleBin(const QList<QString>& paths)
     using namespace linux_platform;
     OrErrno<FilesInUse> inUse = FilesInUse::look();
     if (!inUse)
-        return {false, QStringLiteral("无法确定哪些文件正在使用, 未移动任何内容: %1")
-                           .arg(qt_error_string(inUse.error()))};
+        return {false, u"无法确定哪些文件正在使用, 未移动任何内容: %1"_s.arg(
+                           qt_error_string(inUse.error()))};
     BatchedMove move(std::move(*inUse));
     for (const QString& path : paths)
         move.add(path);

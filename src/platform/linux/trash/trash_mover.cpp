@@ -18,6 +18,8 @@
 
 namespace korvane::linux_platform {
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 using Outcome = TrashCandidate::Outcome;
@@ -28,15 +30,15 @@ QString reasonFor(int error)
     case EACCES:
     case EPERM:
     case EROFS:
-        return QStringLiteral("无权限");
+        return u"无权限"_s;
     case ENOSPC:
     case EDQUOT:
-        return QStringLiteral("空间不足");
+        return u"空间不足"_s;
     case EBUSY:
     case ETXTBSY:
-        return QStringLiteral("正在使用");
+        return u"正在使用"_s;
     default:
-        return QStringLiteral("移动失败: %1").arg(qt_error_string(error));
+        return u"移动失败: %1"_s.arg(qt_error_string(error));
     }
 }
 
@@ -147,9 +149,9 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
         if (candidate.outcome != Outcome::Pending)
             continue;
         if (!m_home)
-            keep(candidate, QStringLiteral("回收站不可用"));
+            keep(candidate, u"回收站不可用"_s);
         else if (!candidate.verdict.canBeHeld)
-            keep(candidate, QStringLiteral("无法确认未被使用"));
+            keep(candidate, u"无法确认未被使用"_s);
         else
             copied.push_back(&candidate);
     }
