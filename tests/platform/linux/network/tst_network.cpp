@@ -326,4 +326,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestConnections)
-#include "tst_connections.moc"
+#include "tst_network.moc"

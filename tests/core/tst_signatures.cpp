@@ -160,4 +160,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(SignatureServiceTest)
-#include "tst_signature_service.moc"
+#include "tst_signatures.moc"

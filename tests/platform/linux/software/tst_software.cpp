@@ -327,4 +327,4 @@ private:
 };
 
 QTEST_GUILESS_MAIN(TestInstalledSoftware)
-#include "tst_installed_software.moc"
+#include "tst_software.moc"

@@ -66,4 +66,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(FileUnlockServiceTest)
-#include "tst_file_unlock_service.moc"
+#include "tst_file_unlock.moc"

@@ -89,4 +89,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(TestConsentPeer)
-#include "tst_consent_peer.moc"
+#include "tst_peer.moc"
