@@ -24,6 +24,14 @@ QString sizeDisplay(double mib)
     return QString::number(mib / 1024.0, 'f', 2) + QStringLiteral(" GB");
 }
 
+QString gibibytesDisplay(quint64 used, quint64 total)
+{
+    const auto gib = [](quint64 bytes) {
+        return QString::number(static_cast<double>(bytes) / 1073741824.0, 'f', 1);
+    };
+    return QStringLiteral("%1 / %2 GB").arg(gib(used), gib(total));
+}
+
 qint64 sizeSum(qint64 first, qint64 second)
 {
     qint64 sum = 0;

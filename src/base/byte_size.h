@@ -13,6 +13,9 @@ QString mebibytesDisplay(double mib);
 /// As mebibytesDisplay() below 1024 MB, from there on with two decimals: "1.25 GB".
 QString sizeDisplay(double mib);
 
+/// How much of a whole is used, in GiB: "3.5 / 15.6 GB".
+QString gibibytesDisplay(quint64 used, quint64 total);
+
 /// The sum of two sizes that are not negative, or the largest number where that would be passed:
 /// sparse files claim any size.
 qint64 sizeSum(qint64 first, qint64 second);

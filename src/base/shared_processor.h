@@ -11,7 +11,8 @@ public:
     virtual ~SharedProcessor() = default;
 
     /// Keeps the main thread, which has to be waiting, and the calling one on the processor that the
-    /// latter runs on, until each calls release(). A failure changes nothing.
+    /// latter runs on, until each calls release(). Does nothing where the main thread may not run
+    /// there, nor does a failure change anything.
     virtual void gather() = 0;
 
     /// Lets the calling thread run wherever it could before gather(): what it starts from now on

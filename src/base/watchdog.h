@@ -56,6 +56,9 @@ public:
         s_steps.store(s_steps.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
 
+    /// How many steps have been made, all in all.
+    static std::uint64_t steps() noexcept { return s_steps; }
+
 private:
     void setWorking(bool isWorking);
     void watch();

@@ -1,9 +1,9 @@
 // The service that finds and releases the processes holding files, and that ends processes.
 #pragma once
 
+#include "base/op_result.h"
 #include "base/singleton.h"
 #include "base/system_records.h"
-#include "base/op_result.h"
 
 #include <QObject>
 

@@ -1,8 +1,8 @@
 // Startup items: the back end's lists, and the automatic services seen as startup items.
 #include "core/startup.h"
 
-#include "platform/startup.h"
 #include "core/services.h"
+#include "platform/startup.h"
 
 namespace korvane {
 

@@ -40,7 +40,7 @@ protected:
     qint64 m_size = 0;
 };
 
-/// Returns false to end the walk. Whatever a walk meets is a step to the Watchdog.
+/// Returns false to end the walk. Each entry that a walk meets is a step to the Watchdog.
 using EntryVisitor = std::function<bool(const WalkedEntry&)>;
 
 /// Shows `visit` every file below the directory `root`, in no defined order: hidden ones, special
@@ -48,8 +48,10 @@ using EntryVisitor = std::function<bool(const WalkedEntry&)>;
 /// itself may be one; empty means the current directory. What cannot be read or vanishes meanwhile
 /// is left out. Runs on any thread.
 /// Linux: getdents64 and fstatat below directory handles, to any depth. Below the root, file systems
-/// of the kernel's own making are left out, unless the root lies in one.
-/// Without a back end: QDirIterator, which leaves out names that are not UTF-8.
+/// of the kernel's own making are left out, unless the root lies in one. Each directory is a step to
+/// the Watchdog once more when it is opened, or cannot be: many that are empty take their time too.
+/// Without a back end: QDirIterator, which leaves out names that are not UTF-8, and tells of no
+/// directory that it enters.
 void walkFiles(const QString& root, const EntryVisitor& visit);
 
 /// As walkFiles(), but shows `visitEntry` every direct entry of `root`, directories and links to

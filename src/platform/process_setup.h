@@ -13,7 +13,8 @@ namespace korvane::platform {
 
 /// Prepares the process and opens its standard input and output. Called first of all, on the main
 /// thread, before anything is opened and before there is an application object: texts are UTF-8 from
-/// then on, and a write to a closed pipe fails instead of ending the process.
+/// then on, a write to a closed pipe fails instead of ending the process, and a line of the framework's
+/// log does not look for its rules in the home.
 /// Linux: descriptors 0 and 1, with the null device in the place of one that is closed; they may be
 /// non-blocking, and stay as they are, since whoever started the program may share them.
 /// Without a back end: the streams of the standard library.

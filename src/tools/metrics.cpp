@@ -1,6 +1,7 @@
 // The tool that takes one snapshot of the machine's load.
 #include "tools/handlers.h"
 
+#include "base/byte_size.h"
 #include "core/metrics.h"
 
 namespace korvane {
@@ -9,14 +10,6 @@ namespace {
 
 /// How long the load is measured.
 constexpr std::chrono::milliseconds measuringTime{250};
-
-QString gibDisplay(quint64 used, quint64 total)
-{
-    const auto gib = [](quint64 bytes) {
-        return QString::number(static_cast<double>(bytes) / 1073741824.0, 'f', 1);
-    };
-    return QStringLiteral("%1 / %2 GB").arg(gib(used), gib(total));
-}
 
 } // namespace
 
@@ -30,12 +23,12 @@ QJsonObject toolGetSystemMetrics(const QJsonObject& /*args*/, const ProgressCall
         {QStringLiteral("memory_used_bytes"), integer(sample.memoryUsedBytes)},
         {QStringLiteral("memory_total_bytes"), integer(sample.memoryTotalBytes)},
         {QStringLiteral("memory_display"),
-         gibDisplay(sample.memoryUsedBytes, sample.memoryTotalBytes)},
+         gibibytesDisplay(sample.memoryUsedBytes, sample.memoryTotalBytes)},
         {QStringLiteral("commit_percent"), sample.commitPercent},
         {QStringLiteral("commit_charge_bytes"), integer(sample.commitChargeBytes)},
         {QStringLiteral("commit_limit_bytes"), integer(sample.commitLimitBytes)},
         {QStringLiteral("commit_display"),
-         gibDisplay(sample.commitChargeBytes, sample.commitLimitBytes)},
+         gibibytesDisplay(sample.commitChargeBytes, sample.commitLimitBytes)},
         {QStringLiteral("disk_percent"), sample.diskPercent},
         {QStringLiteral("disk_read_kbs"), sample.diskReadKbs},
         {QStringLiteral("disk_write_kbs"), sample.diskWriteKbs},

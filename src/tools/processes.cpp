@@ -5,9 +5,9 @@
 #include "base/byte_size.h"
 #include "core/file_unlock.h"
 #include "core/network.h"
+#include "core/process_tree.h"
 #include "core/processes.h"
 #include "core/signatures.h"
-#include "tools/process_tree.h"
 #include "tools/tool_support.h"
 
 #include <QCoreApplication>
@@ -157,7 +157,7 @@ QJsonObject toolGetProcessTree(const QJsonObject& /*args*/, const ProgressCallba
     requireListed(processes, service);
 
     const ProcessTree tree(processes);
-    if (tree.textSize() > ProcessTree::maxTextSize)
+    if (tree.textSizeBound() > ProcessTree::maxTextSize)
         throwToolError(QStringLiteral("进程树过深 — 缩进文本将超过 64 MiB, 请改用 list_processes"));
     return {{QStringLiteral("total"), processes.size()}, {QStringLiteral("roots"), tree.toJson()}};
 }

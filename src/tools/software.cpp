@@ -1,6 +1,7 @@
 // The tool that lists installed software.
 #include "tools/handlers.h"
 
+#include "base/watchdog.h"
 #include "core/software.h"
 #include "tools/tool_support.h"
 
@@ -27,6 +28,7 @@ QJsonObject toObject(const UninstallEntry& entry)
 QJsonObject toolListUninstallEntries(const QJsonObject& /*args*/,
                                      const ProgressCallback& /*progress*/)
 {
+    const Watchdog::Work work;
     return inventory(listAll<UninstallService>(), QStringLiteral("entries"), toObject);
 }
 

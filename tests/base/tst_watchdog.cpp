@@ -17,10 +17,8 @@ class WatchdogTest : public QObject
 private Q_SLOTS:
     void givesUp_data()
     {
-        QTest::addColumn<bool>("works");
-        QTest::addColumn<bool>("steps");
-        QTest::addColumn<bool>("isAbandoned");
-        QTest::addColumn<bool>("givesUp");
+        for (const char* column : {"works", "steps", "isAbandoned", "givesUp"})
+            QTest::addColumn<bool>(column);
         QTest::newRow("stuck, and nobody waits") << true << false << true << true;
         QTest::newRow("stuck, but somebody waits") << true << false << false << false;
         QTest::newRow("slow") << true << true << true << false;

@@ -3,9 +3,9 @@
 #include "core/junk_scanner.h"
 #include "fake/fake_platform.h"
 #include "support/file_tree.h"
+#include "support/json.h"
 
 #include <QRandomGenerator>
-#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -32,34 +32,29 @@ class JunkScannerTest : public QObject
         return category;
     }
 
-    /// Runs process() on a thread; what the scanner told, in order, each told to this thread, which
-    /// cancels the scan when it hears of category `cancelAt`, while the scanner waits.
+    /// Runs process() on a thread; what the scanner told, in order. It is cancelled while it tells
+    /// of category `cancelAt`.
     static QStringList processed(JunkScanner& scanner, int cancelAt = -1)
     {
-        QObject here;
-        QSemaphore heard;
+        const QObject here;
         QStringList told;
-        connect(&scanner, &JunkScanner::progress, &here, [&](const QString& name, int i, int all) {
+        const auto hear = [&](auto signal, auto slot) {
+            connect(&scanner, signal, &here, slot, Qt::DirectConnection);
+        };
+        hear(&JunkScanner::progress, [&](const QString& name, int i, int all) {
             told.append(u"%1 %2/%3"_s.arg(name, QString::number(i), QString::number(all)));
             if (i == cancelAt)
                 scanner.cancel();
-            heard.release();
         });
-        const auto wait = [&heard] { heard.acquire(); };
-        connect(&scanner, &JunkScanner::progress, &here, wait, Qt::DirectConnection);
-        connect(&scanner, &JunkScanner::cancelled, &here, [&] { told.append(u"cancelled"_s); });
-        connect(&scanner, &JunkScanner::finished, &here,
-                [&](const QList<JunkItem>& items, qint64 total) {
-                    for (const JunkItem& item : items)
-                        told.append(u"%1 %2"_s.arg(item.id, item.sizeDisplay()));
-                    told.append(QString::number(total));
-                });
-        const std::unique_ptr<QThread> thread(QThread::create(
-            [&scanner] { QMetaObject::invokeMethod(&scanner, "process", Qt::DirectConnection); }));
-        thread->start();
-        while (!thread->wait(1))
-            QCoreApplication::processEvents();
-        QCoreApplication::processEvents();
+        hear(&JunkScanner::cancelled, [&] { told.append(u"cancelled"_s); });
+        hear(&JunkScanner::finished, [&](const QList<JunkItem>& items, qint64 total) {
+            for (const JunkItem& item : items)
+                told.append(u"%1 %2"_s.arg(item.id, item.sizeDisplay()));
+            told.append(QString::number(total));
+        });
+        std::thread([&scanner] {
+            QMetaObject::invokeMethod(&scanner, "process", Qt::DirectConnection);
+        }).join();
         return told;
     }
 
@@ -72,41 +67,58 @@ private Q_SLOTS:
 
     void categories_data()
     {
-        QTest::addColumn<QString>("tree");
-        QTest::addColumn<QStringList>("patterns");
+        QTest::addColumn<QString>("tree"); // In several lines where it begins with a bar.
+        QTest::addColumn<bool>("byPattern");
         QTest::addColumn<QString>("expected"); // Paths; files and bytes.
-        const QStringList none;
-        const QStringList caches{u"thumbcache_*.db"_s, u"*cache_?.db"_s};
-        // clang-format off
-        QTest::newRow("depths") << u"r/a.tmp=10|r/d/x/y/1=5|r/d/x/y/2=5"_s << none << u"a.tmp d; 3 20"_s;
-        QTest::newRow("nothing") << u"r/"_s << none << u"; 0 0"_s;
-        QTest::newRow("empty directories") << u"r/d/e/|r/f/"_s << none << u"d f; 0 0"_s;
-        QTest::newRow("hidden") << u"r/.f=1|r/.d/.f=2"_s << none << u".d .f; 2 3"_s;
-        QTest::newRow("links") << u"out/f=7|out/d/f=8|r/file>../out/f|r/d/file>../../out/f|r/d/dir>../../out|r/absent>x"_s << none << u"absent d file; 3 14"_s;
-        QTest::newRow("a link to a directory") << u"out/f=7|out/d/f=8|r/dir>../out"_s << none << u"dir; 2 15"_s;
-        QTest::newRow("roots") << u"other/f=7|out/f=8|r>out|file=9"_s << none << u"f other/f; 2 15"_s;
-        QTest::newRow("backslashes") << u"r/a\\b=1|r/..\\..\\c=2|r/d/e\\f=4"_s << none << u"d; 3 7"_s;
-        QTest::newRow("patterns") << u"r/Thumbcache_1024.DB=1|r/thumbcache_1024.db.bak=2|r/xthumbcache_1024.db=4|r/.d/iconcache_3.db=8|r/iconcache_32.db=16|r/iconcache_.db=32|r/thumbcache_d.db/f=64|r/iconcache_\n.db=128"_s << caches << u".d/iconcache_3.db Thumbcache_1024.DB iconcache_\n.db; 3 137"_s;
-        QTest::newRow("no match") << u"r/f=1"_s << caches << u"; 0 0"_s;
-        QTest::newRow("links and backslashes by pattern") << u"out/thumbcache_.db=3|other/d/thumbcache_2.db=1|r/a\\thumbcache_.db=0|r/thumbcache_\\.db=4|r/dir>../out|r/thumbcache_1.db>../out/thumbcache_.db"_s << caches << u"other/d/thumbcache_2.db thumbcache_1.db; 3 8"_s;
-        // clang-format on
+        QString tree;
+        for (const QString& line : test::rows(R"(
+            r/a.tmp=10|r/d/x/y/1=5|r/d/x/y/2=5 => a.tmp d; 3 20
+            r/ => ; 0 0
+            r/d/e/|r/f/ => d f; 0 0
+            r/.f=1|r/.d/.f=2 => .d .f; 2 3
+            out/f=7|out/d/f=8|r/file>../out/f|r/d/file>../../out/f|r/d/dir>../../out|r/absent>x
+                => absent d file; 3 14
+            out/f=7|out/d/f=8|r/dir>../out => dir; 2 15
+            other/f=7|out/f=8|r>out|file=9 => f other/f; 2 15
+            r/a\b=1|r/..\..\c=2|r/d/e\f=4 => d; 3 7
+            r/f=1 -> ; 0 0
+            r/Thumbcache_1024.DB=1|r/thumbcache_1024.db.bak=2|r/xthumbcache_1024.db=4
+                |r/.d/iconcache_3.db=8|r/iconcache_32.db=16|r/iconcache_.db=32|r/iconcache_ .db=128
+                |r/thumbcache_d.db/f=64
+                -> .d/iconcache_3.db Thumbcache_1024.DB iconcache_ .db; 3 137
+            out/thumbcache_.db=3|other/d/thumbcache_2.db=1|r/a\thumbcache_.db=0|r/thumbcache_\.db=4
+                |r/dir>../out|r/thumbcache_1.db>../out/thumbcache_.db
+                -> other/d/thumbcache_2.db thumbcache_1.db; 3 8)")) {
+            tree += line;
+            const bool byPattern = tree.contains(u"-> "_s);
+            const qsizetype end = tree.indexOf(u"> "_s);
+            if (end < 0)
+                continue;
+            QTest::newRow(qPrintable(tree)) << tree.left(end - 1).trimmed().replace(u' ', u'\n')
+                                            << byPattern << tree.mid(end + 2);
+            tree.clear();
+        }
     }
     void categories()
     {
         QFETCH(QString, tree);
-        QFETCH(QStringList, patterns);
+        QFETCH(bool, byPattern);
         test::makeTree(m_directory->path(), tree);
         QVERIFY(QDir::setCurrent(m_directory->path()));
-        JunkCategory roots = category({u"r"_s, u"absent"_s, u"file"_s, u"other"_s}, patterns);
-        if (patterns.isEmpty()) // Then relative roots make absolute paths.
+        JunkCategory roots = category({u"r"_s, u"absent"_s, u"file"_s, u"other"_s});
+        if (byPattern)
+            roots.patterns = QStringList{u"thumbcache_*.db"_s, u"*cache_?.db"_s};
+        else // Relative roots make absolute paths.
             roots.roots.replaceInStrings(m_directory->path() + u'/', QString());
         roots.roots.append(QString());
         JunkItem item = JunkScanner::scanCategory(roots, nullptr);
         item.paths.replaceInStrings(m_directory->filePath(u"r/"_s), QString());
         item.paths.replaceInStrings(m_directory->path() + u'/', QString());
         item.paths.sort();
-        QTEST(u"%1; %2 %3"_s.arg(item.paths.join(u' '), QString::number(item.fileCount),
-                                 QString::number(item.sizeBytes)),
+        QTEST(u"%1; %2 %3"_s
+                  .arg(item.paths.join(u' '), QString::number(item.fileCount),
+                       QString::number(item.sizeBytes))
+                  .replace(u'\n', u' '),
               "expected");
         const std::atomic<bool> cancel = true;
         QCOMPARE(JunkScanner::scanCategory(roots, &cancel).fileCount, 0);

@@ -1,15 +1,13 @@
 // Tests of the processor shares that are computed from successive readings, on a made-up clock.
 #include "base/process_cpu_table.h"
+#include "support/json.h"
 
 #include <QTest>
 
 #include <algorithm>
 
 using namespace korvane;
-
-/// Readings of one process: milliseconds on the clock and of processor time, the figure that the
-/// reading has to give, and the start time where it is not 1.
-using Readings = QList<QList<double>>;
+using namespace Qt::StringLiterals;
 
 class ProcessCpuTableTest : public QObject
 {
@@ -23,33 +21,31 @@ class ProcessCpuTableTest : public QObject
     }
 
 private Q_SLOTS:
-    void figures_data()
-    {
-        QTest::addColumn<int>("processors");
-        QTest::addColumn<Readings>("readings");
-        // clang-format off
-        QTest::newRow("successive samples") << 1 << Readings{{0, 9000, -1}, {1000, 9500, 50}, {3000, 9600, 5}};
-        QTest::newRow("share of the machine") << 4 << Readings{{0, 0, -1}, {1000, 2000, 50}};
-        QTest::newRow("processors not known") << 0 << Readings{{0, 0, -1}, {1000, 500, 50}};
-        QTest::newRow("recycled PID") << 1 << Readings{{0, 0, -1}, {1000, 500, 50}, {2000, 900, -1, 2}, {3000, 1000, 10, 2}};
-        QTest::newRow("more than there is") << 2 << Readings{{0, 0, -1}, {1000, 5000, 100}};
-        QTest::newRow("time runs back") << 1 << Readings{{0, 500, -1}, {1000, 100, 0}};
-        QTest::newRow("same instant") << 1 << Readings{{500, 0, -1}, {500, 10, -1}};
-        QTest::newRow("soon after the first") << 1 << Readings{{0, 0, -1}, {199, 199, -1}, {400, 200, 50}};
-        QTest::newRow("soon after another") << 1 << Readings{{0, 0, -1}, {1000, 100, 10}, {1010, 110, 11000.0 / 1010}, {1199, 110, 11000.0 / 1199}, {2000, 600, 50}};
-        QTest::newRow("just old enough") << 1 << Readings{{0, 0, -1}, {1000, 0, 0}, {1200, 100, 50}};
-        // clang-format on
-    }
-
     void figures()
     {
-        QFETCH(int, processors);
-        QFETCH(Readings, readings);
-        ProcessCpuTable table;
-        for (const QList<double>& r : readings) {
-            table.beginEnumeration(processors);
-            QCOMPARE(read(table, r.at(0), r.at(1), r.value(3, 1)), r.at(2));
-            table.endEnumeration();
+        // Processors: readings of one process, which are milliseconds on the clock and of processor
+        // time, the percentage that the reading has to give, and the start time where it is not 1.
+        for (const QString& row : test::rows(R"(
+            1: 0 9000 -1, 1000 9500 50, 3000 9600 5
+            4: 0 0 -1, 1000 2000 50
+            0: 0 0 -1, 1000 500 50
+            1: 0 0 -1, 1000 500 50, 2000 900 -1 2, 3000 1000 10 2
+            2: 0 0 -1, 1000 5000 100
+            1: 0 500 -1, 1000 100 0
+            1: 500 0 -1, 500 10 -1
+            1: 0 0 -1, 199 199 -1, 400 200 50
+            1: 0 0 -1, 1000 100 10, 1010 110 10.891089108910892, 1100 110 10, 2000 600 50
+            1: 0 0 -1, 1000 100 10, 1199 110 9.174311926605505
+            1: 0 0 -1, 1000 0 0, 1200 100 50)")) {
+            ProcessCpuTable table;
+            for (const QString& reading : row.section(u": "_s, 1).split(u", "_s)) {
+                const QStringList r = reading.split(u' ');
+                table.beginEnumeration(row.section(u':', 0, 0).toInt());
+                const double percent =
+                    read(table, r[0].toDouble(), r[1].toDouble(), r.value(3, u"1"_s).toDouble());
+                QVERIFY2(qFuzzyCompare(percent + 2, r[2].toDouble() + 2), qPrintable(row));
+                table.endEnumeration();
+            }
         }
     }
 

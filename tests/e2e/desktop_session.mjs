@@ -51,7 +51,7 @@ async function startProgramsOfTheSession(t) {
   await until('the X server', () => succeeds('xprop', '-root'));
   start(t, 'evilwm', '-fn', 'fixed');
   mkdirSync('/tmp/work');
-  const shell = 'cd /tmp/work; exec >>../terminal.log; while echo; do echo >>notes; sleep 0.1; done';
+  const shell = 'cd /tmp/work && exec >>../log; while echo; do echo >>notes; sleep 0.1; done';
   start(t, 'xterm', '-fn', 'fixed', '-e', 'sh', '-c', shell);
   mkdirSync(dirname(SSH_AUTH_SOCK), { mode: 0o700 });
   start(t, 'ssh-agent', '-D', '-a', SSH_AUTH_SOCK);
@@ -66,7 +66,7 @@ async function assertIsAlive(windows) {
   await until('ssh-agent', () => run('ssh-add', '-l').status === 1); // It holds no key.
   await until('the bus', () => succeeds('busctl', `--address=${bus}`, 'list'));
   await until('tmux', () => succeeds('tmux', 'list-sessions'));
-  for (const path of ['/tmp/terminal.log', '/tmp/work/notes']) {
+  for (const path of ['/tmp/log', '/tmp/work/notes']) {
     const size = sizeOf(path);
     await until(`growth of ${path}`, () => sizeOf(path) > Math.max(size, 0));
   }

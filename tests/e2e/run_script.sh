@@ -19,7 +19,7 @@ answer='{"id":1,"jsonrpc":"2.0","result":{}}'
 five_requests=$(printf '%s\n' "$request" "$request" "$request" "$request" "$request")
 five_answers=${five_requests//"$request"/"$answer"}
 
-echo '- two first starts at once'
+# Two first starts at once.
 ./run.sh <<<"$five_requests" >first.out 2>first.err &
 ./run.sh <<<"$five_requests" >second.out 2>second.err || fail "$(cat second.err)"
 wait $! || fail "$(cat first.err)"
@@ -28,7 +28,7 @@ wait $! || fail "$(cat first.err)"
 [ "$(cat first.err second.err | grep -c 'Linking CXX executable src/korvane-mcp$')" = 1 ] ||
     fail 'not exactly one build'
 
-echo '- a later start is silent, and is the server itself'
+# A later start is silent, and is the server itself.
 mkfifo requests answers
 ./run.sh <requests >answers 2>later.err &
 server=$!
@@ -41,7 +41,7 @@ ask_running_server
 [ "$(readlink "/proc/$server/exe")" = "$copy/build/run/korvane-mcp" ] || fail 'not replaced by exec'
 [ ! -s later.err ] || fail "printed: $(cat later.err)"
 
-echo '- a changed source is built beside the running server'
+# A changed source is built beside the running server.
 echo '// changed' >>src/app/main.cpp
 [ "$(./run.sh <<<"$request" 2>changed.err)" = "$answer" ] || fail 'no answer after the change'
 grep -q 'main.cpp' changed.err || fail 'not built again'
@@ -49,7 +49,7 @@ ask_running_server
 exec 8>&-
 wait "$server" || fail 'the running server did not end quietly'
 
-echo '- a failing build says so on standard error only'
+# A failing build says so on standard error only.
 echo '#error broken' >>src/app/main.cpp
 if ./run.sh <<<"$request" >broken.out 2>broken.err; then
     fail 'a broken build was started'
@@ -59,7 +59,7 @@ grep -q 'broken' broken.err || fail 'no message'
 sed -i '$d' src/app/main.cpp
 [ "$(./run.sh <<<"$request" 2>repaired.err)" = "$answer" ] || fail 'not repaired'
 
-echo '- what is current or cannot be built is started from a tree that may only be read'
+# What is current or cannot be built is started from a tree that may only be read.
 if [ "$(id -u)" = 0 ]; then
     as_nobody() { setpriv --reuid 65534 --regid 65534 --clear-groups "$@"; }
     chmod a+rx "$copy"
@@ -70,7 +70,7 @@ if [ "$(id -u)" = 0 ]; then
     grep -q 'cannot be written' nobody.err || fail 'started an older build without a word'
 fi
 
-echo '- at a terminal it plays the client'
+# At a terminal it plays the client.
 mkfifo listening
 cp /usr/bin/perl $'evil\e[31m'
 "./"$'evil\e[31m' -MIO::Socket::INET -e '

@@ -3,7 +3,7 @@
 // What cleans a disk joins in where own_tmp.sh has made a /tmp for it.
 // Run: KORVANE_MCP=... node sdk_writes.mjs
 import assert from 'node:assert/strict';
-import { execFileSync, spawn } from 'node:child_process';
+import { spawn } from 'node:child_process';
 import { randomBytes } from 'node:crypto';
 import { once } from 'node:events';
 import { mkdirSync, mkdtempSync, readdirSync, rmSync, symlinkSync, writeFileSync } from 'node:fs';
@@ -11,7 +11,7 @@ import { homedir } from 'node:os';
 import { join } from 'node:path';
 import { test } from 'node:test';
 import { isDeepStrictEqual } from 'node:util';
-import { binary, Session, startDesktop } from './session.mjs';
+import { binary, linesOf, Session, startDesktop, startForkedServer } from './session.mjs';
 import { assertOwnTmp, readTree, restoreAll } from './trash.mjs';
 
 const notRunning = /failed: Korvane 主程序未运行 — /;
@@ -23,13 +23,7 @@ const outcomes = {
 };
 
 /** Whether there is such a process, other than one that has ended and is not waited for. */
-function isRunning(pid) {
-  try {
-    return execFileSync('ps', ['-o', 'stat=', '-p', pid], { encoding: 'utf8' })[0] !== 'Z';
-  } catch {
-    return false;
-  }
-}
+const isRunning = (pid) => (linesOf('ps', '-o', 'stat=', '-p', String(pid))?.[0] ?? 'Z')[0] !== 'Z';
 
 async function startSleeper(t) {
   const child = spawn('sleep', ['600']);
@@ -39,31 +33,22 @@ async function startSleeper(t) {
   return { args: { pid }, shows: [`「sleep」(PID ${pid})`], isUnchanged: () => isRunning(pid) };
 }
 
-/** A server that has handed its listening socket on to three workers. */
-async function startForkedServer(t) {
-  const script = `const server = require('node:net').createServer().listen(0, '127.0.0.1', () => {
-    const stdio = ['ignore', 'ignore', 'ignore', server._handle.fd];
-    const { spawn } = require('node:child_process');
-    const workers = Array.from({ length: 3 }, () => spawn('sleep', ['600'], { stdio }));
-    console.log([server.address().port, process.pid, ...workers.map(({ pid }) => pid)].join(' '));
-  });`;
-  const child = spawn(process.execPath, ['-e', script], { stdio: ['ignore', 'pipe', 'inherit'] });
-  const [line] = await once(child.stdout, 'data');
-  const [port, ...pids] = String(line).trim().split(' ').map(Number);
-  t.after(() => pids.forEach((pid) => isRunning(pid) && process.kill(pid, 'SIGKILL')));
+async function startServer(t) {
+  const { port, pids } = await startForkedServer(t, 3);
   const shows = [`占用端口 ${port} 的 4 个进程`];
-  return { args: { port }, shows, isUnchanged: () => pids.some(isRunning) && pids.every(isRunning) };
+  const isUnchanged = () => pids.some(isRunning) && pids.every(isRunning);
+  return { args: { port }, shows, isUnchanged };
 }
 
 /** A unit of the tests' own systemd, which private_systemd.sh has started. */
 async function startUnit(t) {
   const name = `victim-${process.pid}`;
-  const systemctl = (...args) => execFileSync('systemctl', ['--user', ...args], { encoding: 'utf8' });
+  const systemctl = (...args) => linesOf('systemctl', '--user', ...args);
   const file = join(homedir(), '.config/systemd/user', `${name}.service`);
   writeFileSync(file, '[Unit]\nDescription=牺牲品\n[Service]\nExecStart=/bin/sleep 600\n');
   systemctl('daemon-reload');
   systemctl('start', name);
-  const isUnchanged = () => systemctl('show', '--value', '-pActiveState', name).trim() === 'active';
+  const isUnchanged = () => systemctl('is-active', name)?.[0] === 'active';
   return { args: { name }, shows: [`停止服务「牺牲品」(${name})`], isUnchanged };
 }
 
@@ -79,14 +64,7 @@ function fillCache(directory) {
 const caches = { // In the order of the catalog, with places in the home.
   chrome_cache: ['Local/Google/Chrome/User Data/Default/Cache',
     'Local/Google/Chrome/User Data/Default/Code Cache'],
-  firefox_cache: ['Local/Mozilla/Firefox/Profiles/x.default/cache2'],
-  gradle_cache: ['.gradle/caches'],
-  cargo_cache: ['.cargo/registry/cache'],
   generic_cache: ['.cache'],
-  vscode_cache: ['Roaming/Code/logs'],
-  maven_repo: ['.m2/repository'],
-  nuget_cache: ['.nuget/packages'],
-  conda_cache: ['.conda/pkgs'],
   go_cache: ['go/pkg/mod/cache/download'],
 };
 
@@ -102,10 +80,10 @@ async function startInFullHome(t) {
   for (const name of ['thumbcache_32.db', 'settings.db'])
     writeFileSync(join(home, thumbnails, name), randomBytes(100));
 
-  const env = { HOME: home, XDG_DATA_HOME: join(home, data), TMPDIR: temp,
-    LOCALAPPDATA: join(home, 'Local'), APPDATA: join(home, 'Roaming') };
+  const places = { XDG_DATA_HOME: join(home, data), LOCALAPPDATA: join(home, 'Local') };
+  const env = { HOME: home, TMPDIR: temp, ...places };
   const session = await Session.start(t, binary, [], env);
-  const { categories, total_size_bytes } = await session.call('scan_junk');
+  const { categories } = await session.call('scan_junk');
   const category_ids = categories.map((category) => category.category_id);
   assert.deepEqual(category_ids, ['user_temp', 'thumbnail_cache', ...Object.keys(caches)]);
 
@@ -115,11 +93,8 @@ async function startInFullHome(t) {
   const before = read();
   const isUnchanged = () => isDeepStrictEqual(read(), before);
   const undo = (text) => { // Which can only be done where it was done.
-    const answer = JSON.parse(text);
-    assert.deepEqual(answer.categories.map((category) => category.category_id), category_ids);
-    assert.equal(answer.freed_bytes, total_size_bytes);
     const message = `已移到回收站 ${2 * roots.length + 1} 项, 跳过 1 项 (`;
-    assert(answer.message.startsWith(message), answer.message);
+    assert(JSON.parse(text).message.startsWith(message), text);
     assert.deepEqual(roots.flatMap((path) => readdirSync(path)), ['korvane-consent-v1']);
     assert.deepEqual(readdirSync(join(home, thumbnails)), ['settings.db']);
     restoreAll(home, env);
@@ -133,7 +108,7 @@ async function startInFullHome(t) {
   return { session, args: { category_ids: [...category_ids].reverse() }, shows, isUnchanged, undo };
 }
 
-const victims = { kill_process: startSleeper, kill_by_port: startForkedServer };
+const victims = { kill_process: startSleeper, kill_by_port: startServer };
 if (process.env.KORVANE_PRIVATE_SYSTEMD) victims.stop_service = startUnit;
 if (process.env.KORVANE_OWN_TMP) victims.clean_junk = startInFullHome;
 

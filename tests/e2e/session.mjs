@@ -1,7 +1,9 @@
 // The built server at the other end of the official MCP client.
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
-import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { getDefaultEnvironment, StdioClientTransport }
+  from '@modelcontextprotocol/sdk/client/stdio.js';
 import assert from 'node:assert/strict';
+import { execFileSync, spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { createServer } from 'node:net';
@@ -10,8 +12,35 @@ import { join } from 'node:path';
 import { createInterface } from 'node:readline';
 import { text } from 'node:stream/consumers';
 
-export const { KORVANE_MCP: binary, KORVANE_MCP_UNSUPPORTED: unsupportedBinary } = process.env;
-assert(binary && unsupportedBinary, 'KORVANE_MCP and KORVANE_MCP_UNSUPPORTED name the binaries');
+export const { KORVANE_MCP: binary } = process.env;
+assert(binary, 'KORVANE_MCP names the binary');
+
+/** What a program prints, by line; undefined where it is absent or fails. */
+export function linesOf(command, ...args) {
+  try {
+    const env = { ...process.env, LC_ALL: 'C.UTF-8' };
+    const stdio = ['ignore', 'pipe', 'ignore'];
+    const options = { encoding: 'utf8', maxBuffer: 1 << 30, stdio, env };
+    return execFileSync(command, args, options).split('\n').slice(0, -1);
+  } catch {
+    return undefined;
+  }
+}
+
+/** A listener on a free port that has handed its socket on to `workers` children. */
+export async function startForkedServer(t, workers, host = '127.0.0.1') {
+  const script = `const server = require('node:net').createServer().listen(0, '${host}', () => {
+    const stdio = ['ignore', 'ignore', 'ignore', server._handle.fd];
+    const { spawn } = require('node:child_process');
+    const workers = Array.from({ length: ${workers} }, () => spawn('sleep', ['600'], { stdio }));
+    console.log([server.address().port, process.pid, ...workers.map(({ pid }) => pid)].join(' '));
+  });`;
+  const child = spawn(process.execPath, ['-e', script], { stdio: ['ignore', 'pipe', 'inherit'] });
+  const [line] = await once(child.stdout, 'data');
+  const [port, ...pids] = String(line).trim().split(' ').map(Number);
+  t.after(() => linesOf('kill', '-KILL', ...pids.map(String)));
+  return { port, pids };
+}
 
 /** The desktop program: shows nobody the requests, which it keeps, and answers all with `reply`. */
 export async function startDesktop(t, directory, reply) {
@@ -31,7 +60,7 @@ export async function startDesktop(t, directory, reply) {
 export class Session {
   called = new Set();
 
-  /** Lasts until `scope`, a test or the whole run, is over; `ownEnv` is added to its environment. */
+  /** Lasts until `scope`, a test or the run, is over; `ownEnv` is added to the environment. */
   static async start(scope, command, args = [], ownEnv = {}) {
     const session = new Session();
     scope.after(() => session.close());
@@ -43,7 +72,6 @@ export class Session {
     const env = { ...getDefaultEnvironment(), TMPDIR: session.directory, ...ownEnv };
     if (DBUS_SYSTEM_BUS_ADDRESS) Object.assign(env, { DBUS_SYSTEM_BUS_ADDRESS });
     session.transport = new StdioClientTransport({ command, args, env, stderr: 'pipe' });
-    session.transport.setProtocolVersion = (version) => (session.protocolVersion = version);
     session.stderr = text(session.transport.stderr);
     session.client = new Client({ name: 'korvane-e2e', version: '1.0.0' });
     await session.client.connect(session.transport);

@@ -1,7 +1,6 @@
 // The built Linux program where something it waits for does not come: on standard streams that do
 // not block, on files that nobody serves.
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -9,8 +8,6 @@
 #include <cstdlib>
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,7 +17,12 @@ namespace {
 
 constexpr int patienceMs = 120'000;
 
-QByteArray pingWithId(const QByteArray& id)
+/// Runs a program in a namespace where the directory is a mount whose server takes no request.
+const auto withDeadMount =
+    u"exec 3<>/dev/fuse && options=fd=3,rootmode=40000,user_id=0,group_id=0 && "
+    "mount -i -t fuse -o $options none \"$0\" || exit 77; exec \"$@\""_s;
+
+QByteArray ping(const QByteArray& id)
 {
     return R"({"id":")" + id + R"(","method":"ping"})" + '\n';
 }
@@ -36,52 +38,23 @@ QByteArray call(const QByteArray& tool, const QByteArray& arguments = "{}")
            arguments + "}}\n";
 }
 
-/// The directory `path` as a mount in a namespace of this process's, whose server takes no request.
-class DeadMount
-{
-public:
-    explicit DeadMount(const QByteArray& path)
-        : m_path(path), m_device(::open("/dev/fuse", O_RDWR | O_CLOEXEC))
-    {
-        const QByteArray options =
-            "fd=" + QByteArray::number(m_device) + ",rootmode=40000,user_id=0,group_id=0";
-        m_isMounted = m_device >= 0 && ::unshare(CLONE_NEWNS) == 0 &&
-                      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                      ::mount("fuse", path.constData(), "fuse", 0, options.constData()) == 0;
-    }
-    ~DeadMount()
-    {
-        if (m_isMounted)
-            ::umount2(m_path.constData(), MNT_DETACH);
-        ::close(m_device);
-    }
-    Q_DISABLE_COPY_MOVE(DeadMount)
-
-    bool isMounted() const { return m_isMounted; }
-
-private:
-    QByteArray m_path;
-    int m_device;
-    bool m_isMounted = false;
-};
-
 } // namespace
 
 class LinuxTransportTest : public QObject
 {
     Q_OBJECT
 
+    const QString m_program = qEnvironmentVariable("KORVANE_MCP");
     QTemporaryDir m_directory;
+    QString m_dead = m_directory.filePath(u"dead"_s);
     QProcess m_server;
 
-    QByteArray dead() const { return QFile::encodeName(m_directory.filePath(u"dead"_s)); }
-
-    void start(const QString& home)
+    void startWithDeadMount(const QString& home)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"HOME"_s, home);
         m_server.setProcessEnvironment(environment);
-        m_server.start(qEnvironmentVariable("KORVANE_MCP"), QStringList());
+        m_server.start(u"unshare"_s, {u"-m"_s, u"sh"_s, u"-c"_s, withDeadMount, m_dead, m_program});
     }
 
     bool endsWith(int code)
@@ -92,7 +65,12 @@ class LinuxTransportTest : public QObject
     }
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(QDir(m_directory.path()).mkdir(u"dead"_s)); }
+    void initTestCase()
+    {
+        QVERIFY(QDir().mkdir(m_dead));
+        startWithDeadMount({});
+        m_mayMount = endsWith(0);
+    }
 
     void cleanup()
     {
@@ -103,8 +81,7 @@ private Q_SLOTS:
 
     void anInputThatIsClosed()
     {
-        m_server.setChildProcessModifier([] { ::close(STDIN_FILENO); });
-        start(m_directory.path());
+        m_server.start(u"sh"_s, {u"-c"_s, u"exec \"$0\" <&-"_s, m_program});
         QVERIFY(endsWith(0));
     }
 
@@ -114,10 +91,10 @@ private Q_SLOTS:
             for (const int stream : {STDIN_FILENO, STDOUT_FILENO})
                 ::fcntl(stream, F_SETFL, ::fcntl(stream, F_GETFL) | O_NONBLOCK);
         });
-        start(m_directory.path());
+        m_server.start(m_program, QStringList());
         QVERIFY(!m_server.waitForFinished(300)); // at a loss for something to read
         const QByteArray size(8 << 20, 'x');     // many times what a pipe holds
-        m_server.write(pingWithId(size) + pingWithId("last"));
+        m_server.write(ping(size) + ping("last"));
         QVERIFY(endsWith(0));
         QCOMPARE(m_server.readAllStandardOutput().size(), (pong(size) + pong("last")).size());
     }
@@ -130,14 +107,17 @@ private Q_SLOTS:
         const QString settings = m_directory.filePath(u".config/Korvane"_s);
         QVERIFY(QDir().mkpath(settings));
         QCOMPARE(::mkfifo(QFile::encodeName(settings + u"/Korvane.conf"_s).constData(), 0600), 0);
-        const QByteArray verification =
-            call("verify_signatures", R"({"paths":[")" + dead() + R"(/program"]})");
+        const QByteArray paths = "{\"paths\":[\"" + m_dead.toUtf8() + "/program\"]}";
         QTest::newRow("settings that are a pipe")
             << m_directory.path() << call("list_processes") << QByteArray("signature_summary");
         QTest::newRow("a home on a dead mount")
-            << QString::fromUtf8(dead()) << call("list_processes") << QByteArray("total");
+            << m_dead << call("list_processes") << QByteArray("total");
+        QTest::newRow("a home without programs of its own")
+            << m_dead << call("list_uninstall_entries") << QByteArray("total");
+        QTest::newRow("a home that the log could be set up in")
+            << m_dead << call("list_startup_items") << QByteArray("isError");
         QTest::newRow("a file on a dead mount")
-            << u"/nonexistent"_s << verification << QByteArray("未知");
+            << u"/nonexistent"_s << call("verify_signatures", paths) << QByteArray("未知");
     }
 
     void filesThatNobodyServes()
@@ -145,10 +125,9 @@ private Q_SLOTS:
         QFETCH(QString, home);
         QFETCH(QByteArray, request);
         QFETCH(QByteArray, answer);
-        const DeadMount mount(dead());
-        if (!mount.isMounted())
+        if (!m_mayMount)
             QSKIP("this machine does not let the test mount");
-        start(home);
+        startWithDeadMount(home);
         m_server.write(request);
         QVERIFY(endsWith(0));
         const QByteArray answers = m_server.readAllStandardOutput();
@@ -158,21 +137,24 @@ private Q_SLOTS:
     void stuckSearchesEndWithTheirInput_data()
     {
         QTest::addColumn<QByteArray>("request");
-        QTest::newRow("search") << call("find_large_files", R"({"root_path":")" + dead() + R"("})");
-        QTest::newRow("verification") << call("verify_signatures", R"({"paths":["/x"]})");
+        QTest::newRow("search") << call("find_large_files",
+                                        "{\"root_path\":\"" + m_dead.toUtf8() + "\"}");
+        QTest::newRow("verification") << call("verify_signatures", "{\"paths\":[\"/x\"]}");
     }
 
     void stuckSearchesEndWithTheirInput()
     {
         QFETCH(QByteArray, request);
-        const DeadMount mount(dead());
-        if (!mount.isMounted())
+        if (!m_mayMount)
             QSKIP("this machine does not let the test mount");
-        start(QString::fromUtf8(dead()));
+        startWithDeadMount(m_dead);
         m_server.write(request);
         QVERIFY(!m_server.waitForFinished(70'000)); // as long as somebody may wait for it
         QVERIFY(endsWith(EXIT_FAILURE));
     }
+
+private:
+    bool m_mayMount = false;
 };
 
 QTEST_GUILESS_MAIN(LinuxTransportTest)

@@ -13,26 +13,15 @@
 #include "platform/software.h"
 #include "platform/startup.h"
 
-#include <algorithm>
+#include <chrono>
 
 namespace korvane {
 
-namespace fake {
-
-Platform& platform()
-{
-    static Platform script;
-    return script;
-}
-
-void reset()
-{
-    platform() = {};
-}
-
-} // namespace fake
+using namespace Qt::StringLiterals;
 
 namespace {
+
+fake::Platform& script = fake::platform();
 
 QString number(qint64 value)
 {
@@ -46,12 +35,12 @@ namespace platform {
 QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& /*shown*/,
                                      QString* error)
 {
-    fake::Platform& script = fake::platform();
     QList<ProcessSnapshot> processes = script.processes.answer(error);
     cpuTable.beginEnumeration(1);
-    if (script.processesLeaveCpuSamples) {
-        for (const ProcessSnapshot& process : processes)
-            cpuTable.record({.pid = process.pid});
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    for (const ProcessSnapshot& process : processes) {
+        if (script.processesLeaveCpuSamples)
+            cpuTable.record({.pid = process.pid, .takenAt = now});
     }
     cpuTable.endEnumeration();
     return processes;
@@ -59,176 +48,147 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
 
 QList<ProcessSnapshot> processAndAncestors(quint32 /*pid*/)
 {
-    return fake::platform().ancestors;
+    return script.ancestors;
 }
 
 bool syncFile(int /*handle*/)
 {
-    return fake::platform().canSync();
+    return script.canSync();
 }
 
 QString processCommandLine(unsigned int pid)
 {
-    fake::platform().commandLinesAsked.append(pid);
-    return fake::platform().commandLines.value(pid);
+    script.commandLinesAsked.append(pid);
+    return script.commandLines.value(pid);
 }
 
 OpResult endProcess(unsigned int pid, const ShownProcesses& /*shown*/)
 {
-    return fake::platform().write({QStringLiteral("killProcess"), number(pid)});
+    return script.write({u"killProcess"_s, number(pid)});
 }
 
 QList<StartupItem> listRunItems(QString* error)
 {
-    return fake::platform().startupItems.answer(error);
+    return script.startupItems.answer(error);
 }
 
 QList<StartupItem> listScheduledTasks(QString* error)
 {
-    return fake::platform().scheduledTasks.answer(error);
+    return script.scheduledTasks.answer(error);
 }
 
 QList<StartupItem> listShellExtensions(QString* error)
 {
-    return fake::platform().shellExtensions.answer(error);
+    return script.shellExtensions.answer(error);
 }
 
 OpResult setRunItemEnabled(StartupSource source, const QString& name, bool enabled)
 {
-    return fake::platform().write({QStringLiteral("StartupService::setEnabled"),
-                                   number(static_cast<int>(source)), name, number(enabled)});
+    return script.write(
+        {u"StartupService::setEnabled"_s, number(static_cast<int>(source)), name, number(enabled)});
 }
 
 QList<NetConnection> listConnections(ShownProcesses& /*shown*/, QString* error)
 {
-    return fake::platform().connections.answer(error);
+    return script.connections.answer(error);
 }
 
 QList<UninstallEntry> listSoftware(QString* error)
 {
-    return fake::platform().uninstallEntries.answer(error);
+    return script.uninstallEntries.answer(error);
 }
 
 OpResult uninstallSoftware(const UninstallEntry& entry)
 {
-    return fake::platform().write({QStringLiteral("executeUninstall"), entry.uninstallString});
+    return script.write({u"executeUninstall"_s, entry.uninstallString});
 }
 
 QList<ServiceItem> listServices(QStringList& /*shown*/, QString* error)
 {
-    return fake::platform().services.answer(error);
+    return script.services.answer(error);
 }
 
 QList<QString> servicesDependingOn(const QString& name)
 {
-    return fake::platform().dependents.value(name);
+    return script.dependents.value(name);
 }
 
 QList<QString> servicesNeededBy(const QString& name)
 {
-    return fake::platform().dependencies.value(name);
+    return script.dependencies.value(name);
 }
 
 OpResult startService(const QString& name, const QStringList& /*shown*/)
 {
-    return fake::platform().write({QStringLiteral("startService"), name});
+    return script.write({u"startService"_s, name});
 }
 
 OpResult stopService(const QString& name, const QStringList& /*shown*/)
 {
-    return fake::platform().write({QStringLiteral("stopService"), name});
+    return script.write({u"stopService"_s, name});
 }
 
 OpResult setServiceEnabled(const QString& name, bool enabled, const QStringList& /*shown*/)
 {
-    return fake::platform().write({QStringLiteral("setEnabled"), name, number(enabled)});
+    return script.write({u"setEnabled"_s, name, number(enabled)});
 }
 
 OpResult setServiceStartType(const QString& name, ServiceStartType type,
                              const QStringList& /*shown*/)
 {
-    return fake::platform().write(
-        {QStringLiteral("setStartType"), name, number(static_cast<int>(type))});
+    return script.write({u"setStartType"_s, name, number(static_cast<int>(type))});
 }
 
 SignatureStatus verifySignature(const QString& path)
 {
-    fake::platform().verified.append(path);
-    return fake::platform().signatures.value(path, SignatureStatus::Unknown);
+    script.verified.append(path);
+    return script.signatures.value(path, SignatureStatus::Unknown);
 }
 
 bool canVerifySignatures()
 {
-    return fake::platform().canVerify;
+    return script.canVerify;
 }
 
 QString signerName(const QString& path)
 {
-    fake::platform().signersAsked.append(path);
-    return fake::platform().signers.value(path);
+    script.signersAsked.append(path);
+    return script.signers.value(path);
 }
 
 LockerProbe findFileHolders(const QList<QString>& paths, QList<HeldFile>& held)
 {
     held.append({.pid = 1, .startTime = 2, .handle = 3});
-    fake::platform().probed = paths;
-    return fake::platform().lockersOf.value(paths.value(0), fake::platform().lockers);
+    script.probed = paths;
+    return script.lockersOf.value(paths.value(0), script.lockers);
 }
 
 OpResult closeHeldFiles(const QList<HeldFile>& held)
 {
-    const QStringList probed = held.size() == 1 ? fake::platform().probed : QStringList();
-    return fake::platform().write(QStringList{QStringLiteral("closeHandles")} + probed);
+    const QStringList probed = held.size() == 1 ? script.probed : QStringList();
+    return script.write(QStringList{u"closeHandles"_s} + probed);
 }
 
 OpResult scheduleDeleteOnReboot(const QList<QString>& paths)
 {
-    return fake::platform().write(QStringList{QStringLiteral("deleteOnReboot")} + paths);
+    return script.write(QStringList{u"deleteOnReboot"_s} + paths);
 }
 
 void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
 {
-    fake::Platform& script = fake::platform();
-    const int sample = script.metricsSamples++;
-    const auto last = static_cast<int>(script.metrics.size()) - 1;
-    out = last < 0 ? SystemMetrics() : script.metrics.at(std::min(sample, last));
-}
-
-void sampleMemoryOnly(SystemMetrics& out)
-{
-    sampleSystemMetrics(out);
+    out = script.metrics.value(script.metricsSamples++);
 }
 
 std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
 {
-    const PeerUser user = fake::platform().peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
-    const QString executable = fake::platform().ancestors.value(0).exePath;
+    const PeerUser user = script.peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
+    const QString executable = script.ancestors.value(0).exePath;
     return Peer{.user = user, .userId = {}, .pid = 4711, .executable = executable};
 }
 
 OpResult moveToRecycleBin(const QList<QString>& paths)
 {
-    return fake::platform().write(QStringList{QStringLiteral("moveToRecycleBin")} + paths);
-}
-
-bool setKeepAwake(bool on)
-{
-    return fake::platform().write({QStringLiteral("setKeepAwake"), number(on)}).ok;
-}
-
-bool emptyRecycleBin()
-{
-    return fake::platform().write({QStringLiteral("emptyRecycleBin")}).ok;
-}
-
-bool removeMarkOfTheWeb(const QString& path)
-{
-    return fake::platform().write({QStringLiteral("removeMarkOfTheWeb"), path}).ok;
-}
-
-int toggleForegroundWindowTopmost()
-{
-    return fake::platform().write({QStringLiteral("toggleTopmost")}).ok ? 1 : -1;
+    return script.write(QStringList{u"moveToRecycleBin"_s} + paths);
 }
 
 } // namespace platform

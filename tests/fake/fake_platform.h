@@ -23,11 +23,9 @@ template <typename Record> struct Listing
     QList<Record> answer(QString* errorOut)
     {
         ++calls;
-        if (error.isEmpty())
-            return records;
-        if (errorOut != nullptr)
+        if (errorOut != nullptr && !error.isEmpty())
             *errorOut = error;
-        return {};
+        return error.isEmpty() ? records : QList<Record>();
     }
 };
 
@@ -56,7 +54,7 @@ struct Platform
     bool canVerify = true;
     QStringList verified; ///< Paths that reached verifyPlatform, in order.
     QStringList signersAsked;
-    QList<SystemMetrics> metrics; ///< Answers of successive samples; the last one repeats.
+    QList<SystemMetrics> metrics; ///< Answers of successive samples.
     int metricsSamples = 0;
     LockerProbe lockers{true, {}, {}};
     QStringList probed;                    ///< What the latest probe was of.
@@ -76,9 +74,16 @@ struct Platform
 };
 
 /// The script of the process.
-Platform& platform();
+inline Platform& platform()
+{
+    static Platform script;
+    return script;
+}
 
 /// Starts a test with an empty script.
-void reset();
+inline void reset()
+{
+    platform() = {};
+}
 
 } // namespace korvane::fake

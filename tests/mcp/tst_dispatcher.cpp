@@ -1,8 +1,8 @@
 // Tests of the request dispatcher and the tool registry, with tools of the suite's own.
 #include "mcp/mcp_server.h"
+#include "support/json.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QTest>
 
 #include <stdexcept>
@@ -16,12 +16,7 @@ class DispatcherTest : public QObject
 
     McpServer m_server;
 
-    /// Backticks stand for double quotes.
-    static QJsonObject json(QByteArray text)
-    {
-        return QJsonDocument::fromJson(text.replace('`', '"')).object();
-    }
-    static QByteArray text(const QJsonObject& json) { return QJsonDocument(json).toJson(); }
+    static QJsonObject json(const QByteArray& text) { return test::json(QString::fromUtf8(text)); }
     static QJsonObject echo(const QJsonObject& args, const ProgressCallback&) { return args; }
     static ToolHandler throwing(const char* what)
     {
@@ -29,41 +24,52 @@ class DispatcherTest : public QObject
     }
 
 private Q_SLOTS:
-    // clang-format off
     void answers_data()
     {
         QTest::addColumn<QByteArray>("response");
-        const auto row = [](const QByteArray& request, const QByteArray& response) { QTest::newRow(request.constData()) << response; };
-
-        for (const char* id : {"1", "0", "-7", "1.5", "9007199254740993", "`abc`", "``", "true", "[1,`a`]", "{`a`:1}", "null"})
-            row(QByteArray("{`method`:`ping`,`id`:ID}").replace("ID", id), QByteArray("{`jsonrpc`:`2.0`,`result`:{},`id`:ID}").replace("ID", id));
+        const auto row = [](const QByteArray& request, const QByteArray& response) {
+            QTest::newRow(request.constData()) << response;
+        };
+        for (const QByteArray id : {"0", "-7", "1.5", "9007199254740993", "`abc`", "``", "true",
+                                    "[1,`a`]", "{`a`:1}", "null"})
+            row("{`method`:`ping`,`id`:" + id + '}',
+                "{`jsonrpc`:`2.0`,`result`:{},`id`:" + id + '}');
         row("{`method`:`ping`}", "{`jsonrpc`:`2.0`,`result`:{}}");
-        const QByteArray handshake = "`jsonrpc`:`2.0`,`result`:{`protocolVersion`:`2024-11-05`,`capabilities`:{`tools`:{}},`serverInfo`:{`name`:`kor-vane`,`version`:`0.3.0`}}}";
-        row("{`id`:1,`method`:`initialize`,`params`:{`protocolVersion`:`1`}}", "{`id`:1," + handshake);
+        const QByteArray handshake =
+            "`jsonrpc`:`2.0`,`result`:{`protocolVersion`:`2024-11-05`,`capabilities`:{`tools`:{}},"
+            "`serverInfo`:{`name`:`kor-vane`,`version`:`0.3.0`}}}";
+        row("{`id`:1,`method`:`initialize`,`params`:{`protocolVersion`:`1`}}",
+            "{`id`:1," + handshake);
         row("{`method`:`initialize`,`params`:[5]}", '{' + handshake);
-        for (const char* silent : {"{`id`:1,`method`:`notifications/initialized`}", "{`method`:`unknown`}", "{`id`:null,`method`:`unknown`}"})
+        for (const char* silent : {"{`id`:1,`method`:`notifications/initialized`}",
+                                   "{`method`:`unknown`}", "{`id`:null,`method`:`unknown`}"})
             row(silent, "{}");
-        const QByteArray notFound = "{`id`:1,`jsonrpc`:`2.0`,`error`:{`code`:-32601,`message`:`Method not found: ";
+        const QByteArray notFound =
+            "{`id`:1,`jsonrpc`:`2.0`,`error`:{`code`:-32601,`message`:`Method not found: ";
         row("{`id`:1,`method`:`Initialize`}", notFound + "Initialize`}}");
         row("{`id`:1,`method`:`%1 %2 ⚠`}", notFound + "%1 %2 ⚠`}}");
         row("{`id`:1,`method`:[`ping`]}", notFound + "`}}");
         row("{`id`:1}", notFound + "`}}");
 
-        const auto call = [&](const QByteArray& params, const QByteArray& isError, const QByteArray& shown) {
-            row("{`method`:`tools/call`,`params`:" + params + '}', "{`jsonrpc`:`2.0`,`result`:{`isError`:" + isError + ",`content`:[{`type`:`text`,`text`:`" + shown + "`}]}}");
+        const auto call = [&](const QByteArray& params, const QByteArray& isError,
+                              const QByteArray& shown) {
+            row("{`method`:`tools/call`,`params`:" + params + '}',
+                "{`jsonrpc`:`2.0`,`result`:{`isError`:" + isError +
+                    ",`content`:[{`type`:`text`,`text`:`" + shown + "`}]}}");
         };
         call("{`name`:`echo`}", "false", "{\\n}\\n");
         call("{`name`:`echo`,`arguments`:[1]}", "false", "{\\n}\\n");
-        call("{`name`:`echo`,`arguments`:{`b`:`中`,`a`:1}}", "false", "{\\n    \\`a\\`: 1,\\n    \\`b\\`: \\`中\\`\\n}\\n");
+        call("{`name`:`echo`,`arguments`:{`b`:`中`,`a`:1}}", "false",
+             "{\\n    \\`a\\`: 1,\\n    \\`b\\`: \\`中\\`\\n}\\n");
         call("{`name`:`查`}", "true", "Tool '查' failed: 磁盘 “C:” 失败");
         call("{`name`:`mute`}", "true", "Tool 'mute' failed: ");
         call("{`name`:`%2%1`}", "true", "Tool '%2%1' failed: %1 of %2");
-        call("{`name`:`hollow`}", "true", QByteArray("Tool 'hollow' failed: ") + std::bad_function_call().what());
+        call("{`name`:`hollow`}", "true",
+             QByteArray("Tool 'hollow' failed: ") + std::bad_function_call().what());
         call("{`name`:`Echo%1`}", "true", "Unknown tool: Echo%1");
         for (const char* nameless : {"{}", "null", "[`echo`]", "{`name`:[`echo`]}"})
             call(nameless, "true", "Unknown tool: ");
     }
-    // clang-format on
 
     void answers()
     {
@@ -73,8 +79,8 @@ private Q_SLOTS:
         m_server.registerTool(u"%2%1"_s, {}, {}, throwing("%1 of %2"));
         m_server.registerTool(u"hollow"_s, {}, {}, ToolHandler());
         QFETCH(QByteArray, response);
-        QCOMPARE(text(m_server.handleRequest(json(QTest::currentDataTag()), {})),
-                 text(json(response)));
+        QCOMPARE(test::text(m_server.handleRequest(json(QTest::currentDataTag()), {})),
+                 test::text(json(response)));
     }
 
     void laterRegistrationReplaces()
@@ -90,7 +96,7 @@ private Q_SLOTS:
         QCOMPARE(tools(),
                  json("{`tools`:[{`name`:`t`,`description`:`new`,`inputSchema`:{`a`:1}}]}"));
         const QJsonObject call = json("{`method`:`tools/call`,`params`:{`name`:`t`}}");
-        QVERIFY(text(server.handleRequest(call, {})).contains("false"));
+        QVERIFY(test::text(server.handleRequest(call, {})).contains(u"false"_s));
     }
 
     void progressReachesTheTool()

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QFile>
+#include <QTemporaryFile>
 
 #include <array>
 #include <cerrno>
@@ -70,6 +71,15 @@ public:
 
     pid_t pid() const { return m_pid; }
 
+    /// Whether it has neither ended nor been killed; so too of any other child.
+    static bool isRunning(qint64 pid)
+    {
+        siginfo_t info = {};
+        return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+    bool isRunning() const { return isRunning(m_pid); }
+
     /// Ends the child, which stays a zombie.
     void end() const
     {
@@ -99,5 +109,26 @@ public:
 private:
     pid_t m_pid = -1;
 };
+
+constexpr int refusedCode = 77; ///< Exit code of a part that cannot be played here.
+
+/// What `act` returns in a forked process, which may end itself by refusedCode; empty then.
+inline QString played(const std::function<QString()>& act)
+{
+    QTemporaryFile said;
+    const bool canSay = said.open();
+    Child actor([&] {
+        const QByteArray text = act().toUtf8();
+        ::_exit(canSay && ::pwrite(said.handle(), text.constData(),
+                                   static_cast<size_t>(text.size()), 0) == text.size()
+                    ? 0
+                    : 1);
+    });
+    const int code = actor.wait();
+    if (code == refusedCode)
+        return {};
+    const QString text = QString::fromUtf8(said.readAll());
+    return code == 0 && !text.isEmpty() ? text : text + QStringLiteral(" (failed)");
+}
 
 } // namespace korvane::test

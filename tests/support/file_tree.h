@@ -6,8 +6,8 @@
 
 namespace korvane::test {
 
-/// Makes below `root` what `list` names, separated by "|": "d/" is a directory, "f=10" a file of ten
-/// bytes (sparse), "l>f" a link to "f". Directories on the way are made too.
+/// Makes below `root` what `list` names, separated by "|": "d/" is a directory, "f=10" a file of
+/// ten bytes (sparse), "l>f" a link to "f". Directories on the way are made too.
 inline void makeTree(const QString& root, const QString& list)
 {
     for (const QString& entry : list.split(u'|', Qt::SkipEmptyParts)) {

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "mcp/mcp_server.h"
+#include "support/json.h"
 #include "tools/catalog.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 namespace korvane::test {
+
+using namespace Qt::StringLiterals;
 
 /// What came back from one tool call.
 struct ToolReply
@@ -34,17 +35,10 @@ public:
     ToolReply call(const QString& tool, const QJsonObject& arguments = {},
                    const ProgressCallback& progress = {})
     {
-        const QJsonObject params{{QStringLiteral("name"), tool},
-                                 {QStringLiteral("arguments"), arguments}};
-        const QJsonObject response =
-            request({{QStringLiteral("id"), 1},
-                     {QStringLiteral("method"), QStringLiteral("tools/call")},
-                     {QStringLiteral("params"), params}},
-                    progress);
-        const QJsonObject result = response.value(QStringLiteral("result")).toObject();
-        const QJsonArray content = result.value(QStringLiteral("content")).toArray();
-        return {result.value(QStringLiteral("isError")).toBool(),
-                content.at(0).toObject().value(QStringLiteral("text")).toString()};
+        QJsonObject message = json(u"{`id`:1,`method`:`tools/call`}"_s);
+        message.insert(u"params"_s, QJsonObject{{u"name"_s, tool}, {u"arguments"_s, arguments}});
+        const QJsonValue result = request(message, progress)[u"result"_s];
+        return {result[u"isError"_s].toBool(), result[u"content"_s][0][u"text"_s].toString()};
     }
 
 private:

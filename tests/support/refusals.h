@@ -14,10 +14,12 @@
 
 namespace korvane::test {
 
-/// The descriptor that the next file gets.
+/// The descriptor that the next file gets; those that follow it are free too.
 inline int nextDescriptor()
 {
-    const int next = ::dup(STDIN_FILENO);
+    int next = 0;
+    while (next < 64)
+        next = ::dup(STDIN_FILENO);
     ::close(next);
     return next;
 }
@@ -30,14 +32,15 @@ inline bool leaveDescriptors(int count)
     return ::setrlimit(RLIMIT_NOFILE, &limits) == 0;
 }
 
-/// Lets a system call fail that has this first argument; false where that is refused.
-inline bool refuseCall(quint32 number, int firstArgument, quint32 errorNumber)
+/// Lets a system call fail whose argument `index` has this value; false where that is refused.
+inline bool refuseCall(quint32 number, int value, quint32 errorNumber, quint32 index = 0)
 {
-    const auto argument = static_cast<quint32>(firstArgument);
+    const auto argument = static_cast<quint32>(value);
+    const auto place = static_cast<quint32>(offsetof(seccomp_data, args)) + 8 * index; // low half
     std::array filter{
         sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
-        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+        sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place),
         sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, argument, 0, 1),
         sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | errorNumber),
         sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),

@@ -1,7 +1,7 @@
 // Tests of how tools read their arguments and round their figures.
+#include "support/json.h"
 #include "tools/tool_support.h"
 
-#include <QJsonDocument>
 #include <QTest>
 
 #include <algorithm>
@@ -17,17 +17,16 @@ private Q_SLOTS:
     void arguments()
     {
         // The argument's JSON, with backticks for quotes; then it as an integer and as a text.
-        // clang-format off
         const QString rows =
-            u"null => 0[]|true => 1[]|-5 => -5[]|2.5 => 3[]|-2.6 => -3[]|[5] => 0[]|{`v`:5} => 0[]|1e300 => 0[]|-1e300 => 0[]|"
-            "9007199254740993 => 9007199254740993[]|9223372036854775807 => 9223372036854775807[]|9223372036854775808 => 0[]|"
-            "`-5` => -5[-5]|`0x10` => 0[0x10]|`` => 0[]|` \\t　a  b\\n` => 0[a  b]|`9223372036854775808` => 0[9223372036854775808]|"
+            u"null => 0[]|true => 1[]|-5 => -5[]|2.5 => 3[]|-2.6 => -3[]|[5] => 0[]|{`v`:5} => 0[]|"
+            "1e300 => 0[]|-1e300 => 0[]|9007199254740993 => 9007199254740993[]|"
+            "9223372036854775807 => 9223372036854775807[]|9223372036854775808 => 0[]|"
+            "`-5` => -5[-5]|`0x10` => 0[0x10]|`` => 0[]|` \\t　a  b\\n` => 0[a  b]|"
+            "`9223372036854775808` => 0[9223372036854775808]|"
             "`9223372036854775807` => 9223372036854775807[9223372036854775807]"_s;
-        // clang-format on
         for (const QString& row : rows.split(u'|')) {
             const QString input = row.left(row.indexOf(u" => "_s));
-            const QByteArray json = u"{`v`:%1}"_s.arg(input).replace(u'`', u'"').toUtf8();
-            const QJsonObject args = QJsonDocument::fromJson(json).object();
+            const QJsonObject args = test::json(u"{`v`:%1}"_s.arg(input));
             const QString integer = QString::number(integerArgument(args, "v"_L1));
             QCOMPARE(u"%1 => %2[%3]"_s.arg(input, integer, trimmedArgument(args, "v"_L1)), row);
         }

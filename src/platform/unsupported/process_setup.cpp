@@ -1,6 +1,7 @@
 // Standard streams, signals and locale with what the standard library offers.
 #include "platform/process_setup.h"
 
+#include "platform/portable/framework_log.h"
 #include "platform/portable/utf8_locale.h"
 
 #include <algorithm>
@@ -50,6 +51,7 @@ std::unique_ptr<StandardStreams> platform::prepareProcess()
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 #endif
     useUtf8Locale();
+    readLogRulesWithoutHome();
     // Unshared from C stdio, the stream reads in blocks instead of single characters.
     std::ios::sync_with_stdio(false);
     return std::make_unique<LibraryStreams>();

@@ -16,7 +16,8 @@ skip() {
 
 # Outside: looks whether it can be, and makes the mounts its own.
 if [ "${1:-}" != --mounts ] && [ "${1:-}" != --inside ]; then
-    for program in unshare dbus-daemon systemctl /lib/systemd/systemd /usr/lib/systemd/user/dbus.socket; do
+    for program in unshare dbus-daemon systemctl /lib/systemd/systemd \
+        /usr/lib/systemd/user/dbus.socket; do
         command -v "$program" >/dev/null || [ -e "$program" ] || skip "$program is missing"
     done
     unshare -m -C -p -f --mount-proc mount -t tmpfs tmpfs /run 2>/dev/null ||
@@ -47,7 +48,8 @@ mkdir -p /run/systemd/system
 mkdir -m 700 /run/kv
 
 export HOME=/run/kv/home XDG_RUNTIME_DIR=/run/kv
-unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_CONFIG_DIRS XDG_DATA_DIRS DBUS_SESSION_BUS_ADDRESS NOTIFY_SOCKET
+unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_CONFIG_DIRS XDG_DATA_DIRS
+unset DBUS_SESSION_BUS_ADDRESS NOTIFY_SOCKET
 units=$HOME/.config/systemd/user
 mkdir -p "$units/dbus.service.d"
 [ -z "${KORVANE_UNITS:-}" ] || cp -a "$KORVANE_UNITS/." "$units"
@@ -56,13 +58,15 @@ sed '/<limit /d' /usr/share/dbus-1/session.conf >/run/kv/bus.conf
 cat >"$units/dbus.service.d/limits.conf" <<'END'
 [Service]
 ExecStart=
-ExecStart=/usr/bin/dbus-daemon --config-file=/run/kv/bus.conf --address=systemd: --nofork --nopidfile --systemd-activation --syslog-only
+ExecStart=/usr/bin/dbus-daemon --config-file=/run/kv/bus.conf --address=systemd: --nofork \
+    --nopidfile --systemd-activation --syslog-only
 END
 
 /lib/systemd/systemd --user >/run/kv/systemd.log 2>&1 &
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus KORVANE_PRIVATE_SYSTEMD=1
 tries=0
-until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1 >/dev/null 2>&1; do
+until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1 \
+    >/dev/null 2>&1; do
     tries=$((tries + 1))
     if [ "$tries" -gt 200 ] || ! kill -0 $! 2>/dev/null; then
         cat /run/kv/systemd.log >&2

@@ -1,40 +1,23 @@
 // Tests the connection tools on sockets of the test's own, and their parsers on damaged input; that
 // whole listings agree with ss is tested through the official client.
-#include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/network/socket_tables.h"
-#include "support/child_process.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "support/damage.h"
 #include "support/mcp_client.h"
 #include "support/refusals.h"
-
-#include <QCoreApplication>
-#include <QProcess>
-#include <QRandomGenerator>
-#include <QSet>
-#include <QTest>
-
-#include <cstring>
-#include <iostream>
-#include <vector>
+#include "support/system.h"
 
 #include <arpa/inet.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 using namespace korvane;
+using namespace linux_platform;
 using namespace Qt::StringLiterals;
-using linux_platform::Dump;
-using linux_platform::Socket;
-using linux_platform::SocketTable;
-using linux_platform::UniqueFd;
 
 namespace {
-
-constexpr int refused = 77; ///< Exit code of a role that cannot be played here.
 
 const SocketTable tcp4{0, 0, ""};
 const SocketTable tcp6{0, 1, ""};
@@ -87,12 +70,11 @@ QStringList rowsOn(test::Client& client, quint16 port)
 {
     const auto reply = client.call(u"find_process_by_port"_s, {{u"port"_s, port}});
     QStringList rows;
-    for (const QJsonValue row : reply.json().value("connections"_L1).toArray()) {
+    for (const QJsonValue row : reply.json()["connections"_L1].toArray()) {
         QStringList fields;
-        for (const char* key : {"protocol", "ip_version", "local", "remote", "state"})
-            fields.append(row[QLatin1String(key)].toString());
-        fields.append(QString::number(row["pid"_L1].toInteger()));
-        fields.append(row["process_name"_L1].toString());
+        for (const auto& key : {u"protocol"_s, u"ip_version"_s, u"local"_s, u"remote"_s, u"state"_s,
+                                u"pid"_s, u"process_name"_s})
+            fields.append(row[key].toVariant().toString());
         rows.append(fields.join(u' '));
     }
     rows.sort();
@@ -134,6 +116,54 @@ QByteArray dumpOf(int count, quint32 sequence, int result = 0, quint16 flags = N
     return bytes;
 }
 
+struct Parsed
+{
+    Dump dump;
+    std::vector<Socket> sockets;
+};
+
+Parsed parsed(const QByteArray& datagram, const SocketTable& table = tcp4)
+{
+    Parsed result;
+    parseSocketDump(datagram, 7, table, result.dump, result.sockets);
+    return result;
+}
+
+/// A socket's type and address, and how it is shown.
+const test::Cases<int, const char*, QString> addresses{
+    {"TCP", SOCK_STREAM, "127.0.0.1", u"TCP IPv4 127.0.0.1:%1 — 监听中"_s},
+    {"TCP, IPv6", SOCK_STREAM, "::1", u"TCP IPv6 [::1]:%1 — 监听中"_s},
+    {"TCP, mapped address", SOCK_STREAM, "::ffff:127.0.0.1",
+     u"TCP IPv6 [::ffff:127.0.0.1]:%1 — 监听中"_s},
+    {"UDP", SOCK_DGRAM, "0.0.0.0", u"UDP IPv4 0.0.0.0:%1 — —"_s},
+    {"UDP, IPv6", SOCK_DGRAM, "::", u"UDP IPv6 [::]:%1 — —"_s},
+};
+
+const QString unreadable = u"无法读取 /proc: %1"_s;
+/// The call that is refused below what is opened after so many files, or 0 where so many more may
+/// be opened; and what is said then.
+const test::Cases<long, int, QString> failures{
+    {"of a process, its descriptors", SYS_getdents64, 1, unreadable},
+    {"of a process, a link", SYS_readlinkat, 1, unreadable},
+    {"of a process, its name", SYS_openat, 1, unreadable},
+#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
+    {"no descriptor", 0, 0, u"无法读取网络连接: netlink (%1), /proc/net/tcp (%1)"_s},
+    {"one", 0, 1, unreadable},
+    {"two", 0, 2, unreadable},
+#endif
+};
+
+const QString whole = u"127.0.0.1:8080 10.0.0.2:443 4 23456"_s;
+const test::Cases<QByteArray, QString> procNetLines{
+    {"whole", "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456 1 0", whole},
+    {"cut after the inode", " 9: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456", whole},
+    {"cut before", "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0", {}},
+    {"short address", "0: 100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456", {}},
+    {"IPv6", "0: 00000000000000000000000001000000:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 5", {}},
+    {"port beyond 16 bits", "0: 0100007F:11F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456", {}},
+    {"beyond 64 bits", "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 99999999999999999999", {}},
+};
+
 } // namespace
 
 class TestConnections : public QObject
@@ -142,47 +172,30 @@ class TestConnections : public QObject
 
     test::Client m_client;
 
-    QString row(const QString& text, qint64 pid = ::getpid())
+    static QString row(const QString& text, qint64 pid = ::getpid())
     {
         return u"%1 %2 tst_connections"_s.arg(text, QString::number(pid));
     }
 
-    /// The rows that this program sees on a port in a role; empty where that cannot be played.
-    static QString rowsAmidRefusal(const char* role, long call, int argument, quint16 port)
+    /// The rows that another process sees on a port, amid refusals; empty where those fail.
+    static QString rowsAmid(const BoundSocket& server, const std::function<bool()>& refuse)
     {
-        QProcess process;
-        process.start(QCoreApplication::applicationFilePath(),
-                      {QString::fromLatin1(role), QString::number(call), QString::number(argument),
-                       QString::number(port)});
-        if (!process.waitForFinished(60'000))
-            return u"(it hangs)"_s;
-        return process.exitCode() == refused ? QString()
-                                             : QString::fromUtf8(process.readAllStandardOutput());
+        return test::played([&] {
+            ::dup2(STDERR_FILENO, server.fd()); // to be no holder of it
+            test::Client client;
+            if (!refuse())
+                ::_exit(test::refusedCode);
+            return rowsOn(client, server.port()).join(u'\n');
+        });
     }
 
 private Q_SLOTS:
-    void everyHolderHasARow_data()
-    {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<QByteArray>("address");
-        QTest::addColumn<QString>("shown");
-        QTest::newRow("TCP") << +SOCK_STREAM << QByteArray("127.0.0.1")
-                             << u"TCP IPv4 127.0.0.1:%1 — 监听中"_s;
-        QTest::newRow("TCP, IPv6")
-            << +SOCK_STREAM << QByteArray("::1") << u"TCP IPv6 [::1]:%1 — 监听中"_s;
-        QTest::newRow("TCP, mapped address") << +SOCK_STREAM << QByteArray("::ffff:127.0.0.1")
-                                             << u"TCP IPv6 [::ffff:127.0.0.1]:%1 — 监听中"_s;
-        QTest::newRow("UDP") << +SOCK_DGRAM << QByteArray("0.0.0.0")
-                             << u"UDP IPv4 0.0.0.0:%1 — —"_s;
-        QTest::newRow("UDP, IPv6") << +SOCK_DGRAM << QByteArray("::") << u"UDP IPv6 [::]:%1 — —"_s;
-    }
+    void everyHolderHasARow_data() { test::addRows(addresses); }
     void everyHolderHasARow()
     {
-        QFETCH(int, type);
-        QFETCH(QByteArray, address);
-        QFETCH(QString, shown);
-        const BoundSocket server(type, address.constData(), unusedPort(m_client));
-        if (server.port() == 0 && address.contains(':'))
+        const auto& [name, type, address, shown] = test::currentRow(addresses);
+        const BoundSocket server(type, address, unusedPort(m_client));
+        if (server.port() == 0 && QByteArray(address).contains(':'))
             QSKIP("this machine has no IPv6");
         QVERIFY(type == SOCK_DGRAM || server.listen());
         const UniqueFd twice(::dup(server.fd())); // is no second holder
@@ -231,52 +244,35 @@ private Q_SLOTS:
         const QStringList expected = rowsOn(m_client, server.port());
         QCOMPARE(expected.size(), 2);
 
-        const QString rows = rowsAmidRefusal("--call", SYS_socket, AF_NETLINK, server.port());
+        const QString rows = rowsAmid(server, [&datagrams] {
+            ::dup2(STDERR_FILENO, datagrams.fd());
+            return test::refuseCall(SYS_socket, AF_NETLINK, EPERM);
+        });
         if (rows.isEmpty())
             QSKIP("this machine refuses a filter of system calls");
         QCOMPARE(rows, expected.join(u'\n'));
     }
 
-    void ownFailureIsAnError_data()
-    {
-        QTest::addColumn<QByteArray>("role");
-        QTest::addColumn<long>("call");
-        QTest::addColumn<int>("opened");
-        QTest::addColumn<QString>("error");
-        const auto add = [](const char* name, const char* role, long call, int opened,
-                            const QString& error = u"无法读取 /proc: %1"_s) {
-            QTest::newRow(name) << QByteArray(role) << call << opened << error;
-        };
-        add("of a process, its descriptors", "--call-below", SYS_getdents64, 1);
-        add("of a process, a link", "--call-below", SYS_readlinkat, 1);
-        add("of a process, its name", "--call-below", SYS_openat, 1);
-#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
-        add("no descriptor", "--descriptors", 0, 0,
-            u"无法读取网络连接: netlink (%1), /proc/net/tcp (%1)"_s);
-        add("one", "--descriptors", 0, 1);
-        add("two", "--descriptors", 0, 2);
-#endif
-    }
+    void ownFailureIsAnError_data() { test::addRows(failures); }
     void ownFailureIsAnError()
     {
-        QFETCH(QByteArray, role);
-        QFETCH(long, call);
-        QFETCH(int, opened);
-        QFETCH(QString, error);
+        const auto& [name, number, files, error] = test::currentRow(failures);
         const BoundSocket server(SOCK_DGRAM, "127.0.0.1");
-        const QString rows = rowsAmidRefusal(role.constData(), call, opened, server.port());
+        const auto refuse = [call = static_cast<quint32>(number), opened = files] {
+            return call == 0 ? test::leaveDescriptors(opened)
+                             : test::refuseCall(call, test::nextDescriptor() + opened, ENOMEM);
+        };
+        const QString rows = rowsAmid(server, refuse);
         if (rows.isEmpty())
             QSKIP("this machine refuses a filter of system calls, or a limit of descriptors");
         QCOMPARE(rows, u"Tool 'find_process_by_port' failed: "_s +
-                           error.arg(qt_error_string(role == "--descriptors" ? EMFILE : ENOMEM)));
+                           error.arg(qt_error_string(number == 0 ? EMFILE : ENOMEM)));
     }
 
     void dumpsAreTakenApart()
     {
-        Dump dump;
-        std::vector<Socket> sockets;
-        linux_platform::parseSocketDump(dumpOf(14, 7), 7, tcp4, dump, sockets);
-        QCOMPARE(dump.state, linux_platform::DumpState::Done);
+        const auto [dump, sockets] = parsed(dumpOf(14, 7));
+        QCOMPARE(dump.state, DumpState::Done);
         QVERIFY(!dump.isInterrupted);
         QList<quint32> states;
         for (const Socket& socket : sockets)
@@ -285,69 +281,37 @@ private Q_SLOTS:
         QCOMPARE(sockets.at(9).endpoint.localEndpoint(), u"127.0.0.1:10"_s);
         QCOMPARE(sockets.at(9).inode, quint64{4'000'000'000});
 
-        const auto outcome = [](const QByteArray& datagram, const SocketTable& table) {
-            Dump result;
-            std::vector<Socket> found;
-            linux_platform::parseSocketDump(datagram, 7, table, result, found);
-            return QList{static_cast<int>(result.state), static_cast<int>(result.isInterrupted),
-                         result.errorNumber, static_cast<int>(found.size())};
+        const auto outcome = [](const QByteArray& datagram, const SocketTable& table = tcp4) {
+            const Parsed result = parsed(datagram, table);
+            return QList{static_cast<int>(result.dump.state), int{result.dump.isInterrupted},
+                         result.dump.errorNumber, static_cast<int>(result.sockets.size())};
         };
-        QCOMPARE(outcome(dumpOf(2, 8), tcp4), (QList{0, 0, 0, 0})); // another dump
+        QCOMPARE(outcome(dumpOf(2, 8)), (QList{0, 0, 0, 0}));       // another dump
         QCOMPARE(outcome(dumpOf(2, 7), tcp6), (QList{1, 0, 0, 0})); // another family
-        QCOMPARE(outcome(dumpOf(2, 7, -ENOENT), tcp4), (QList{2, 0, ENOENT, 2}));
-        QCOMPARE(outcome(dumpOf(2, 7, 0, NLM_F_DUMP_INTR), tcp4), (QList{1, 1, 0, 2}));
+        QCOMPARE(outcome(dumpOf(2, 7, -ENOENT)), (QList{2, 0, ENOENT, 2}));
+        QCOMPARE(outcome(dumpOf(2, 7, 0, NLM_F_DUMP_INTR)), (QList{1, 1, 0, 2}));
     }
 
     void damagedDumpsDoNoHarm()
     {
-        const QByteArray whole = dumpOf(3, 7);
-        for (qsizetype size = 0; size < whole.size(); ++size) {
-            Dump dump;
-            std::vector<Socket> sockets;
-            // A copy of its own, so that a read beyond it is noticed.
-            linux_platform::parseSocketDump(QByteArray(whole.constData(), size), 7, tcp4, dump,
-                                            sockets);
-            QCOMPARE(dump.state, linux_platform::DumpState::More);
-            QVERIFY(sockets.size() <= 3);
-        }
-        QRandomGenerator random(1);
-        for (int round = 0; round < 20'000; ++round) {
-            QByteArray damaged = whole;
-            for (int i = 0; i < 3; ++i)
-                damaged[random.bounded(damaged.size())] = static_cast<char>(random.bounded(256));
-            Dump dump;
-            std::vector<Socket> sockets;
-            linux_platform::parseSocketDump(damaged, 7, round % 2 == 0 ? tcp4 : tcp6, dump,
-                                            sockets);
-            QVERIFY(sockets.size() <= static_cast<std::size_t>(damaged.size()) / NLMSG_HDRLEN);
-        }
+        test::feedTruncated(dumpOf(3, 7), [](const QByteArray& datagram) {
+            const Parsed result = parsed(datagram);
+            QCOMPARE(result.dump.state, DumpState::More);
+            QVERIFY(result.sockets.size() <= 3);
+        });
+        test::feedChanged(dumpOf(3, 7), [](const QByteArray& datagram) {
+            for (const SocketTable& table : {tcp4, tcp6})
+                QVERIFY(parsed(datagram, table).sockets.size() <= 3);
+        });
     }
 
-    void damagedProcNetLinesAreLeftOut_data()
-    {
-        QTest::addColumn<QByteArray>("line");
-        QTest::addColumn<QString>("shown");
-        const auto add = [](const char* name, const char* line, const QString& shown = {}) {
-            QTest::newRow(name) << QByteArray(line) << shown;
-        };
-        const QString whole = u"127.0.0.1:8080 10.0.0.2:443 4 23456"_s;
-        add("whole", "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456 1 0", whole);
-        add("cut after the inode", " 9: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456", whole);
-        add("cut before", "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0");
-        add("short address", "0: 100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456");
-        add("IPv6 address",
-            "0: 00000000000000000000000001000000:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456");
-        add("port beyond 16 bits", "0: 0100007F:11F90 0200000A:01BB 01 0:0 0:0 0 0 0 23456");
-        add("beyond 64 bits",
-            "0: 0100007F:1F90 0200000A:01BB 01 0:0 0:0 0 0 0 99999999999999999999");
-    }
+    void damagedProcNetLinesAreLeftOut_data() { test::addRows(procNetLines); }
     void damagedProcNetLinesAreLeftOut()
     {
-        QFETCH(QByteArray, line);
-        QFETCH(QString, shown);
+        const auto& [name, line, shown] = test::currentRow(procNetLines);
         const QByteArray good = "1: 00000000:0016 00000000:0000 0A 0:0 0:0 0 0 0 5 1 0";
         std::vector<Socket> sockets;
-        linux_platform::parseProcNet("heading\n" + line + '\n' + good, tcp4, sockets);
+        parseProcNet("heading\n" + line + '\n' + good, tcp4, sockets);
         QStringList rows;
         for (const Socket& socket : sockets) {
             NetConnection endpoint = socket.endpoint;
@@ -355,36 +319,11 @@ private Q_SLOTS:
                                              QString::number(endpoint.state),
                                              QString::number(socket.inode)));
         }
-        QStringList expected{u"0.0.0.0:22 — 1 5"_s};
-        if (!shown.isEmpty())
-            expected.prepend(shown);
+        QStringList expected{shown, u"0.0.0.0:22 — 1 5"_s};
+        expected.removeAll(QString());
         QCOMPARE(rows, expected);
     }
 };
 
-/// Plays the role of a program that is refused something: NAME CALL ARGUMENT.
-bool play(QByteArrayView role, quint32 call, int argument)
-{
-    if (role == "--descriptors")
-        return test::leaveDescriptors(argument);
-    if (role == "--call-below") // the directory that is opened after `argument` other files
-        return test::refuseCall(call, test::nextDescriptor() + argument, ENOMEM);
-    return test::refuseCall(call, argument, EPERM);
-}
-
-int main(int argc, char** argv)
-{
-    if (argc == 5 && QByteArrayView(argv[1]).startsWith("--")) {
-        test::Client client;
-        if (!play(argv[1], QByteArray(argv[2]).toUInt(), QByteArray(argv[3]).toInt()))
-            return refused;
-        const QStringList rows = rowsOn(client, QByteArray(argv[4]).toUShort());
-        std::cout << rows.join(u'\n').toStdString() << std::flush;
-        ::_exit(0); // leaks cannot be looked for amid refusals
-    }
-    QCoreApplication application(argc, argv);
-    TestConnections test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestConnections)
 #include "tst_connections.moc"

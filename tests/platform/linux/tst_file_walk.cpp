@@ -1,26 +1,12 @@
 // Tests of walking directory trees through handles: against the framework's way, and beyond it.
+#include "base/watchdog.h"
 #include "platform/file_walk.h"
-
-#include "support/child_process.h"
 #include "support/file_tree.h"
+#include "support/system.h"
 
-#include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
-#include <QTest>
 
-#include <algorithm>
-#include <functional>
-
-#include <fcntl.h>
 #include <sys/fsuid.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
@@ -38,110 +24,66 @@ void walkEntriesByFramework(const QString& root, const EntryVisitor& visitEntry,
 
 namespace {
 
-constexpr uid_t nobody = 65534;
-
-QString lineOf(const WalkedEntry& entry)
+/// Appends what is visited to `lines`, until there are `limit`.
+EntryVisitor noteIn(QStringList& lines, qsizetype limit, const QString& mark = {})
 {
-    return u"%1 %2 %3 %4"_s.arg(QString::number(entry.isDirectory()), QString::number(entry.size()),
-                                entry.name(), entry.path());
+    return [&lines, limit, mark](const WalkedEntry& entry) {
+        lines.append(u"%1%2 %3 %4 %5"_s.arg(mark, QString::number(entry.isDirectory()),
+                                            QString::number(entry.size()), entry.name(),
+                                            entry.path()));
+        return lines.size() != limit;
+    };
 }
 
-/// What a walk shows, sorted; it ends after `limit` lines.
-class Lines
+template <typename Walk> QStringList files(Walk walk, const QString& root, qsizetype limit = -1)
 {
-public:
-    explicit Lines(qsizetype limit = -1) : m_limit(limit) {}
-
-    EntryVisitor visitor(const QString& mark = {})
-    {
-        return [this, mark](const WalkedEntry& entry) {
-            m_lines.append(mark + lineOf(entry));
-            return m_lines.size() != m_limit;
-        };
-    }
-
-    QStringList sorted()
-    {
-        m_lines.sort();
-        return m_lines;
-    }
-
-private:
-    qsizetype m_limit;
-    QStringList m_lines;
-};
-
-template <typename Walk> QStringList files(Walk walk, const QString& root)
-{
-    Lines lines;
-    walk(root, lines.visitor());
-    return lines.sorted();
+    QStringList lines;
+    walk(root, noteIn(lines, limit));
+    lines.sort();
+    return lines;
 }
 
-template <typename Walk> QStringList entries(Walk walk, const QString& root)
+template <typename Walk> QStringList entries(Walk walk, const QString& root, qsizetype limit = -1)
 {
-    Lines lines;
-    walk(root, lines.visitor(u"entry "_s), lines.visitor());
-    return lines.sorted();
+    QStringList lines;
+    walk(root, noteIn(lines, limit, u"entry "_s), noteIn(lines, limit));
+    lines.sort();
+    return lines;
 }
 
 /// Makes a tree at random below the current directory.
-class TreeMaker
+void fill(QRandomGenerator& random, int depth)
 {
-public:
-    explicit TreeMaker(quint32 seed) : m_random(seed) {}
-
-    void fill(int depth)
-    {
-        const int count = m_random.bounded(12);
-        for (int i = 0; i < count; ++i)
-            makeOne(depth, names.at(m_random.bounded(static_cast<int>(names.size()))) +
-                               QByteArray::number(i));
-    }
-
-private:
-    void makeOne(int depth, const QByteArray& name)
-    {
-        static constexpr std::array<mode_t, 4> modes{0755, 0711, 0744, 0};
-        switch (m_random.bounded(9)) {
-        case 0:
-        case 1:
-        case 2:
-            if (depth == 0)
-                return;
+    static const QByteArrayList names{"a",     ".hidden",   "b c", "中文",
+                                      "x%20y", "new\nline", "-",   "back\\slash"};
+    static const QByteArrayList targets{"..",          ".",     "../..",
+                                        "/nowhere",    "self",  "/etc/default",
+                                        "/etc/passwd", "../a0", "../.hidden1"};
+    static constexpr std::array<mode_t, 4> modes{0755, 0711, 0744, 0};
+    const int count = random.bounded(12);
+    for (int i = 0; i < count; ++i) {
+        const QByteArray name = names[random.bounded(names.size())] + QByteArray::number(i);
+        const int kind = random.bounded(9);
+        if (kind < 3 && depth > 0) {
             (void)::mkdir(name.constData(), 0755);
             (void)::chdir(name.constData());
-            fill(depth - 1);
+            fill(random, depth - 1);
             (void)::chdir("..");
-            (void)::chmod(name.constData(),
-                          modes.at(m_random.bounded(8U) == 0 ? m_random.bounded(4U) : 0U));
-            return;
-        case 3: {
-            static constexpr std::array targets{"..",          ".",     "../..",
-                                                "/nowhere",    "self",  "/etc/default",
-                                                "/etc/passwd", "../a0", "../.hidden1"};
-            (void)::symlink(m_random.bounded(4) == 0 ? name.constData()
-                                                     : targets.at(m_random.bounded(9)),
-                            name.constData());
-            return;
-        }
-        case 4:
-            (void)::mkfifo(name.constData(), 0600);
-            return;
-        case 5:
-            (void)::mknod(name.constData(), S_IFSOCK | 0600, 0);
-            return;
-        default:
-            QFile file(QFile::decodeName(name));
-            (void)file.open(QIODevice::WriteOnly);
-            (void)file.resize(m_random.bounded(2) == 0 ? 0 : m_random.bounded(1 << 20));
+            const auto mode = random.bounded(8U) == 0 ? random.bounded(4U) : 0U;
+            (void)::chmod(name.constData(), modes.at(mode));
+        } else if (kind == 3) {
+            const QByteArray target =
+                random.bounded(4) == 0 ? name : targets[random.bounded(targets.size())];
+            (void)::symlink(target.constData(), name.constData());
+        } else if (kind == 4 || kind == 5) {
+            (void)::mknod(name.constData(), (kind == 4 ? S_IFIFO : S_IFSOCK) | 0600, 0);
+        } else if (kind > 5) {
+            const QString path = QDir::current().filePath(QFile::decodeName(name));
+            test::writeFile(path, {});
+            (void)QFile::resize(path, random.bounded(2) == 0 ? 0 : random.bounded(1 << 20));
         }
     }
-
-    const QList<QByteArray> names{"a",     ".hidden",   "b c", "中文",
-                                  "x%20y", "new\nline", "-",   "back\\slash"};
-    QRandomGenerator m_random;
-};
+}
 
 /// Creates a file below `depth` directories "d" in the current one, by way of relative paths.
 bool makeDeep(int depth)
@@ -153,6 +95,19 @@ bool makeDeep(int depth)
     }
     return ::mkdir("side", 0755) == 0 && ::close(::creat("bottom", 0600)) == 0;
 }
+
+/// How deep a tree is, and how many files may be open beside those that are.
+const test::Cases<int, int> depths{
+    {"a path far longer than any call takes", 10000, 0},
+    {"with next to no handles", 600, 4},
+};
+
+/// The level of what is moved once the walk is back at the other one.
+const test::Cases<int, int> moves{
+    {"all, at the bottom", 0, 400},
+    {"a part, at the bottom", 30, 400},
+    {"a part, on the way back", 30, 45},
+};
 
 } // namespace
 
@@ -176,7 +131,7 @@ private Q_SLOTS:
     {
         QVERIFY(QDir::setCurrent(m_home));
         // The framework neither knows names that are not UTF-8 nor paths of any length.
-        QCOMPARE(QProcess::execute(u"rm"_s, {u"-rf"_s, m_root}), 0);
+        QCOMPARE(test::shell("rm -rf $0 2>&1", {m_root}), QString());
     }
 
     void showsWhatTheFrameworkShows()
@@ -187,9 +142,10 @@ private Q_SLOTS:
         for (quint32 i = 0; i < 60; ++i) {
             const QString root = u"%1/%2/b"_s.arg(m_root, QString::number(i)); // links lead up
             QVERIFY(QDir().mkpath(root) && QDir::setCurrent(root));
-            TreeMaker(seed + i).fill(5);
+            QRandomGenerator random(seed + i);
+            fill(random, 5);
             // As a user to whom not everything is open, also where the test runs as root.
-            const int before = ::setfsuid(nobody);
+            const int before = ::setfsuid(test::nobody);
             const QString shown = i % 2 == 0 ? root : root + u"//../b/"_s;
             const QStringList walked = files(platform::walkFiles, shown);
             const QStringList expected = files(platform::walkFilesByFramework, shown);
@@ -238,27 +194,26 @@ private Q_SLOTS:
         for (const auto& name : {u"a"_s, u"b"_s, u"c"_s})
             test::makeTree(m_root, QString(u"%1/d/0=0|%1/d/1=0|%1/d/2=0"_s).replace(u"%1"_s, name));
         for (qsizetype limit = 1; limit <= 9; ++limit) {
-            Lines walked(limit);
-            platform::walkFiles(u"."_s, walked.visitor());
-            QCOMPARE(walked.sorted().size(), limit);
-            Lines entered(limit);
-            platform::walkEntries(u"."_s, entered.visitor(), entered.visitor());
-            QCOMPARE(entered.sorted().size(), limit);
+            QCOMPARE(files(platform::walkFiles, u"."_s, limit).size(), limit);
+            QCOMPARE(entries(platform::walkEntries, u"."_s, limit).size(), limit);
         }
     }
 
-    void goesDeepWithFewHandles_data()
+    void stepsAtEachDirectory()
     {
-        QTest::addColumn<int>("depth");
-        QTest::addColumn<int>("handles");
-        QTest::newRow("a path far longer than any call takes") << 10000 << 0;
-        QTest::newRow("with next to no handles") << 600 << 4;
+        for (int i = 0; i < 50; ++i)
+            test::makeTree(m_root, u"a%1/|b/%1/c/"_s.arg(i));
+        const auto before = Watchdog::steps();
+        QCOMPARE(files(platform::walkFiles, u"."_s), QStringList());
+        QCOMPARE(Watchdog::steps() - before, 2U * (50 + 1 + 100)); // seen and opened
+        QCOMPARE(entries(platform::walkEntries, u"."_s).size(), 51);
+        QVERIFY(Watchdog::steps() - before > 3U * (50 + 1 + 100));
     }
 
+    void goesDeepWithFewHandles_data() { test::addRows(depths); }
     void goesDeepWithFewHandles()
     {
-        QFETCH(const int, depth);
-        QFETCH(const int, handles);
+        const auto& [name, depth, handles] = test::currentRow(depths);
         QVERIFY(makeDeep(depth));
         // Files beside the way, which are found after the deepest.
         QVERIFY(QDir::setCurrent(m_root));
@@ -269,21 +224,18 @@ private Q_SLOTS:
         for (const auto& way : {u"1"_s, u"2"_s, u"3"_s})
             test::makeTree(m_root, way + u"/d"_s.repeated(400) + u"/f=0"_s);
 
-        rlimit before = {};
-        QVERIFY(::getrlimit(RLIMIT_NOFILE, &before) == 0);
         const int open = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        const rlimit few{static_cast<rlim_t>(open + handles), before.rlim_max};
-        if (handles > 0)
-            (void)::setrlimit(RLIMIT_NOFILE, &few);
         int found = 0;
         int most = 0;
-        platform::walkFiles(m_root, [&](const WalkedEntry&) {
-            ++found;
-            const int next = ::dup(open);
-            most = std::max(most, next);
-            return next < 0 || ::close(next) == 0;
-        });
-        (void)::setrlimit(RLIMIT_NOFILE, &before);
+        {
+            const test::FewDescriptors few(handles > 0 ? open + handles : 1024);
+            platform::walkFiles(m_root, [&](const WalkedEntry&) {
+                ++found;
+                const int next = ::dup(open);
+                most = std::max(most, next);
+                return next < 0 || ::close(next) == 0;
+            });
+        }
         (void)::close(open);
         QCOMPARE(found, 504);
         QVERIFY2(most < open + 300, qPrintable(QString::number(most - open)));
@@ -304,19 +256,11 @@ private Q_SLOTS:
         QCOMPARE(found, 51);
     }
 
-    void entersNothingInPlaceOfWhatItWasIn_data()
-    {
-        QTest::addColumn<int>("moved"); // The level of what is moved...
-        QTest::addColumn<int>("from");  // ... once the walk is back at this one.
-        QTest::newRow("all, at the bottom") << 0 << 400;
-        QTest::newRow("a part, at the bottom") << 30 << 400;
-        QTest::newRow("a part, on the way back") << 30 << 45;
-    }
-
+    void entersNothingInPlaceOfWhatItWasIn_data() { test::addRows(moves); }
     void entersNothingInPlaceOfWhatItWasIn()
     {
-        QFETCH(const int, moved);
-        QFETCH(const int, from);
+        const int moved = std::get<1>(test::currentRow(moves));
+        const int from = std::get<2>(test::currentRow(moves));
         test::makeTree(m_root, u"in/a"_s + u"/d"_s.repeated(400) + u"/bottom=0|out/"_s);
         const auto makeSides = [this] {
             for (int i = 0; i < 60; ++i)
@@ -354,15 +298,11 @@ private Q_SLOTS:
         if (::geteuid() != 0)
             QSKIP("only root may mount");
         test::Child child([] {
-            if (::unshare(CLONE_NEWNS) != 0 ||
-                ::mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                ::mkdir("in", 0755) != 0 || ::mkdir("in/proc", 0755) != 0 ||
-                ::mkdir("in/other", 0755) != 0 || ::mkdir("bound", 0755) != 0 ||
-                ::mount("proc", "in/proc", "proc", 0, nullptr) != 0 ||
-                ::mount("proc", "in/proc/sys/kernel/random", "proc", 0, nullptr) != 0 ||
-                ::mount("tmpfs", "in/other", "tmpfs", 0, nullptr) != 0 ||
-                ::close(::creat("in/other/f", 0600)) != 0)
-                ::_exit(77);
+            if (!test::makeMountsOwn() ||
+                std::system("set -e; mkdir -p in/proc in/other bound; mount -t proc proc in/proc; "
+                            "mount -t proc proc in/proc/sys/kernel/random; "
+                            "mount -t tmpfs none in/other; touch in/other/f") != 0)
+                ::_exit(test::refusedCode);
             const bool isRight = files(platform::walkFiles, u"."_s).size() == 1 &&
                                  entries(platform::walkEntries, u"in"_s).size() == 3 &&
                                  files(platform::walkFiles, u"in/proc/sys/kernel"_s)
@@ -371,7 +311,7 @@ private Q_SLOTS:
             ::_exit(isRight ? 0 : 1);
         });
         const int status = child.wait();
-        if (status == 77)
+        if (status == test::refusedCode)
             QSKIP("this machine does not let the test mount");
         QCOMPARE(status, 0);
     }

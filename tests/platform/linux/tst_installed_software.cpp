@@ -1,43 +1,28 @@
 // Tests the listing of installed software on databases of rpm's and the test's own making, beside
-// dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the machine's
-// own packages are listed is tested through the official client.
-#include "platform/linux/software/software_sources.h"
+// dpkg-query, and with scripts in the place of programs that lie, hang and flood; that the
+// machine's own packages are listed is tested through the official client.
 #include "platform/linux/software/package_databases.h"
+#include "platform/linux/software/software_sources.h"
+
+#include "support/damage.h"
+#include "support/system.h"
 
 #include <QDeadlineTimer>
-#include <QDir>
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <csignal>
 
 using namespace korvane;
 using namespace korvane::linux_platform;
+using namespace Qt::StringLiterals;
+using test::shell;
 
 namespace {
 
-/// What a shell prints for `script`.
-QString shell(const QString& script)
-{
-    QProcess process;
-    process.start(QStringLiteral("sh"), {QStringLiteral("-c"), script});
-    process.waitForFinished(60'000);
-    return QString::fromUtf8(process.readAllStandardOutput());
-}
-
-/// The lines that entries make with the same fields, by dpkg-query.
-QStringList dpkgQuery(const QString& options, const QString& fields)
-{
-    const QString command = QStringLiteral(
-        R"(dpkg-query %1 -W -f='${db:Status-Status}|${Package}|${Version}|${Maintainer}|)"
-        R"(${Installed-Size}%2\n' |
-           awk -F'|' -v OFS='|' '!/^(not-installed|config-files)/ { $5 += 0; sub(/[^|]*./, "");
-                                  print }')");
-    return shell(command.arg(options, fields)).split(u'\n', Qt::SkipEmptyParts);
-}
+/// The lines that the entries of a database make, by dpkg-query.
+constexpr auto dpkgQuery = R"(dpkg-query --admindir=$0 -W -f='${db:Status-Status}|${Package}|)"
+                           R"(${Version}|${Maintainer}|${Installed-Size}|${Architecture}\n' |
+    awk -F'|' -v OFS='|' '!/^(not-installed|config-files)/ { $5 += 0; sub(/[^|]*./, ""); print }')";
 
 QString line(const UninstallEntry& entry, const QString& last)
 {
@@ -65,6 +50,21 @@ QByteArray stanza(const QByteArray& name, const QByteArray& version,
            "Version: " + version + "\nDescription: d\n";
 }
 
+const QString late = u"1000 毫秒内未结束"_s;
+/// What a program does, and how what is said of it begins.
+const test::Cases<QByteArray, QString> failures{
+    {"is not there", {}, u"无法启动: "_s},
+    {"complains", "echo why %1 >&2; exit 3", u"退出码 3: why %1)"_s},
+    {"is killed", "kill -9 $$", u"异常终止"_s},
+    {"prints no table", "echo x", u"无法识别的输出"_s},
+    {"hangs", "sleep 60; :", late},
+    {"closes its output", "exec >&- 2>&-; sleep 60; :", late},
+    {"floods errors", "cat /dev/zero >&2; :", late},
+    {"floods", "cat /dev/zero; :", u"输出超过 99999 "_s},
+    {"reads its input", "cat; echo No snaps >&2", {}},
+    {"leaves a process behind", "sleep 60 & echo Name Rev", {}},
+};
+
 } // namespace
 
 class TestInstalledSoftware : public QObject
@@ -72,10 +72,10 @@ class TestInstalledSoftware : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void starterMayHaveIgnoredChildren() // as main() has, before anything else
+    void starterMayHaveIgnoredChildren()
     {
-        QCOMPARE(linux_platform::runHelpers({{QStringLiteral("true"), {}}}, {})[0].error,
-                 QString());
+        static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
+        QCOMPARE(linux_platform::runHelpers({{u"true"_s, {}}}, {})[0].error, QString());
     }
 
     void init()
@@ -89,7 +89,7 @@ private Q_SLOTS:
 
     void journalIsMergedAsByDpkg()
     {
-        if (shell(QStringLiteral("dpkg --print-architecture")) != QStringLiteral("amd64\n"))
+        if (shell("dpkg --print-architecture") != u"amd64\n")
             QSKIP("the database is that of an amd64 machine");
         const QByteArray same("Multi-Arch: same\n");
         QByteArray status("pACKAGE:  caps\t\nstatus:\tinstall ok installed\nversion:1:2~x+b1-3 \n"
@@ -128,8 +128,7 @@ private Q_SLOTS:
             listed += line(entry, entry.identifier.section(u':', 1));
         listed.sort();
         QCOMPARE(m_error, QString());
-        QStringList expected = dpkgQuery(QStringLiteral("--admindir=") + path("var/lib/dpkg"),
-                                         QStringLiteral("|${Architecture}"));
+        QStringList expected = test::linesOf(shell(dpkgQuery, {path("var/lib/dpkg")}));
         expected.sort();
         QVERIFY(expected.size() >= 15);
         QCOMPARE(listed, expected);
@@ -140,10 +139,10 @@ private Q_SLOTS:
 
     void rpmDatabaseIsListed()
     {
-        if (!QFile::exists(QStringLiteral("/usr/bin/rpmbuild")))
+        if (!QFile::exists(u"/usr/bin/rpmbuild"_s))
             QSKIP("this machine has no rpmbuild");
         write(".rpmmacros", "%_dbpath %(echo $HOME)/var/lib/rpm\n%_topdir %(echo $HOME)/build\n");
-        const QString script = QStringLiteral(R"(cd; exec 2>&1
+        const QString printed = shell(R"(cd; exec 2>&1
             for package in one:noarch two:i686; do
                 name=${package%:*} cpu=${package#*:}
                 sed 's/^ *//' >spec <<END
@@ -156,46 +155,41 @@ private Q_SLOTS:
                     License: l
                     %description
                     %install
-                    mkdir -p %{buildroot}
-                    head -c 5000 /dev/zero >%{buildroot}/$name
+                    mkdir -p %{buildroot}; head -c 5000 /dev/zero >%{buildroot}/$name
                     %files
                     /$name
 END
                 rpmbuild -bb --quiet --target $cpu spec
                 rpm -i --justdb --nodeps --ignorearch build/RPMS/$cpu/*.rpm
             done)");
-        const QString printed = shell(script);
         QStringList listed = lines(list());
         listed.sort();
-        const QStringList expected{
-            QStringLiteral("one|3:1~rc-2^git|V %1|5|rpm -e one-1~rc-2^git.noarch|0"),
-            QStringLiteral("two|1~rc-2^git|P é <p@x>|5|rpm -e two-1~rc-2^git.i686|1")};
+        const QStringList expected{u"one|3:1~rc-2^git|V %1|5|rpm -e one-1~rc-2^git.noarch|0"_s,
+                                   u"two|1~rc-2^git|P é <p@x>|5|rpm -e two-1~rc-2^git.i686|1"_s};
         QVERIFY2(listed == expected, qPrintable(listed.join(u'\n') + m_error + printed));
         write("var/lib/rpm/rpmdb.sqlite", QByteArray(8192, 'x'));
         QVERIFY(list().isEmpty());
-        QVERIFY2(m_error.contains(QStringLiteral("rpm (退出码 ")), qPrintable(m_error));
+        QVERIFY2(m_error.contains(u"rpm (退出码 "_s), qPrintable(m_error));
     }
 
     void programsAreAsked()
     {
-        const QByteArray columns(" --columns=ref,origin,size,options,version,name");
-        write("var/lib/flatpak/app/a.B/x86_64/stable/active", "x");
-        write("user/app/a/i386/b/active", "x");
-        write("var/lib/snapd/state.json", "x");
+        for (const char* file :
+             {"var/lib/flatpak/app/a.B/x86_64/stable/active", "snap/core/current",
+              "user/app/a/i386/b/active", "var/lib/snapd/state.json"})
+            write(file, "x");
         write("var/lib/snapd/snaps/core_15.snap", QByteArray(1025, 'x'));
-        write("snap/core/current", "x");
         // Each answers only once all have been asked.
         const QByteArray meet(R"(>"$HOME/asked-$2"
             until [ -e ~/asked---system ] && [ -e ~/asked---user ] && [ -e ~/asked---unicode=never ]
             do sleep 0.01; done
             )");
-        writeProgram("flatpak", meet + R"(case "$*" in
-            "list --system)" + columns +
-                                    R"(")
+        writeProgram("flatpak", meet + R"(columns=--columns=ref,origin,size,options,version,name
+            case "$*" in
+            "list --system $columns")
                 printf 'a.B/x86_64/stable\to\t1.5\302\240MB\tsystem,current\t1 b\tN\tn\n'
                 printf 'x/i386/1\to\t512 bytes\tsystem,runtime\t\t\na line feed\n' ;;
-            "list --user)" + columns +
-                                    R"(") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
+            "list --user $columns") printf 'a/i386/b\to\t2.0 GB\tcurrent\tv\tn\n' ;;
             *) exit 9 ;; esac)");
         writeProgram("snap", meet + R"([ "$*" = "list --unicode=never --color=never" ] || exit 9
             echo 'Name  Version  Rev  Tracking  Publisher    Notes'
@@ -205,42 +199,21 @@ END
         const auto entries = list();
         QCOMPARE(m_error, QString());
         QCOMPARE(lines(entries),
-                 QStringList(
-                     {QStringLiteral("N\tn|1 b|o|1465|flatpak uninstall app/a.B/x86_64/stable|0"),
-                      QStringLiteral("x|1|o|1|flatpak uninstall runtime/x/i386/1|1"),
-                      QStringLiteral("n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2"),
-                      QStringLiteral("core|2|canonical|2|snap remove core|0"),
-                      QStringLiteral("a_b|1 beta||0|snap remove a_b|0")}));
+                 QStringList({u"N\tn|1 b|o|1465|flatpak uninstall app/a.B/x86_64/stable|0"_s,
+                              u"x|1|o|1|flatpak uninstall runtime/x/i386/1|1"_s,
+                              u"n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2"_s,
+                              u"core|2|canonical|2|snap remove core|0"_s,
+                              u"a_b|1 beta||0|snap remove a_b|0"_s}));
         QCOMPARE(entries[0].installLocation, path("var/lib/flatpak/app/a.B/x86_64/stable/active"));
         QCOMPARE(entries[1].installLocation, QString());
         QCOMPARE(entries[2].installLocation, path("user/app/a/i386/b/active"));
         QCOMPARE(entries[3].installLocation, path("snap/core/current"));
     }
 
-    void programMayFail_data()
-    {
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QString>("error"); // the beginning of it
-        const QString late = QStringLiteral("1000 毫秒内未结束");
-        QTest::newRow("is not there") << QByteArray() << QStringLiteral("无法启动: ");
-        QTest::newRow("complains")
-            << QByteArray("echo why %1 >&2; exit 3") << QStringLiteral("退出码 3: why %1)");
-        QTest::newRow("is killed") << QByteArray("kill -9 $$") << QStringLiteral("异常终止");
-        QTest::newRow("prints no table")
-            << QByteArray("echo x") << QStringLiteral("无法识别的输出");
-        QTest::newRow("hangs") << QByteArray("sleep 60; :") << late;
-        QTest::newRow("closes its output") << QByteArray("exec >&- 2>&-; sleep 60; :") << late;
-        QTest::newRow("floods errors") << QByteArray("cat /dev/zero >&2; :") << late;
-        QTest::newRow("floods") << QByteArray("cat /dev/zero; :")
-                                << QStringLiteral("输出超过 99999 ");
-        QTest::newRow("reads its input") << QByteArray("cat; echo No snaps >&2") << QString();
-        QTest::newRow("leaves a process behind")
-            << QByteArray("sleep 60 & echo Name Rev") << QString();
-    }
+    void programMayFail_data() { test::addRows(failures); }
     void programMayFail()
     {
-        QFETCH(QByteArray, body);
-        QFETCH(QString, error);
+        const auto& [name, body, error] = test::currentRow(failures);
         write("var/lib/snapd/state.json", "x");
         if (!body.isEmpty())
             writeProgram("snap", "echo $$ >$HOME/pid\n" + body);
@@ -251,8 +224,8 @@ END
         if (error.isEmpty())
             QCOMPARE(m_error, QString());
         else
-            QVERIFY2(m_error.contains(QStringLiteral(": snap (") + error), qPrintable(m_error));
-        const int group = shell(QStringLiteral("cat $HOME/pid 2>&-")).toInt();
+            QVERIFY2(m_error.contains(u": snap ("_s + error), qPrintable(m_error));
+        const int group = test::readFile(path("pid")).trimmed().toInt();
         if (group != 0 && error.isEmpty())
             ::kill(-group, SIGKILL);
         if (group != 0) // and all that it started
@@ -264,17 +237,18 @@ END
         static bool isLogged = false;
         write("var/lib/dpkg/status", stanza("a", "1"));
         if (!std::exchange(isLogged, true))
-            QTest::ignoreMessage(QtWarningMsg,
-                                 QRegularExpression(QStringLiteral("未列出 snap: .")));
-        QTest::failOnWarning(QRegularExpression(QStringLiteral(".")));
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(u"未列出 snap: ."_s));
+        QTest::failOnWarning(QRegularExpression(u"."_s));
         QCOMPARE(list().size(), 1);
         QCOMPARE(m_error, QString());
     }
 
     void nothingToReadIsAnError()
     {
+        qputenv("PATH", "/nonexistent");
+        write("user/app/x", {}); // which no program is there to list
         QVERIFY(list().isEmpty());
-        QVERIFY2(m_error.contains(QStringLiteral("没有 dpkg, rpm")), qPrintable(m_error));
+        QVERIFY2(m_error.contains(u"没有 dpkg, rpm"_s), qPrintable(m_error));
         QVERIFY(QDir().mkpath(path("var/lib/dpkg/status")));
         QVERIFY(list().isEmpty());
         QVERIFY2(m_error.contains(path("var/lib/dpkg/status: ")), qPrintable(m_error));
@@ -299,35 +273,31 @@ END
 
     void damagedTextIsSurvived()
     {
-        const QByteArray rpm("gpg-pubkey\x1fgpg-pubkey-1-1\x1f"
-                             "1-1\x1f(none)\x1f"
-                             "0\x1f\x1e"
-                             "a\x1f"
-                             "a-1.i586\x1f"
-                             "1\x1fi586\x1f"
-                             "9223372036854775807\x1fv\x1e");
+        const QByteArray rpm =
+            QByteArray("gpg-pubkey;gpg-pubkey-1-1;1-1;(none);0;|a;a-1.i586;1;i586;"
+                       "9223372036854775807;v|")
+                .replace(';', '\x1f')
+                .replace('|', '\x1e');
         QCOMPARE(lines(parseRpmPackages(rpm)),
-                 QStringList(QStringLiteral("a|1|v|9007199254740992|rpm -e a-1.i586|1")));
+                 QStringList(u"a|1|v|9007199254740992|rpm -e a-1.i586|1"_s));
         for (const char* size : {"-1 MB", "nan MB", "1e300 TB", "inf kB", "1 XB", "", "2000 kB"})
             QCOMPARE(parseFlatpakList(QByteArray("a/b/c\to\t") + size + "\t\t\tn", true)[0]
                          .estimatedSizeKb,
                      0);
         const QByteArray text = stanza("a", "1") + '\n' + stanza("b", "1", "i386") + '\n' + rpm +
                                 "Name Rev Publisher\na 1 b**\na/b/c\to\t1 MB\tx\t1\tn\n";
-        QRandomGenerator random(1); // the same damage each time
-        for (int round = 0; round < 2000; ++round) {
-            const auto begin = random.bounded(text.size() - 1);
-            QByteArray damaged = text.mid(begin, 1 + random.bounded(text.size() - begin));
-            for (int i = 0; i < 8; ++i)
-                damaged[random.bounded(damaged.size())] =
-                    "\0\n\t :/\x1f\x1e\xff-"[random.bounded(10)];
-            damaged.squeeze(); // so that an overread is seen
+        const auto survive = [](const QByteArray& damaged) {
             const auto entries = parseDpkgDatabase(damaged, {damaged}) + parseRpmPackages(damaged) +
                                  parseFlatpakList(damaged, false) +
                                  parseSnapList(damaged).value_or(QList<UninstallEntry>());
             for (const UninstallEntry& entry : entries)
                 QVERIFY(entry.estimatedSizeKb >= 0);
-        }
+        };
+        test::feedTruncated(text, survive);
+        test::feedChanged(text, survive);
+        // The other two look at the first line for their form.
+        test::feedChanged(text.sliced(text.indexOf("Name Rev")), survive);
+        test::feedChanged(text.sliced(text.indexOf("a/b/c")), survive);
     }
 
 private:
@@ -341,10 +311,7 @@ private:
 
     void write(const QByteArray& name, const QByteArray& content) const
     {
-        QFile file(path(name));
-        QVERIFY(QDir().mkpath(QFileInfo(file).path()));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(content), content.size());
+        test::writeFile(path(name), content);
     }
 
     /// A script that is found in PATH.
@@ -359,12 +326,5 @@ private:
     QString m_error;
 };
 
-int main(int argc, char** argv)
-{
-    static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
-    QCoreApplication application(argc, argv);
-    TestInstalledSoftware test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestInstalledSoftware)
 #include "tst_installed_software.moc"

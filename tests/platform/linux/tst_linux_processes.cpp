@@ -1,40 +1,18 @@
 // Tests the process tools on awkward processes of the test's own making; that the figures of
 // ordinary ones agree with those of ps is tested through the official client.
-#include "support/child_process.h"
 #include "support/mcp_client.h"
 #include "support/refusals.h"
+#include "support/system.h"
 
-#include <QCoreApplication>
-#include <QFile>
-#include <QProcess>
-#include <QSet>
-#include <QTemporaryDir>
-#include <QTest>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <functional>
-#include <iostream>
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace korvane;
+using namespace Qt::StringLiterals;
 using test::Child;
-using test::waitForEnd;
 
 namespace {
-
-constexpr int refused = 77; ///< Exit code of a role that cannot be played here.
 
 /// What makes a Child this program, copied to `path`, which waits for its end.
 std::function<void()> waiterAt(const QByteArray& path, const QByteArrayList& arguments = {})
@@ -49,17 +27,15 @@ std::function<void()> waiterAt(const QByteArray& path, const QByteArrayList& arg
     };
 }
 
-QString text(const QJsonObject& object, const char* key)
-{
-    return object.value(QLatin1String(key)).toString(QStringLiteral("(none)"));
-}
-
-qint64 number(const QJsonObject& object, const char* key)
-{
-    return object.value(QLatin1String(key)).toInteger(-1);
-}
-
 using Listing = QHash<qint64, QJsonObject>; ///< Process objects by PID.
+
+/// A listed child of this process: its name and its executable.
+QString briefly(const QJsonObject& process)
+{
+    if (process["parent_pid"_L1] != ::getpid())
+        return u"no child"_s;
+    return process["name"_L1].toString() + u'|' + process["exe_path"_L1].toString();
+}
 
 /// Gives birth to 500 processes, 10 at a time, which end at once.
 void breed()
@@ -73,6 +49,50 @@ void breed()
     ::_exit(0);
 }
 
+/// Puts an empty directory in the place of this process's /proc; false where that is refused.
+bool hideProc()
+{
+    return (test::makeMountsOwn() || test::makeMountsOwn(CLONE_NEWUSER)) &&
+           ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+}
+
+/// A program's name, whether it is deleted while it runs, and a file that is then made.
+const test::Cases<QByteArray, bool, QByteArray> executables{
+    {"blanks and brackets", "a (b) c) R 1 2 (longer than 15", false, {}},
+    {"hostile bytes", "a\n\xff%1\"", false, {}},
+    {"deleted", "x y", true, {}},
+    {"replaced", "x", true, "x"},
+    {"called so", "x (deleted)", false, {}},
+    {"called so, deleted", "x (deleted)", true, {}},
+    {"another is called so", "x", true, "x (deleted)"},
+};
+
+const test::Cases<QByteArray> shortNames{
+    {"brackets", "a) R 1 (2) S 3"},
+    {"empty", ""},
+    {"line feed, quote, backslash", "a\n1 (b) S\\n\""},
+    {"not UTF-8", "\xff\xc3\x28\x80z"},
+};
+
+/// Arguments, and how they are shown.
+const test::Cases<QByteArrayList, QByteArray> commandLines{
+    {"blanks", {"a b", "-c"}, "a b -c"},
+    {"empty arguments", {"", "a", "", "b", "", ""}, " a  b"},
+    {"100 kB", {QByteArray(100'000, 'a'), "end"}, QByteArray(100'000, 'a') + " end"},
+    {"hostile", {"%1\n\"\\", "\xff"}, "%1\n\"\\ \xff"},
+    {"the first thread has ended", {"--leaderless"}, "--leaderless"},
+};
+
+/// How /proc, or what is in it, becomes unreadable, and the reason that is given.
+const test::Cases<bool (*)(), int> failures{
+    {"empty /proc", hideProc, ENOENT},
+#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
+    {"no descriptor for a process", [] { return test::leaveDescriptors(1); }, EMFILE},
+#endif
+    {"no memory for a path",
+     [] { return test::refuseCall(SYS_readlinkat, test::nextDescriptor(), ENOMEM); }, ENOMEM},
+};
+
 } // namespace
 
 class TestLinuxProcesses : public QObject
@@ -82,32 +102,16 @@ class TestLinuxProcesses : public QObject
 private Q_SLOTS:
     void initTestCase() { QVERIFY(listed().contains(::getpid())); }
 
-    void executableIsNamed_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-        QTest::addColumn<bool>("deleted");
-        QTest::addColumn<QByteArray>("newFile");
-        QTest::newRow("blanks and brackets")
-            << QByteArray("a (b) c) R 1 2 (longer than 15") << false << QByteArray();
-        QTest::newRow("hostile bytes") << QByteArray("a\n\xff%1\"") << false << QByteArray();
-        QTest::newRow("deleted") << QByteArray("x y") << true << QByteArray();
-        QTest::newRow("replaced") << QByteArray("x") << true << QByteArray("x");
-        QTest::newRow("called so") << QByteArray("x (deleted)") << false << QByteArray();
-        QTest::newRow("called so, deleted") << QByteArray("x (deleted)") << true << QByteArray();
-        QTest::newRow("another is called so")
-            << QByteArray("x") << true << QByteArray("x (deleted)");
-    }
+    void executableIsNamed_data() { test::addRows(executables); }
     void executableIsNamed()
     {
-        QFETCH(QByteArray, name);
-        QFETCH(bool, deleted);
-        QFETCH(QByteArray, newFile);
+        const auto& [tag, name, deleted, newFile] = test::currentRow(executables);
         const QTemporaryDir directory;
         const QByteArray root = QFile::encodeName(directory.path()) + '/';
         const QByteArray path = root + name;
         // By its bytes: Qt's own file names cannot hold what is not UTF-8.
-        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(),
-                            directory.filePath(QStringLiteral("copy"))));
+        QVERIFY(
+            QFile::copy(QCoreApplication::applicationFilePath(), directory.filePath(u"copy"_s)));
         QCOMPARE(std::rename((root + "copy").constData(), path.constData()), 0);
         const Child child(waiterAt(path));
         if (deleted)
@@ -116,169 +120,98 @@ private Q_SLOTS:
             QVERIFY(QFile(QFile::decodeName(root + newFile)).open(QIODevice::WriteOnly));
 
         const QJsonObject process = listed().value(child.pid());
-        QCOMPARE(text(process, "exe_path"), QString::fromUtf8(path));
-        QCOMPARE(text(process, "name"), QString::fromUtf8(name));
-        QCOMPARE(number(process, "parent_pid"), qint64{::getpid()});
+        QCOMPARE(briefly(process), QString::fromUtf8(name + '|' + path));
         QCOMPARE(commandLine(child.pid()), QString::fromUtf8(path + " --wait"));
         if (!deleted) // QTemporaryDir cannot remove every name
             QCOMPARE(::unlink(path.constData()), 0);
     }
 
-    void shortNameIsShownWithoutAnExecutable_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-        QTest::newRow("brackets") << QByteArray("a) R 1 (2) S 3");
-        QTest::newRow("empty") << QByteArray("");
-        QTest::newRow("line feed, quote, backslash") << QByteArray("a\n1 (b) S\\n\"");
-        QTest::newRow("not UTF-8") << QByteArray("\xff\xc3\x28\x80z");
-    }
+    void shortNameIsShownWithoutAnExecutable_data() { test::addRows(shortNames); }
     void shortNameIsShownWithoutAnExecutable()
     {
-        QFETCH(QByteArray, name);
+        const QByteArray& name = std::get<1>(test::currentRow(shortNames));
         const Child child([&name] { ::prctl(PR_SET_NAME, name.constData()); });
         const QJsonObject alive = listed().value(child.pid());
-        QCOMPARE(text(alive, "exe_path"), QCoreApplication::applicationFilePath());
-        QCOMPARE(number(alive, "parent_pid"), qint64{::getpid()});
-        QVERIFY(number(alive, "memory_bytes") > 100'000);
+        QVERIFY(briefly(alive).endsWith(u'|' + QCoreApplication::applicationFilePath()));
+        QVERIFY(alive["memory_bytes"_L1].toInteger() > 100'000);
 
         child.end();
         const QJsonObject zombie = listed().value(child.pid());
-        QCOMPARE(text(zombie, "name"), QString::fromUtf8(name));
-        QCOMPARE(text(zombie, "exe_path"), QString());
-        QCOMPARE(number(zombie, "parent_pid"), qint64{::getpid()});
-        QCOMPARE(number(zombie, "memory_bytes"), 0);
+        QCOMPARE(briefly(zombie), QString::fromUtf8(name + '|'));
+        QCOMPARE(zombie["memory_bytes"_L1], 0);
         QCOMPARE(commandLine(child.pid()), QString());
     }
 
-    void commandLineIsWhole_data()
-    {
-        QTest::addColumn<QByteArrayList>("arguments");
-        QTest::addColumn<QByteArray>("shown");
-        QTest::newRow("blanks") << QByteArrayList{"a b", "-c"} << QByteArray("a b -c");
-        QTest::newRow("empty arguments")
-            << QByteArrayList{"", "a", "", "b", "", ""} << QByteArray(" a  b");
-        QTest::newRow("100 kB") << QByteArrayList{QByteArray(100'000, 'a'), "end"}
-                                << QByteArray(100'000, 'a') + " end";
-        QTest::newRow("hostile") << QByteArrayList{"%1\n\"\\", "\xff"}
-                                 << QByteArray("%1\n\"\\ \xff");
-        QTest::newRow("the first thread has ended")
-            << QByteArrayList{"--leaderless"} << QByteArray("--leaderless");
-    }
+    void commandLineIsWhole_data() { test::addRows(commandLines); }
     void commandLineIsWhole()
     {
-        QFETCH(QByteArrayList, arguments);
-        QFETCH(QByteArray, shown);
+        const auto& [name, arguments, shown] = test::currentRow(commandLines);
         const QByteArray program = QFile::encodeName(QCoreApplication::applicationFilePath());
         const Child child(waiterAt(program, arguments));
         QCOMPARE(commandLine(child.pid()), QString::fromUtf8(program + " --wait " + shown));
         QCOMPARE(commandLine(4294967296 + child.pid()), QString());
         const QJsonObject process = listed().value(child.pid());
-        QCOMPARE(text(process, "exe_path"), QString::fromUtf8(program));
-        QVERIFY(number(process, "memory_bytes") > 100'000);
+        QVERIFY(briefly(process).endsWith(u'|' + QCoreApplication::applicationFilePath()));
+        QVERIFY(process["memory_bytes"_L1].toInteger() > 100'000);
     }
 
     void processesMayComeAndGo()
     {
         const Child breeder([] {}, breed);
-        siginfo_t ended = {};
-        while (ended.si_pid == 0) {
-            const test::ToolReply reply = m_client.call(QStringLiteral("list_processes"));
+        do {
+            const test::ToolReply reply = m_client.call(u"list_processes"_s);
             QVERIFY2(!reply.isError, qPrintable(reply.text));
             const Listing listing = byPid(reply);
             QVERIFY(listing.contains(::getpid()));
-            QCOMPARE(number(reply.json(), "total"), listing.size()); // no PID twice
-            ::waitid(P_PID, static_cast<id_t>(breeder.pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
-        }
+            QCOMPARE(reply.json()["total"_L1], listing.size()); // no PID twice
+        } while (breeder.isRunning());
     }
 
-    void unreadableProcIsAnError_data()
-    {
-        QTest::addColumn<QStringList>("role");
-        QTest::addColumn<int>("error");
-        QTest::newRow("empty /proc") << QStringList{QStringLiteral("--empty-proc")} << ENOENT;
-#ifndef __SANITIZE_ADDRESS__ // whose checks need descriptors of their own
-        QTest::newRow("no descriptor for a process")
-            << QStringList{QStringLiteral("--one-descriptor")} << EMFILE;
-#endif
-        QTest::newRow("no memory for a path")
-            << QStringList{QStringLiteral("--no-links")} << ENOMEM;
-    }
+    void unreadableProcIsAnError_data() { test::addRows(failures); }
     void unreadableProcIsAnError()
     {
-        QFETCH(QStringList, role);
-        QFETCH(int, error);
-        QProcess process;
-        process.start(QCoreApplication::applicationFilePath(), role);
-        QVERIFY(process.waitForFinished(60'000));
-        if (process.exitCode() == refused)
+        const auto& [name, fail, error] = test::currentRow(failures);
+        const QString said = test::played([isFailing = fail] {
+            test::Client client;
+            if (!isFailing())
+                ::_exit(test::refusedCode);
+            return client.call(u"get_process_tree"_s).text;
+        });
+        if (said.isEmpty())
             QSKIP("this machine refuses a mount namespace, a limit of descriptors or a filter");
-        QCOMPARE(process.readAllStandardOutput(),
-                 "Tool 'get_process_tree' failed: 无法读取 /proc: " +
-                     QByteArray(std::strerror(error)));
+        QCOMPARE(said, u"Tool 'get_process_tree' failed: 无法读取 /proc: "_s +
+                           QString::fromUtf8(std::strerror(error)));
     }
 
 private:
     static Listing byPid(const test::ToolReply& reply)
     {
         Listing listing;
-        for (const QJsonValue process : reply.json().value(QLatin1String("processes")).toArray())
-            listing.insert(number(process.toObject(), "pid"), process.toObject());
+        for (const QJsonValue process : reply.json().value("processes"_L1).toArray())
+            listing.insert(process["pid"_L1].toInteger(), process.toObject());
         return listing;
     }
 
-    Listing listed()
-    {
-        return byPid(m_client.call(QStringLiteral("list_processes")));
-    }
+    Listing listed() { return byPid(m_client.call(u"list_processes"_s)); }
 
     QString commandLine(qint64 pid)
     {
-        const QJsonObject reply =
-            m_client
-                .call(QStringLiteral("get_process_command_line"), {{QStringLiteral("pid"), pid}})
-                .json();
-        return text(reply, "command_line");
+        const auto reply = m_client.call(u"get_process_command_line"_s, {{u"pid"_s, pid}});
+        return reply.json()["command_line"_L1].toString(u"(none)"_s);
     }
 
     test::Client m_client;
 };
 
-/// Puts an empty directory in the place of this process's /proc; false where that is refused.
-bool hideProc()
-{
-    return (::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
-           ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
-}
-
-/// Plays a role in which /proc cannot be read, or not what is in it.
-bool play(QByteArrayView role)
-{
-    if (role == "--empty-proc")
-        return hideProc();
-    if (role == "--one-descriptor")
-        return test::leaveDescriptors(1);
-    return test::refuseCall(SYS_readlinkat, test::nextDescriptor(), ENOMEM);
-}
-
 int main(int argc, char** argv)
 {
-    const QByteArrayView role(argc > 1 ? argv[1] : "");
-    if (role == "--wait") {
+    if (argc > 1 && QByteArrayView(argv[1]) == "--wait") {
         if (argc > 2 && QByteArrayView(argv[2]) == "--leaderless")
             test::endFirstThread();
         ::close(STDOUT_FILENO);
-        waitForEnd();
+        test::waitForEnd();
     }
-    if (role == "--empty-proc" || role == "--one-descriptor" || role == "--no-links") {
-        test::Client client;
-        if (!play(role))
-            ::_exit(refused);
-        const auto reply = client.call(QStringLiteral("get_process_tree"));
-        std::cout << reply.text.toStdString() << std::flush;
-        ::_exit(0); // leaks cannot be looked for without /proc
-    }
-    QCoreApplication application(argc, argv);
+    const QCoreApplication application(argc, argv);
     TestLinuxProcesses test;
     return QTest::qExec(&test, argc, argv);
 }

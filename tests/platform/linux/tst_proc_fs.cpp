@@ -2,25 +2,25 @@
 // its shape.
 #include "platform/linux/sys/proc_fs.h"
 
-#include <QDir>
-#include <QMap>
-#include <QTemporaryDir>
-#include <QTest>
+#include "support/damage.h"
+#include "support/system.h"
 
-#include <cerrno>
 #include <limits>
 
-#include <unistd.h>
-
-using namespace korvane::linux_platform;
+using namespace korvane;
+using namespace linux_platform;
+using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr int bufferSize = 8192;
 
 /// The fields of a saved line that stand after the name, from the state on.
 const QByteArrayList savedFields =
     QByteArray(
-        "S 811 4711 4711 34817 5120 4194304 3155 921 2 1 64 27 3 1 20 0 1 0 98765 8720384 1250 "
-        "18446744073709551615 1 2 0 0 0 65536 3686404 1266761467 1 0 0 17 1 0 0 0 0 0 1 2 3 4 5 6 7 0")
+        "S 811 4711 4711 34817 5120 4194304 3155 921 2 1 64 27 3 1 20 0 1 0 98765 8720384 "
+        "1250 18446744073709551615 1 2 0 0 0 65536 3686404 1266761467 1 0 0 17 1 0 0 0 0 0 1 "
+        "2 3 4 5 6 7 0")
         .split(' ');
 QByteArray statLine(const QByteArray& name, const QByteArrayList& fields = savedFields)
 {
@@ -46,36 +46,26 @@ private Q_SLOTS:
     void init()
     {
         m_directory = std::make_unique<QTemporaryDir>();
-        QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("7")));
+        QVERIFY(QDir(m_directory->path()).mkdir(u"7"_s));
     }
 
-    void anyNameIsParsed_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-        QTest::newRow("plain") << QByteArray("bash");
-        QTest::newRow("empty") << QByteArray("");
-        QTest::newRow("blanks") << QByteArray("  Web Content ");
-        QTest::newRow("looks like more of a line") << QByteArray("x) R 1 2 3 4 5");
-        QTest::newRow("line feeds") << QByteArray("a\n1 (b) S\n");
-        QTest::newRow("not UTF-8") << QByteArray("\xff\xc3(\x80\xed\xa0\x80");
-    }
     void anyNameIsParsed()
     {
-        QFETCH(QByteArray, name);
-        const QByteArray line = statLine(name);
-        const auto stat = parseProcStat(line);
-        QVERIFY(stat);
-        QCOMPARE(stat->shortName.toByteArray(), name);
-        QCOMPARE(stat->parentPid, 811U);
-        QCOMPARE(stat->cpuTicks, 64U + 27U);
-        QCOMPARE(stat->startTicks, 98765U);
-        QVERIFY(!stat->isKernelThread);
+        for (const QByteArray name : {"bash", "", "  Web Content ", "x) R 1 2 3 4 5",
+                                      "a\n1 (b) S\n", "\xff\xc3(\x80\xed\xa0\x80"}) {
+            const QByteArray line = statLine(name);
+            const auto stat = parseProcStat(line);
+            QVERIFY2(stat, line.constData());
+            QCOMPARE(stat->shortName.toByteArray(), name);
+            QCOMPARE(stat->parentPid, 811U);
+            QCOMPARE(stat->cpuTicks, 64U + 27U);
+            QCOMPARE(stat->startTicks, 98765U);
+            QVERIFY(!stat->isKernelThread);
 
-        // A line cut anywhere up to the end of its last needed field is damaged.
-        const qsizetype needed = line.indexOf(" 98765 ") + 7;
-        for (qsizetype size = 0; size < needed; ++size) {
-            const QByteArray cut(line.constData(), size); // of its own, so that overreads are seen
-            QVERIFY2(!parseProcStat(cut), cut.constData());
+            // A line cut anywhere up to the end of its last needed field is damaged.
+            test::feedTruncated(line.first(line.indexOf(" 98765 ") + 7), [](const QByteArray& cut) {
+                QVERIFY2(!parseProcStat(cut), cut.constData());
+            });
         }
     }
 
@@ -90,32 +80,23 @@ private Q_SLOTS:
         QCOMPARE(stat->startTicks, std::numeric_limits<quint64>::max());
     }
 
-    void damagedLineIsRefused_data()
-    {
-        QTest::addColumn<QByteArray>("line");
-        QTest::newRow("no brackets") << QByteArray("4711 bash S 811 4711\n");
-        QTest::newRow("brackets the wrong way") << QByteArray("4711 )bash( S 811\n");
-        QTest::newRow("nothing after the name") << QByteArray("4711 (bash)");
-        QTest::newRow("no blank after the name") << statLine("bash").replace(") S", ")S");
-        QTest::newRow("parent beyond 32 bits") << statWith({{1, "4294967296"}});
-        QTest::newRow("negative parent") << statWith({{1, "-1"}});
-        QTest::newRow("flags of letters") << statWith({{6, "0x40"}});
-        QTest::newRow("empty processor time") << statWith({{11, ""}});
-        QTest::newRow("time with a NUL") << statWith({{12, QByteArray("2\0", 2)}});
-        QTest::newRow("start beyond 64 bits") << statWith({{19, "18446744073709551616"}});
-        QTest::newRow("start of fractions") << statWith({{19, "1.5"}});
-    }
     void damagedLineIsRefused()
     {
-        QFETCH(QByteArray, line);
-        QVERIFY(!parseProcStat(line));
+        const QByteArray noBlank = statLine("bash").replace(") S", ")S");
+        for (const QByteArray& line :
+             {QByteArray("4711 bash S 811 4711\n"), QByteArray("4711 )bash( S 811\n"),
+              QByteArray("4711 (bash)"), noBlank, statWith({{1, "4294967296"}}),
+              statWith({{1, "-1"}}), statWith({{6, "0x40"}}), statWith({{11, ""}}),
+              statWith({{12, QByteArray("2\0", 2)}}), statWith({{19, "18446744073709551616"}}),
+              statWith({{19, "1.5"}})})
+            QVERIFY2(!parseProcStat(line), line.constData());
     }
 
     void trailingNulsAreDropped()
     {
         QCOMPARE(commandLineFromCmdline(QByteArray()), QString());
         QCOMPARE(commandLineFromCmdline(QByteArray("\0\0\0", 3)), QString());
-        QCOMPARE(commandLineFromCmdline(QByteArray("a\0b", 3)), QStringLiteral("a b"));
+        QCOMPARE(commandLineFromCmdline(QByteArray("a\0b", 3)), u"a b"_s);
     }
 
     void onlyNumericEntriesAreProcesses()
@@ -134,7 +115,6 @@ private Q_SLOTS:
 
     void filesAreReadToTheirLimit()
     {
-        constexpr int bufferSize = 8192;
         ProcFs procFs(path().constData());
         for (const int size :
              {0, 1, bufferSize - 1, bufferSize, bufferSize + 1, 5 * bufferSize + 3}) {
@@ -154,7 +134,6 @@ private Q_SLOTS:
 
     void linesOfAnyLengthAreShown()
     {
-        constexpr int bufferSize = 8192;
         ProcFs procFs(path().constData());
         for (const int size : {0, 1, bufferSize - 1, bufferSize, bufferSize + 1, 3 * bufferSize}) {
             for (const QByteArray end : {"", "\n", "\n\nx", "\nx\n"}) {
@@ -192,9 +171,7 @@ private:
 
     void write(const QByteArray& name, const QByteArray& content) const
     {
-        QFile file(QFile::decodeName(path(name)));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(content), content.size());
+        test::writeFile(QFile::decodeName(path(name)), content);
     }
 
     std::unique_ptr<QTemporaryDir> m_directory;

@@ -3,237 +3,172 @@
 #include "platform/linux/trash/trash_mover.h"
 #include "platform/linux/trash/tree_copy.h"
 #include "platform/linux/trash/tree_removal.h"
-#include "platform/platform.h"
-#include "support/child_process.h"
+#include "platform/recycle_bin.h"
+#include "support/refusals.h"
+#include "support/system.h"
 
-#include <QCryptographicHash>
 #include <QDirIterator>
-#include <QProcess>
 #include <QRandomGenerator>
-#include <QRegularExpression>
-#include <QTest>
 
-#include <cstddef>
-
-#include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 
 using namespace korvane;
+using namespace linux_platform;
 using namespace Qt::StringLiterals;
 using platform::moveToRecycleBin;
 using test::Child;
+using test::shell;
+using test::writeFile;
 
 namespace {
 
 const QString around = qEnvironmentVariable("KORVANE_OWN_TMP");
 const QString home = qEnvironmentVariable("HOME");
 const QString volume = qEnvironmentVariable("KORVANE_VOLUME");
+const QString volumeTrash = volume + u"/.Trash-%1"_s.arg(::geteuid());
 const QString homeTrash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash"_L1;
 
-void write(const QString& path, const QByteArray& content)
+/// What the entry at $0 is and all in it, but for what is lost where it is restored as a copy.
+constexpr auto describeCopy = R"(
+find "$0" -printf '\n%P %M %l' ! -type l -printf ' %T@' ! -type d -printf ' %s' | sort
+tar -cP -C "${0%/*}" --sort=name --transform='s,^[^/]*,x,S' --mtime=@0 --atime-preserve=system \
+    --acls --xattrs --format=posix --pax-option='delete=?time,exthdr.name=x' --hard-dereference \
+    "${0##*/}" | md5sum)";
+
+/// What else is to be found of it in the trash.
+constexpr auto describeRest = R"(
+find "$0" -printf '\n%P %T@' ! -type d -printf ' %n' -type f -printf ' %A@ %S;' | sort |
+    sed -E 's/ (0[.]|[^ ]*e-)[^ ]*;$/ holes/; s/ [^ ]*;$//'
+find "$0" -type f -links +1 -printf '%i %P\n' | sort | sed -E 's/^[0-9]+//')";
+
+QStringList describe(const QString& path)
 {
-    QFile file(path);
-    QVERIFY2(file.open(QIODevice::WriteOnly | QIODevice::Append), qPrintable(path));
-    QCOMPARE(file.write(content), content.size());
+    // First the times of access, though they are to be preserved.
+    const QString rest = shell(describeRest, {path});
+    return {shell(describeCopy, {path}), rest};
 }
 
-void setTimes(const QString& path, time_t seconds, long nanoseconds)
-{
-    const std::array<timespec, 2> times{timespec{seconds - 9, 7}, timespec{seconds, nanoseconds}};
-    QCOMPARE(::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times.data(),
-                         AT_SYMLINK_NOFOLLOW),
-             0);
-}
+/// Makes a directory at $0 with all that is hard to move.
+constexpr auto makeTree = R"(
+exec 2>&1; set -e; umask 022; mkdir -p "$0/deep/er" "$0/closed"; cd "$0"
+odd=$(printf 'a %%41 b\nc 中文') long=$(printf '长%.0s' $(seq 85))
+printf odd >"$odd"; printf x >'closed/in it'; head -c 70000 /dev/urandom >'read only'
+printf long >"deep/er/$long"; truncate -s 50000000 sparse
+printf middle | dd of=sparse bs=1 seek=20000000 conv=notrunc status=none
+ln "$odd" 'deep/second name'; ln -s '../read only' deep/link; ln -s 'nowhere/at all' dangling
+chmod 400 'read only'; chmod 0 closed; chmod 555 deep/er; chmod 2750 .)";
 
-bool mode(const QString& path, mode_t bits)
-{
-    return ::chmod(QFile::encodeName(path).constData(), bits) == 0;
-}
+/// Gives it times of its own, and makes the neighbours of it that are moved too.
+constexpr auto finishTree = R"(
+exec 2>&1; set -e; cd "$0"; cp deep/er/* ..
+set -- sparse dangling 'read only' deep/er deep closed .
+touch -hmd @1234567890.123456789 "$@"; touch -had @1234567881.000000007 "$@"
+cd ..; ln -s nowhere link; echo feed >'a
+b')";
 
-bool link(const QString& from, const QString& to, bool isSymbolic)
+void setAttributes(const QString& tree)
 {
-    const QByteArray target = QFile::encodeName(from);
-    const QByteArray name = QFile::encodeName(to);
-    return (isSymbolic ? ::symlink(target.constData(), name.constData())
-                       : ::link(target.constData(), name.constData())) == 0;
-}
-
-/// The extended attributes of the user, in the file system's order made one.
-QByteArray attributesOf(const QByteArray& path)
-{
-    QByteArray names(4096, 0);
-    names.resize(std::max<ssize_t>(
-        ::llistxattr(path.constData(), names.data(), static_cast<size_t>(names.size())), 0));
-    QByteArrayList found;
-    for (const QByteArray& name : names.split('\0')) {
-        QByteArray value(4096, 0);
-        const ssize_t size = ::lgetxattr(path.constData(), name.constData(), value.data(), 4096);
-        if (size >= 0)
-            found << name + '=' + value.first(size).toHex();
-    }
-    std::sort(found.begin(), found.end());
-    return found.join(' ');
-}
-
-QByteArray contentOf(const QByteArray& path)
-{
-    QFile file;
-    const int handle = ::open(path.constData(), O_RDONLY | O_NOATIME | O_CLOEXEC);
-    if (!file.open(handle, QIODevice::ReadOnly, QFile::AutoCloseHandle))
-        return "?";
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    hash.addData(&file);
-    return hash.result().toHex();
-}
-
-/// What an entry in the trash must have in common with what it was: all, or without what a restoring
-/// program that copies does not keep.
-enum class Compared { All, AfterACopy };
-
-QByteArrayList describe(const QString& root, Compared compared = Compared::All)
-{
-    QByteArrayList lines;
-    QMap<ino_t, QString> firstNames;
-    QStringList paths{root};
-    QDirIterator all(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                     QDirIterator::Subdirectories);
-    while (all.hasNext())
-        paths << all.next();
-    paths.sort();
-    for (const QString& path : paths) {
-        const QByteArray name = QFile::encodeName(path);
-        struct stat info = {};
-        if (::lstat(name.constData(), &info) != 0)
-            continue;
-        const QString shown = path.sliced(root.size());
-        QByteArrayList line{shown.toUtf8(), QByteArray::number(info.st_mode, 8),
-                            attributesOf(name)};
-        if (compared == Compared::All || !S_ISLNK(info.st_mode))
-            line << QByteArray::number(qint64{info.st_mtim.tv_sec})
-                 << QByteArray::number(qint64{info.st_mtim.tv_nsec});
-        if (!S_ISDIR(info.st_mode)) {
-            if (!firstNames.contains(info.st_ino))
-                firstNames[info.st_ino] = shown;
-            line << QByteArray::number(qint64{info.st_size});
-            if (compared == Compared::All)
-                line << firstNames[info.st_ino].toUtf8() << QByteArray::number(info.st_nlink);
-        }
-        if (S_ISLNK(info.st_mode)) {
-            QByteArray target(4096, 0);
-            line << target.first(::readlink(name.constData(), target.data(), 4096));
-        } else if (S_ISREG(info.st_mode)) {
-            line << contentOf(name);
-            if (compared == Compared::All)
-                line << QByteArray::number(qint64{info.st_atim.tv_nsec})
-                     << (info.st_blocks * 512 < info.st_size ? "holes" : "");
-        }
-        lines << line.join('|');
-    }
-    return lines;
-}
-
-/// A directory with all that is hard to move.
-void makeTree(const QString& root)
-{
-    QVERIFY(QDir().mkpath(root + "/deep/er"_L1) && QDir().mkdir(root + "/closed"_L1));
-    const QString odd = root + u"/a %41 b\nc 中文"_s;
-    write(odd, "odd");
-    write(root + "/read only"_L1, QByteArray(70000, 'r'));
-    write(root + "/closed/in it"_L1, "x");
-    write(root + "/deep/er/"_L1 + u"长"_s.repeated(85), "long");
-    QVERIFY(link(odd, root + "/deep/second name"_L1, false));
-    QVERIFY(link(u"../read only"_s, root + "/deep/link"_L1, true));
-    QVERIFY(link(u"nowhere/at all"_s, root + "/dangling"_L1, true));
-    QFile sparse(root + "/sparse"_L1);
-    QVERIFY(sparse.open(QIODevice::WriteOnly) && sparse.resize(50'000'000));
-    QVERIFY(sparse.seek(20'000'000) && sparse.write("middle") == 6);
-    sparse.close();
-    const QByteArray path = QFile::encodeName(root + "/read only"_L1);
+    const QByteArray path = QFile::encodeName(tree + "/read only"_L1);
     QCOMPARE(::setxattr(path.constData(), "user.origin", "a\0b", 3, 0), 0);
     // The list of rights that lets user 0 read: version 2; owner, user 0, group, mask, others.
-    const QByteArray rights = QByteArray::fromHex("02000000"
-                                                  "01000600ffffffff"
-                                                  "0200040000000000"
-                                                  "04000400ffffffff"
-                                                  "10000400ffffffff"
+    const QByteArray rights = QByteArray::fromHex("0200000001000600ffffffff0200040000000000"
+                                                  "04000400ffffffff10000400ffffffff"
                                                   "20000000ffffffff");
-    QCOMPARE(::setxattr(QFile::encodeName(odd).constData(), "system.posix_acl_access",
-                        rights.constData(), static_cast<size_t>(rights.size()), 0),
+    const QByteArray odd = QFile::encodeName(tree + u"/a %41 b\nc 中文"_s);
+    QCOMPARE(::setxattr(odd.constData(), "system.posix_acl_access", rights.constData(),
+                        static_cast<size_t>(rights.size()), 0),
              0);
-    QVERIFY(mode(root + "/read only"_L1, 0400) && mode(root + "/closed"_L1, 0));
-    QVERIFY(mode(root + "/deep/er"_L1, 0555) && mode(root, 02750));
-    for (const char* name :
-         {"/sparse", "/dangling", "/read only", "/deep/er", "/deep", "/closed", ""})
-        setTimes(root + QLatin1StringView(name), 1'234'567'890, 123'456'789);
 }
 
-QString output(const QString& program, const QStringList& arguments, const QByteArray& input = {})
+/// The files and links below a directory, with what is in them.
+QMap<QString, QByteArray> filesBelow(const QString& directory)
 {
-    QProcess process;
-    process.start(program, arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(60'000) || process.exitCode() != 0)
-        return u"failed: "_s + QString::fromUtf8(process.readAllStandardError());
-    return QString::fromUtf8(process.readAllStandardOutput());
-}
-
-void restore(const QString& path)
-{
-    const QString said = output(u"trash-restore"_s, {path}, "0\n");
-    QVERIFY2(QFileInfo(path).exists() || QFileInfo(path).isSymLink(), qPrintable(said));
-}
-
-/// The name in the trash: what leaves room for that of the info file.
-QString inTrash(const QString& name)
-{
-    return name.left(name.startsWith(u'长') ? 81 : name.size());
+    QMap<QString, QByteArray> files;
+    QDirIterator all(directory, QDir::Files | QDir::System, QDirIterator::Subdirectories);
+    while (all.hasNext()) {
+        const QString path = all.next();
+        files[path.sliced(directory.size())] = test::readFile(path);
+    }
+    return files;
 }
 
 /// Everything in a trash is whole: no entry without its info file, nor the other way round, and
 /// nothing on the way.
 void checkTrash(const QString& trash)
 {
-    const auto filters = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
-    const QStringList files = QDir(trash + "/files"_L1).entryList(filters);
-    const QStringList infos = QDir(trash + "/info"_L1).entryList(filters);
-    QCOMPARE(
-        QStringList(files).replaceInStrings(QRegularExpression(u"$"_s), u".trashinfo"_s).size(),
-        infos.size());
-    for (const QString& file : files)
-        QVERIFY2(infos.contains(file + ".trashinfo"_L1), qPrintable(file));
-    QCOMPARE(QDir(trash + "/korvane-staging"_L1).entryList(filters), QStringList());
+    const auto namesIn = [&trash](const QString& directory) {
+        return QDir(trash + directory)
+            .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    };
+    QStringList files = namesIn(u"/files"_s);
+    for (QString& file : files)
+        file += ".trashinfo"_L1;
+    QStringList infos = namesIn(u"/info"_s);
+    files.sort();
+    infos.sort();
+    QCOMPARE(files, infos);
+    QCOMPARE(namesIn(u"/korvane-staging"_s), QStringList());
 }
 
-/// Lets this process have no lease from here on.
-void refuseLeases(int error)
+void clear(const QString& path)
 {
-    std::array<sock_filter, 6> filter{{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args) + 8), // little-endian
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_SETLEASE, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    }};
-    const sock_fprog program{filter.size(), filter.data()};
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
-        ::_exit(1);
+    QCOMPARE(shell("chmod -fR u+rwx \"$0\"; rm -rf \"$0\" 2>&1", {path}), QString());
 }
 
-void clear(const QString& directory)
-{
-    output(u"chmod"_s, {u"-R"_s, u"u+rwx"_s, directory});
-    QDir(directory).removeRecursively();
-}
+/// Where entries lie, and the trash they come to.
+const test::Cases<QString, QString> places{
+    {"on the disk of the home", around + "/work"_L1, homeTrash},
+    {"in memory", u"/tmp/work"_s, homeTrash},
+    {"on another volume", volume + "/work"_L1, volumeTrash},
+    {"at the top of another volume", volume, homeTrash},
+};
+
+const QString isMountPoint = u"含挂载点"_s;
+const QString isInUse = u"正在使用"_s;
+/// Where the entry lies, why it stays, and whether the mount came after it was judged.
+const test::Cases<QString, QString, bool> mountedElsewhere{
+    {"in memory, early", u"/tmp/mounted"_s, isMountPoint, false},
+    {"on the disk, early", around + "/mounted"_L1, isMountPoint, false},
+    {"a source, early", u"/tmp/mounted/in"_s, isInUse, false},
+    {"in memory, late", u"/tmp/mounted"_s, isMountPoint, true},
+    {"on the disk, late", around + "/mounted"_L1, isMountPoint, true},
+    {"a source, late", u"/tmp/mounted/in"_s, isInUse, true},
+};
+
+const test::Cases<int, QString> noLeases{
+    // Where the file system has none, a rename still loses nothing that is written to it.
+    {"has none", EINVAL, u"已移到回收站 1 项, 跳过 1 项 (无法确认未被使用 1)"_s},
+    {"refused", EACCES, u"没有内容被移到回收站, 跳过 2 项 (无权限 2)"_s},
+    {"failed", ENOLCK, u"没有内容被移到回收站, 跳过 2 项 (无法读取 2)"_s},
+};
+
+const QString isOthers = u"路径可被他人更改"_s;
+/// What is done to the way, the last of its directories, and why the entry there stays, if so.
+const test::Cases<QString, QString> ways{
+    {"chown 65534 way", u"own"_s, isOthers},
+    {"chmod 775 way", u"own"_s, isOthers},
+    {"chmod 777 way/own", u"own"_s, isOthers},
+    {"chmod 1777 way; chown 65534 way", u"own"_s, isOthers},
+    {"chmod 1777 way", u"own"_s, {}},
+    {"ln -s ../precious/../precious way/link", u"link"_s, {}},
+    {"ln -s $PWD/precious way/link; chown 65534 way", u"link"_s, isOthers},
+    {"ln -s $PWD/precious way/link; chmod 1777 way", u"link"_s, isOthers},
+    {"ln -s $PWD/precious way/link; chown -h 65534 way/link", u"link"_s, isOthers},
+    {"ln -s link way/link", u"link"_s, u"无法读取"_s},
+};
+
+const QString killedInMemory = u"/tmp/killed"_s;
+const QString killedOnDisk = around + "/killed"_L1;
+/// What is moved, and the directory whose size tells how far that is.
+const test::Cases<QString, QString> kills{
+    {"copies: announced", killedInMemory, homeTrash + "/info"_L1},
+    {"copies: arrived", killedInMemory, homeTrash + "/files"_L1},
+    {"copies: removed", killedInMemory, killedInMemory},
+    {"renames: announced", killedOnDisk, homeTrash + "/info"_L1},
+    {"renames: arrived", killedOnDisk, homeTrash + "/files"_L1},
+    {"renames: removed", killedOnDisk, killedOnDisk},
+};
 
 } // namespace
 
@@ -255,36 +190,27 @@ private Q_SLOTS:
         qputenv("XDG_DATA_HOME", QFile::encodeName(home + "/data"_L1));
     }
 
-    void everythingComesBack_data()
-    {
-        QTest::addColumn<QString>("directory");
-        QTest::addColumn<QString>("trash");
-        QTest::addRow("on the disk of the home") << around + "/work"_L1 << homeTrash;
-        QTest::addRow("in memory") << u"/tmp/work"_s << homeTrash;
-        QTest::addRow("on another volume")
-            << volume + "/work"_L1 << volume + "/.Trash-"_L1 + QString::number(::geteuid());
-        QTest::addRow("at the top of another volume") << volume << homeTrash;
-    }
-
+    void everythingComesBack_data() { test::addRows(places); }
     void everythingComesBack()
     {
-        QFETCH(const QString, directory);
-        QFETCH(const QString, trash);
-        if (volume.isEmpty() && QByteArray(QTest::currentDataTag()).contains("volume"))
+        const auto& [name, directory, trash] = test::currentRow(places);
+        if (volume.isEmpty() && QByteArray(name).contains("volume"))
             QSKIP("no other volume here");
-        QVERIFY(QDir().mkpath(directory));
-        const QStringList names{u"tree 100% 树"_s, u"长"_s.repeated(85), u"a\nb"_s, u"link"_s};
-        makeTree(directory + u'/' + names[0]);
-        write(directory + u'/' + names[1], "long");
-        write(directory + u'/' + names[2], "line feed");
-        QVERIFY(link(u"nowhere"_s, directory + u'/' + names[3], true));
+        // The name in the trash leaves room for that of the info file.
+        const QList<std::pair<QString, QString>> entries{
+            {u"tree 100% 树"_s, u"tree 100% 树"_s},
+            {u"长"_s.repeated(85), u"长"_s.repeated(81)},
+            {u"a\nb"_s, u"a\nb"_s},
+            {u"link"_s, u"link"_s}};
+        const QString tree = directory + u'/' + entries[0].first;
+        QCOMPARE(shell(makeTree, {tree}), QString());
+        setAttributes(tree);
+        QCOMPARE(shell(finishTree, {tree}), QString());
         QStringList paths;
-        QList<QByteArrayList> before;
-        QList<QByteArrayList> beforeCopy;
-        for (const QString& name : names) {
-            paths << directory + u'/' + name;
+        QList<QStringList> before;
+        for (const auto& [entry, trashed] : entries) {
+            paths << directory + u'/' + entry;
             before << describe(paths.last());
-            beforeCopy << describe(paths.last(), Compared::AfterACopy);
         }
 
         const OpResult result = moveToRecycleBin(paths);
@@ -294,35 +220,31 @@ private Q_SLOTS:
             QVERIFY(!QFileInfo(path).exists() && !QFileInfo(path).isSymLink());
         checkTrash(trash);
         QCOMPARE(QDir(trash + "/info"_L1).entryList(QDir::Files).size(), 4);
-        QVERIFY(output(u"trash-list"_s, {}).contains(u' ' + paths[0] + u'\n'));
+        QVERIFY(shell("trash-list").contains(u' ' + paths[0] + u'\n'));
 
         for (qsizetype i = 0; i < paths.size(); ++i) {
-            QCOMPARE(describe(trash + "/files/"_L1 + inTrash(names[i])), before[i]);
-            restore(paths[i]);
-            QCOMPARE(describe(paths[i], Compared::AfterACopy), beforeCopy[i]);
+            QCOMPARE(describe(trash + "/files/"_L1 + entries[i].second), before[i]);
+            const QString said = shell("echo 0 | trash-restore \"$0\" 2>&1", {paths[i]});
+            QVERIFY2(shell(describeCopy, {paths[i]}) == before[i][0], qPrintable(said));
             clear(paths[i]);
-            QFile::remove(paths[i]);
         }
     }
 
     void sameNameTwice()
     {
         for (const char* content : {"first", "second"}) {
-            write(u"/tmp/twice"_s, content);
+            writeFile(u"/tmp/twice"_s, content);
             QVERIFY(moveToRecycleBin({u"/tmp/twice"_s}).ok);
         }
-        const QStringList files = QDir(homeTrash + "/files"_L1).entryList(QDir::Files);
-        QCOMPARE(files, QStringList({u"twice"_s, u"twice.2"_s}));
+        const QMap<QString, QByteArray> both{{u"/twice"_s, "first"}, {u"/twice.2"_s, "second"}};
+        QCOMPARE(filesBelow(homeTrash + "/files"_L1), both);
         checkTrash(homeTrash);
-        QVERIFY(contentOf(QFile::encodeName(homeTrash + "/files/twice"_L1)) !=
-                contentOf(QFile::encodeName(homeTrash + "/files/twice.2"_L1)));
     }
 
     void whatCannotBeMovedStays()
     {
-        write(u"/tmp/free"_s, "x");
-        write(u"/tmp/open"_s, "x");
-        QVERIFY(QDir().mkpath(u"/tmp/outer/inner"_s));
+        for (const auto& file : {u"/tmp/free"_s, u"/tmp/open"_s, u"/tmp/outer/inner/file"_s})
+            writeFile(file, "x");
         QVERIFY(QDir().mkpath(homeTrash + "/files/old"_L1));
         QFile open(u"/tmp/open"_s);
         QVERIFY(open.open(QIODevice::ReadOnly));
@@ -333,87 +255,70 @@ private Q_SLOTS:
         QVERIFY(result.ok);
         QCOMPARE(result.message,
                  u"已移到回收站 2 项, 跳过 6 项 (正在使用 1, 路径无效 3, 系统保留 2)"_s);
-        QVERIFY(QFile::exists(u"/tmp/open"_s) && QFile::exists(homeTrash + "/files/old"_L1));
+        QVERIFY(open.exists() && QFile::exists(homeTrash + "/files/old"_L1));
 
         const OpResult none = moveToRecycleBin({u"/tmp/open"_s});
         QVERIFY(!none.ok);
         QVERIFY(none.message.endsWith(u"跳过 1 项 (正在使用 1)"_s));
         QVERIFY(moveToRecycleBin({u"/tmp/gone"_s}).ok);
-        QFile::remove(u"/tmp/open"_s);
+        open.remove();
     }
 
     void aTemporaryDirectoryAroundTheHome()
     {
         const QString inHome = home + "/document"_L1;
-        const QString inLinked = around + "/linked/document"_L1;
-        QVERIFY(QDir().mkpath(home + "/.cache"_L1) && link(home, around + "/linked"_L1, true));
-        for (const QString& file : {inHome, around + "/file"_L1, home + "/.cache/idle"_L1})
-            write(file, "x");
+        const QString idle = home + "/.cache/idle"_L1;
+        for (const QString& file : {inHome, around + "/file"_L1, idle})
+            writeFile(file, "x");
+        QVERIFY(QFile::link(home, around + "/linked"_L1));
         for (const auto& [directory, path] :
              {std::pair(home, inHome), std::pair(around + "/linked/."_L1, inHome),
-              std::pair(home, inLinked), std::pair(around, around + "/file"_L1),
-              std::pair(u"/"_s, u"/korvane-none"_s)}) {
+              std::pair(home, around + "/linked/document"_L1),
+              std::pair(around, around + "/file"_L1), std::pair(u"/"_s, u"/korvane-none"_s)}) {
             qputenv("TMPDIR", QFile::encodeName(directory));
-            const OpResult result = moveToRecycleBin({path});
-            QVERIFY2(result.message.endsWith(u"跳过 1 项 (临时目录为用户目录或其上级 1)"_s),
-                     qPrintable(result.message));
+            const QString message = moveToRecycleBin({path}).message;
+            QVERIFY2(message.endsWith(u"跳过 1 项 (临时目录为用户目录或其上级 1)"_s),
+                     qPrintable(message));
         }
         QVERIFY(QFile::exists(inHome));
         qputenv("TMPDIR", QFile::encodeName(home));
-        QVERIFY(moveToRecycleBin({home + "/.cache/idle"_L1}).ok);
+        QVERIFY(moveToRecycleBin({idle}).ok);
         qunsetenv("TMPDIR");
         QVERIFY(moveToRecycleBin({inHome}).ok);
     }
 
-    void whatAnotherNamespaceMountedStays_data()
-    {
-        QTest::addColumn<QString>("directory");
-        QTest::addColumn<QString>("reason");
-        QTest::addColumn<bool>("isLate"); ///< Mounted after the entry was judged.
-        for (const bool isLate : {false, true}) {
-            const char* when = isLate ? "late" : "early";
-            QTest::addRow("in memory, %s", when) << u"/tmp/mounted"_s << u"含挂载点"_s << isLate;
-            QTest::addRow("on the disk, %s", when)
-                << around + "/mounted"_L1 << u"含挂载点"_s << isLate;
-            QTest::addRow("a source, %s", when) << u"/tmp/mounted/in"_s << u"正在使用"_s << isLate;
-        }
-    }
-
+    void whatAnotherNamespaceMountedStays_data() { test::addRows(mountedElsewhere); }
     void whatAnotherNamespaceMountedStays()
     {
-        using namespace linux_platform;
-        QFETCH(const QString, directory);
-        QFETCH(const QString, reason);
-        QFETCH(const bool, isLate);
-        const bool isSource = reason == u"正在使用"_s;
-        QVERIFY(QDir().mkpath(directory + "/entry/mnt"_L1));
-        write(directory + "/entry/file"_L1, "x");
+        const auto& [name, directory, reason, isLate] = test::currentRow(mountedElsewhere);
+        const QString entry = directory + "/entry"_L1;
+        const QString place = entry + "/mnt"_L1;
+        QVERIFY(QDir().mkpath(place));
+        writeFile(entry + "/file"_L1, "x");
         std::vector<TrashCandidate> judged(1);
-        judged[0].source = SourceDirectory::open(QFile::encodeName(directory));
+        judged[0].source = SourceDirectory::open(QFile::encodeName(directory)).value();
         judged[0].name = "entry";
 
-        const QByteArray place = QFile::encodeName(directory + "/entry/mnt"_L1);
-        const Child child([&] {
-            if (::unshare(CLONE_NEWNS) != 0 ||
-                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                (isSource ? ::mount(place.constData(), "/mnt", nullptr, MS_BIND, nullptr)
-                          : ::mount("tmpfs", place.constData(), "tmpfs", 0, nullptr)) != 0 ||
-                ::close(::creat((place + "/data").constData(), 0600)) != 0)
+        const QByteArray command = reason == isInUse ? "mount --bind $0 /mnt; touch /mnt/data"
+                                                     : "mount -t tmpfs none $0; touch $0/data";
+        const Child child([command, place = place.toUtf8()] {
+            if (!test::makeMountsOwn())
                 ::_exit(1);
+            const QByteArray script = command + "; exec >&-; kill -STOP $$";
+            ::execl("/bin/sh", "sh", "-ec", script.constData(), place.constData(), nullptr);
         });
-        const QString data = u"/proc/%1/root%2/data"_s.arg(
-            QString::number(child.pid()), isSource ? u"/mnt"_s : QFile::decodeName(place));
+        const QString data = u"/proc/%1/root%2/data"_s.arg(QString::number(child.pid()),
+                                                           reason == isInUse ? u"/mnt"_s : place);
         QVERIFY(QFile::exists(data));
         if (isLate) {
             TrashMover().move(judged);
             QCOMPARE(judged[0].outcome, TrashCandidate::Outcome::Kept);
             QCOMPARE(judged[0].why, reason);
         } else {
-            const OpResult result = moveToRecycleBin({directory + "/entry"_L1});
-            QVERIFY2(result.message.endsWith(u"跳过 1 项 (%1 1)"_s.arg(reason)),
-                     qPrintable(result.message));
+            const QString message = moveToRecycleBin({entry}).message;
+            QVERIFY2(message.endsWith(u"跳过 1 项 (%1 1)"_s.arg(reason)), qPrintable(message));
         }
-        QVERIFY(QFile::exists(data) && QFile::exists(directory + "/entry/file"_L1));
+        QVERIFY(QFile::exists(data) && QFile::exists(entry + "/file"_L1));
         checkTrash(homeTrash);
         clear(directory);
     }
@@ -421,13 +326,12 @@ private Q_SLOTS:
     void aTrashThatTakesNothing()
     {
         const QString small = around + "/small"_L1;
-        QVERIFY(QDir().mkpath(small));
-        write(u"/tmp/large"_s, QByteArray(8'000'000, 'l'));
-        const QByteArrayList before = describe(u"/tmp/large"_s);
-        QCOMPARE(::mount("tmpfs", QFile::encodeName(small).constData(), "tmpfs", 0, "size=70m"), 0);
         const QString others = around + "/others"_L1;
-        const bool hasOthers =
-            QDir().mkpath(others) && ::chown(QFile::encodeName(others).constData(), 65534, 0) == 0;
+        writeFile(u"/tmp/large"_s, QByteArray(8'000'000, 'l'));
+        const QStringList before = describe(u"/tmp/large"_s);
+        QVERIFY(QDir().mkpath(others));
+        const bool hasOthers = shell("chown 65534 \"$0\" 2>&1", {others}).isEmpty();
+        QCOMPARE(shell("mkdir $0 && mount -t tmpfs -o size=70m none $0 2>&1", {small}), QString());
         for (const auto& [data, why] :
              {std::pair(small, u"空间不足 1"_s), std::pair(u"/dev/null"_s, u"回收站不可用 1"_s),
               std::pair(hasOthers ? others + "/data"_L1 : u"/dev/null"_s, u"回收站不可用 1"_s)}) {
@@ -438,239 +342,162 @@ private Q_SLOTS:
             QCOMPARE(describe(u"/tmp/large"_s), before);
         }
         checkTrash(small + "/Trash"_L1);
-        QCOMPARE(::umount(QFile::encodeName(small).constData()), 0);
-        QFile::remove(u"/tmp/large"_s);
+        QCOMPARE(shell("umount $0 && rm /tmp/large 2>&1", {small}), QString());
     }
 
     void aTrashThatOthersMadeIsNotUsed()
     {
         if (volume.isEmpty())
             QSKIP("no other volume here");
-        const QString trash = volume + "/.Trash-"_L1 + QString::number(::geteuid());
-        clear(trash);
-        QVERIFY(link(u"/tmp"_s, trash, true) && QDir().mkpath(volume + "/work"_L1));
-        write(volume + "/work/file"_L1, "x");
-        QVERIFY(moveToRecycleBin({volume + "/work/file"_L1}).ok);
+        const QString file = volume + "/work/file"_L1;
+        clear(volumeTrash);
+        QVERIFY(QFile::link(u"/tmp"_s, volumeTrash));
+        writeFile(file, "x");
+        QVERIFY(moveToRecycleBin({file}).ok);
         QVERIFY(QFile::exists(homeTrash + "/files/file"_L1) && !QFile::exists(u"/tmp/files"_s));
-        QFile::remove(trash);
+        QFile::remove(volumeTrash);
     }
 
     void aFileThatChangesMeanwhileStays()
     {
-        write(u"/tmp/changing"_s, QByteArray(100'000'000, 'c'));
+        const QString changing = u"/tmp/changing"_s;
+        writeFile(changing, QByteArray(100'000'000, 'c'));
         const Child toucher([] {},
                             [] {
                                 for (;;)
                                     ::utimensat(AT_FDCWD, "/tmp/changing", nullptr, 0);
                             });
         QVERIFY(QDir().mkpath(u"/tmp/copies"_s));
-        const linux_platform::UniqueFd copies(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
-        QCOMPARE(linux_platform::copyTree(AT_FDCWD, "/tmp/changing", copies.get(), "copy"), EBUSY);
-        QCOMPARE(linux_platform::removeTree(AT_FDCWD, "/tmp/copies"), 0);
-        const OpResult result = moveToRecycleBin({u"/tmp/changing"_s});
+        const UniqueFd copies(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/changing", copies.get(), "copy"), EBUSY);
+        QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0);
+        const OpResult result = moveToRecycleBin({changing});
         QVERIFY(!result.ok);
         QVERIFY2(result.message.contains(u"正在使用 1"_s), qPrintable(result.message));
-        QCOMPARE(QFileInfo(u"/tmp/changing"_s).size(), 100'000'000);
+        QCOMPARE(QFileInfo(changing).size(), 100'000'000);
         checkTrash(homeTrash);
-        QFile::remove(u"/tmp/changing"_s);
+        QFile::remove(changing);
     }
 
     void onlyWhatWasCopiedIsRemoved()
     {
-        using namespace linux_platform;
         const QString source = u"/tmp/source"_s;
-        QVERIFY(QDir().mkpath(source + "/below"_L1) && QDir().mkpath(u"/tmp/copies"_s));
+        QVERIFY(QDir().mkpath(u"/tmp/copies"_s));
         for (const char* name : {"/same", "/grown", "/touched", "/open", "/leased", "/below/same"})
-            write(source + QLatin1StringView(name), "x");
-        QVERIFY(link(u"one"_s, source + "/link"_L1, true));
+            writeFile(source + QLatin1StringView(name), "x");
+        QVERIFY(QFile::link(u"one"_s, source + "/link"_L1));
         const UniqueFd copies(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
         QCOMPARE(copyTree(AT_FDCWD, "/tmp/source", copies.get(), "copy"), 0);
-        write(source + "/grown"_L1, "x");
-        write(source + "/below/new"_L1, "x");
-        setTimes(source + "/touched"_L1, 1, 2);
+        shell("cd $0; echo >>grown; echo >below/new; touch -d @1 touched; ln -sfn two link",
+              {source});
         const UniqueFd open(::open("/tmp/source/open", O_RDONLY | O_CLOEXEC));
         const UniqueFd leased(::open("/tmp/source/leased", O_RDONLY | O_CLOEXEC));
         QCOMPARE(::fcntl(leased.get(), F_SETSIG, SIGURG), 0);
         QCOMPARE(::fcntl(leased.get(), F_SETLEASE, F_WRLCK), 0);
-        QVERIFY(QFile::remove(source + "/link"_L1) && link(u"two"_s, source + "/link"_L1, true));
 
         const RemovedOriginal removed =
             removeOriginal(AT_FDCWD, "/tmp/source", copies.get(), "copy");
         QVERIFY(!removed.isGone && !removed.isUntouched);
         QCOMPARE(removed.error, EBUSY);
-        QStringList left;
-        QDirIterator all(source, QDir::Files | QDir::System, QDirIterator::Subdirectories);
-        while (all.hasNext())
-            left << all.next().sliced(source.size());
-        left.sort();
-        QCOMPARE(left, QStringList({u"/below/new"_s, u"/grown"_s, u"/leased"_s, u"/link"_s,
-                                    u"/open"_s, u"/touched"_s}));
+        QCOMPARE(filesBelow(source).keys().join(u' '),
+                 u"/below/new /grown /leased /link /open /touched"_s);
 
-        rlimit limits = {};
-        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limits), 0);
-        const rlimit none{0, limits.rlim_max};
         QCOMPARE(copyTree(AT_FDCWD, "/tmp/source/grown", copies.get(), "grown"), 0);
-        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
-        const int error =
-            removeOriginal(AT_FDCWD, "/tmp/source/grown", copies.get(), "grown").error;
-        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limits), 0);
-        QCOMPARE(error, EMFILE);
+        const auto removeWithoutDescriptors = [&copies] {
+            const test::FewDescriptors none(0);
+            return removeOriginal(AT_FDCWD, "/tmp/source/grown", copies.get(), "grown").error;
+        };
+        QCOMPARE(removeWithoutDescriptors(), EMFILE);
         QVERIFY(QFile::exists(source + "/grown"_L1));
         clear(source);
         QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0);
     }
 
-    void whatNoLeaseVouchesForStays_data()
-    {
-        QTest::addColumn<int>("error");
-        QTest::addColumn<QString>("message");
-        const QString none = u"没有内容被移到回收站, 跳过 2 项 (%1 2)"_s;
-        // Where the file system has none, a rename still loses nothing that is written to it.
-        QTest::newRow("has none") << EINVAL
-                                  << u"已移到回收站 1 项, 跳过 1 项 (无法确认未被使用 1)"_s;
-        QTest::newRow("refused") << EACCES << none.arg(u"无权限"_s);
-        QTest::newRow("failed") << ENOLCK << none.arg(u"无法读取"_s);
-    }
+    void whatNoLeaseVouchesForStays_data() { test::addRows(noLeases); }
     void whatNoLeaseVouchesForStays()
     {
-        QFETCH(const int, error);
-        QFETCH(const QString, message);
+        const auto& [name, error, message] = test::currentRow(noLeases);
         const QString renamed = around + "/renamed"_L1;
-        const QString said = around + "/said"_L1;
-        QVERIFY(QDir().mkpath(u"/tmp/copied/below"_s));
-        write(u"/tmp/copied/below/file"_s, "x");
-        write(renamed, "x");
-        Child mover([&] {
-            refuseLeases(error);
-            write(said, moveToRecycleBin({u"/tmp/copied"_s, renamed}).message.toUtf8());
-            ::_exit(0);
-        });
-        QCOMPARE(mover.wait(), 0);
-        QFile result(said);
-        QVERIFY(result.open(QIODevice::ReadOnly));
-        QCOMPARE(QString::fromUtf8(result.readAll()), message);
-        QVERIFY(QFile::exists(u"/tmp/copied/below/file"_s));
+        const QString copied = u"/tmp/copied/below/file"_s;
+        for (const QString& file : {copied, renamed})
+            writeFile(file, "x");
+        const auto move = [&renamed, refusal = static_cast<quint32>(error)] {
+            return test::refuseCall(SYS_fcntl, F_SETLEASE, refusal, 1)
+                       ? moveToRecycleBin({u"/tmp/copied"_s, renamed}).message
+                       : QString();
+        };
+        QCOMPARE(test::played(move), message);
+        QVERIFY(QFile::exists(copied));
         QCOMPARE(QFile::exists(renamed), error != EINVAL);
         checkTrash(homeTrash);
-        QFile::remove(said);
         QFile::remove(renamed);
         clear(u"/tmp/copied"_s);
     }
 
-    void rootFollowsNobodysLinks_data()
-    {
-        QTest::addColumn<QByteArray>("script");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("message");
-        const QString own = around + "/way/own/entry"_L1;
-        const QString linked = around + "/way/link/entry"_L1;
-        const QString moved = u"已移到回收站 2 项"_s;
-        const QString skipped = u"已移到回收站 1 项, 跳过 1 项 (%1 1)"_s;
-        const auto row = [&](const QByteArray& script, const QString& path,
-                             const QString& message = {}) {
-            QTest::newRow(script.constData())
-                << script << path
-                << (message.isEmpty() ? skipped.arg(u"路径可被他人更改"_s) : message);
-        };
-        row("chown 65534 way", own);
-        row("chmod 775 way", own);
-        row("chmod 777 way/own", own);
-        row("chmod 1777 way; chown 65534 way", own);
-        row("chmod 1777 way", own, moved);
-        row("ln -s ../precious/../precious way/link", linked, moved);
-        row("ln -s $PWD/precious way/link; chown 65534 way", linked);
-        row("ln -s $PWD/precious way/link; chmod 1777 way", linked);
-        row("ln -s $PWD/precious way/link; chown -h 65534 way/link", linked);
-        row("ln -s link way/link", linked, skipped.arg(u"无法读取"_s));
-    }
+    void rootFollowsNobodysLinks_data() { test::addRows(ways); }
     void rootFollowsNobodysLinks()
     {
-        QFETCH(const QByteArray, script);
-        QFETCH(const QString, path);
-        QFETCH(const QString, message);
-        const auto run = [](const QByteArray& commands) {
-            const QString inPlace = u"cd \"$0\"; "_s + QString::fromUtf8(commands);
-            return output(u"sh"_s, {u"-ec"_s, inPlace, around});
-        };
-        const QString made = run("rm -rf precious way; mkdir -p precious/theirs way/own; "
-                                 "chown 65534 precious/theirs; "
-                                 "touch precious/entry way/own/entry; " +
-                                 script);
+        const auto& [script, path, why] = test::currentRow(ways);
+        const QString made = shell("exec 2>&1; cd $0; rm -rf precious way; "
+                                   "mkdir -p precious/theirs way/own; chown 65534 precious/theirs; "
+                                   "touch precious/entry way/own/entry; " +
+                                       QByteArray(script),
+                                   {around});
         if (made.contains("chown:"_L1))
             QSKIP("one user alone here");
         QCOMPARE(made, QString());
-        write(u"/tmp/free"_s, "x");
-        QCOMPARE(moveToRecycleBin({path, u"/tmp/free"_s}).message, message);
-        const bool isMoved = message == u"已移到回收站 2 项"_s;
-        QCOMPARE(run("cat way/own/entry precious/entry").isEmpty(), !isMoved);
+        writeFile(u"/tmp/free"_s, "x");
+        const QString entry = around + "/way/"_L1 + path + "/entry"_L1;
+        QCOMPARE(moveToRecycleBin({entry, u"/tmp/free"_s}).message,
+                 why.isEmpty() ? u"已移到回收站 2 项"_s
+                               : u"已移到回收站 1 项, 跳过 1 项 (%1 1)"_s.arg(why));
+        QCOMPARE(shell("cd $0; find way/own/entry precious/entry 2>&-", {around}).count(u'\n'),
+                 why.isEmpty() ? 1 : 2);
     }
 
     void filesOfTheSameNumberAreNotOne()
     {
         // The layers number their files each by themselves, as subvolumes do.
         const QString root = u"/tmp/layers"_s;
-        for (const QString& layer : {u"/a"_s, u"/b"_s}) {
-            const QString place = root + layer;
-            QVERIFY(QDir().mkpath(place) && QDir().mkpath(root + "/all"_L1));
-            QCOMPARE(::mount("tmpfs", QFile::encodeName(place).constData(), "tmpfs", 0, nullptr),
-                     0);
-            QVERIFY(QDir().mkdir(place + layer));
-            write(place + layer + "/one"_L1, layer.toUtf8());
-            QVERIFY(link(place + layer + "/one"_L1, place + layer + "/two"_L1, false));
-            setTimes(place + layer + "/one"_L1, 1, 2);
-        }
-        const char* layers = "xino=off,lowerdir=/tmp/layers/a:/tmp/layers/b";
-        if (::mount("overlay", "/tmp/layers/all", "overlay", 0, layers) != 0)
+        const QString made = shell(R"(exec 2>&1; mkdir -p $0/a $0/b $0/all; cd $0; for i in a b; do
+            mount -t tmpfs none $i; mkdir $i/$i; echo $i >$i/$i/one; ln $i/$i/one $i/$i/two
+            touch -d @1.000000002 $i/$i/one; done
+            mount -t overlay -o xino=off,lowerdir=/tmp/layers/a:/tmp/layers/b none all)",
+                                   {root});
+        if (!made.isEmpty())
             QSKIP("no overlay here");
-        const linux_platform::UniqueFd copies(::open("/tmp/layers", O_RDONLY | O_CLOEXEC));
-        QCOMPARE(linux_platform::copyTree(copies.get(), "all", copies.get(), "copy"), 0);
-        QCOMPARE(describe(root + "/copy"_L1, Compared::AfterACopy),
-                 describe(root + "/all"_L1, Compared::AfterACopy));
-        for (const char* mounted : {"/tmp/layers/all", "/tmp/layers/a", "/tmp/layers/b"})
-            QCOMPARE(::umount(mounted), 0);
+        const UniqueFd copies(::open("/tmp/layers", O_RDONLY | O_CLOEXEC));
+        QCOMPARE(copyTree(copies.get(), "all", copies.get(), "copy"), 0);
+        QCOMPARE(shell(describeCopy, {root + "/copy"_L1}), shell(describeCopy, {root + "/all"_L1}));
+        QCOMPARE(shell("cd $0; umount all a b 2>&1", {root}), QString());
         clear(root);
     }
 
-    void aKilledMoveLosesNothing_data()
-    {
-        QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("watched"); ///< The directory whose size tells how far a move is.
-        const QString memory = u"/tmp/killed"_s;
-        const QString disk = around + "/killed"_L1;
-        for (const QString& source : {memory, disk}) {
-            const char* way = source == memory ? "copies" : "renames";
-            QTest::addRow("%s: announced", way) << source << homeTrash + "/info"_L1;
-            QTest::addRow("%s: arrived", way) << source << homeTrash + "/files"_L1;
-            QTest::addRow("%s: removed", way) << source << source;
-        }
-    }
-
+    void aKilledMoveLosesNothing_data() { test::addRows(kills); }
     void aKilledMoveLosesNothing()
     {
-        QFETCH(const QString, source);
-        QFETCH(const QString, watched);
+        const auto& [name, source, watched] = test::currentRow(kills);
         constexpr int rounds = 3;
         constexpr int entries = 40;
         for (int round = 0; round < rounds; ++round) {
             clear(homeTrash);
-            QList<QByteArrayList> before;
+            QList<QMap<QString, QByteArray>> before;
             s_paths.clear();
             for (int i = 0; i < entries; ++i) {
-                const QString entry = source + u"/entry %1"_s.arg(i);
-                QVERIFY(QDir().mkpath(entry + "/sub"_L1));
+                s_paths << source + u"/entry %1"_s.arg(i);
                 for (int j = 0; j < 10; ++j)
-                    write(entry + u"/sub/%1"_s.arg(j), QByteArray(5000, char('a' + j)));
-                s_paths << entry;
-                before << describe(entry);
+                    writeFile(s_paths.last() + u"/sub/%1"_s.arg(j),
+                              QByteArray(5000, char('a' + j)));
+                before << filesBelow(s_paths.last());
             }
             killMove(watched, QRandomGenerator::global()->bounded(1, entries / 2));
             // The next call clears up behind it.
-            write(u"/tmp/another"_s, "x");
+            writeFile(u"/tmp/another"_s, "x");
             QVERIFY(moveToRecycleBin({u"/tmp/another"_s}).ok);
             checkTrash(homeTrash);
             for (int i = 0; i < entries; ++i) {
                 const QString moved = homeTrash + u"/files/entry %1"_s.arg(i);
-                QCOMPARE(describe(QFileInfo::exists(moved) ? moved : s_paths[i]), before[i]);
+                QCOMPARE(filesBelow(QFileInfo::exists(moved) ? moved : s_paths[i]), before[i]);
             }
             clear(source);
         }
@@ -690,9 +517,8 @@ private:
                               (void)moveToRecycleBin(s_paths);
                               ::_exit(0);
                           });
-        siginfo_t ended = {};
-        while (std::abs(count() - before) < steps && ended.si_pid == 0)
-            ::waitid(P_PID, static_cast<id_t>(mover.pid()), &ended, WEXITED | WNOHANG | WNOWAIT);
+        while (std::abs(count() - before) < steps && mover.isRunning())
+            continue;
     }
 
     inline static QStringList s_paths; ///< For the child.

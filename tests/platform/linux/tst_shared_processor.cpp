@@ -1,5 +1,5 @@
 // Tests that two threads meet on one processor for a hand-over, and are free again after it.
-#include "base/shared_processor.h"
+#include "platform/process_setup.h"
 
 #include <QTest>
 
@@ -36,24 +36,45 @@ private Q_SLOTS:
         if (CPU_COUNT(&everywhere) < 2)
             QSKIP("there is one processor only");
         const pid_t worker = ::gettid();
-        korvane::platform::SharedProcessor processor;
+        const auto processor = korvane::platform::makeSharedProcessor();
         for (int turn = 0; turn < 2; ++turn) {
             bool haveMet = false;
             bool isFree = false;
             std::thread([&] {
-                processor.gather();
+                processor->gather();
                 cpu_set_t here = {};
                 CPU_SET(static_cast<unsigned>(::sched_getcpu()), &here);
                 haveMet = areEqual(allowed(), here) && areEqual(allowed(worker), here);
-                processor.release();
+                processor->release();
                 isFree = areEqual(allowed(), everywhere);
             }).join();
             QVERIFY(haveMet);
             QVERIFY(isFree);
             QVERIFY(!areEqual(allowed(), everywhere)); // until it says so itself
-            processor.release();
+            processor->release();
             QVERIFY(areEqual(allowed(), everywhere));
         }
+    }
+
+    void eachGetsBackItsOwn()
+    {
+        const cpu_set_t everywhere = allowed();
+        const auto processor = korvane::platform::makeSharedProcessor();
+        cpu_set_t one = {};
+        CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
+        QCOMPARE(::sched_setaffinity(0, sizeof one, &one), 0);
+        bool isFree = false;
+        std::thread([&] {
+            (void)::sched_setaffinity(0, sizeof everywhere, &everywhere);
+            processor->gather();
+            processor->release();
+            isFree = areEqual(allowed(), everywhere);
+        }).join();
+        processor->release();
+        const bool isAsBefore = areEqual(allowed(), one);
+        QCOMPARE(::sched_setaffinity(0, sizeof everywhere, &everywhere), 0);
+        QVERIFY(isFree);
+        QVERIFY(isAsBefore);
     }
 
     void aSingleProcessorIsLeftAlone()
@@ -62,10 +83,10 @@ private Q_SLOTS:
         cpu_set_t one = {};
         CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
         QCOMPARE(::sched_setaffinity(0, sizeof one, &one), 0);
-        korvane::platform::SharedProcessor processor;
-        processor.gather();
+        const auto processor = korvane::platform::makeSharedProcessor();
+        processor->gather();
         QCOMPARE(::sched_setaffinity(0, sizeof everywhere, &everywhere), 0);
-        processor.release(); // gives back nothing that gather() did not take
+        processor->release(); // gives back nothing that gather() did not take
         QVERIFY(areEqual(allowed(), everywhere));
     }
 };

@@ -21,11 +21,17 @@ inline bool isSameFile(const struct stat& one, const struct stat& other)
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+/// 0 where the directory has an entry `name`, ENOENT where it has none, or why that cannot be told.
+inline int lookUp(int directory, const char* name)
+{
+    struct stat info = {};
+    return ::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
 /// Whether the directory has an entry `name`, or that cannot be told.
 inline bool hasEntry(int directory, const char* name)
 {
-    struct stat info = {};
-    return ::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+    return lookUp(directory, name) != ENOENT;
 }
 
 } // namespace korvane::linux_platform

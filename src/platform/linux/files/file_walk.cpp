@@ -1,9 +1,8 @@
 // Walks directory trees through handles.
 #include "platform/file_walk.h"
 
-#include "base/watchdog.h"
-#include "platform/linux/sys/text.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/text.h"
 
 #include <QFile>
 
@@ -66,7 +65,6 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        Watchdog::step();
         if (entry.type == DT_DIR)
             return Step::Descend;
         if (!readStatus(walk, entry, m_status) || S_ISDIR(m_status.st_mode))
@@ -94,7 +92,6 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        Watchdog::step();
         struct stat status = {};
         if (!readStatus(walk, entry, status))
             return Step::GoOn;

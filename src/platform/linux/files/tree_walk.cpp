@@ -1,6 +1,8 @@
 // Goes through directory trees by handles.
 #include "platform/linux/files/tree_walk.h"
 
+#include "base/watchdog.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -147,6 +149,7 @@ TreeWalk::Step TreeWalk::showRead(std::size_t bytes, TreeVisitor& visitor)
         unsigned char type = found->d_type;
         if (type == DT_UNKNOWN)
             type = typeOf(m_levels.back().handle.get(), found->d_name);
+        Watchdog::step();
         const TreeEntry entry{found->d_name, type};
         const Step step = visitor.entry(*this, entry);
         if (step == Step::Stop)
@@ -215,6 +218,7 @@ int TreeWalk::openEntry(int parent, const char* name)
 int TreeWalk::openWithin(int parent, const char* name)
 {
     constexpr int flags = openFlags | O_NOFOLLOW;
+    Watchdog::step();
     if (m_hasOpenat2) {
         open_how how = {};
         how.flags = flags;
@@ -317,6 +321,7 @@ void TreeWalk::hold(UniqueFd opened)
 /// The directory of `level` again, or none where another one has taken its place.
 UniqueFd TreeWalk::openSame(int parent, const char* name, std::size_t level) const
 {
+    Watchdog::step();
     UniqueFd opened(::openat(parent, name, openFlags | O_NOFOLLOW));
     struct stat info = {};
     if (!opened.isValid() || ::fstat(opened.get(), &info) != 0 ||

@@ -54,6 +54,7 @@ protected:
 /// One walk: no recursion, at most `maxHandles` open directories, and memory for the way down and
 /// for the names of the directories beside it. Links are shown, never followed. On the way back, a
 /// closed handle is had again from the level below, so that depth costs no more than its directories.
+/// Each entry, and each directory that is opened or cannot be, is a step to the Watchdog.
 class TreeWalk
 {
 public:

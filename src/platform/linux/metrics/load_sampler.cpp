@@ -111,12 +111,13 @@ private:
 };
 
 /// When the entry `name` of /sys/block counts. What is made of others, or of memory, never does; it
-/// has no device, but neither has a disk that a program serves (nbd). An NVMe disk of several paths
-/// is there beside them, but the kernel counts its load only from 6.2 on: so the paths are counted.
+/// has no device, but neither has a disk that a program serves (nbd). Nor do drives of discs: often
+/// empty, one would keep such a disk from counting. An NVMe disk of several paths is there beside them,
+/// but the kernel counts its load only from 6.2 on: so the paths are counted.
 Counts diskCounts(const QByteArray& path, QByteArrayView name)
 {
-    static constexpr std::array madeUp{"loop", "ram", "zram", "dm-", "md"};
-    if (std::any_of(madeUp.begin(), madeUp.end(),
+    static constexpr std::array noDisks{"loop", "ram", "zram", "dm-", "md", "sr", "fd"};
+    if (std::any_of(noDisks.begin(), noDisks.end(),
                     [name](const char* kind) { return name.startsWith(kind); }))
         return Counts::Never;
     if (!exists(path + "/device"))
@@ -128,16 +129,14 @@ Counts diskCounts(const QByteArray& path, QByteArrayView name)
 }
 
 /// When the interface at that path of /sys/class/net counts, where `conduits` has the numbers of
-/// those that lead to a switch in the machine: all that its ports send and receive passes there. One
-/// that only works for another with a device, as in virtual machines, is counted there.
+/// those that lead to a switch in the machine: all that its ports send and receive passes there. Of
+/// others that are linked, the number may be one in another namespace. One that only works for another
+/// with a device, as in virtual machines, is counted there.
 Counts interfaceCounts(const QByteArray& path, const QList<QByteArray>& conduits)
 {
-    if (!conduits.isEmpty()) {
-        const QByteArray through = contentOf(path + "/iflink");
-        const bool isItself = through == contentOf(path + "/ifindex");
-        if (!isItself && conduits.contains(through))
-            return Counts::Never;
-    }
+    if (!conduits.isEmpty() && conduits.contains(contentOf(path + "/iflink")) &&
+        contentOf(path + "/uevent").split('\n').contains("DEVTYPE=dsa"))
+        return Counts::Never;
     const bool isPhysical = exists(path + "/device") && !exists(path + "/master/device");
     return isPhysical ? Counts::Always : Counts::WhereNothingElseDoes;
 }
@@ -224,8 +223,11 @@ Devices LoadSampler::readInterfaces() const
     const Devices all = readAllInterfaces();
     QList<QByteArray> conduits;
     for (auto interface = all.cbegin(); interface != all.cend(); ++interface) {
-        if (exists(directory + interface.key() + "/dsa"))
-            conduits.append(contentOf(directory + interface.key() + "/ifindex"));
+        const QByteArray number = exists(directory + interface.key() + "/dsa")
+                                      ? contentOf(directory + interface.key() + "/ifindex")
+                                      : QByteArray();
+        if (!number.isEmpty())
+            conduits.append(number);
     }
     FoundDevices interfaces;
     for (auto interface = all.cbegin(); interface != all.cend(); ++interface) {

@@ -244,7 +244,8 @@ bool UnitControl::failFor(const QByteArrayList& others, const QString& action, c
     if (others.isEmpty())
         return true;
     // No name has anything else in it that a shell would change.
-    const QByteArray unit = m_unit.contains('\\') ? '\'' + m_unit + '\'' : m_unit;
+    const QByteArray name = m_unit.contains('\\') ? '\'' + m_unit + '\'' : m_unit;
+    const QByteArray unit = m_unit.startsWith('-') ? "-- " + name : name;
     const QByteArray unmasking =
         m_mask.isEmpty() ? QByteArray() : "systemctl unmask " + unit + " && ";
     return fail(QStringLiteral("%1它会同时改变其他单元: %2 (可由用户自行运行 %3systemctl %4 %5)")

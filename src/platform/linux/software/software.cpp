@@ -1,6 +1,7 @@
 // Enumeration of installed software from the databases of the package managers.
 #include "platform/software.h"
 
+#include "base/watchdog.h"
 #include "platform/linux/software/package_databases.h"
 #include "platform/linux/software/software_sources.h"
 #include "platform/linux/sys/proc_fs.h"
@@ -90,6 +91,7 @@ SourceListing rpmSource(const QString& root)
 /// Notes where `entry` is installed, if that is there.
 void locate(UninstallEntry& entry, const QString& location)
 {
+    Watchdog::step();
     if (!entry.identifier.isEmpty() && QFileInfo::exists(location))
         entry.installLocation = location;
 }
@@ -98,9 +100,13 @@ SourceListing flatpakSource(const QString& directory, bool perUser)
 {
     const QString option = perUser ? QStringLiteral("--user") : QStringLiteral("--system");
     SourceListing listing{QStringLiteral("flatpak ") + option};
+    Watchdog::step();
+    // A home may be on a server that is dead: without a program to ask, it is left alone.
+    listing.exists =
+        !perUser || !QStandardPaths::findExecutable(QStringLiteral("flatpak")).isEmpty();
     // Without either nothing is installed there; asked all the same, flatpak would create it.
-    listing.exists = QFileInfo::exists(directory + QStringLiteral("/app")) ||
-                     QFileInfo::exists(directory + QStringLiteral("/runtime"));
+    listing.exists = listing.exists && (QFileInfo::exists(directory + QStringLiteral("/app")) ||
+                                        QFileInfo::exists(directory + QStringLiteral("/runtime")));
     const QString columns = QStringLiteral("--columns=") + flatpakColumns();
     listing.command = {QStringLiteral("flatpak"), {QStringLiteral("list"), option, columns}};
     listing.read = [directory, perUser](SourceListing& asked, const QByteArray& output) {
@@ -113,6 +119,7 @@ SourceListing flatpakSource(const QString& directory, bool perUser)
 
 SourceListing snapSource(const QString& root)
 {
+    Watchdog::step();
     const QDir snapd(root + QStringLiteral("/var/lib/snapd"));
     SourceListing listing{QStringLiteral("snap"), snapd.exists(QStringLiteral("state.json"))};
     listing.command = {listing.source,
@@ -145,6 +152,7 @@ void ask(QList<SourceListing>& listings, const HelperLimits& limits)
     for (SourceListing& listing : listings) {
         if (!listing.read)
             continue;
+        Watchdog::step();
         listing.error = result->error;
         listing.read(listing, result->output);
         ++result;
@@ -171,6 +179,7 @@ QList<UninstallEntry> listInstalledSoftware(const QString& root, const HelperLim
                                   flatpakSource(root + QStringLiteral("/var/lib/flatpak"), false),
                                   flatpakSource(userFlatpaks, true), snapSource(root)};
     listings.removeIf([](const SourceListing& listing) { return !listing.exists; });
+    Watchdog::step();
     ask(listings, limits);
     QStringList reasons;
     QList<UninstallEntry> entries;

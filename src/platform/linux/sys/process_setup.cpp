@@ -1,6 +1,7 @@
 // Standard input and output by their descriptors, blocking or not; signals, locale and affinity.
 #include "platform/process_setup.h"
 
+#include "platform/portable/framework_log.h"
 #include "platform/portable/utf8_locale.h"
 
 #include <atomic>
@@ -85,11 +86,12 @@ class AffinityProcessor final : public SharedProcessor
 public:
     void gather() override
     {
-        // Read each time, as somebody may have changed it from outside.
+        // Read each time, as somebody may have changed either from outside.
         const int processor = ::sched_getcpu();
         m_isGathered = false;
-        if (processor < 0 || ::sched_getaffinity(0, sizeof(m_everywhere), &m_everywhere) != 0 ||
-            CPU_COUNT(&m_everywhere) < 2)
+        if (processor < 0 || ::sched_getaffinity(0, sizeof(m_callers), &m_callers) != 0 ||
+            ::sched_getaffinity(m_mainThread, sizeof(m_mains), &m_mains) != 0 ||
+            CPU_COUNT(&m_callers) < 2 || !CPU_ISSET(static_cast<unsigned>(processor), &m_mains))
             return;
         cpu_set_t here = {};
         CPU_SET(static_cast<unsigned>(processor), &here);
@@ -101,12 +103,14 @@ public:
     void release() override
     {
         if (m_isGathered)
-            (void)::sched_setaffinity(0, sizeof(cpu_set_t), &m_everywhere);
+            (void)::sched_setaffinity(0, sizeof(cpu_set_t),
+                                      ::gettid() == m_mainThread ? &m_mains : &m_callers);
     }
 
 private:
     pid_t m_mainThread = ::gettid();
-    cpu_set_t m_everywhere = {}; ///< Where both may run; written while the main thread waits.
+    cpu_set_t m_mains = {};   ///< Where the main thread may run, written while it waits; and
+    cpu_set_t m_callers = {}; ///< where the other.
     std::atomic<bool> m_isGathered = false;
 };
 
@@ -117,6 +121,7 @@ std::unique_ptr<StandardStreams> platform::prepareProcess()
     fillClosedDescriptors();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     useUtf8Locale();
+    readLogRulesWithoutHome();
     return std::make_unique<DescriptorStreams>();
 }
 

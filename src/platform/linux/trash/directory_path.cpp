@@ -44,47 +44,39 @@ bool isFuse(int directory)
     return ::fstatfs(directory, &info) != 0 || info.f_type == FUSE_SUPER_MAGIC;
 }
 
-bool fail(int error)
-{
-    errno = error;
-    return false;
-}
-
 /// One path under way.
 class PathWalk
 {
 public:
     explicit PathWalk(MissingDirectories missing) : m_missing(missing) {}
 
-    bool run(const QByteArray& path)
+    OrErrno<DirectoryAtPath> run(const QByteArray& path)
     {
-        if (!goBy(path))
-            return false;
-        while (!m_rest.isEmpty()) {
+        int error = goBy(path);
+        while (error == 0 && !m_rest.isEmpty()) {
             const QByteArray name = m_rest.takeFirst();
-            if (!name.isEmpty() && name != "." && !step(name))
-                return false;
+            if (!name.isEmpty() && name != ".")
+                error = step(name);
         }
-        return true;
-    }
-
-    DirectoryAtPath result()
-    {
-        return {std::move(m_handle), m_path.isEmpty() ? QByteArray("/") : m_path};
+        if (error != 0)
+            return error;
+        return DirectoryAtPath{std::move(m_handle), m_path.isEmpty() ? "/" : m_path};
     }
 
 private:
+    // Each returns 0, or an errno.
+
     /// Puts `path` before what is left of the way.
-    bool goBy(const QByteArray& path)
+    int goBy(const QByteArray& path)
     {
         m_rest = path.split('/') + m_rest;
         if (!path.startsWith('/'))
-            return true;
+            return 0;
         m_path.clear();
         return enter(UniqueFd(::open("/", entryFlags | O_DIRECTORY)));
     }
 
-    bool step(const QByteArray& name)
+    int step(const QByteArray& name)
     {
         const auto open = [&] {
             return UniqueFd(::openat(m_handle.get(), name.constData(), entryFlags | O_DIRECTORY));
@@ -94,7 +86,7 @@ private:
             (::mkdirat(m_handle.get(), name.constData(), S_IRWXU) == 0 || errno == EEXIST))
             next = open();
         if (!next.isValid())
-            return errno == ENOTDIR && follow(name);
+            return errno == ENOTDIR ? follow(name) : errno;
         if (name == "..")
             m_path.truncate(std::max(m_path.lastIndexOf('/'), qsizetype{0}));
         else
@@ -102,39 +94,39 @@ private:
         return enter(std::move(next));
     }
 
-    bool follow(const QByteArray& name)
+    int follow(const QByteArray& name)
     {
         const UniqueFd link(::openat(m_handle.get(), name.constData(), entryFlags));
         struct stat info = {};
         if (!link.isValid() || ::fstat(link.get(), &info) != 0)
-            return false;
+            return errno;
         if (!S_ISLNK(info.st_mode))
-            return fail(ENOTDIR);
+            return ENOTDIR;
         if (m_isRoot && (info.st_uid != 0 || m_isShared))
-            return fail(EPERM);
+            return EPERM;
         std::array<char, PATH_MAX> target{};
         const ssize_t size = ::readlinkat(link.get(), "", target.data(), target.size());
         if (size <= 0 || ++m_links > linksLimit)
-            return fail(size < 0 ? errno : ELOOP);
+            return size < 0 ? errno : ELOOP;
         return goBy(QByteArray(target.data(), size));
     }
 
     /// Goes into a directory, unless root should not.
-    bool enter(UniqueFd directory)
+    int enter(UniqueFd directory)
     {
         m_handle = std::move(directory);
         struct stat info = {};
         if (!m_handle.isValid() || ::fstat(m_handle.get(), &info) != 0)
-            return false;
+            return errno;
         m_isShared = (info.st_mode & (S_IWGRP | S_IWOTH)) != 0; // a list of rights shows there too
         if (m_path.isEmpty())
             m_rootDevice = info.st_dev;
         if (!m_isRoot)
-            return true;
+            return 0;
         // Whoever serves a FUSE file system says whose its files are.
         const bool isOthers = info.st_uid != 0 || (m_isShared && (info.st_mode & S_ISVTX) == 0) ||
                               (info.st_dev != m_rootDevice && isFuse(m_handle.get()));
-        return !isOthers || fail(EPERM);
+        return isOthers ? EPERM : 0;
     }
 
     const bool m_isRoot = isRootAmongOthers();
@@ -149,10 +141,9 @@ private:
 
 } // namespace
 
-DirectoryAtPath openDirectoryAt(const QByteArray& path, MissingDirectories missing)
+OrErrno<DirectoryAtPath> openDirectoryAt(const QByteArray& path, MissingDirectories missing)
 {
-    PathWalk walk(missing);
-    return walk.run(path) ? walk.result() : DirectoryAtPath();
+    return PathWalk(missing).run(path);
 }
 
 } // namespace korvane::linux_platform

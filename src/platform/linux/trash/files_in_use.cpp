@@ -1,9 +1,9 @@
 // The look through /proc, and the parsers of its tables of files.
 #include "platform/linux/trash/files_in_use.h"
 
-#include "platform/linux/trash/path_follower.h"
 #include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/sys/text.h"
+#include "platform/linux/trash/path_follower.h"
 
 #include <QSet>
 
@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
@@ -39,34 +40,33 @@ void skipWords(QByteArrayView& line, int count)
 
 } // namespace
 
-/// One look under way.
-class FilesInUse::Look
+/// One look under way: collects what is found.
+class FilesInUse::UseCollector
 {
 public:
-    explicit Look(const char* proc) : m_proc(proc), m_tables(proc) {}
+    explicit UseCollector(const char* proc) : m_proc(proc), m_tables(proc) {}
 
-    std::optional<FilesInUse> finished(const char* sys)
+    OrErrno<FilesInUse> collect(const char* sys)
     {
         if (!m_proc.isOpen())
-            return std::nullopt;
-        const std::vector<Mount>& own = m_tables.own().mounts();
-        m_isRemoteMounted = std::any_of(own.cbegin(), own.cend(),
-                                        [](const Mount& mount) { return mount.isRemote(); });
+            return m_error;
         const bool sawAll = m_proc.forEachPid([this](quint32 pid) {
             addProcess(pid);
-            return !m_isIncomplete;
+            return m_error == 0;
         });
-        readTable("net/unix", &Look::addSocket);
-        readTable("locks", &Look::addLock);
-        readTable("swaps", &Look::addSwap);
+        if (!sawAll && m_error == 0)
+            m_error = errno;
+        readTable("net/unix", &UseCollector::addSocket);
+        readTable("locks", &UseCollector::addLock);
+        readTable("swaps", &UseCollector::addSwap);
         addLoopDevices(sys);
         for (const auto& [text, table] : m_tables.tables()) {
             for (const Mount& mount : table.mounts())
                 addMount(mount);
         }
-        std::optional<MountTables> mounts = m_tables.result();
-        if (!sawAll || m_isIncomplete || !mounts)
-            return std::nullopt;
+        OrErrno<MountTables> mounts = m_tables.result();
+        if (m_error != 0 || !mounts)
+            return m_error != 0 ? m_error : mounts.error();
 
         m_found.m_mounts = std::move(*mounts);
         m_found.m_paths = QList<QByteArray>(m_paths.cbegin(), m_paths.cend());
@@ -77,12 +77,12 @@ public:
 
 private:
     /// What has vanished or is none of this user's business leaves the look complete.
-    void noteFailure() { m_isIncomplete = m_isIncomplete || isOwnFailure(errno); }
+    void note(int error) { m_error = m_error == 0 && isOwnFailure(error) ? error : m_error; }
 
-    void readTable(const char* path, void (Look::*add)(QByteArrayView))
+    void readTable(const char* path, void (UseCollector::*add)(QByteArrayView))
     {
         if (!m_proc.readLines(path, [this, add](QByteArrayView line) { (this->*add)(line); }))
-            noteFailure();
+            note(errno);
     }
 
     /// Shows the names in a directory, with a handle of it.
@@ -90,12 +90,12 @@ private:
     {
         const DirectoryHandle directory = openDirectory(at, path);
         if (directory == nullptr)
-            return noteFailure();
+            return note(errno);
         for (errno = 0; const dirent* entry = ::readdir(directory.get()); errno = 0) {
             if (entry->d_name[0] != '.')
                 show(::dirfd(directory.get()), entry->d_name);
         }
-        noteFailure();
+        note(errno);
     }
 
     void addPath(const QByteArray& path)
@@ -122,7 +122,7 @@ private:
     {
         std::array<char, PATH_MAX> path{};
         const ssize_t size =
-            m_isRemoteMounted ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
+            m_canBeRemote ? ::readlinkat(directory, link, path.data(), path.size()) : 0;
         if (size > 0 && isRemote(QByteArray(path.data(), size))) {
             addPath(QByteArray(path.data(), size));
             return true;
@@ -130,7 +130,7 @@ private:
         struct statx target = {};
         constexpr int flags = AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT;
         if (::statx(directory, link, flags, STATX_INO, &target) != 0) {
-            noteFailure();
+            note(errno);
             return errno != EACCES;
         }
         m_found.m_files.emplace_back(makedev(target.stx_dev_major, target.stx_dev_minor),
@@ -138,16 +138,24 @@ private:
         return true;
     }
 
+    /// By the table of the process that the link is of; where that does not reach, as of what it has
+    /// opened before a chroot, by this one's own.
     bool isRemote(const QByteArray& path) const
     {
-        const std::vector<const Mount*> mounts = m_tables.own().under(path);
-        return std::any_of(mounts.cbegin(), mounts.cend(),
-                           [](const Mount* mount) { return mount->isRemote(); });
+        if (!isAtOrBelow(path, m_root))
+            return m_tables.own().isRemote(path);
+        const QByteArray below = path.sliced(m_root == "/" ? 0 : m_root.size());
+        return m_mounts->isRemote(below.isEmpty() ? "/" : below);
     }
 
     void addProcess(quint32 pid)
     {
-        addFromEnvironment(pid, m_tables.read(pid));
+        const MountTable* mounts = m_tables.read(pid);
+        m_mounts = mounts != nullptr ? mounts : &m_tables.own();
+        m_canBeRemote = m_mounts->hasRemote() || m_tables.own().hasRemote();
+        if (m_canBeRemote)
+            m_root = linkIn(QByteArray::number(pid) + "/root").value_or("/");
+        addFromEnvironment(pid, mounts);
         const QByteArray tasks = QByteArray::number(pid) + "/task/";
         readNames(m_proc.descriptor(), tasks.constData(), [&](int, const char* name) {
             quint32 tid = 0;
@@ -176,7 +184,7 @@ private:
         if (has(KCMP_VM)) {
             addTarget(proc, (path + "exe").constData());
             m_lastMapped.clear();
-            readTable((path + "maps").constData(), &Look::addMapped);
+            readTable((path + "maps").constData(), &UseCollector::addMapped);
         }
     }
 
@@ -199,31 +207,54 @@ private:
     {
         const auto environment = m_proc.readWholeFile(pid, "environ", environmentLimit);
         if (!environment)
-            return noteFailure();
+            return note(errno);
+        std::array<bool, pathVariables.size()> isSet{};
         QByteArrayView rest(*environment);
         while (!rest.isEmpty()) {
             const QByteArrayView variable = takeUntil(rest, '\0');
-            for (const QByteArrayView name : pathVariables) {
-                if (variable.startsWith(name))
-                    addNamed(pid, mounts, variable.sliced(name.size()).toByteArray());
+            for (std::size_t i = 0; i < pathVariables.size(); ++i) {
+                if (!variable.startsWith(pathVariables.at(i)))
+                    continue;
+                const QByteArray value = variable.sliced(pathVariables.at(i).size()).toByteArray();
+                addPath(value.sliced(std::max(value.indexOf('/'), qsizetype{0})));
+                // Of several values, programs take the first.
+                const bool isFirst = !std::exchange(isSet.at(i), true);
+                if (isFirst && mounts != nullptr && !value.isEmpty() && isOwn(pid))
+                    addNamed(pid, *mounts, value);
             }
         }
     }
 
-    /// Adds what the value of a variable names: by its text, and by what that leads to. Before the path
-    /// may stand the kind of cache, as in "FILE:/tmp/x" or "DIR::x".
-    void addNamed(quint32 pid, const MountTable* mounts, const QByteArray& value)
+    /// Whether the process is this user's in every way: nobody else shall decide how far this program
+    /// goes. The owner of its files in /proc does not tell.
+    bool isOwn(quint32 pid)
     {
-        if (value.contains('/'))
-            addPath(value.sliced(value.indexOf('/')));
-        if (mounts == nullptr || value.isEmpty())
-            return;
-        addLeadTo(pid, *mounts, value);
+        const std::optional<QByteArrayView> status = m_proc.readFile(pid, "status");
+        if (!status) {
+            note(errno);
+            return false;
+        }
+        QByteArrayView line = status->sliced(std::max(status->indexOf("\nUid:"), qsizetype{0}));
+        takeUntil(line, '\t');
+        line = takeUntil(line, '\n');
+        for (int i = 0; i < 4; ++i) {
+            uid_t user = 0;
+            if (!parseNumber(takeUntil(line, '\t'), user) || user != ::geteuid())
+                return false;
+        }
+        return true;
+    }
+
+    /// Adds what the value of a variable leads to. Before the path may stand the kind of cache, as in
+    /// "FILE:/tmp/x" or "DIR::x".
+    void addNamed(quint32 pid, const MountTable& mounts, const QByteArray& value)
+    {
+        addLeadTo(pid, mounts, value);
         qsizetype begin = value.indexOf(':') + 1;
         while (begin > 0 && begin < value.size() && value[begin] == ':')
             ++begin;
         if (begin > 0)
-            addLeadTo(pid, *mounts, value.sliced(begin));
+            addLeadTo(pid, mounts, value.sliced(begin));
     }
 
     /// Adds what the path leads to for the process, as far as that can be found without a wait.
@@ -249,7 +280,7 @@ private:
         PathFollower follower(m_proc.descriptor(), process + "/root", mounts);
         for (const Identity& found : follower.follow(absolute))
             m_found.m_files.push_back(found);
-        m_isIncomplete = m_isIncomplete || follower.error() != 0;
+        note(follower.error());
     }
 
     std::optional<QByteArray> linkIn(const QByteArray& path) const
@@ -302,25 +333,28 @@ private:
             const QByteArray path = blocks + name + "/loop/backing_file";
             const auto file = readSystemFile(path.constData(), PATH_MAX);
             if (!file)
-                noteFailure();
+                note(errno);
             else
                 addPath(file->endsWith('\n') ? file->chopped(1) : *file);
         });
     }
 
     ProcFs m_proc;
+    /// The first failure for which something may be missing; before m_tables, which sets errno too.
+    int m_error = m_proc.isOpen() ? 0 : errno; ///< The first failure of this program's own.
     MountTableReader m_tables;
     FilesInUse m_found;
     QSet<QByteArray> m_paths;
     QSet<QByteArray> m_followed;
-    bool m_isRemoteMounted = false;
-    bool m_isIncomplete = false;
+    const MountTable* m_mounts = nullptr; ///< Of the process at hand, as are its
+    QByteArray m_root;                    ///< root, where that matters, and
+    bool m_canBeRemote = false;           ///< whether a link of it may lead to a remote mount.
     QByteArray m_lastMapped;
 };
 
-std::optional<FilesInUse> FilesInUse::look(const char* proc, const char* sys)
+OrErrno<FilesInUse> FilesInUse::look(const char* proc, const char* sys)
 {
-    return Look(proc).finished(sys);
+    return UseCollector(proc).collect(sys);
 }
 
 bool FilesInUse::has(dev_t device, ino_t inode) const

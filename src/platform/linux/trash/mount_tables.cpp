@@ -21,6 +21,9 @@ namespace {
 /// More than the kernel lets a namespace have: 100,000 mounts.
 constexpr qsizetype tableLimit = qsizetype{64} * 1024 * 1024;
 
+/// Of all tables together: anybody may have many namespaces, with many mounts in each.
+constexpr qsizetype sumLimit = 4 * tableLimit;
+
 /// "ID PARENT DEVICE ROOT PLACE OPTIONS... - TYPE SOURCE OPTIONS"; none where that is damaged.
 std::optional<Mount> parseMount(QByteArrayView line)
 {
@@ -104,6 +107,7 @@ MountTable::MountTable(QByteArrayView text)
         if (!mount)
             continue;
         m_byId[mount->id] = m_mounts.size();
+        m_hasRemote = m_hasRemote || mount->isRemote();
         m_mounts.push_back(*mount);
     }
 }
@@ -131,21 +135,30 @@ std::vector<const Mount*> MountTable::under(const QByteArray& path) const
 bool MountTable::isLocal(const QByteArray& path) const
 {
     const std::vector<const Mount*> mounts = under(path);
-    return std::all_of(mounts.cbegin(), mounts.cend(),
-                       [](const Mount* mount) { return mount->isLocal(); });
+    return !mounts.empty() && std::all_of(mounts.cbegin(), mounts.cend(),
+                                          [](const Mount* mount) { return mount->isLocal(); });
 }
 
-std::optional<MountTables> MountTables::read(const char* proc)
+bool MountTable::isRemote(const QByteArray& path) const
+{
+    const std::vector<const Mount*> mounts = under(path);
+    return std::any_of(mounts.cbegin(), mounts.cend(),
+                       [](const Mount* mount) { return mount->isRemote(); });
+}
+
+OrErrno<MountTables> MountTables::read(const char* proc)
 {
     ProcFs processes(proc);
     if (!processes.isOpen())
-        return std::nullopt;
+        return errno;
     MountTableReader reader(proc);
     const bool sawAll = processes.forEachPid([&reader](quint32 pid) {
         reader.read(pid);
         return true;
     });
-    return sawAll ? reader.result() : std::nullopt;
+    if (!sawAll)
+        return errno;
+    return reader.result();
 }
 
 MountTables::Use MountTables::useOf(int directory, const QByteArray& path) const
@@ -159,18 +172,20 @@ MountTables::Use MountTables::useOf(int directory, const QByteArray& path) const
             m_own.under(path.first(std::max(path.lastIndexOf('/'), qsizetype{1})));
         mount = mounts.empty() ? nullptr : mounts.back();
     }
-    const Place place = placeOf(mount, id.value_or(0), path);
-    if (anyAtOrBelow(m_points, place))
+    const std::optional<Place> place = placeOf(mount, path);
+    if (!place)
+        return Use::Unknown;
+    if (anyAtOrBelow(m_points, *place))
         return Use::MountPoint;
-    return anyAtOrBelow(m_sources, place) ? Use::Source : Use::None;
+    return anyAtOrBelow(m_sources, *place) ? Use::Source : Use::None;
 }
 
-/// The place that is seen at `path` on the mount. One that the table does not show, as the process's
-/// root lies in the middle of it, is known by its number alone.
-MountTables::Place MountTables::placeOf(const Mount* mount, quint64 id, const QByteArray& path)
+/// The place that is seen at `path` on the mount; none on one that the table does not show, as the
+/// process's root lies in the middle of it.
+std::optional<MountTables::Place> MountTables::placeOf(const Mount* mount, const QByteArray& path)
 {
     if (mount == nullptr || !isAtOrBelow(path, mount->place))
-        return "mount " + QByteArray::number(id, 16) + ':' + path;
+        return std::nullopt;
     QByteArray below = path.sliced(mount->place == "/" ? 0 : mount->place.size());
     if (mount->root != "/")
         below = below == "/" ? mount->root : mount->root + below;
@@ -179,12 +194,16 @@ MountTables::Place MountTables::placeOf(const Mount* mount, quint64 id, const QB
 
 void MountTables::add(const MountTable& table)
 {
+    const auto append = [](const std::optional<Place>& place, QList<Place>& places) {
+        if (place)
+            places.append(*place);
+    };
     for (const Mount& mount : table.mounts()) {
         if (mount.place != "/")
-            m_points.append(placeOf(table.byId(mount.parent), mount.parent, mount.place));
+            append(placeOf(table.byId(mount.parent), mount.place), m_points);
         const bool isPart = mount.root.startsWith('/') && mount.root != "/";
         if (isPart && !mount.root.endsWith("//deleted"))
-            m_sources.append(placeOf(&mount, mount.id, mount.place));
+            append(placeOf(&mount, mount.place), m_sources);
     }
 }
 
@@ -201,9 +220,11 @@ const MountTable* MountTableReader::read(quint32 pid)
     const MountTable* leaders = table(process, IfUnknown::Read);
     const QByteArray tasks = process + "task/";
     const DirectoryHandle directory = openDirectory(AT_FDCWD, (m_proc + tasks).constData());
-    if (directory == nullptr && isOwnFailure(errno))
-        m_error = errno;
-    while (const dirent* found = directory ? ::readdir(directory.get()) : nullptr) {
+    if (directory == nullptr) {
+        noteFailure(errno);
+        return leaders;
+    }
+    for (errno = 0; const dirent* found = ::readdir(directory.get()); errno = 0) {
         quint32 tid = 0;
         if (!parseNumber(QByteArrayView(found->d_name), tid) || tid == pid)
             continue;
@@ -212,7 +233,14 @@ const MountTable* MountTableReader::read(quint32 pid)
                                           leaders == nullptr ? IfUnknown::Read : IfUnknown::Skip);
         leaders = leaders == nullptr ? threads : leaders;
     }
+    noteFailure(errno);
     return leaders;
+}
+
+void MountTableReader::noteFailure(int error)
+{
+    if (m_error == 0 && isOwnFailure(error))
+        m_error = error;
 }
 
 const MountTable* MountTableReader::table(const QByteArray& process, IfUnknown ifUnknown)
@@ -223,16 +251,19 @@ const MountTable* MountTableReader::table(const QByteArray& process, IfUnknown i
     key = key.isEmpty() ? key : key + linkIn(process, "root");
     if (const auto known = m_namespaces.find(key); known != m_namespaces.end())
         return known->second;
+    if (m_bytes > sumLimit)
+        return nullptr;
     const auto text = readSystemFile((m_proc + process + "mountinfo").constData(), tableLimit);
-    if (text && text->size() == tableLimit)
-        errno = ENOMEM;
     if (!text || text->size() == tableLimit) {
-        m_error = isOwnFailure(errno) ? errno : m_error;
+        noteFailure(text ? ENOMEM : errno);
         return nullptr;
     }
     const auto [read, isNew] = m_tables.try_emplace(*text);
-    if (isNew)
+    if (isNew) {
         read->second = MountTable(*text);
+        m_bytes += text->size();
+        noteFailure(m_bytes > sumLimit ? ENOMEM : 0);
+    }
     if (!key.isEmpty())
         m_namespaces.emplace(key, &read->second);
     return &read->second;
@@ -247,12 +278,10 @@ QByteArray MountTableReader::linkIn(const QByteArray& process, const char* name)
     return {target.data(), std::max(size, ssize_t{0})};
 }
 
-std::optional<MountTables> MountTableReader::result() const
+OrErrno<MountTables> MountTableReader::result() const
 {
-    if (m_error != 0) {
-        errno = m_error;
-        return std::nullopt;
-    }
+    if (m_error != 0)
+        return m_error;
     MountTables found;
     found.m_own = *m_own;
     for (const auto& each : m_tables)

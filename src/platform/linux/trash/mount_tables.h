@@ -1,12 +1,13 @@
 // What is mounted where, in the mount namespaces of all processes.
 #pragma once
 
+#include "platform/linux/trash/or_errno.h"
+
 #include <QByteArray>
 #include <QByteArrayView>
 #include <QList>
 
 #include <map>
-#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -58,12 +59,19 @@ public:
     /// cover another. None where the process's root lies below that.
     std::vector<const Mount*> under(const QByteArray& path) const;
 
-    /// Whether the path lies on local mounts only.
+    /// Whether the path lies on local mounts only, and on one at all that the table shows.
     bool isLocal(const QByteArray& path) const;
+
+    /// Whether the path lies on a mount that isRemote().
+    bool isRemote(const QByteArray& path) const;
+
+    /// Whether any mount is.
+    bool hasRemote() const { return m_hasRemote; }
 
 private:
     std::vector<Mount> m_mounts;
     std::unordered_map<quint64, std::size_t> m_byId;
+    bool m_hasRemote = false;
 };
 
 /// Where something is mounted, and from where, in the namespaces of all processes at one moment. A
@@ -71,17 +79,22 @@ private:
 class MountTables
 {
 public:
-    enum class Use { None, MountPoint, Source };
+    enum class Use {
+        None,
+        MountPoint,
+        Source,
+        Unknown, ///< This process's table does not show the mount that the entry lies on.
+    };
 
     MountTables() = default;
 
-    /// Reads the tables. None, and errno, when this program's own limits left some out, or there is no
-    /// usable /proc.
-    static std::optional<MountTables> read(const char* proc = "/proc");
+    /// Reads the tables; none when this program's own limits left some out, or /proc is unusable.
+    static OrErrno<MountTables> read(const char* proc = "/proc");
 
     /// Whether something is mounted on the entry at `path` or in it, or mounted from there: a source
-    /// that holds the entry is none of its. The path is a real one, `directory` a handle of the
-    /// directory that the entry lies in.
+    /// that holds the entry is none of its. Unknown after a chroot into the middle of a mount: other
+    /// tables tell that place by a path which this process cannot know. The path is a real one,
+    /// `directory` a handle of the directory that the entry lies in.
     Use useOf(int directory, const QByteArray& path) const;
 
 private:
@@ -91,7 +104,7 @@ private:
     using Place = QByteArray;
 
     void add(const MountTable& table);
-    static Place placeOf(const Mount* mount, quint64 id, const QByteArray& path);
+    static std::optional<Place> placeOf(const Mount* mount, const QByteArray& path);
 
     MountTable m_own;
     QList<Place> m_points;  ///< Sorted, as are the
@@ -114,19 +127,21 @@ public:
     /// All distinct ones.
     const std::map<QByteArray, MountTable>& tables() const { return m_tables; }
 
-    /// What the tables read so far tell; none, and errno, as MountTables::read().
-    std::optional<MountTables> result() const;
+    /// What the tables read so far tell; none as MountTables::read().
+    OrErrno<MountTables> result() const;
 
 private:
     enum class IfUnknown { Read, Skip };
 
     const MountTable* table(const QByteArray& process, IfUnknown ifUnknown);
+    void noteFailure(int error);
     QByteArray linkIn(const QByteArray& process, const char* name) const;
 
     QByteArray m_proc;
     std::map<QByteArray, MountTable> m_tables;            ///< By their texts.
     std::map<QByteArray, const MountTable*> m_namespaces; ///< By namespace and root.
-    int m_error = 0;
+    qsizetype m_bytes = 0;                                ///< Of all texts.
+    int m_error = 0;         ///< The first failure of this program's own.
     const MountTable* m_own; // last: it is read with all of these
 };
 

@@ -1,8 +1,8 @@
 // The judgement of an entry: by its name, by what lies at its path, and by everything in it.
 #include "platform/linux/trash/movable_entry.h"
 
-#include "platform/linux/trash/file_hold.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/trash/file_hold.h"
 
 #include <algorithm>
 #include <array>
@@ -68,7 +68,7 @@ bool isPlain(mode_t mode)
     return S_ISREG(mode) || S_ISDIR(mode) || S_ISLNK(mode);
 }
 
-void addTo(EntryCheck& sum, const struct statx& found)
+void addTo(MoveVerdict& sum, const struct statx& found)
 {
     // A file system may claim any size.
     const auto bytes =
@@ -78,7 +78,7 @@ void addTo(EntryCheck& sum, const struct statx& found)
 }
 
 /// Whether a program has the file open, also one that may not be looked into.
-KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
+KeptBecause judgeByLease(int directory, const char* name, MoveVerdict& sum)
 {
     const int error = FileHold(directory, name).error();
     switch (error) {
@@ -101,32 +101,45 @@ KeptBecause judgeByLease(int directory, const char* name, EntryCheck& sum)
 
 QString keptBecauseText(KeptBecause reason)
 {
-    static constexpr std::array<QStringView, 10> texts{
-        u"",         u"已不存在", u"正在使用", u"无权限",           u"含特殊文件",
-        u"含挂载点", u"系统保留", u"无法读取", u"路径可被他人更改", u"临时目录为用户目录或其上级"};
+    static constexpr std::array<QStringView, 11> texts{u"",
+                                                       u"已不存在",
+                                                       u"正在使用",
+                                                       u"无权限",
+                                                       u"含特殊文件",
+                                                       u"含挂载点",
+                                                       u"系统保留",
+                                                       u"无法读取",
+                                                       u"路径可被他人更改",
+                                                       u"临时目录为用户目录或其上级",
+                                                       u"无法确认未被使用"};
     return texts.at(static_cast<std::size_t>(reason)).toString();
 }
 
 KeptBecause keptByMounts(const MountTables& mounts, int parent, const QByteArray& path)
 {
-    const MountTables::Use use = mounts.useOf(parent, path);
-    if (use == MountTables::Use::None)
+    switch (mounts.useOf(parent, path)) {
+    case MountTables::Use::None:
         return KeptBecause::Nothing;
-    return use == MountTables::Use::MountPoint ? KeptBecause::MountPoint : KeptBecause::InUse;
+    case MountTables::Use::MountPoint:
+        return KeptBecause::MountPoint;
+    case MountTables::Use::Source:
+        return KeptBecause::InUse;
+    case MountTables::Use::Unknown:
+        break;
+    }
+    return KeptBecause::Unconfirmed;
 }
 
 /// Adds up what is in a directory, until something must stay.
-class EntryChecker::Visitor : public TreeVisitor
+class MoveJudge::Visitor : public TreeVisitor
 {
 public:
-    Visitor(const EntryChecker& checker, EntryCheck& result) : m_checker(checker), m_result(result)
-    {
-    }
+    Visitor(const MoveJudge& judge, MoveVerdict& result) : m_judge(judge), m_result(result) {}
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
         mode_t mode = 0;
-        const KeptBecause reason = m_checker.judge(walk.directory(), entry.name, m_result, mode);
+        const KeptBecause reason = m_judge.judgeAlone(walk.directory(), entry.name, m_result, mode);
         if (reason != KeptBecause::Nothing)
             return stay(reason);
         if (S_ISDIR(mode) != (entry.type == DT_DIR))
@@ -145,11 +158,11 @@ private:
         return Step::Stop;
     }
 
-    const EntryChecker& m_checker;
-    EntryCheck& m_result;
+    const MoveJudge& m_judge;
+    MoveVerdict& m_result;
 };
 
-EntryChecker::EntryChecker(FilesInUse inUse, const QList<QByteArray>& protectedPaths)
+MoveJudge::MoveJudge(FilesInUse inUse, const QList<QByteArray>& protectedPaths)
     : m_inUse(std::move(inUse))
 {
     for (const QByteArray& path : protectedPaths) {
@@ -159,8 +172,8 @@ EntryChecker::EntryChecker(FilesInUse inUse, const QList<QByteArray>& protectedP
     }
 }
 
-KeptBecause EntryChecker::judge(int directory, const char* name, EntryCheck& sum,
-                                mode_t& mode) const
+KeptBecause MoveJudge::judgeAlone(int directory, const char* name, MoveVerdict& sum,
+                                  mode_t& mode) const
 {
     struct statx found = {};
     const int error = statOf(directory, name, found);
@@ -185,7 +198,7 @@ KeptBecause EntryChecker::judge(int directory, const char* name, EntryCheck& sum
                                           : KeptBecause::Nothing;
 }
 
-EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& canonicalPath) const
+MoveVerdict MoveJudge::judge(int parent, const char* name, const QByteArray& canonicalPath) const
 {
     // What lies below is known without touching it: a dead mount could not even be asked.
     if (isSystemName(name))
@@ -196,10 +209,10 @@ EntryCheck EntryChecker::check(int parent, const char* name, const QByteArray& c
     if (m_inUse.hasBelow(canonicalPath) || isLockOfSocket(parent, name))
         return {KeptBecause::InUse};
 
-    EntryCheck result;
+    MoveVerdict result;
     result.canBeHeld = FileHold::isPossibleIn(parent);
     mode_t mode = 0;
-    result.keptBecause = judge(parent, name, result, mode);
+    result.keptBecause = judgeAlone(parent, name, result, mode);
     if (result.keptBecause != KeptBecause::Nothing || !S_ISDIR(mode))
         return result;
     Visitor visitor(*this, result);

@@ -20,6 +20,7 @@ namespace korvane::linux_platform {
 namespace {
 
 constexpr int linkLimit = 40; // the kernel's own
+constexpr int stepLimit = 256;
 
 /// Opens what is there itself, a link too, but nothing that is mounted on it.
 int openBeside(int directory, const char* name)
@@ -50,81 +51,77 @@ QByteArray placeUnder(const MountTable& table, const QByteArray& path)
 
 std::vector<std::pair<dev_t, ino_t>> PathFollower::follow(const QByteArray& path)
 {
-    errno = 0;
     m_found.clear();
     m_links = 0;
     m_ahead = path;
-    bool goesOn = goToRoot() && path.size() < PATH_MAX;
-    while (goesOn && !m_ahead.isEmpty()) {
+    int error = goToRoot();
+    if (error == 0 && path.size() >= PATH_MAX)
+        error = ENAMETOOLONG;
+    for (int steps = 0; error == 0 && steps < stepLimit && !m_ahead.isEmpty(); ++steps) {
         const qsizetype end = m_ahead.indexOf('/');
         const QByteArray name = m_ahead.first(end < 0 ? m_ahead.size() : end);
         m_ahead = end < 0 ? QByteArray() : m_ahead.sliced(end + 1);
-        goesOn = name.isEmpty() || name == "." || step(name);
+        if (!name.isEmpty() && name != ".")
+            error = step(name);
     }
-    if (!goesOn && isOwnFailure(errno))
-        m_error = errno;
+    if (isOwnFailure(error))
+        m_error = error;
     noteHere();
     return std::move(m_found);
 }
 
-bool PathFollower::goToRoot()
+int PathFollower::goToRoot()
 {
     m_path = "/";
     m_here = UniqueFd(); // first: another handle may be one too many
     m_here = UniqueFd(::openat(m_proc, m_root.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return m_here.isValid();
+    return m_here.isValid() ? 0 : errno;
 }
 
-bool PathFollower::step(const QByteArray& name)
+int PathFollower::step(const QByteArray& name)
 {
     if (name != "..")
         return goTo((m_path == "/" ? "/" : m_path + '/') + name, name);
     noteHere();
     const qsizetype slash = m_path.lastIndexOf('/');
-    return m_path == "/" || goTo(m_path.first(std::max(slash, qsizetype{1})), name);
+    return m_path == "/" ? 0 : goTo(m_path.first(std::max(slash, qsizetype{1})), name);
 }
 
-/// Goes to the entry `name`, which is at `path`; false where that is the end.
-bool PathFollower::goTo(const QByteArray& path, const QByteArray& name)
+/// Goes to the entry `name` of the present directory, which is at `path`.
+int PathFollower::goTo(const QByteArray& path, const QByteArray& name)
 {
-    UniqueFd next = open(path, name.constData());
+    if (!m_table.isLocal(path))
+        return EXDEV;
+    const char* entry = name.constData();
+    const bool isCrossing = placeUnder(m_table, m_path) != placeUnder(m_table, path);
+    UniqueFd next(isCrossing ? ::openat(m_here.get(), entry, O_PATH | O_NOFOLLOW | O_CLOEXEC)
+                             : openBeside(m_here.get(), entry));
     struct statx found = {};
     if (!next.isValid() || !statOf(next.get(), found))
-        return false;
+        return errno;
     if (S_ISDIR(found.stx_mode)) {
         m_here = std::move(next);
         m_path = path;
-        return true;
+        return 0;
     }
     m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
     std::array<char, PATH_MAX> target{};
     const ssize_t size = ::readlinkat(next.get(), "", target.data(), target.size());
-    if (!S_ISLNK(found.stx_mode) || size < 0 || ++m_links > linkLimit) {
-        errno = ENOTDIR;
-        return false;
-    }
+    if (!S_ISLNK(found.stx_mode) || size < 0 || ++m_links > linkLimit)
+        return ENOTDIR;
     next = UniqueFd();
     m_ahead = QByteArray(target.data(), size) + '/' + m_ahead;
-    return !m_ahead.startsWith('/') || goToRoot();
-}
-
-/// Opens the entry `name` of the present directory, which is at `path`.
-UniqueFd PathFollower::open(const QByteArray& path, const char* name)
-{
-    if (!m_table.isLocal(path)) {
-        errno = EXDEV;
-        return UniqueFd();
-    }
-    const bool isCrossing = placeUnder(m_table, m_path) != placeUnder(m_table, path);
-    return UniqueFd(isCrossing ? ::openat(m_here.get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC)
-                               : openBeside(m_here.get(), name));
+    return m_ahead.startsWith('/') ? goToRoot() : 0;
 }
 
 void PathFollower::noteHere()
 {
     struct statx found = {};
-    if (m_here.isValid() && statOf(m_here.get(), found))
-        m_found.emplace_back(makedev(found.stx_dev_major, found.stx_dev_minor), found.stx_ino);
+    if (!m_here.isValid() || !statOf(m_here.get(), found))
+        return;
+    const std::pair here(makedev(found.stx_dev_major, found.stx_dev_minor), ino_t{found.stx_ino});
+    if (m_found.empty() || m_found.back() != here)
+        m_found.push_back(here);
 }
 
 } // namespace korvane::linux_platform

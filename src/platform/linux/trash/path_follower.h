@@ -1,8 +1,8 @@
 // Finding the files that a path of another process means.
 #pragma once
 
-#include "platform/linux/trash/mount_tables.h"
 #include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/mount_tables.h"
 
 #include <QByteArray>
 
@@ -14,7 +14,7 @@
 namespace korvane::linux_platform {
 
 /// Goes a path as a process would, from its root and with its mounts, but never onto a mount that is
-/// not local: its server may never answer.
+/// not local: its server may never answer. A long way is not gone to its end.
 class PathFollower
 {
 public:
@@ -34,10 +34,10 @@ public:
     int error() const { return m_error; }
 
 private:
-    bool goToRoot();
-    bool step(const QByteArray& name);
-    bool goTo(const QByteArray& path, const QByteArray& name);
-    UniqueFd open(const QByteArray& path, const char* name);
+    // Each returns 0, or the errno for which the way ends.
+    int goToRoot();
+    int step(const QByteArray& name);
+    int goTo(const QByteArray& path, const QByteArray& name);
     void noteHere();
 
     int m_proc;

@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
@@ -85,56 +84,56 @@ bool isInTrash(const QByteArray& path)
 /// Why nothing in a directory can be moved that could not be opened for `error`.
 KeptBecause reasonFor(int error)
 {
+    if (error == ENOENT || error == ENOTDIR)
+        return KeptBecause::Vanished;
     if (error == EPERM)
         return KeptBecause::OthersPath;
     return error == EACCES ? KeptBecause::NotOwn : KeptBecause::Unreadable;
 }
 
+/// The directory of an entry.
+struct Parent
+{
+    QByteArray named;                               ///< Its path as it was given.
+    KeptBecause keptBecause = KeptBecause::Nothing; ///< Why nothing in it can be moved.
+    std::shared_ptr<const SourceDirectory> source;  ///< None where it could not be opened.
+};
+
+Parent openParent(const QByteArray& path)
+{
+    const auto source = SourceDirectory::open(path);
+    if (!source)
+        return {path, reasonFor(source.error()), nullptr};
+    if (isTempAroundHome((*source)->handle.get()))
+        return {path, KeptBecause::HomeAsTemp, *source};
+    const bool isTrash = isInTrash((*source)->path);
+    return {path, isTrash ? KeptBecause::SystemPlace : KeptBecause::Nothing, *source};
+}
+
 /// One call: entries are judged one by one and moved in batches.
-class Removal
+class BatchedMove
 {
 public:
-    explicit Removal(FilesInUse inUse) : m_checker(std::move(inUse), protectedPaths()) {}
+    explicit BatchedMove(FilesInUse inUse) : m_judge(std::move(inUse), protectedPaths()) {}
 
     void add(const QString& path);
     OpResult finish();
 
 private:
-    void openSource(const QByteArray& directory);
     bool isEntangled(const QByteArray& path) const;
     void moveBatch();
-    void count(const TrashCandidate& candidate);
+    void addKept(KeptBecause reason);
 
-    TrashMover m_mover; // first: the checker shall know the trash that it makes
-    EntryChecker m_checker;
+    TrashMover m_mover; // first: the judge shall know the trash that it makes
+    MoveJudge m_judge;
     platform::RecycleTally m_tally;
     std::vector<TrashCandidate> m_batch;
-    qint64 m_bytes = 0;     ///< In the batch; counts no entry for more than fills it.
-    QByteArray m_directory; ///< The one opened last, as it was given.
-    std::shared_ptr<const SourceDirectory> m_source;
-    QString m_sourceProblem; ///< Why nothing in it can be moved.
-    bool m_isSourceGone = false;
+    qint64 m_bytes = 0; ///< In the batch; counts no entry for more than fills it.
+    Parent m_parent;    ///< The one opened last.
 };
 
-void Removal::openSource(const QByteArray& directory)
-{
-    if (directory == m_directory)
-        return;
-    m_directory = directory;
-    m_source = SourceDirectory::open(directory);
-    const int error = errno;
-    m_isSourceGone = !m_source && (error == ENOENT || error == ENOTDIR);
-    m_sourceProblem.clear();
-    if (!m_source)
-        m_sourceProblem = keptBecauseText(reasonFor(error));
-    else if (isTempAroundHome(m_source->handle.get()))
-        m_sourceProblem = keptBecauseText(KeptBecause::HomeAsTemp);
-    else if (isInTrash(m_source->path))
-        m_sourceProblem = keptBecauseText(KeptBecause::SystemPlace);
-}
-
 /// Whether the entry at `path` is one of the batch, lies in one or holds one.
-bool Removal::isEntangled(const QByteArray& path) const
+bool BatchedMove::isEntangled(const QByteArray& path) const
 {
     const QByteArray below = path + '/';
     return std::any_of(m_batch.cbegin(), m_batch.cend(), [&](const TrashCandidate& candidate) {
@@ -143,7 +142,7 @@ bool Removal::isEntangled(const QByteArray& path) const
     });
 }
 
-void Removal::add(const QString& path)
+void BatchedMove::add(const QString& path)
 {
     QByteArray bytes = QFile::encodeName(path);
     while (bytes.endsWith('/'))
@@ -153,49 +152,48 @@ void Removal::add(const QString& path)
     if (!bytes.startsWith('/') || name == "." || name == ".." || bytes.contains('\0'))
         return m_tally.addSkipped(QStringLiteral("路径无效"));
     const QByteArray directory = slash == 0 ? QByteArray("/") : bytes.first(slash);
-    openSource(directory);
-    if (m_source && isEntangled(m_source->path + '/' + name)) {
+    if (directory != m_parent.named)
+        m_parent = openParent(directory);
+    if (m_parent.source && isEntangled(m_parent.source->pathOf(name))) {
         moveBatch();
-        m_directory.clear();
-        openSource(directory);
+        m_parent = openParent(directory);
     }
-    if (m_isSourceGone)
-        return;
-    if (!m_sourceProblem.isEmpty())
-        return m_tally.addSkipped(m_sourceProblem);
+    if (m_parent.keptBecause != KeptBecause::Nothing)
+        return addKept(m_parent.keptBecause);
 
-    TrashCandidate candidate{m_source, name, {}, Outcome::Pending, {}, {}, {}};
-    candidate.check = m_checker.check(m_source->handle.get(), name.constData(), candidate.path());
-    if (candidate.check.keptBecause == KeptBecause::Vanished)
-        return;
-    if (candidate.check.keptBecause != KeptBecause::Nothing)
-        return m_tally.addSkipped(keptBecauseText(candidate.check.keptBecause));
-    m_bytes += std::min(candidate.check.bytes, batchBytes);
-    m_batch.push_back(std::move(candidate));
+    const SourceDirectory& source = *m_parent.source;
+    const MoveVerdict verdict =
+        m_judge.judge(source.handle.get(), name.constData(), source.pathOf(name));
+    if (verdict.keptBecause != KeptBecause::Nothing)
+        return addKept(verdict.keptBecause);
+    m_bytes += std::min(verdict.bytes, batchBytes);
+    m_batch.push_back({m_parent.source, name, verdict, Outcome::Pending, {}, {}, {}});
     if (m_batch.size() >= batchSize || m_bytes >= batchBytes)
         moveBatch();
 }
 
-void Removal::moveBatch()
+void BatchedMove::moveBatch()
 {
     m_mover.move(m_batch);
-    for (const TrashCandidate& candidate : m_batch)
-        count(candidate);
+    for (const TrashCandidate& candidate : m_batch) {
+        if (candidate.outcome == Outcome::Kept)
+            m_tally.addSkipped(candidate.why);
+        else if (candidate.outcome == Outcome::MovedInPart)
+            m_tally.addMovedInPart();
+        else if (candidate.outcome != Outcome::Vanished)
+            m_tally.addMoved();
+    }
     m_batch.clear();
     m_bytes = 0;
 }
 
-void Removal::count(const TrashCandidate& candidate)
+void BatchedMove::addKept(KeptBecause reason)
 {
-    if (candidate.outcome == Outcome::Kept)
-        m_tally.addSkipped(candidate.why);
-    else if (candidate.outcome == Outcome::MovedInPart)
-        m_tally.addMovedInPart();
-    else if (candidate.outcome != Outcome::Vanished)
-        m_tally.addMoved();
+    if (reason != KeptBecause::Vanished)
+        m_tally.addSkipped(keptBecauseText(reason));
 }
 
-OpResult Removal::finish()
+OpResult BatchedMove::finish()
 {
     moveBatch();
     return m_tally.result();
@@ -208,14 +206,14 @@ OpResult Removal::finish()
 OpResult platform::moveToRecycleBin(const QList<QString>& paths)
 {
     using namespace linux_platform;
-    std::optional<FilesInUse> inUse = FilesInUse::look();
+    OrErrno<FilesInUse> inUse = FilesInUse::look();
     if (!inUse)
         return {false, QStringLiteral("无法确定哪些文件正在使用, 未移动任何内容: %1")
-                           .arg(qt_error_string(errno))};
-    Removal removal(std::move(*inUse));
+                           .arg(qt_error_string(inUse.error()))};
+    BatchedMove move(std::move(*inUse));
     for (const QString& path : paths)
-        removal.add(path);
-    return removal.finish();
+        move.add(path);
+    return move.finish();
 }
 
 } // namespace korvane

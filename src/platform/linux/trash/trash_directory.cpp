@@ -1,8 +1,8 @@
 // Keeps a trash directory: its names, its info files, and what moves in.
 #include "platform/linux/trash/trash_directory.h"
 
-#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/files/file_status.h"
+#include "platform/linux/trash/directory_path.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -96,10 +96,8 @@ std::unique_ptr<TrashDirectory> TrashDirectory::ofHome()
     if (path.isEmpty())
         return nullptr;
     // A link here is the user's own doing; or root's, for whom nothing is made in another user's home.
-    const DirectoryAtPath opened = openDirectoryAt(path, MissingDirectories::Make);
-    UniqueFd root = openOwnDirectory(opened.handle.get(), ".");
-    std::unique_ptr<TrashDirectory> trash(new TrashDirectory(std::move(root), {}));
-    return trash->isUsable() ? std::move(trash) : nullptr;
+    const OrErrno<DirectoryAtPath> opened = openDirectoryAt(path, MissingDirectories::Make);
+    return opened ? openIn(openOwnDirectory(opened->handle.get(), "."), {}) : nullptr;
 }
 
 std::unique_ptr<TrashDirectory> TrashDirectory::ofVolume(int top, const QByteArray& topPath)
@@ -112,8 +110,16 @@ std::unique_ptr<TrashDirectory> TrashDirectory::ofVolume(int top, const QByteArr
         root = openOwnDirectory(shared.get(), user.constData());
     if (!root.isValid())
         root = openOwnDirectory(top, (".Trash-" + user).constData());
-    std::unique_ptr<TrashDirectory> trash(new TrashDirectory(std::move(root), topPath));
-    return trash->isUsable() ? std::move(trash) : nullptr;
+    return openIn(std::move(root), topPath);
+}
+
+/// The trash in the directory `root`; none where that or something in it cannot be used.
+std::unique_ptr<TrashDirectory> TrashDirectory::openIn(UniqueFd root, QByteArray top)
+{
+    std::unique_ptr<TrashDirectory> trash(new TrashDirectory(std::move(root), std::move(top)));
+    const bool isUsable = trash->m_root.isValid() && trash->m_info.isValid() &&
+                          trash->m_files.isValid() && trash->m_staging.isValid();
+    return isUsable ? std::move(trash) : nullptr;
 }
 
 TrashDirectory::TrashDirectory(UniqueFd root, QByteArray top)
@@ -126,43 +132,38 @@ TrashDirectory::TrashDirectory(UniqueFd root, QByteArray top)
         m_nameLimit = NAME_MAX;
 }
 
-bool TrashDirectory::isUsable() const
-{
-    return m_root.isValid() && m_info.isValid() && m_files.isValid() && m_staging.isValid();
-}
-
-bool TrashDirectory::writeNewInfo(const QByteArray& text) const
+int TrashDirectory::writeNewInfo(const QByteArray& text) const
 {
     const UniqueFd file(::openat(m_staging.handle(), newInfo,
                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file.isValid())
-        return false;
-    errno = ENOSPC; // what a short write means
-    if (::write(file.get(), text.constData(), static_cast<size_t>(text.size())) == text.size())
-        return true;
-    const int error = errno;
+        return errno;
+    const ssize_t written = ::write(file.get(), text.constData(), static_cast<size_t>(text.size()));
+    if (written == text.size())
+        return 0;
+    const int error = written < 0 ? errno : ENOSPC; // what a short write means
     (void)::unlinkat(m_staging.handle(), newInfo, 0);
-    errno = error;
-    return false;
+    return error;
 }
 
-/// Gives the new info file its name, here and in info/; false, and errno, when it cannot have it.
-bool TrashDirectory::publish(const QByteArray& name) const
+/// Gives the new info file the name of an entry, here and in info/. 0, or an errno: EEXIST where
+/// another entry has it.
+int TrashDirectory::publish(const QByteArray& name) const
 {
+    const int taken = lookUp(m_files.get(), name.constData());
+    if (taken != ENOENT)
+        return taken == 0 ? EEXIST : taken;
     const int staging = m_staging.handle();
     const QByteArray info = name + infoEnding;
-    errno = renameToFree(staging, newInfo, staging, info.constData());
-    if (errno != 0)
-        return false;
-    if (::linkat(staging, info.constData(), m_info.get(), info.constData(), 0) == 0)
-        return true;
-    const int error = errno;
-    (void)renameToFree(staging, info.constData(), staging, newInfo);
-    errno = error;
-    return false;
+    int error = renameToFree(staging, newInfo, staging, info.constData());
+    if (error == 0 && ::linkat(staging, info.constData(), m_info.get(), info.constData(), 0) != 0) {
+        error = errno;
+        (void)renameToFree(staging, info.constData(), staging, newInfo);
+    }
+    return error;
 }
 
-QByteArray TrashDirectory::reserve(const QByteArray& path)
+OrErrno<QByteArray> TrashDirectory::reserve(const QByteArray& path)
 {
     constexpr int attempts = 100;
     const bool isAbsolute = m_top.isEmpty();
@@ -170,22 +171,21 @@ QByteArray TrashDirectory::reserve(const QByteArray& path)
     const QByteArray text =
         "[Trash Info]\nPath=" + path.sliced(skipped).toPercentEncoding("/") +
         "\nDeletionDate=" + QDateTime::currentDateTime().toString(Qt::ISODate).toLatin1() + '\n';
-    if (!writeNewInfo(text))
-        return {};
+    int error = writeNewInfo(text);
+    if (error != 0)
+        return error;
 
     const QByteArray wanted = path.sliced(path.lastIndexOf('/') + 1);
     const qsizetype limit = m_nameLimit - static_cast<qsizetype>(std::strlen(infoEnding));
-    errno = EEXIST;
-    for (int attempt = 0; attempt < attempts && errno == EEXIST; ++attempt) {
-        QByteArray name = fitting(wanted, suffixOf(attempt), limit);
-        errno = EEXIST;
-        if (!hasEntry(m_files.get(), name.constData()) && publish(name))
+    error = EEXIST;
+    for (int attempt = 0; attempt < attempts && error == EEXIST; ++attempt) {
+        const QByteArray name = fitting(wanted, suffixOf(attempt), limit);
+        error = publish(name);
+        if (error == 0)
             return name;
     }
-    const int error = errno;
     (void)::unlinkat(m_staging.handle(), newInfo, 0);
-    errno = error;
-    return {};
+    return error;
 }
 
 void TrashDirectory::release(const QByteArray& name)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/or_errno.h"
 #include "platform/linux/trash/trash_staging.h"
 
 #include <QByteArray>
@@ -31,9 +32,9 @@ public:
     /// A place on its file system where entries are made before they go to files/.
     const TrashStaging& staging() const { return m_staging; }
 
-    /// Takes a name for the entry with this real path and writes its info file. Empty, and errno, when
-    /// that failed. Nothing may move in before sync().
-    QByteArray reserve(const QByteArray& path);
+    /// Takes a name for the entry with this real path and writes its info file. Nothing may move in
+    /// before sync().
+    OrErrno<QByteArray> reserve(const QByteArray& path);
 
     /// Gives a reserved name back.
     void release(const QByteArray& name);
@@ -54,9 +55,9 @@ public:
 private:
     TrashDirectory(UniqueFd root, QByteArray top);
 
-    bool isUsable() const;
-    bool writeNewInfo(const QByteArray& text) const;
-    bool publish(const QByteArray& name) const;
+    static std::unique_ptr<TrashDirectory> openIn(UniqueFd root, QByteArray top);
+    int writeNewInfo(const QByteArray& text) const;
+    int publish(const QByteArray& name) const;
 
     UniqueFd m_root;
     UniqueFd m_info;

@@ -1,8 +1,8 @@
 // Moves entries into the recycle bin.
 #include "platform/linux/trash/trash_mover.h"
 
-#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/files/file_status.h"
+#include "platform/linux/trash/directory_path.h"
 #include "platform/linux/trash/tree_copy.h"
 #include "platform/linux/trash/tree_removal.h"
 
@@ -51,13 +51,6 @@ quint64 mountOf(int directory)
     return (quint64{1} << 63U) | (quint64{info.stx_dev_major} << 32U) | info.stx_dev_minor;
 }
 
-bool isSameDirectory(int one, int other)
-{
-    struct stat here = {};
-    struct stat there = {};
-    return ::fstat(one, &here) == 0 && ::fstat(other, &there) == 0 && isSameFile(here, there);
-}
-
 void keep(TrashCandidate& candidate, const QString& why)
 {
     const bool isThere = hasEntry(candidate.source->handle.get(), candidate.name.constData());
@@ -65,22 +58,24 @@ void keep(TrashCandidate& candidate, const QString& why)
     candidate.why = why;
 }
 
-void keep(TrashCandidate& candidate, int error)
+/// Keeps the entry where there is an error; tells whether.
+bool isKept(TrashCandidate& candidate, int error)
 {
-    keep(candidate, reasonFor(error));
+    if (error != 0)
+        keep(candidate, reasonFor(error));
+    return error != 0;
 }
 
 /// What keeps an entry by now: a mount in the namespace of any process. Removing an entry detaches what
 /// others have mounted there, without a word. Empty where it may go.
-QString problemWith(const TrashCandidate& candidate, const std::optional<MountTables>& mounts,
-                    int errorOfMounts)
+QString problemWith(const TrashCandidate& candidate, const OrErrno<MountTables>& mounts)
 {
     if (!mounts)
-        return reasonFor(errorOfMounts);
+        return reasonFor(mounts.error());
     return keptBecauseText(keptByMounts(*mounts, candidate.source->handle.get(), candidate.path()));
 }
 
-/// The top directory of the mount that `source` lies on.
+/// The top directory of the mount that `source` lies on; invalid where it cannot be reached.
 std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
 {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
@@ -88,7 +83,7 @@ std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
     QByteArray path = source.path;
     while (top.isValid() && path != "/") {
         UniqueFd above(::openat(top.get(), "..", flags));
-        if (!above.isValid() || mountOf(above.get()) != source.mount)
+        if (above.isValid() && mountOf(above.get()) != source.mount)
             break;
         top = std::move(above);
         path.truncate(std::max(path.lastIndexOf('/'), qsizetype{1}));
@@ -97,7 +92,7 @@ std::pair<UniqueFd, QByteArray> topOf(const SourceDirectory& source)
 }
 
 /// Whether a copy leaves the file system room to breathe.
-bool hasSpaceFor(const EntryCheck& entry, int directory)
+bool hasSpaceFor(qint64 bytes, int directory)
 {
     constexpr quint64 least = quint64{64} * 1024 * 1024;
     struct statvfs info = {};
@@ -105,23 +100,25 @@ bool hasSpaceFor(const EntryCheck& entry, int directory)
         return false;
     const quint64 free = quint64{info.f_bavail} * info.f_frsize;
     const quint64 reserve = std::max(least, quint64{info.f_blocks} * info.f_frsize / 100);
-    return free > reserve && static_cast<quint64>(entry.bytes) < free - reserve;
+    return free > reserve && static_cast<quint64>(bytes) < free - reserve;
 }
 
 } // namespace
 
-std::shared_ptr<const SourceDirectory> SourceDirectory::open(const QByteArray& path)
+OrErrno<std::shared_ptr<const SourceDirectory>> SourceDirectory::open(const QByteArray& path)
 {
-    DirectoryAtPath opened = openDirectoryAt(path);
+    OrErrno<DirectoryAtPath> opened = openDirectoryAt(path);
+    if (!opened)
+        return opened.error();
     struct statfs info = {};
-    if (!opened.handle.isValid() || ::fstatfs(opened.handle.get(), &info) != 0)
-        return nullptr;
+    if (::fstatfs(opened->handle.get(), &info) != 0)
+        return errno;
     auto source = std::make_shared<SourceDirectory>();
-    source->handle = std::move(opened.handle);
-    source->path = std::move(opened.path);
+    source->handle = std::move(opened->handle);
+    source->path = std::move(opened->path);
     source->mount = mountOf(source->handle.get());
     source->isMemory = info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
-    return source;
+    return std::shared_ptr<const SourceDirectory>(std::move(source));
 }
 
 TrashMover::TrashMover() : m_home(TrashDirectory::ofHome())
@@ -136,7 +133,7 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
     for (TrashCandidate& candidate : candidates) {
         const SourceDirectory& source = *candidate.source;
         if (::faccessat(source.handle.get(), ".", W_OK | X_OK, AT_EACCESS) != 0)
-            keep(candidate, errno);
+            keep(candidate, reasonFor(errno));
         else if (m_home && source.mount == m_homeMount)
             renamed[m_home.get()].push_back(&candidate);
         else if (!source.isMemory)
@@ -151,7 +148,7 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
             continue;
         if (!m_home)
             keep(candidate, QStringLiteral("回收站不可用"));
-        else if (!candidate.check.canBeHeld)
+        else if (!candidate.verdict.canBeHeld)
             keep(candidate, QStringLiteral("无法确认未被使用"));
         else
             copied.push_back(&candidate);
@@ -163,81 +160,72 @@ void TrashMover::move(std::vector<TrashCandidate>& candidates)
 /// very directory: there the next search for junk would find it.
 TrashDirectory* TrashMover::volumeTrashOf(const SourceDirectory& source)
 {
-    Volume& volume = m_volumes[source.mount];
-    if (!volume.top.isValid())
-        std::tie(volume.top, volume.topPath) = topOf(source);
-    if (isSameDirectory(volume.top.get(), source.handle.get()))
+    const auto [top, path] = topOf(source);
+    if (!top.isValid() || path == source.path)
         return nullptr;
-    if (!volume.trash)
-        volume.trash = TrashDirectory::ofVolume(volume.top.get(), volume.topPath);
-    return volume.trash->get();
+    const auto [volume, isNew] = m_volumeTrashes.try_emplace(source.mount);
+    if (isNew)
+        volume->second = TrashDirectory::ofVolume(top.get(), path);
+    return volume->second.get();
 }
 
 /// Renames what can be renamed; what cannot stays pending.
 void TrashMover::rename(TrashDirectory& trash, const Candidates& candidates)
 {
     for (TrashCandidate* candidate : candidates)
-        candidate->reserved = trash.reserve(candidate->path());
+        candidate->reserved = trash.reserve(candidate->path()).value_or(QByteArray());
     // An entry whose info file is lost could not be restored.
     const int syncError = trash.sync();
-    const std::optional<MountTables> mounts = MountTables::read();
-    const int errorOfMounts = errno;
+    const OrErrno<MountTables> mounts = MountTables::read();
     for (TrashCandidate* candidate : candidates) {
         if (candidate->reserved.isEmpty())
             continue;
-        const QString problem = problemWith(*candidate, mounts, errorOfMounts);
-        if (!problem.isEmpty()) {
-            trash.release(candidate->reserved);
-            keep(*candidate, problem);
-            continue;
-        }
+        const QString problem = problemWith(*candidate, mounts);
         int error = syncError;
-        if (error == 0)
+        if (error == 0 && problem.isEmpty())
             error = trash.accept(candidate->source->handle.get(), candidate->name.constData(),
                                  candidate->reserved);
-        if (error == 0) {
+        if (error == 0 && problem.isEmpty()) {
             candidate->outcome = Outcome::Moved;
             continue;
         }
         trash.release(candidate->reserved);
-        if (error != EXDEV)
-            keep(*candidate, error);
+        if (error != EXDEV || !problem.isEmpty())
+            keep(*candidate, problem.isEmpty() ? reasonFor(error) : problem);
     }
 }
 
-/// Makes the copy of an entry that is to go to the home trash; false, with its outcome, if it stays.
-bool TrashMover::stage(TrashCandidate& candidate)
+/// Makes the copy of an entry that is to go to the home trash; 0, or an errno.
+int TrashMover::stage(TrashCandidate& candidate)
 {
     const int staging = m_home->staging().handle();
-    if (!hasSpaceFor(candidate.check, staging)) {
-        keep(candidate, ENOSPC);
-        return false;
-    }
-    candidate.reserved = m_home->reserve(candidate.path());
-    if (candidate.reserved.isEmpty()) {
-        keep(candidate, errno);
-        return false;
-    }
+    if (!hasSpaceFor(candidate.verdict.bytes, staging))
+        return ENOSPC;
+    const OrErrno<QByteArray> reserved = m_home->reserve(candidate.path());
+    if (!reserved)
+        return reserved.error();
+    candidate.reserved = *reserved;
     candidate.copy = QByteArray::number(++m_copies) + ".copy";
     const int error = copyTree(candidate.source->handle.get(), candidate.name.constData(), staging,
                                candidate.copy.constData());
     if (error != 0)
-        drop(candidate, reasonFor(error));
-    return error == 0;
+        discardCopy(candidate);
+    return error;
 }
 
 /// Removes a copy that has not gone to the trash.
-void TrashMover::drop(TrashCandidate& candidate, const QString& why)
+void TrashMover::discardCopy(TrashCandidate& candidate)
 {
     (void)removeTree(m_home->staging().handle(), candidate.copy.constData());
     m_home->release(candidate.reserved);
-    keep(candidate, why);
 }
 
 /// Moves entries into the home trash as copies, and removes the originals once those are on disk.
 void TrashMover::copy(Candidates candidates)
 {
-    std::erase_if(candidates, [this](TrashCandidate* candidate) { return !stage(*candidate); });
+    std::erase_if(candidates, [this](TrashCandidate* candidate) {
+        return isKept(*candidate, stage(*candidate));
+    });
     if (candidates.empty())
         return;
     const int syncError = m_home->sync();
@@ -247,22 +235,21 @@ void TrashMover::copy(Candidates candidates)
             error = m_home->accept(m_home->staging().handle(), candidate->copy.constData(),
                                    candidate->reserved);
         if (error != 0)
-            drop(*candidate, reasonFor(error));
-        return error != 0;
+            discardCopy(*candidate);
+        return isKept(*candidate, error);
     });
     // Where that fails, which of the two the disk has is not known: both stay.
     const bool isOnDisk = m_home->sync() == 0;
-    const std::optional<MountTables> mounts = MountTables::read();
-    const int errorOfMounts = errno;
+    const OrErrno<MountTables> mounts = MountTables::read();
     for (TrashCandidate* candidate : candidates) {
         candidate->outcome = Outcome::MovedInPart;
         if (isOnDisk)
-            finish(*candidate, problemWith(*candidate, mounts, errorOfMounts));
+            removeOriginalOf(*candidate, problemWith(*candidate, mounts));
     }
 }
 
 /// Removes the original of an entry that is in the home trash, unless there is a reason not to.
-void TrashMover::finish(TrashCandidate& candidate, const QString& whyNot)
+void TrashMover::removeOriginalOf(TrashCandidate& candidate, const QString& whyNot)
 {
     RemovedOriginal removed;
     if (whyNot.isEmpty())
@@ -271,8 +258,9 @@ void TrashMover::finish(TrashCandidate& candidate, const QString& whyNot)
     if (removed.isGone) {
         candidate.outcome = Outcome::Moved;
     } else if (removed.isUntouched && m_home->takeOut(candidate.reserved, candidate.copy) == 0) {
+        discardCopy(candidate);
         const QString why = reasonFor(removed.error != 0 ? removed.error : EBUSY);
-        drop(candidate, whyNot.isEmpty() ? why : whyNot);
+        keep(candidate, whyNot.isEmpty() ? why : whyNot);
     }
 }
 

@@ -8,7 +8,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace korvane::linux_platform {
@@ -16,9 +15,15 @@ namespace korvane::linux_platform {
 /// A directory that holds entries to be moved.
 struct SourceDirectory
 {
-    /// Opens the directory at `path`, links followed; none, and errno, when that fails: EPERM where
-    /// root would go a way that others can change (see openDirectoryAt()).
-    static std::shared_ptr<const SourceDirectory> open(const QByteArray& path);
+    /// Opens the directory at `path`, links followed. EPERM where root would go a way that others
+    /// can change (see openDirectoryAt()).
+    static OrErrno<std::shared_ptr<const SourceDirectory>> open(const QByteArray& path);
+
+    /// The path of its entry `name`.
+    QByteArray pathOf(const QByteArray& name) const
+    {
+        return (path == "/" ? "" : path) + '/' + name;
+    }
 
     UniqueFd handle;
     QByteArray path;       ///< The real one.
@@ -33,13 +38,13 @@ struct TrashCandidate
 
     std::shared_ptr<const SourceDirectory> source;
     QByteArray name;
-    EntryCheck check;
+    MoveVerdict verdict;
     Outcome outcome = Outcome::Pending;
     QString why;         ///< Why it is kept.
     QByteArray reserved; ///< Its name in the trash that it is on its way to.
     QByteArray copy;     ///< The name of its copy in the staging place.
 
-    QByteArray path() const { return (source->path == "/" ? "" : source->path) + '/' + name; }
+    QByteArray path() const { return source->pathOf(name); }
 };
 
 /// Moves entries, but for those that have to do with mounts by then, whenever they were checked. At
@@ -60,22 +65,15 @@ private:
     TrashDirectory* volumeTrashOf(const SourceDirectory& source);
     static void rename(TrashDirectory& trash, const Candidates& candidates);
     void copy(Candidates candidates);
-    bool stage(TrashCandidate& candidate);
-    void drop(TrashCandidate& candidate, const QString& why);
-    void finish(TrashCandidate& candidate, const QString& whyNot);
+    int stage(TrashCandidate& candidate);
+    void discardCopy(TrashCandidate& candidate);
+    void removeOriginalOf(TrashCandidate& candidate, const QString& whyNot);
 
     std::unique_ptr<TrashDirectory> m_home;
     quint64 m_homeMount = 0;
+    /// Of other volumes, by mount; null where there can be none.
+    std::map<quint64, std::unique_ptr<TrashDirectory>> m_volumeTrashes;
     int m_copies = 0; ///< As many names of copies were given.
-
-    /// A mount: its top directory, and the trash there if one was asked for and could be had.
-    struct Volume
-    {
-        UniqueFd top;
-        std::optional<std::unique_ptr<TrashDirectory>> trash;
-        QByteArray topPath;
-    };
-    std::map<quint64, Volume> m_volumes;
 };
 
 } // namespace korvane::linux_platform

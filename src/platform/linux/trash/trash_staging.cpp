@@ -64,18 +64,15 @@ UniqueFd openOwnDirectory(int parent, const char* name)
         return UniqueFd();
     UniqueFd opened(::openat(parent, name, directoryFlags));
     struct stat info = {};
-    if (!opened.isValid() || ::fstat(opened.get(), &info) != 0)
-        return UniqueFd();
-    if (info.st_uid == ::geteuid())
-        return opened;
-    errno = EPERM;
-    return UniqueFd();
+    const bool isOwn =
+        opened.isValid() && ::fstat(opened.get(), &info) == 0 && info.st_uid == ::geteuid();
+    return isOwn ? std::move(opened) : UniqueFd();
 }
 
 TrashStaging::TrashStaging(int trash, int info, int files)
-    : m_all(openOwnDirectory(trash, stagingName))
+    : m_parent(openOwnDirectory(trash, stagingName))
 {
-    if (!m_all.isValid())
+    if (!m_parent.isValid())
         return;
     clearStale(info, files);
     makeOwn();
@@ -84,17 +81,17 @@ TrashStaging::TrashStaging(int trash, int info, int files)
 TrashStaging::~TrashStaging()
 {
     if (m_own.isValid())
-        (void)removeTree(m_all.get(), m_ownName.constData());
+        (void)removeTree(m_parent.get(), m_ownName.constData());
 }
 
 void TrashStaging::clearStale(int info, int files)
 {
-    for (const QByteArray& name : namesIn(m_all.get())) {
-        const UniqueFd staged(::openat(m_all.get(), name.constData(), directoryFlags));
+    for (const QByteArray& name : namesIn(m_parent.get())) {
+        const UniqueFd staged(::openat(m_parent.get(), name.constData(), directoryFlags));
         if (!staged.isValid() || ::flock(staged.get(), LOCK_EX | LOCK_NB) != 0)
             continue;
         withdrawInfoFiles(staged.get(), info, files);
-        (void)removeTree(m_all.get(), name.constData());
+        (void)removeTree(m_parent.get(), name.constData());
     }
 }
 
@@ -104,11 +101,11 @@ void TrashStaging::makeOwn()
         8; // each may be lost to a call that takes the new directory for a stale one
     for (int i = 0; i < tries && !m_own.isValid(); ++i) {
         m_ownName = QByteArray::number(QRandomGenerator::system()->generate64(), 16);
-        if (::mkdirat(m_all.get(), m_ownName.constData(), S_IRWXU) != 0)
+        if (::mkdirat(m_parent.get(), m_ownName.constData(), S_IRWXU) != 0)
             return;
-        UniqueFd made(::openat(m_all.get(), m_ownName.constData(), directoryFlags));
+        UniqueFd made(::openat(m_parent.get(), m_ownName.constData(), directoryFlags));
         if (made.isValid() && ::flock(made.get(), LOCK_EX | LOCK_NB) == 0 &&
-            areSameFile(made.get(), ".", m_all.get(), m_ownName))
+            areSameFile(made.get(), ".", m_parent.get(), m_ownName))
             m_own = std::move(made);
     }
     // Else what is made here would inherit rights that its original does not have.

@@ -29,7 +29,7 @@ private:
     void clearStale(int info, int files);
     void makeOwn();
 
-    UniqueFd m_all; ///< Where each call has its own.
+    UniqueFd m_parent; ///< Where each call has its own.
     UniqueFd m_own;
     QByteArray m_ownName;
 };
@@ -37,8 +37,8 @@ private:
 /// The ending of an info file's name.
 inline constexpr auto infoEnding = ".trashinfo";
 
-/// Makes the directory `name` in `parent` where there is none, and opens it. None, and errno, unless it
-/// is one of this user's own; a link never is.
+/// Makes the directory `name` in `parent` where there is none, and opens it. Invalid unless it is
+/// one of this user's own; a link never is.
 UniqueFd openOwnDirectory(int parent, const char* name);
 
 } // namespace korvane::linux_platform

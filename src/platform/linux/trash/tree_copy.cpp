@@ -1,11 +1,11 @@
 // Copies directory trees.
 #include "platform/linux/trash/tree_copy.h"
 
-#include "platform/linux/trash/file_copy.h"
 #include "platform/linux/files/file_status.h"
-#include "platform/linux/sys/proc_fs.h"
-#include "platform/linux/trash/tree_removal.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/file_copy.h"
+#include "platform/linux/trash/tree_removal.h"
 
 #include <QByteArray>
 
@@ -22,10 +22,10 @@ namespace {
 class TreeCopier final : public TreeVisitor
 {
 public:
-    /// A file of several names gets one more in the directory `linksName` of `place`, which is made
-    /// for the first.
-    TreeCopier(UniqueFd to, int place, QByteArray linksName)
-        : m_to(std::move(to)), m_place(place), m_linksName(std::move(linksName))
+    /// A file of several names gets one more in the directory `linksName` of `linksParent`, which
+    /// is made for the first.
+    TreeCopier(UniqueFd to, int linksParent, QByteArray linksName)
+        : m_to(std::move(to)), m_linksParent(linksParent), m_linksName(std::move(linksName))
     {
     }
 
@@ -35,73 +35,71 @@ public:
 
     Step entry(TreeWalk& walk, const TreeEntry& entry) override
     {
-        const bool isDirectory = entry.type == DT_DIR;
-        m_error = copyEntry(walk.directory(), entry.name, m_to.get(), entry.name);
-        if (m_error != 0)
-            return Step::Stop;
-        return isDirectory ? Step::Descend : Step::GoOn;
+        const int error = copyEntry(walk.directory(), entry.name, m_to.get(), entry.name);
+        return stepAfter(error, entry.type == DT_DIR ? Step::Descend : Step::GoOn);
     }
 
     Step entered(TreeWalk& walk) override
     {
         const std::string& path = walk.path();
         const std::string name = path.substr(path.rfind('/') + 1);
-        return enter(walk.directory(), name.c_str());
+        return stepAfter(enter(walk.directory(), name.c_str()));
     }
 
     Step left(TreeWalk& walk, const char* name) override
     {
-        if (!finish(walk.directory(), name))
-            return Step::Stop;
+        if (const int error = finish(walk.directory(), name); error != 0)
+            return stepAfter(error);
         m_to = UniqueFd(::openat(m_to.get(), "..", directoryFlags));
-        return m_to.isValid() ? Step::GoOn : stop(errno);
+        return stepAfter(m_to.isValid() ? 0 : errno);
     }
 
     Step failed(TreeWalk&, int error) override
     {
-        return stop(error == EXDEV || error == ENOENT ? EBUSY : error);
+        return stepAfter(error == EXDEV || error == ENOENT ? EBUSY : error);
     }
+
+    // Each returns 0, or an errno.
 
     /// Copies what is no directory; of a directory, makes one that is empty.
     int copyEntry(int from, const char* name, int to, const char* copyName);
 
     /// Goes into the copy `copyName` of the directory that is open as `original`.
-    Step enter(int original, const char* copyName)
+    int enter(int original, const char* copyName)
     {
         m_to = UniqueFd(::openat(m_to.get(), copyName, directoryFlags));
-        m_ways.emplace_back();
-        return m_to.isValid() && ::fstat(original, &m_ways.back()) == 0 ? Step::GoOn : stop(errno);
+        m_originalDirectories.emplace_back();
+        return m_to.isValid() && ::fstat(original, &m_originalDirectories.back()) == 0 ? 0 : errno;
     }
 
     /// Gives the current directory of the copy what the original `name` of `parent` has.
-    bool finish(int parent, const char* name)
+    int finish(int parent, const char* name)
     {
         const UniqueFd original(::openat(parent, name, directoryFlags));
-        const struct stat info = m_ways.back();
+        const struct stat info = m_originalDirectories.back();
         struct stat now = {};
-        m_ways.pop_back();
+        m_originalDirectories.pop_back();
         if (!original.isValid() || ::fstat(original.get(), &now) != 0 || !isSameFile(now, info))
-            m_error = EBUSY;
-        else
-            m_error = copyAttributes(original.get(), info, m_to.get());
-        return m_error == 0;
+            return EBUSY;
+        return copyAttributes(original.get(), info, m_to.get());
     }
 
 private:
-    bool makeLinks();
+    int makeLinks();
 
-    Step stop(int error)
+    Step stepAfter(int error, Step next = Step::GoOn)
     {
         m_error = error;
-        return Step::Stop;
+        return error == 0 ? next : Step::Stop;
     }
 
     UniqueFd m_to;
-    int m_place;
+    int m_linksParent;
     QByteArray m_linksName;
     UniqueFd m_links;
     int m_error = 0;
-    std::vector<struct stat> m_ways; ///< The originals on the way down, as they were before.
+    /// Those on the way down, as they were before.
+    std::vector<struct stat> m_originalDirectories;
     std::vector<char> m_buffer;
 };
 
@@ -116,8 +114,8 @@ int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyNa
         return EBUSY;
 
     const bool hasNames = info.st_nlink > 1;
-    if (hasNames && !makeLinks())
-        return errno;
+    if (const int error = hasNames ? makeLinks() : 0; error != 0)
+        return error;
     // Subvolumes and the layers of an overlay number their files each by themselves.
     const QByteArray identity = QByteArray::number(static_cast<quint64>(info.st_dev)) + '-' +
                                 QByteArray::number(static_cast<quint64>(info.st_ino));
@@ -132,11 +130,11 @@ int TreeCopier::copyEntry(int from, const char* name, int to, const char* copyNa
     return ::linkat(to, copyName, m_links.get(), identity.constData(), 0) == 0 ? 0 : errno;
 }
 
-bool TreeCopier::makeLinks()
+int TreeCopier::makeLinks()
 {
-    if (!m_links.isValid() && ::mkdirat(m_place, m_linksName.constData(), S_IRWXU) == 0)
-        m_links = UniqueFd(::openat(m_place, m_linksName.constData(), directoryFlags));
-    return m_links.isValid();
+    if (!m_links.isValid() && ::mkdirat(m_linksParent, m_linksName.constData(), S_IRWXU) == 0)
+        m_links = UniqueFd(::openat(m_linksParent, m_linksName.constData(), directoryFlags));
+    return m_links.isValid() ? 0 : errno;
 }
 
 } // namespace
@@ -152,12 +150,13 @@ int copyTree(int parent, const char* name, int to, const char* copyName)
     int error = copier.copyEntry(parent, name, to, copyName);
     const UniqueFd original(::openat(parent, name, directoryFlags));
     if (error == 0 && original.isValid()) {
-        if (copier.enter(original.get(), copyName) == TreeVisitor::Step::GoOn)
+        error = copier.enter(original.get(), copyName);
+        if (error == 0)
             error = TreeWalk(TreeWalk::Mounts::Stay).run(parent, name, false, {}, copier);
         if (error == 0)
             error = copier.error();
-        if (error == 0 && !copier.finish(parent, name))
-            error = copier.error();
+        if (error == 0)
+            error = copier.finish(parent, name);
     } else if (error == 0 && errno != ENOTDIR && errno != ELOOP) {
         error = errno;
     }

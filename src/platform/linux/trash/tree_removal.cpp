@@ -1,10 +1,10 @@
 // Removes directory trees, wholly or as far as there is a copy.
 #include "platform/linux/trash/tree_removal.h"
 
-#include "platform/linux/trash/file_hold.h"
 #include "platform/linux/files/file_status.h"
-#include "platform/linux/sys/proc_fs.h"
 #include "platform/linux/files/tree_walk.h"
+#include "platform/linux/sys/proc_fs.h"
+#include "platform/linux/trash/file_hold.h"
 
 #include <array>
 #include <cerrno>

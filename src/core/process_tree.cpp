@@ -1,42 +1,14 @@
-// Building, measuring and serialising the process forest.
-#include "tools/process_tree.h"
+// Building, bounding and serialising the process forest.
+#include "core/process_tree.h"
 
-#include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <utility>
 
 namespace korvane {
 
-namespace {
-
-/// Columns by which the indented form shifts each level.
-constexpr qint64 indentStep = 4;
-
-qint64 lengthOf(qint64 number)
-{
-    return QString::number(number).size();
-}
-
-/// Bytes of `text` as a JSON string, quotes included.
-qint64 lengthOf(const QString& text)
-{
-    constexpr qint64 brackets = 2;
-    return QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact).size() - brackets;
-}
-
-/// Bytes of an indented "children" or "roots" array around its elements, at the column `indent`
-/// of its key: the key's line, the closing line, and the comma that its last element lacks.
-qint64 arrayFrameSize(qint64 indent, QLatin1String key)
-{
-    const qint64 opening = indent + key.size() + qint64{6}; // "": [\n
-    const qint64 closing = indent + qint64{3};              // ],\n
-    return opening + closing - 1;
-}
-
-} // namespace
-
-ProcessTree::ProcessTree(const QList<ProcessSnapshot>& processes) : m_processCount(processes.size())
+ProcessTree::ProcessTree(const QList<ProcessSnapshot>& processes)
 {
     for (const ProcessSnapshot& process : processes) {
         m_names.insert(process.pid, process.name);
@@ -89,22 +61,25 @@ void ProcessTree::addSubtree(quint32 rootPid)
     }
 }
 
-qint64 ProcessTree::textSize() const
+qint64 ProcessTree::depth() const
 {
-    constexpr qint64 outerBraces = 5; // {\n and \n}\n
-    qint64 size = outerBraces + arrayFrameSize(indentStep, QLatin1String("roots"));
-    if (m_roots.empty())
-        ++size; // There is no last element to lack a comma.
-    size += indentStep + qint64{9} + lengthOf(m_processCount); // "total": N
+    qint64 depth = 0;
+    for (const Node& node : m_nodes)
+        depth = std::max(depth, node.depth + 1);
+    return depth;
+}
 
+qint64 ProcessTree::textSizeBound() const
+{
+    constexpr qint64 indentStep = 4;
+    constexpr qint64 nodeLines = 6;      // The braces, "name", "pid", "children" and its bracket.
+    constexpr qint64 nodeMarks = 64;     // Keys, punctuation, line ends, the PID: at most 52.
+    constexpr qint64 outerMarks = 64;    // All that is around the roots: at most 59.
+    constexpr qint64 characterBytes = 6; // As \uXXXX.
+    qint64 size = outerMarks;
     for (const Node& node : m_nodes) {
-        const qint64 indent = indentStep * 2 * (node.depth + 1);
-        const qint64 memberIndent = indent + indentStep;
-        size += 2 * indent + 5;                                    // {\n and },\n
-        size += memberIndent + 8 + lengthOf(nameOf(node.pid)) + 2; // "name": ...,\n
-        size += memberIndent + 7 + lengthOf(node.pid) + 1;         // "pid": ...\n
-        if (!node.children.empty())
-            size += arrayFrameSize(memberIndent, QLatin1String("children"));
+        const qint64 indent = indentStep * (2 * node.depth + 3); // Of the innermost line.
+        size += nodeLines * indent + nodeMarks + characterBytes * nameOf(node.pid).size();
     }
     return size;
 }
