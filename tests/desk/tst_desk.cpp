@@ -16,10 +16,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <vector>
 
 using namespace korvane;
 using namespace korvane::desk;
@@ -309,7 +308,7 @@ private Q_SLOTS:
         const std::chrono::minutes time(minutes);
         m_desk->pauseFor(minutes == 0 ? std::nullopt : std::optional<std::chrono::seconds>(time));
         QCOMPARE(m_desk->pausedUntil(),
-                 minutes == 0 ? QDateTime() : clock().wall().addSecs(60 * minutes));
+                 minutes == 0 ? QDateTime() : clock().wall().addSecs(qint64{60} * minutes));
         pass(time - 1s);
         AskingClient refused(harmless);
         QCOMPARE(refused.answer().message, replyMessage(Outcome::Paused));
@@ -393,19 +392,19 @@ private Q_SLOTS:
 
     void crowds()
     {
-        std::vector<std::unique_ptr<AskingClient>> silent;
+        std::deque<AskingClient> silent;
         for (int i = 0; i < 65; ++i)
-            silent.push_back(std::make_unique<AskingClient>());
+            silent.emplace_back();
         const QString tooMany = replyMessage(Outcome::Malformed, u"同时发送的请求过多"_s);
-        QCOMPARE(silent.front()->answer().message, tooMany);
-        std::vector<std::unique_ptr<AskingClient>> asking;
+        QCOMPARE(silent.front().answer().message, tooMany);
+        std::deque<AskingClient> asking;
         for (int i = 0; i < 64; ++i) {
-            asking.push_back(std::make_unique<AskingClient>(harmless));
+            asking.emplace_back(harmless);
             QVERIFY(nextQuestion() != 0);
         }
         AskingClient oneMore(harmless);
         QCOMPARE(oneMore.answer().message, replyMessage(Outcome::Crowded));
-        QVERIFY(asking.front()->isConnected());
+        QVERIFY(asking.front().isConnected());
 
         AskingClient slow; // Whoever has waited longer has made room.
         QTRY_VERIFY(slow.isConnected());

@@ -15,11 +15,12 @@
 #include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTextStream>
 
 #include <csignal>
+#include <deque>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <pty.h>
@@ -177,9 +178,9 @@ private Q_SLOTS:
             AskingClient client = i % 2 == 0 ? AskingClient() : AskingClient("garbage");
             QVERIFY(i % 2 == 0 || client.answerLine().contains("false"));
         }
-        std::vector<std::unique_ptr<AskingClient>> silent;
+        std::deque<AskingClient> silent;
         for (int i = 0; i < 64; ++i)
-            silent.push_back(std::make_unique<AskingClient>());
+            silent.emplace_back();
         AskingClient client(request(u"x"_s));
         QTRY_COMPARE(desk.questions().size(), 1);
         QCOMPARE(desk.questions().first().asker.pid, quint32(::getpid()));
@@ -278,8 +279,7 @@ int main(int argc, char* argv[])
         Desk desk(Clock::ofSystem(), QFile::decodeName(argv[2]));
         QObject::connect(&desk, &Desk::questionAdded, &desk, &Desk::allow);
         const bool isListening = desk.start();
-        ::puts(isListening ? "listening" : qUtf8Printable(desk.problem()));
-        ::fflush(stdout);
+        QTextStream(stdout) << (isListening ? u"listening\n"_s : desk.problem());
         return isListening ? QCoreApplication::exec() : 1;
     }
     DeskAttackTest test;

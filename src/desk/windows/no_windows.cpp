@@ -1,13 +1,13 @@
 // The desk without windows: it can be had at a terminal only.
 #include "desk/windows.h"
 
-#include <cstdio>
+#include <QDebug>
 
 namespace korvane::desk {
 
 std::unique_ptr<QCoreApplication> makeWindowApplication(int& /*argc*/, char** /*argv*/)
 {
-    std::fputs("korvane-desk: 此版本没有窗口, 请用 korvane-desk --terminal\n", stderr);
+    qCritical("korvane-desk: 此版本没有窗口, 请用 korvane-desk --terminal");
     return nullptr;
 }
 
