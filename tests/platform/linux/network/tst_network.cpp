@@ -174,7 +174,7 @@ class TestConnections : public QObject
 
     static QString row(const QString& text, qint64 pid = ::getpid())
     {
-        return u"%1 %2 tst_connections"_s.arg(text, QString::number(pid));
+        return u"%1 %2 tst_network"_s.arg(text, QString::number(pid));
     }
 
     /// The rows that another process sees on a port, amid refusals; empty where those fail.

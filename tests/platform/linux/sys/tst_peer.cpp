@@ -42,7 +42,7 @@ const test::Cases<uid_t, QByteArray, bool, QByteArray> users{
 
 } // namespace
 
-class TestConsentPeer : public QObject
+class TestPeer : public QObject
 {
     Q_OBJECT
 
@@ -88,5 +88,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestConsentPeer)
+QTEST_GUILESS_MAIN(TestPeer)
 #include "tst_peer.moc"
