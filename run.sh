@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds the server where that is needed and becomes it, so that an AI client can name this file as
-# its command. At a terminal it plays the client instead and shows what the server answers.
+# its command. At a terminal it plays the client instead and shows what the server answers. With --desk
+# it builds the consent desk and becomes that: what a person says yes or no with. Further arguments are
+# the desk's.
 set -euo pipefail
 
 # Standard input and output belong to the protocol: nothing before the server may touch them.
@@ -11,7 +13,15 @@ root=$(CDPATH='' cd -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")" &
 installed=$root/build/run
 server=$installed/korvane-mcp
 report=$installed/korvane-report
-built_from=$installed/built-from
+desk=$installed/korvane-desk
+programs=("$server" "$report")
+with_desk=OFF
+if [ "${1-}" = --desk ]; then
+    shift
+    programs=("$desk")
+    with_desk=ON
+fi
+built_from=$installed/built-from-$with_desk
 
 # Every file that decides what is built, with its size and time.
 sources() {
@@ -19,7 +29,12 @@ sources() {
         -printf '%p %s %T@\n' | sort)
 }
 
-is_built() { [ -x "$server" ] && [ -x "$report" ]; }
+is_built() {
+    local program
+    for program in "${programs[@]}"; do
+        [ -x "$program" ] || return 1
+    done
+}
 
 is_current() { is_built && [ -e "$built_from" ] && [ "$(<"$built_from")" = "$(sources)" ]; }
 
@@ -34,10 +49,13 @@ build() {
     . "$root/packaging/dependencies.sh"
     # Taken before the build: what changes meanwhile is noticed at the next start.
     sources >"$built_from.new"
-    install_missing "${build_needs[@]}"
-    configure_and_build "$root" release -DKORVANE_TESTS=OFF
-    put_in_place "$server"
-    put_in_place "$report"
+    local needs=("${build_needs[@]}") program
+    [ $with_desk = OFF ] || needs+=("${desk_needs[@]}")
+    install_missing "${needs[@]}"
+    configure_and_build "$root" release -DKORVANE_TESTS=OFF -DKORVANE_DESK=$with_desk
+    for program in "${programs[@]}"; do
+        put_in_place "$program"
+    done
     mv -f -- "$built_from.new" "$built_from"
 }
 
@@ -64,6 +82,9 @@ if ! is_current; then
     fi
 fi
 
+if [ $with_desk = ON ]; then
+    exec "$desk" "$@" <&3 >&4 3<&- 4>&-
+fi
 if [ -t 3 ]; then
     exec "$report" "$server" "$root/run.sh" <&3 >&4 3<&- 4>&-
 fi

@@ -10,6 +10,10 @@ build_needs=(
     '/usr/lib/*/cmake/Qt6Core/Qt6CoreConfig.cmake=qt6-base-dev'
     '/usr/lib/*/pkgconfig/libsystemd.pc=libsystemd-dev'
 )
+# What the consent desk needs besides.
+desk_needs=(
+    '/usr/lib/*/cmake/Qt6Widgets/Qt6WidgetsConfig.cmake=qt6-base-dev'
+)
 test_needs=(
     "${build_needs[@]}"
     node=nodejs
