@@ -2,24 +2,16 @@
 #include "core/file_unlock.h"
 
 #include "core/shown_processes.h"
-#include "platform/file_holders.h"
 #include "platform/processes.h"
 
 namespace korvane {
 
 using namespace Qt::StringLiterals;
 
-struct FileUnlockService::Impl
-{
-    QList<platform::HeldFile> held;
-};
-
 FileUnlockService::FileUnlockService() : m_impl(std::make_unique<Impl>())
 {
     registerRecordMetaTypes();
 }
-
-FileUnlockService::~FileUnlockService() = default;
 
 void FileUnlockService::report(const OpResult& result)
 {

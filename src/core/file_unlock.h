@@ -4,6 +4,7 @@
 #include "base/op_result.h"
 #include "base/singleton.h"
 #include "base/system_records.h"
+#include "platform/file_holders.h"
 
 #include <QObject>
 
@@ -57,11 +58,14 @@ Q_SIGNALS:
 private:
     friend class Singleton<FileUnlockService>;
     FileUnlockService();
-    ~FileUnlockService() override;
 
     void report(const OpResult& result);
 
-    struct Impl; ///< What a probe found, for the close that follows.
+    /// What a probe found, for the close that follows.
+    struct Impl
+    {
+        QList<platform::HeldFile> held;
+    };
     std::unique_ptr<Impl> m_impl;
 };
 

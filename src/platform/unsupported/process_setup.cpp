@@ -62,6 +62,7 @@ std::unique_ptr<SharedProcessor> platform::makeSharedProcessor()
     return std::make_unique<AnyProcessor>();
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the platforms share one declaration.
 std::unique_ptr<QObject> platform::watchForQuit(std::function<void()> /*quit*/)
 {
     return nullptr;
