@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 
 #include <array>
+#include <memory>
 #include <optional>
 
 using namespace korvane;
@@ -144,11 +145,11 @@ private Q_SLOTS:
         QByteArray answer; // Before the request; with none, the connection is closed.
         m_script.peerMayAnswer = [&server, &answer] {
             const bool isConnected = server.waitForNewConnection(1000);
-            QLocalSocket* const socket = server.nextPendingConnection();
-            if (answer.isEmpty())
-                delete socket;
-            return isConnected &&
-                   (answer.isEmpty() || (socket->write(answer) > 0 && socket->flush()));
+            std::unique_ptr<QLocalSocket> closing(server.nextPendingConnection());
+            if (!isConnected || answer.isEmpty())
+                return isConnected;
+            QLocalSocket* const socket = closing.release(); // the server deletes it
+            return socket->write(answer) > 0 && socket->flush();
         };
         QCOMPARE(ask(), notSent);
         answer = granted;

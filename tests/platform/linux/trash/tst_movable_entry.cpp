@@ -6,6 +6,7 @@
 #include "support/refusals.h"
 #include "support/system.h"
 
+#include <array>
 #include <future>
 
 #include <sys/mman.h>
@@ -39,8 +40,8 @@ Deed withVariable(const QByteArray& variable)
 /// A program whose environment has one variable twice.
 void withTwoNames()
 {
-    const char* const environment[] = {"TMPDIR=other", "TMPDIR=other/../top/a", nullptr};
-    ::execle("/bin/sh", "sh", "-c", "exec >&-; kill -STOP $$", nullptr, environment);
+    const std::array<const char*, 3> environment{"TMPDIR=other", "TMPDIR=other/../top/a", nullptr};
+    ::execle("/bin/sh", "sh", "-c", "exec >&-; kill -STOP $$", nullptr, environment.data());
 }
 
 void mapAndClose()
