@@ -1,8 +1,8 @@
 // Times a back end's listings by themselves, without their form as JSON and the way to a client.
 // Usage: korvane-listings connections|software; each line of input asks for one listing, which is
 // answered by its milliseconds.
-#include "core/net_monitor_service.h"
-#include "core/uninstall_service.h"
+#include "core/network.h"
+#include "core/software.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
