@@ -150,6 +150,8 @@ private Q_SLOTS:
     // A case is "TOOLS: ARGUMENTS => RESULT", with one call for each of the tools and arguments
     // between "|". Where " => REQUEST => WRITES" follow, the user is asked: title, summary, detail.
     // One that does not fit a line goes on in the next.
+    // One row a call, however many there are.
+    // NOLINTNEXTLINE(readability-function-size)
     void calls_data()
     {
         for (const char* column : {"tool", "args", "result", "request", "writes"})
