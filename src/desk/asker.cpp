@@ -28,6 +28,16 @@ QString Asker::chainText() const
     return chain.isEmpty() ? u"PID %1"_s.arg(pid) : chain.join(u" ← ");
 }
 
+QString Asker::warning() const
+{
+    if (!isKnown)
+        return QCoreApplication::translate("desk", "警告: 无法得知请求来自哪个程序。");
+    if (!isOwnServer)
+        return QCoreApplication::translate(
+            "desk", "警告: 请求来自别的程序, 不是与授权台一同安装的 korvane-mcp。");
+    return {};
+}
+
 Asker askerOf(const platform::Peer& peer)
 {
     Asker asker;
