@@ -11,17 +11,13 @@ namespace korvane::desk {
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-/// The server beside the desk, whatever the system adds to the names of programs.
-QString ownServer()
+/// Whatever the system adds to the names of programs.
+QString ownServerPath()
 {
     const QFileInfo desk(QCoreApplication::applicationFilePath());
     const QString suffix = desk.suffix().isEmpty() ? QString() : u'.' + desk.suffix();
     return desk.canonicalPath() + u"/korvane-mcp"_s + suffix;
 }
-
-} // namespace
 
 QString Asker::chainText() const
 {
@@ -44,7 +40,7 @@ Asker askerOf(const platform::Peer& peer)
     asker.pid = peer.pid;
     asker.executable = consent::shownText(peer.executable);
     asker.isKnown = !peer.executable.isEmpty();
-    asker.isOwnServer = peer.executable == ownServer();
+    asker.isOwnServer = peer.executable == ownServerPath();
     for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
         const QString name = consent::shownText(process.name);
         asker.chain.append(

@@ -26,6 +26,9 @@ struct Asker
     QString warning() const;
 };
 
+/// The full path of the server that came with the desk, whether it is there or not.
+QString ownServerPath();
+
 /// Who `peer` is, as the system has it now. Main thread only.
 Asker askerOf(const platform::Peer& peer);
 
