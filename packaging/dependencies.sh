@@ -10,8 +10,14 @@ build_needs=(
     '/usr/lib/*/cmake/Qt6Core/Qt6CoreConfig.cmake=qt6-base-dev'
     '/usr/lib/*/pkgconfig/libsystemd.pc=libsystemd-dev'
 )
+# What korvane-desk needs besides.
+desk_needs=(
+    '/usr/lib/*/cmake/Qt6Widgets/Qt6WidgetsConfig.cmake=qt6-base-dev'
+    /usr/lib/qt6/bin/lrelease=qt6-l10n-tools
+)
 test_needs=(
     "${build_needs[@]}"
+    "${desk_needs[@]}"
     node=nodejs
     npm=npm
     ps=procps

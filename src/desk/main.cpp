@@ -3,6 +3,7 @@
 #include "desk/desk.h"
 #include "desk/doorbell.h"
 #include "desk/terminal.h"
+#include "desk/translation.h"
 #include "desk/windows.h"
 #include "platform/process_setup.h"
 
@@ -92,6 +93,7 @@ int main(int argc, char* argv[])
     const auto application = needsWindows(argc, argv)
                                  ? desk::makeWindowApplication(argc, argv)
                                  : std::make_unique<QCoreApplication>(argc, argv);
+    desk::chooseLanguage(*application);
     Desk desk;
     QCommandLineParser parser;
     parser.setApplicationDescription(
