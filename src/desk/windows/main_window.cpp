@@ -32,6 +32,7 @@ namespace {
 constexpr std::chrono::milliseconds historyDelay = 100ms;
 constexpr QSize usualSize{900, 560};
 constexpr int mostDetailLines = 12;
+constexpr int rowsForWidths = 50;
 
 QCheckBox* makeAutostartBox()
 {
@@ -65,6 +66,7 @@ MainWindow::MainWindow(Desk& desk)
 
     auto* const top = new QHBoxLayout;
     auto* const pause = new QPushButton(tr("暂时拒绝一切"));
+    pause->setMinimumWidth(pause->sizeHint().width() + 2 * fontMetrics().height());
     pause->setMenu(new PauseMenu(m_desk, pause));
     top->addWidget(m_state, 1);
     top->addWidget(pause);
@@ -104,7 +106,10 @@ QWidget* MainWindow::makeHistory()
     m_table->verticalHeader()->hide();
     QHeaderView* const header = m_table->horizontalHeader();
     header->setHighlightSections(false);
+    header->setSectionResizeMode(QHeaderView::ResizeToContents);
     header->setSectionResizeMode(HistoryModel::Summary, QHeaderView::Stretch);
+    header->setResizeContentsPrecision(rowsForWidths);
+    header->setMaximumSectionSize(usualSize.width() / 3);
     connect(m_table->selectionModel(), &QItemSelectionModel::currentRowChanged, this,
             &MainWindow::showDetails);
     connect(&m_filtered, &QSortFilterProxyModel::modelReset, this, &MainWindow::showDetails);
@@ -121,8 +126,8 @@ QWidget* MainWindow::makeHistory()
     auto* const splitter = new QSplitter(Qt::Vertical);
     splitter->addWidget(m_table);
     splitter->addWidget(m_details);
-    splitter->setStretchFactor(0, 1);
     splitter->setChildrenCollapsible(false);
+    splitter->setSizes({usualSize.height() / 2, usualSize.height() / 2});
     auto* const layout = new QVBoxLayout(page);
     layout->setContentsMargins({});
     layout->addWidget(filter);
@@ -136,6 +141,8 @@ QWidget* MainWindow::makeEmptyState()
     constexpr int mostLines = 20;
     auto* const view = new PlainTextView(mostLines);
     view->setAccessibleName(tr("授权记录"));
+    view->setFlat();
+    view->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     view->show(
         tr("还没有记录。\n\n"
            "AI 想结束进程、停止服务、清理文件等时, 这里会弹出窗口询问您; "
@@ -188,10 +195,6 @@ void MainWindow::showHistory()
     const quint64 id = row < 0 ? 0 : m_model->idAt(row);
     m_model->show(m_desk.history());
     m_pages->setCurrentIndex(m_model->rowCount() == 0 ? 0 : 1);
-    for (int column = 0; column < HistoryModel::ColumnCount; ++column) {
-        if (column != HistoryModel::Summary && id == 0)
-            m_table->resizeColumnToContents(column);
-    }
     const int newRow = std::max(m_model->rowOf(id), 0);
     m_table->selectRow(m_filtered.mapFromSource(m_model->index(newRow, 0)).row());
 }

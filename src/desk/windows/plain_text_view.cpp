@@ -7,6 +7,8 @@
 #include <QTextLayout>
 
 #include <algorithm>
+#include <cmath>
+#include <numeric>
 
 namespace korvane::desk {
 
@@ -15,23 +17,28 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int usualColumns = 76;
-constexpr int leastLines = 3; ///< Where the screen is low.
+constexpr int spare = 3; ///< Pixels, for what the editor rounds.
+constexpr qsizetype leastLines = 3; ///< Where the screen is low.
 
-/// Lines that `text` takes when it is wrapped, at most `most`.
-int wrappedLines(const QString& text, const QFont& font, int width, int most)
+/// Adds the heights of the lines that `text` takes when it is wrapped, as long as there are fewer than
+/// `most`. Fonts that stand in for others make some lines higher.
+void addLineHeights(const QString& text, const QFont& font, int width, int most,
+                    QList<int>& heights)
 {
     QTextLayout layout(text, font);
     QTextOption option;
     option.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
     layout.setTextOption(option);
     layout.beginLayout();
-    int lines = 0;
-    for (QTextLine line = layout.createLine(); line.isValid() && lines < most; ++lines) {
+    while (heights.size() < most) {
+        QTextLine line = layout.createLine();
+        if (!line.isValid())
+            break;
+        line.setLeadingIncluded(true); // As the editor has it.
         line.setLineWidth(width);
-        line = layout.createLine();
+        heights.append(static_cast<int>(std::ceil(line.height())));
     }
     layout.endLayout();
-    return std::max(lines, 1);
 }
 
 } // namespace
@@ -55,12 +62,9 @@ void PlainTextView::show(const QString& text)
     for (QString& line : lines)
         line = consent::shownText(line);
     setPlainText(lines.join(u'\n'));
-    m_lines = 0;
-    for (const QString& line : std::as_const(lines)) {
-        if (m_lines < m_mostLines)
-            m_lines += wrappedLines(line, font(), textWidth(), m_mostLines);
-    }
-    m_lines = std::min(m_lines, m_mostLines);
+    m_lineHeights.clear();
+    for (const QString& line : std::as_const(lines))
+        addLineHeights(line, font(), textWidth(), m_mostLines, m_lineHeights);
     updateGeometry();
 }
 
@@ -68,16 +72,17 @@ void PlainTextView::setFlat()
 {
     setFrameShape(QFrame::NoFrame);
     viewport()->setAutoFillBackground(false);
+    document()->setDocumentMargin(0);
 }
 
 QSize PlainTextView::sizeHint() const
 {
-    return sizeOfLines(m_lines);
+    return sizeOfLines(m_lineHeights.size());
 }
 
 QSize PlainTextView::minimumSizeHint() const
 {
-    return sizeOfLines(std::min(m_lines, leastLines));
+    return sizeOfLines(std::min(m_lineHeights.size(), leastLines));
 }
 
 int PlainTextView::textWidth() const
@@ -85,11 +90,11 @@ int PlainTextView::textWidth() const
     return usualColumns * fontMetrics().averageCharWidth();
 }
 
-QSize PlainTextView::sizeOfLines(int lines) const
+QSize PlainTextView::sizeOfLines(qsizetype count) const
 {
     const int border = 2 * (frameWidth() + static_cast<int>(document()->documentMargin()));
-    return {textWidth() + border + verticalScrollBar()->sizeHint().width(),
-            lines * fontMetrics().lineSpacing() + border + 1};
+    const int height = std::accumulate(m_lineHeights.begin(), m_lineHeights.begin() + count, spare);
+    return {textWidth() + border + verticalScrollBar()->sizeHint().width(), height + border};
 }
 
 } // namespace korvane::desk

@@ -25,10 +25,10 @@ public:
 
 private:
     int textWidth() const;
-    QSize sizeOfLines(int lines) const;
+    QSize sizeOfLines(qsizetype count) const;
 
     int m_mostLines;
-    int m_lines = 1; ///< That the text takes at its usual width, at most m_mostLines.
+    QList<int> m_lineHeights; ///< Of those it takes at its usual width, at most m_mostLines.
 };
 
 } // namespace korvane::desk

@@ -170,6 +170,7 @@ QLayout* QuestionDialog::makeAnswers()
     for (QPushButton* const button : {m_allow, m_refuse})
         button->installEventFilter(this);
     row->addWidget(m_countdown);
+    row->addSpacing(fontMetrics().height());
     row->addWidget(m_place);
     row->addStretch();
     row->addWidget(m_allow);
@@ -210,6 +211,10 @@ void QuestionDialog::showQuestion(const Question& question)
     const Risk risk = riskOf(question.request.action);
     m_risk->setText(risk.text);
     m_allow->setText(risk.allow);
+    const int buttonWidth =
+        fontMetrics().horizontalAdvance(risk.allow) + 3 * fontMetrics().height();
+    for (QPushButton* const button : {m_allow, m_refuse})
+        button->setMinimumWidth(buttonWidth);
     m_warning->setText(question.asker.warning());
     m_warning->setVisible(!m_warning->text().isEmpty());
     m_asker->show(question.asker.chainText());
