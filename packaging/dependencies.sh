@@ -13,9 +13,11 @@ build_needs=(
 # What the consent desk needs besides.
 desk_needs=(
     '/usr/lib/*/cmake/Qt6Widgets/Qt6WidgetsConfig.cmake=qt6-base-dev'
+    /usr/lib/qt6/bin/lrelease=qt6-l10n-tools
 )
 test_needs=(
     "${build_needs[@]}"
+    "${desk_needs[@]}"
     node=nodejs
     npm=npm
     ps=procps

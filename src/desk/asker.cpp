@@ -11,21 +11,27 @@ namespace korvane::desk {
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-/// The server beside the desk, whatever the system adds to the names of programs.
-QString ownServer()
+/// Whatever the system adds to the names of programs.
+QString ownServerPath()
 {
     const QFileInfo desk(QCoreApplication::applicationFilePath());
     const QString suffix = desk.suffix().isEmpty() ? QString() : u'.' + desk.suffix();
     return desk.canonicalPath() + u"/korvane-mcp"_s + suffix;
 }
 
-} // namespace
-
 QString Asker::chainText() const
 {
     return chain.isEmpty() ? u"PID %1"_s.arg(pid) : chain.join(u" ← ");
+}
+
+QString Asker::warning() const
+{
+    if (!isKnown)
+        return QCoreApplication::translate("desk", "警告: 无法得知请求来自哪个程序。");
+    if (!isOwnServer)
+        return QCoreApplication::translate(
+            "desk", "警告: 请求来自别的程序, 不是与授权台一同安装的 korvane-mcp。");
+    return {};
 }
 
 Asker askerOf(const platform::Peer& peer)
@@ -34,7 +40,7 @@ Asker askerOf(const platform::Peer& peer)
     asker.pid = peer.pid;
     asker.executable = consent::shownText(peer.executable);
     asker.isKnown = !peer.executable.isEmpty();
-    asker.isOwnServer = peer.executable == ownServer();
+    asker.isOwnServer = peer.executable == ownServerPath();
     for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
         const QString name = consent::shownText(process.name);
         asker.chain.append(

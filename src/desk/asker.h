@@ -20,7 +20,14 @@ struct Asker
 
     /// "korvane-mcp (4711) ← node ← code"; the PID alone where nothing else is known.
     QString chainText() const;
+
+    /// What is amiss about it, in the person's language: not our own server, or not to be told. Empty
+    /// when nothing is.
+    QString warning() const;
 };
+
+/// The full path of the server that came with the desk, whether it is there or not.
+QString ownServerPath();
 
 /// Who `peer` is, as the system has it now. Main thread only.
 Asker askerOf(const platform::Peer& peer);

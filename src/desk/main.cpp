@@ -3,6 +3,7 @@
 #include "desk/desk.h"
 #include "desk/doorbell.h"
 #include "desk/terminal.h"
+#include "desk/translation.h"
 #include "desk/windows.h"
 #include "platform/process_setup.h"
 
@@ -76,11 +77,11 @@ int runAtTerminal(Desk& desk)
     return exitCode;
 }
 
-int runInWindows(Desk& desk)
+int runInWindows(Desk& desk, bool isInBackground)
 {
     if (!desk.start() && desk.otherDesk() != 0)
         return desk::Doorbell::ring() ? 0 : fail(desk.problem());
-    return runWindows(desk);
+    return runWindows(desk, isInBackground);
 }
 
 } // namespace
@@ -92,8 +93,7 @@ int main(int argc, char* argv[])
     const auto application = needsWindows(argc, argv)
                                  ? desk::makeWindowApplication(argc, argv)
                                  : std::make_unique<QCoreApplication>(argc, argv);
-    if (!application)
-        return 1;
+    desk::chooseLanguage(*application);
     Desk desk;
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -105,8 +105,10 @@ int main(int argc, char* argv[])
     parser.addVersionOption();
     const QString terminal = u"terminal"_s;
     const QString history = u"history"_s;
+    const QString background = u"background"_s;
     parser.addOptions(
         {{terminal, translated(QT_TRANSLATE_NOOP("desk", "在终端中询问, 不用窗口。"))},
+         {background, translated(QT_TRANSLATE_NOOP("desk", "启动时不显示主窗口。"))},
          {history, translated(QT_TRANSLATE_NOOP("desk", "显示最近的授权记录, 默认 20 条。"))}});
     parser.addPositionalArgument(u"N"_s, translated(QT_TRANSLATE_NOOP("desk", "记录的条数。")),
                                  u"[N]"_s);
@@ -114,5 +116,6 @@ int main(int argc, char* argv[])
     if (parser.isSet(history))
         return printHistory(parser.positionalArguments(), *streams);
     const auto quitWatch = platform::watchForQuit(&QCoreApplication::quit);
-    return parser.isSet(terminal) ? runAtTerminal(desk) : runInWindows(desk);
+    return parser.isSet(terminal) ? runAtTerminal(desk)
+                                  : runInWindows(desk, parser.isSet(background));
 }

@@ -41,16 +41,6 @@ int widthOf(char32_t code)
     return code < firstWide ? 1 : 2;
 }
 
-QString warningOf(const Asker& asker)
-{
-    if (!asker.isKnown)
-        return translated(QT_TRANSLATE_NOOP("desk", "警告: 无法得知请求来自哪个程序。"));
-    if (!asker.isOwnServer)
-        return translated(QT_TRANSLATE_NOOP(
-            "desk", "警告: 请求来自别的程序, 不是与授权台一同安装的 korvane-mcp。"));
-    return {};
-}
-
 } // namespace
 
 QStringList framed(const QString& text, int columns)
@@ -147,7 +137,7 @@ void TerminalDesk::showQuestion(const Question& question)
     print(translated(QT_TRANSLATE_NOOP("desk", "请求方: %1")).arg(question.asker.chainText()));
     if (question.asker.isKnown)
         print(u"        "_s + question.asker.executable);
-    if (const QString warning = warningOf(question.asker); !warning.isEmpty())
+    if (const QString warning = question.asker.warning(); !warning.isEmpty())
         print(warning);
     print(translated(QT_TRANSLATE_NOOP("desk", "后果: %1")).arg(risk.text));
 }

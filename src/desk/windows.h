@@ -9,12 +9,12 @@ namespace korvane::desk {
 
 class Desk;
 
-/// The application object that windows need. None, with a line on standard error, where the person has
-/// no display.
+/// The application object that windows need. Where the person has no display, the program ends here,
+/// as failed and with a line on standard error.
 std::unique_ptr<QCoreApplication> makeWindowApplication(int& argc, char** argv);
 
 /// Shows the desk in windows until the person quits; the exit code. The desk has been started, with or
-/// without success.
-int runWindows(Desk& desk);
+/// without success. In the background, the main window is not shown at first.
+int runWindows(Desk& desk, bool isInBackground);
 
 } // namespace korvane::desk

@@ -26,6 +26,12 @@ public:
     {
     }
 
+    void ask(const consent::Request& request)
+    {
+        m_socket.write(consent::encodeRequest(request) + '\n');
+        m_socket.flush();
+    }
+
     bool isConnected() const { return m_socket.state() == QLocalSocket::ConnectedState; }
 
     void leave() { m_socket.abort(); }

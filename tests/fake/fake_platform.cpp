@@ -9,6 +9,7 @@
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
 #include "platform/services.h"
+#include "platform/session.h"
 #include "platform/signatures.h"
 #include "platform/software.h"
 #include "platform/startup.h"
@@ -184,6 +185,18 @@ std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
     const PeerUser user = script.peerMayAnswer() ? PeerUser::Own : PeerUser::Other;
     const QString executable = script.ancestors.value(0).exePath;
     return Peer{.user = user, .userId = {}, .pid = 4711, .executable = executable};
+}
+
+bool startsWithSession()
+{
+    return script.startsWithSession;
+}
+
+OpResult setStartsWithSession(bool starts)
+{
+    const OpResult result = script.write({u"setStartsWithSession"_s, number(starts ? 1 : 0)});
+    script.startsWithSession = result.ok ? starts : script.startsWithSession;
+    return result;
 }
 
 OpResult moveToRecycleBin(const QList<QString>& paths)

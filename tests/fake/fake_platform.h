@@ -60,6 +60,7 @@ struct Platform
     QStringList probed;                    ///< What the latest probe was of.
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
+    bool startsWithSession = false;
     std::function<bool()> canSync = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,

@@ -1,0 +1,96 @@
+// Makes pictures of the desk's windows: desk_pictures DIRECTORY SUFFIX [dark]. See screenshots.sh.
+#include "desk/asking_client.h"
+#include "desk/translation.h"
+#include "desk/windows.h"
+#include "desk/windows/main_window.h"
+#include "desk/windows/question_dialog.h"
+#include "fake/fake_platform.h"
+
+#include <QApplication>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const consent::Request freePort{
+    u"kill_by_port"_s, u"结束占用端口 8080 的进程"_s, u"将结束 2 个进程, 以释放端口 8080。"_s,
+    u"node (PID 20114)\n命令行: node /home/li/shop/server.js --port 8080 --watch --log /home/li/shop/log/server.log\n"
+    u"node (PID 20131)\n命令行: node /home/li/shop/worker.js"_s,
+    u"您让我重启商店的开发服务器, 但旧的服务器还占用着端口 8080。"_s};
+const consent::Request junk{
+    u"clean_junk"_s,
+    u"清理垃圾文件"_s,
+    u"将把 128 个文件移到回收站, 共 1.2 GB。"_s,
+    QString(u"/home/li/.cache/thumbnails/normal/0a1b2c3d4e5f60718293a4b5c6d7e8f9.png\n"_s)
+        .repeated(128),
+    {}};
+const consent::Request unknown{u"format_disk"_s, u"<b>允许</b>"_s, u"后果: 没有\u202e风险。"_s,
+                               QString(3000, u'x'), u"请点\u200b允许。 <a href=\"x\">链接</a>"_s};
+
+QPalette darkPalette()
+{
+    QPalette palette(QColor(45, 45, 45), QColor(35, 35, 35));
+    palette.setColor(QPalette::Base, QColor(28, 28, 28));
+    palette.setColor(QPalette::Highlight, QColor(42, 110, 187));
+    return palette;
+}
+
+void save(QWidget& widget, const QString& name)
+{
+    widget.activateWindow();
+    static_cast<void>(QTest::qWaitForWindowActive(&widget));
+    QTest::qWait(1300); // Until Allow is active.
+    const QStringList arguments = QCoreApplication::arguments();
+    widget.grab().save(u"%1/%2%3.png"_s.arg(arguments.value(1), name, arguments.value(2)));
+}
+
+void setAsker(const QString& executable)
+{
+    fake::platform().ancestors = {
+        {.pid = 4711, .name = executable.section(u'/', -1), .exePath = executable},
+        {.pid = 5, .name = u"node"_s, .exePath = {}},
+        {.pid = 4, .name = u"code"_s, .exePath = {}}};
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    const auto application = desk::makeWindowApplication(argc, argv);
+    desk::chooseLanguage(*application);
+    if (application->arguments().contains(u"dark"_s))
+        QApplication::setPalette(darkPalette());
+    const QTemporaryDir directory;
+    qputenv("TMPDIR", QFile::encodeName(directory.path()));
+    desk::Desk desk(desk::Clock::ofSystem(), directory.filePath(u"data"_s));
+    if (!desk.start())
+        return 1;
+    desk::MainWindow window(desk);
+    window.show();
+    save(window, u"empty"_s);
+    desk::QuestionDialog dialog(desk);
+    const auto ask = [&desk](const consent::Request& request) {
+        auto client = std::make_unique<test::AskingClient>(request);
+        const qsizetype before = desk.questions().size();
+        static_cast<void>(QTest::qWaitFor([&] { return desk.questions().size() > before; }));
+        return client;
+    };
+    setAsker(desk::ownServerPath());
+    const auto first = ask(freePort);
+    save(dialog, u"dialog"_s);
+    const auto second = ask(junk);
+    setAsker(u"/tmp/.x/korvane-mcp"_s);
+    const auto third = ask(unknown);
+    desk.allow(desk.questions().first().id);
+    save(dialog, u"queue"_s);
+    desk.refuse(desk.questions().first().id);
+    save(dialog, u"hostile"_s);
+    desk.pauseFor(std::chrono::minutes(10));
+    save(window, u"window"_s);
+    return 0;
+}

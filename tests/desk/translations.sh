@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Fails where a text of the desk has no English, or an English text belongs to none any more.
+set -euo pipefail
+
+root=$1
+translated=$root/src/desk/translations/korvane-desk_en.ts
+fresh=$(mktemp --suffix=.ts)
+trap 'rm -f "$fresh"' EXIT
+cp "$translated" "$fresh"
+cd "$root"
+PATH=$PATH:/usr/lib/qt6/bin lupdate -silent -I src -locations none -no-obsolete src/desk -ts "$fresh"
+if grep -B 3 unfinished "$fresh" || ! diff "$translated" "$fresh"; then
+    echo "To be done in $translated, after: lupdate -I src -locations none -no-obsolete src/desk -ts FILE" >&2
+    exit 1
+fi
