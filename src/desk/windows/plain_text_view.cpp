@@ -17,7 +17,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int usualColumns = 76;
-constexpr int spare = 3; ///< Pixels, for what the editor rounds.
+constexpr int spare = 3;            ///< Pixels, for what the editor rounds.
 constexpr qsizetype leastLines = 3; ///< Where the screen is low.
 
 /// Adds the heights of the lines that `text` takes when it is wrapped, as long as there are fewer than
