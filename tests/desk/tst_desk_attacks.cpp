@@ -3,6 +3,7 @@
 #include "desk/asking_client.h"
 #include "desk/desk.h"
 #include "platform/processes.h"
+#include "platform/session.h"
 #include "support/child_process.h"
 
 #include <QCoreApplication>
@@ -256,6 +257,23 @@ private Q_SLOTS:
         QVERIFY(QDir(m_directory->path())
                     .entryList({u"korvane*"_s}, QDir::AllEntries | QDir::System)
                     .isEmpty());
+    }
+
+    void startingWithTheSession()
+    {
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(path(u"a"_s)));
+        QVERIFY(!platform::startsWithSession());
+        QVERIFY(platform::setStartsWithSession(false).ok);
+        QVERIFY(platform::setStartsWithSession(true).ok && platform::startsWithSession());
+        QFile entry(path(u"a/autostart/%1.desktop"_s.arg(QCoreApplication::applicationName())));
+        QVERIFY(entry.open(QFile::ReadOnly));
+        const QByteArray program = QFile::encodeName(QCoreApplication::applicationFilePath());
+        QVERIFY(entry.readAll().contains("\nExec=\"" + program + "\" --background\n"));
+        QVERIFY(platform::setStartsWithSession(false).ok && !platform::startsWithSession());
+        QVERIFY(QDir(path(u"a"_s)).removeRecursively());
+        QVERIFY(QFile(path(u"a"_s)).open(QFile::WriteOnly)); // In the directory's place.
+        QVERIFY(!platform::setStartsWithSession(true).ok && !platform::startsWithSession());
+        qunsetenv("XDG_CONFIG_HOME");
     }
 
     void ancestors()

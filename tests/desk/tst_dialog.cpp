@@ -1,15 +1,22 @@
 // Tests of the desk's windows, on a screen that nobody sees: when an answer counts, and what is shown.
 #include "desk/asking_client.h"
 #include "desk/desk.h"
+#include "desk/windows/main_window.h"
+#include "desk/windows/pause_menu.h"
 #include "desk/windows/plain_text_view.h"
 #include "desk/windows/question_dialog.h"
 #include "fake/fake_platform.h"
 
+#include <QAccessible>
 #include <QApplication>
+#include <QCheckBox>
+#include <QClipboard>
 #include <QGroupBox>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QSignalSpy>
+#include <QTableView>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -233,6 +240,64 @@ private Q_SLOTS:
         for (const QLabel* label : m_dialog->findChildren<QLabel*>())
             QVERIFY(label->textFormat() == Qt::PlainText && !label->text().contains(u'x'));
         QCOMPARE(allowButton()->text(), u"允许未知操作"_s);
+    }
+
+    void theCountdownIsSaid()
+    {
+        const QSignalSpy said(m_dialog.get(), &QuestionDialog::announced);
+        for (int second = 0; second < 119; ++second)
+            pass(1s);
+        QCOMPARE(said.size(), 3);
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(said[i][0].toString().contains(QStringList{u"60"_s, u"30"_s, u"10"_s}[i]));
+    }
+
+    void theMainWindow()
+    {
+        MainWindow window(*m_desk);
+        window.bringUp();
+        QVERIFY(QTest::qWaitForWindowActive(&window));
+        auto* const table = window.findChild<QTableView*>();
+        const auto rows = [&] { return table->model()->rowCount(); };
+        QVERIFY(!table->isVisible()); // Instead: what will be here.
+        m_desk->refuse(m_desk->questions().first().id);
+        QTRY_VERIFY(table->isVisible());
+        AskingClient garbled("{}");
+        QTRY_COMPARE(rows(), 2);
+        QCOMPARE(table->model()->index(1, 3).data().toString(), harmless.summary);
+        const auto filter = [&](const QString& text) {
+            return window.findChild<QLineEdit*>()->setText(text), rows();
+        };
+        QCOMPARE(filter(u"格式有误"_s), 1);
+        QCOMPARE(filter(u"KILL"_s), 1);
+        table->selectRow(0);
+        table->setFocus();
+        QTest::keySequence(table, QKeySequence::Copy);
+        QVERIFY(QApplication::clipboard()->text().contains(harmless.detail));
+        QCOMPARE(filter(u"nothing"_s), 0);
+        m_desk->historyChanged();
+        QTest::qWait(150);
+
+        auto* const menu = window.findChild<PauseMenu*>();
+        menu->actions().last()->trigger();
+        QVERIFY(m_desk->isPaused() && window.findChild<QLabel*>()->text().contains(u"已暂停"));
+        menu->actions().first()->trigger();
+        QVERIFY(!m_desk->isPaused());
+
+        auto* const autostart = window.findChild<QCheckBox*>();
+        QVERIFY(!autostart->isChecked());
+        autostart->click();
+        QVERIFY(autostart->isChecked() && fake::platform().startsWithSession);
+
+        window.close(); // There is no tray here.
+        QVERIFY(window.isVisible() && window.isMinimized());
+        for (const QWidget* widget : window.findChildren<QWidget*>()) {
+            if ((widget->focusPolicy() & Qt::TabFocus) != 0 && widget->isVisible())
+                QVERIFY2(!QAccessible::queryAccessibleInterface(const_cast<QWidget*>(widget))
+                              ->text(QAccessible::Name)
+                              .isEmpty(),
+                         widget->metaObject()->className());
+        }
     }
 };
 

@@ -91,6 +91,8 @@ test('lists the processes that ps and the exe links show', async () => {
       const seen = [first[key], last[key]];
       assert(changes || seen.includes(entry[key]), `${key} of ${pid}: ${entry[key]}, not ${seen}`);
     }
+    // Other tests' servers take, and give back, what a line of 64 MiB needs.
+    if (entry.name.startsWith('korvane-') && pid !== linux.transport.pid) continue;
     const [low, high] = [first.memory_bytes, last.memory_bytes].sort((a, b) => a - b);
     const margin = tolerance.memoryBytes + high * tolerance.memoryShare;
     assertWithin(entry.memory_bytes, low - margin, high + margin, `memory of ${pid} ${last.name}`);

@@ -194,7 +194,7 @@ bool startsWithSession()
 
 OpResult setStartsWithSession(bool starts)
 {
-    const OpResult result = script.write({u"setStartsWithSession"_s, number(starts ? 1 : 0)});
+    OpResult result = script.write({u"setStartsWithSession"_s, number(starts ? 1 : 0)});
     script.startsWithSession = result.ok ? starts : script.startsWithSession;
     return result;
 }

@@ -10,7 +10,7 @@ using namespace std::chrono_literals;
 
 QString stateText(const Desk& desk)
 {
-    if (const QString problem = desk.problem(); !problem.isEmpty())
+    if (QString problem = desk.problem(); !problem.isEmpty())
         return problem;
     switch (desk.state()) {
     case Desk::State::Listening:

@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 constexpr milliseconds refreshTime = 100ms;
 
 /// The remaining times that a screen reader is told of.
-constexpr std::array<milliseconds, 3> announced{60s, 30s, 10s};
+constexpr std::array<milliseconds, 3> spokenTimes{60s, 30s, 10s};
 
 constexpr int linesOfAsker = 2;
 constexpr int linesOfTitle = 2;
@@ -104,6 +104,8 @@ QuestionDialog::QuestionDialog(Desk& desk, Channel::SteadyClock clock)
     layout->addLayout(makeWords());
     layout->addStretch();
     layout->addLayout(makeAnswers());
+    connect(this, &QuestionDialog::announced, m_countdown,
+            [this](const QString& text) { announce(m_countdown, text); });
     connect(&m_timer, &QTimer::timeout, this, &QuestionDialog::refresh);
     connect(&m_desk, &Desk::questionAdded, this, &QuestionDialog::showFirst);
     connect(&m_desk, &Desk::questionEnded, this, &QuestionDialog::showFirst);
@@ -273,12 +275,12 @@ void QuestionDialog::refresh()
     const milliseconds left = m_desk.remaining(m_shown);
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(left).count();
     m_countdown->setText(tr("剩余 %1 秒, 之后自动拒绝").arg(seconds));
-    const bool isDue = std::any_of(announced.begin(), announced.end(), [&](milliseconds time) {
+    const bool isDue = std::any_of(spokenTimes.begin(), spokenTimes.end(), [&](milliseconds time) {
         return left <= time && time < m_announcedAt;
     });
     if (isDue) {
         m_announcedAt = left;
-        announce(m_countdown, m_countdown->text());
+        Q_EMIT announced(m_countdown->text());
     }
 }
 

@@ -39,6 +39,10 @@ public:
     /// Refuses: what closing the dialog and Escape come to.
     void reject() override;
 
+Q_SIGNALS:
+    /// A screen reader is told to say that.
+    void announced(const QString& text);
+
 protected:
     bool event(QEvent* event) override;
     bool eventFilter(QObject* watched, QEvent* event) override;
