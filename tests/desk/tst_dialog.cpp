@@ -106,7 +106,7 @@ private Q_SLOTS:
         qputenv("TMPDIR", QFile::encodeName(m_directory->path()));
         m_now = 1h;
         const auto clock = [this] { return m_now; };
-        m_desk = std::make_unique<Desk>(Clock{clock, &QDateTime::currentDateTime},
+        m_desk = std::make_unique<Desk>(Clock{clock, [] { return QDateTime::currentDateTime(); }},
                                         m_directory->filePath(u"data"_s));
         QVERIFY2(m_desk->start(), qPrintable(m_desk->problem()));
         m_dialog = std::make_unique<QuestionDialog>(*m_desk, clock);
