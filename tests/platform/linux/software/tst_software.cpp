@@ -217,7 +217,8 @@ END
         write("var/lib/snapd/state.json", "x");
         if (!body.isEmpty())
             writeProgram("snap", "echo $$ >$HOME/pid\n" + body);
-        m_limits = {std::chrono::seconds(1), 99'999};
+        // Only who is to be late gets little time: the machine may be busy.
+        m_limits = {std::chrono::seconds(error == late ? 1 : 20), 99'999};
         const QDeadlineTimer deadline(30'000);
         QVERIFY(list().isEmpty());
         QVERIFY(!deadline.hasExpired());
