@@ -205,9 +205,9 @@ private Q_SLOTS:
             test::makeTree(m_root, u"a%1/|b/%1/c/"_s.arg(i));
         const auto before = Watchdog::steps();
         QCOMPARE(files(platform::walkFiles, u"."_s), QStringList());
-        QCOMPARE(Watchdog::steps() - before, 2U * (50 + 1 + 100)); // seen and opened
+        QCOMPARE(Watchdog::steps() - before, 2UL * (50 + 1 + 100)); // seen and opened
         QCOMPARE(entries(platform::walkEntries, u"."_s).size(), 51);
-        QVERIFY(Watchdog::steps() - before > 3U * (50 + 1 + 100));
+        QVERIFY(Watchdog::steps() - before > 3UL * (50 + 1 + 100));
     }
 
     void goesDeepWithFewHandles_data() { test::addRows(depths); }
