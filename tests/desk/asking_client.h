@@ -9,6 +9,11 @@
 
 namespace korvane::test {
 
+/// A question as good as any other.
+inline const consent::Request harmless{QStringLiteral("kill_process"), QStringLiteral("标题"),
+                                       QStringLiteral("概要"), QStringLiteral("一\n二"),
+                                       QStringLiteral("理由")};
+
 /// One connection to the consent channel.
 class AskingClient
 {

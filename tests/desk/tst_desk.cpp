@@ -25,10 +25,9 @@ using namespace korvane::desk;
 using namespace std::chrono_literals;
 using namespace Qt::StringLiterals;
 using test::AskingClient;
+using test::harmless;
 
 namespace {
-
-const consent::Request harmless{u"kill_process"_s, u"标题"_s, u"概要"_s, u"一\n二"_s, u"理由"_s};
 
 HistoryEntry granted(quint64 id, const consent::Request& request = harmless)
 {
