@@ -9,10 +9,11 @@
 
 namespace korvane::test {
 
+using namespace Qt::StringLiterals;
+
 /// A question as good as any other.
-inline const consent::Request harmless{QStringLiteral("kill_process"), QStringLiteral("标题"),
-                                       QStringLiteral("概要"), QStringLiteral("一\n二"),
-                                       QStringLiteral("理由")};
+inline const consent::Request harmless{u"kill_process"_s, u"标题"_s, u"概要"_s, u"一\n二"_s,
+                                       u"理由"_s};
 
 /// One connection to the consent channel.
 class AskingClient
