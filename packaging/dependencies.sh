@@ -39,6 +39,8 @@ lint_needs=(
     clang-format=clang-format
     clang-tidy=clang-tidy
     run-clang-tidy=clang-tidy
+    '/usr/lib/llvm-*/include/clang-tidy/ClangTidyCheck.h=libclang-dev'
+    '/usr/lib/llvm-*/include/llvm/ADT/StringRef.h=llvm-dev'
 )
 
 as_root() {
