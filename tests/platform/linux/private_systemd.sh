@@ -74,6 +74,4 @@ until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd
     fi
     sleep 0.1
 done
-status=0
-"$@" || status=$?
-exit "$status"
+"$@"
