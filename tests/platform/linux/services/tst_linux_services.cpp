@@ -72,7 +72,9 @@ void serve(QByteArray role, const QString& path)
     if (role != "nobody")
         server.listen(path);
     ::close(STDOUT_FILENO);
-    while (role != "silent bus" && server.waitForNewConnection(-1)) {
+    if (role == "silent bus")
+        test::waitForEnd();
+    while (server.waitForNewConnection(-1)) {
         QLocalSocket* const peer = server.nextPendingConnection();
         peer->write(QByteArray(role == "garbage" ? 100'000 : 0, '\xff'));
         peer->waitForBytesWritten();
@@ -166,7 +168,10 @@ of@1.2_3\x2d|运行中|手动|<1.2_3\x2d>||/bin/sleep infinity
 off|已停止|手动|off.service||/bin/sh -c true; /bin/false
 passing|运行中|手动|Passing||/bin/sleep infinity
 run|运行中|自动|跑步 %1|man:a(1) https://b|/bin/sleep infinity
-says|已停止|手动|says.service||/bin/sh -c "a  \"b\""; /bin/echo "it's" "a\\b" "c;" "\x09\x01" "" ";" 服
+)"
+                          "says|已停止|手动|says.service||/bin/sh -c \"a  \\\"b\\\"\"; /bin/echo "
+                          "\"it's\" "
+                          R"("a\\b" "c;" "\x09\x01" "" ";" 服
 tied|运行中|手动|tied.service||/bin/sleep infinity
 )";
 
@@ -234,7 +239,7 @@ QString changeService(const QString& line)
 {
     static const QStringList types{
         {}, {}, u"auto"_s, u"delayed"_s, u"manual"_s, u"disabled"_s, {}, u"invalid"_s};
-    const auto& services = Singleton<ServiceManagerService>::instance();
+    auto& services = Singleton<ServiceManagerService>::instance();
     const QString command = line.section(u'|', 0, 0);
     const QString action = command.section(u' ', 0, 0);
     const QString unit = command.section(u' ', -1);
@@ -395,9 +400,8 @@ private Q_SLOTS:
         const QStringList programs = listed("name binary_path");
         QCOMPARE(programs.filter(QRegularExpression(u"^many.*/sleep infinity$"_s)).size(), 300);
         QCOMPARE(listed("name pid").filter(QRegularExpression(u"^(begins|dbus|off|run)[|]"_s)),
-                 linesOf(shell(R"(for i in begins dbus off run; do
-                     echo "$i|$(systemctl --user show -p MainPID --value $i)"
-                 done)")));
+                 linesOf(shell("for i in begins dbus off run; do "
+                               "echo $i'|'$(systemctl --user show -p MainPID --value $i); done")));
 
         const auto& services = Singleton<ServiceManagerService>::instance();
         QCOMPARE(services.enumDependents(u"run"_s), (QStringList{u"needs"_s, u"tied"_s}));
