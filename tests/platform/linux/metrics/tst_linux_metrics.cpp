@@ -5,7 +5,6 @@
 #include "support/system.h"
 
 #include <QRegularExpression>
-#include <QTextStream>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
@@ -16,13 +15,11 @@ namespace {
 
 QString shown(const SystemMetrics& m)
 {
-    QString text;
-    QTextStream(&text) << "cpu " << m.cpuPercent << "|memory " << m.memoryUsedBytes / 1024 << '/'
-                       << m.memoryTotalBytes / 1024 << ' ' << m.memoryPercent << "|commit "
-                       << m.commitChargeBytes / 1024 << '/' << m.commitLimitBytes / 1024 << ' '
-                       << m.commitPercent << "|disk " << m.diskPercent << ' ' << m.diskReadKbs
-                       << ' ' << m.diskWriteKbs << "|net " << m.netRecvKbs << ' ' << m.netSendKbs;
-    return text;
+    return QString::asprintf(
+        "cpu %g|memory %llu/%llu %g|commit %llu/%llu %g|disk %g %g %g|net %g %g", m.cpuPercent,
+        m.memoryUsedBytes / 1024, m.memoryTotalBytes / 1024, m.memoryPercent,
+        m.commitChargeBytes / 1024, m.commitLimitBytes / 1024, m.commitPercent, m.diskPercent,
+        m.diskReadKbs, m.diskWriteKbs, m.netRecvKbs, m.netSendKbs);
 }
 
 /// What the scripts below write their files with. Of disks: sectors read and written, and how many
@@ -239,9 +236,8 @@ private Q_SLOTS:
     void networkOfANamespace()
     {
         const QString answer = test::played([] {
-            const auto leave = [] { ::unshare(CLONE_NEWNET); };
             const bool isOwn = test::makeMountsOwn(CLONE_NEWNET);
-            const test::Child other(leave);
+            const test::Child other([] { ::unshare(CLONE_NEWNET); });
             const QByteArray makeLink = R"(exec 2>&1
                 mount -t sysfs none /sys && ip link set lo up &&
                 ip link add near type veth peer name far netns $0 &&

@@ -49,15 +49,13 @@ QStringList rowsOn(test::Client& client, quint16 port)
 }
 
 /// A port that no socket has, not even one of another protocol that waits for its end: those of
-/// earlier runs do for a minute. 0 where none is found.
+/// earlier runs do for a minute.
 quint16 unusedPort(test::Client& client)
 {
-    for (int i = 0; i < 100; ++i) {
-        const quint16 port = BoundSocket(udpSocket, "0.0.0.0").localPort();
-        if (rowsOn(client, port).isEmpty())
-            return port;
-    }
-    return 0;
+    quint16 port = 0;
+    for (int i = 0; i < 100 && (port == 0 || !rowsOn(client, port).isEmpty()); ++i)
+        port = BoundSocket(udpSocket, "0.0.0.0").localPort();
+    return port;
 }
 
 /// A dump's datagram of `count` listening sockets, on ports from 1 on, and its end.
