@@ -19,6 +19,19 @@ struct ToolReply
 
     /// The result object that a successful call's text holds.
     QJsonObject json() const { return QJsonDocument::fromJson(text.toUtf8()).object(); }
+
+    /// The records that it has under `key`, each the values of `names` with `mark` between them.
+    QStringList rows(const QString& key, const char* names, QChar mark = u'|') const
+    {
+        QStringList rows;
+        for (const QJsonValue record : json()[key].toArray()) {
+            QStringList values;
+            for (const QString& name : QString::fromLatin1(names).split(u' '))
+                values += record[name].toVariant().toString();
+            rows += values.join(mark);
+        }
+        return rows;
+    }
 };
 
 /// A server with every tool registered.

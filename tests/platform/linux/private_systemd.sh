@@ -64,16 +64,9 @@ END
 
 /lib/systemd/systemd --user >/run/kv/systemd.log 2>&1 &
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus KORVANE_PRIVATE_SYSTEMD=1
-tries=0
-until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1 \
-    >/dev/null 2>&1; do
-    tries=$((tries + 1))
-    if [ "$tries" -gt 200 ] || ! kill -0 $! 2>/dev/null; then
-        cat /run/kv/systemd.log >&2
-        skip 'systemd does not start'
-    fi
-    sleep 0.1
-done
-status=0
-"$@" || status=$?
-exit "$status"
+timeout 20 sh -c 'until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1
+do kill -0 "$0" && sleep 0.1 || exit; done' $! >/dev/null 2>&1 || {
+    cat /run/kv/systemd.log >&2
+    skip 'systemd does not start'
+}
+"$@"
