@@ -28,12 +28,6 @@ test_needs=(
     mkfs.ext4=e2fsprogs
     /lib/systemd/systemd=systemd
     /usr/lib/systemd/user/dbus.socket=dbus-user-session
-    Xvfb=xvfb
-    evilwm=evilwm
-    xterm=xterm
-    xprop=x11-utils
-    ssh-agent=openssh-client
-    tmux=tmux
 )
 lint_needs=(
     clang-format=clang-format

@@ -112,6 +112,14 @@ private:
     pid_t m_pid = -1;
 };
 
+/// What makes a Child the shell, which waits after the script, unless that fails; $0 is `argument`.
+inline std::function<void()> runShell(QByteArray script, const QByteArray& argument = {})
+{
+    script += "; exec >&-; kill -STOP $$";
+    return
+        [=] { ::execl("/bin/sh", "sh", "-ec", script.constData(), argument.constData(), nullptr); };
+}
+
 constexpr int refusedCode = 77; ///< Exit code of a part that cannot be played here.
 
 /// What `act` returns in a forked process, which may end itself by refusedCode; empty then.

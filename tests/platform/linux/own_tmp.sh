@@ -11,11 +11,6 @@
 # KORVANE_TMP_DEVICE, the device number of this /tmp, it can make sure before it cleans.
 set -eu
 
-skip() {
-    echo "SKIP   : no /tmp of one's own here: $1"
-    exit 77
-}
-
 if [ "${1:-}" != --inside ]; then
     for mapping in '' --map-root-user; do
         # shellcheck disable=SC2086 # no word when empty
@@ -27,7 +22,8 @@ if [ "${1:-}" != --inside ]; then
         rm -rf "$directory"
         exit "$status"
     done
-    skip 'namespaces or mounts are refused'
+    echo "SKIP   : no /tmp of one's own here: namespaces or mounts are refused"
+    exit 77
 fi
 shift
 
@@ -46,8 +42,7 @@ mount --move "$fresh" /tmp
 cd "$PWD" # by the new way
 
 KORVANE_TMP_DEVICE=$(stat -c %d /tmp)
-export KORVANE_TMP_DEVICE
-export HOME="$KORVANE_OWN_TMP/home" KORVANE_VOLUME=
+export KORVANE_TMP_DEVICE HOME="$KORVANE_OWN_TMP/home" KORVANE_VOLUME=
 export XDG_DATA_HOME="$HOME/data"
 unset TMPDIR XDG_RUNTIME_DIR
 mkdir -p "$HOME" "$KORVANE_OWN_TMP/volume"

@@ -30,13 +30,8 @@ QString killed(qint64 pid)
     return (result.ok ? u"yes: "_s : u"no: "_s) + result.message;
 }
 
-/// What happens once a link has been read that leads to `target`.
-struct LinkRead
-{
-    QByteArray target;
-    std::function<void()> then;
-};
-LinkRead* awaitedLink = nullptr;
+/// The target of a link, and what happens once it has been read.
+std::pair<QByteArray, std::function<void()>>* awaitedLink = nullptr;
 
 /// What becomes of a process that has another one's PID, in a PID namespace of their own: since a
 /// listing or, where that one held a socket, since its descriptors were looked at.
@@ -51,15 +46,15 @@ QString afterARecycling(bool isHolder)
     const pid_t pid = victim->pid();
     std::unique_ptr<Child> other;
     const QByteArray target = QFile::symLinkTarget(handle).section(u'/', -1).toUtf8();
-    LinkRead link{target, [&] {
-                      victim.reset();
-                      ::usleep(50'000); // Start times of two differ by a clock tick at least.
-                      test::writeFile(u"/proc/sys/kernel/ns_last_pid"_s,
-                                      QByteArray::number(pid - 1));
-                      other = std::make_unique<Child>();
-                      if (other->pid() != pid)
-                          ::_exit(test::refusedCode);
-                  }};
+    std::pair<QByteArray, std::function<void()>> link{
+        target, [&] {
+            victim.reset();
+            ::usleep(50'000); // Start times of two differ by a clock tick at least.
+            test::writeFile(u"/proc/sys/kernel/ns_last_pid"_s, QByteArray::number(pid - 1));
+            other = std::make_unique<Child>();
+            if (other->pid() != pid)
+                ::_exit(test::refusedCode);
+        }};
     listener.close();
     QString answer;
     if (isHolder) {
@@ -68,19 +63,13 @@ QString afterARecycling(bool isHolder)
             answer += row.pid == static_cast<quint32>(pid) ? u"shown, "_s : QString();
     } else {
         list();
-        link.then();
+        link.second();
     }
     if (other == nullptr)
         ::_exit(1);
     answer += killed(pid);
     return (other->isRunning() ? u"alive, "_s : u"ended, "_s) + answer;
 }
-
-/// Whether it was a holder of a socket, and how the answer ends.
-const test::Cases<bool, QString> recyclings{
-    {"after the listing", false, u") 已退出, 该 PID 现属于另一个进程, 未结束任何进程"_s},
-    {"during the listing of connections", true, u": 最近的进程或连接列表中没有它"_s},
-};
 
 } // namespace
 
@@ -89,8 +78,8 @@ extern "C" ssize_t readlinkat(int directory, const char* path, char* target, siz
 {
     const ssize_t length = ::syscall(SYS_readlinkat, directory, path, target, size);
     if (awaitedLink != nullptr && length > 0 &&
-        awaitedLink->target == QByteArrayView(target, length))
-        std::exchange(awaitedLink, nullptr)->then();
+        awaitedLink->first == QByteArrayView(target, length))
+        std::exchange(awaitedLink, nullptr)->second();
     return length;
 }
 
@@ -100,19 +89,22 @@ class TestProcessTermination : public QObject
 
 private Q_SLOTS:
     // First, since what this program has listed before is known to those that it forks.
-    void aRecycledPidIsLeftAlone_data() { test::addRows(recyclings); }
     void aRecycledPidIsLeftAlone()
     {
-        const auto& [name, isHolder, reason] = test::currentRow(recyclings);
-        const QString answer = test::played([isHeld = isHolder] {
-            if (::unshare(CLONE_NEWPID) != 0)
-                ::_exit(test::refusedCode);
-            return test::played([isHeld] { return afterARecycling(isHeld); });
-        });
-        if (answer.isEmpty())
-            QSKIP("this machine refuses a PID namespace");
-        QVERIFY2(answer.startsWith(u"alive, no: "_s), qPrintable(answer));
-        QVERIFY2(answer.endsWith(reason), qPrintable(answer));
+        // Whether it is a holder of a socket, and how the answer ends.
+        for (const auto& [isHolder, reason] :
+             {std::pair(false, u") 已退出, 该 PID 现属于另一个进程, 未结束任何进程"_s),
+              std::pair(true, u": 最近的进程或连接列表中没有它"_s)}) {
+            const QString answer = test::played([isHeld = isHolder] {
+                if (::unshare(CLONE_NEWPID) != 0)
+                    ::_exit(test::refusedCode);
+                return test::played([isHeld] { return afterARecycling(isHeld); });
+            });
+            if (answer.isEmpty())
+                QSKIP("this machine refuses a PID namespace");
+            QVERIFY2(answer.startsWith(u"alive, no: "_s) && answer.endsWith(reason),
+                     qPrintable(answer));
+        }
     }
 
     void theListedProcessIsEnded()

@@ -1,12 +1,14 @@
 // Tests that two threads meet on one processor for a hand-over, and are free again after it.
 #include "platform/process_setup.h"
-
-#include <QTest>
+#include "support/table.h"
 
 #include <thread>
 
 #include <sched.h>
 #include <unistd.h>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -18,10 +20,33 @@ cpu_set_t allowed(pid_t thread = 0)
     return processors;
 }
 
-bool areEqual(const cpu_set_t& one, const cpu_set_t& other)
+const cpu_set_t everywhere = allowed();
+
+/// The same as a text: "all", or "here" where it is the calling thread's processor alone.
+QString placeOf(pid_t thread)
 {
-    return CPU_EQUAL(&one, &other) != 0;
+    const cpu_set_t processors = allowed(thread);
+    const bool isHere = CPU_ISSET(static_cast<unsigned>(::sched_getcpu()), &processors);
+    return CPU_EQUAL(&processors, &everywhere)     ? u"all "_s
+           : isHere && CPU_COUNT(&processors) == 1 ? u"here "_s
+                                                   : u"elsewhere "_s;
 }
+
+/// Lets the calling thread run where it is alone, or everywhere.
+void bind(bool isBound)
+{
+    cpu_set_t here = {};
+    CPU_SET(static_cast<unsigned>(::sched_getcpu()), &here);
+    (void)::sched_setaffinity(0, sizeof here, isBound ? &here : &everywhere);
+}
+
+/// Whether the main thread and the other are bound to their processors, the other's place and the
+/// main thread's while they meet, theirs after it, and the main thread's once it is released too.
+const test::Cases<bool, bool, QString> threads{
+    {"both are free", false, false, u"here here all here all "_s},
+    {"the main one is bound", true, false, u"all here here "_s}, // may be on another processor
+    {"the other one was bound", false, true, u"here all all all all "_s},
+};
 
 } // namespace
 
@@ -30,64 +55,31 @@ class TestSharedProcessor : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void threadsMeetAndPart_data() { test::addRows(threads); }
     void threadsMeetAndPart()
     {
-        const cpu_set_t everywhere = allowed();
+        const auto& [name, isMainBound, isOtherBound, expected] = test::currentRow(threads);
         if (CPU_COUNT(&everywhere) < 2)
             QSKIP("there is one processor only");
-        const pid_t worker = ::gettid();
-        const auto processor = korvane::platform::makeSharedProcessor();
+        bind(isMainBound);
+        const auto processor = platform::makeSharedProcessor();
         for (int turn = 0; turn < 2; ++turn) {
-            bool haveMet = false;
-            bool isFree = false;
-            std::thread([&] {
+            QString places;
+            std::thread([&, main = ::gettid(), meets = !isMainBound, isBound = isOtherBound] {
+                bind(isBound);
                 processor->gather();
-                cpu_set_t here = {};
-                CPU_SET(static_cast<unsigned>(::sched_getcpu()), &here);
-                haveMet = areEqual(allowed(), here) && areEqual(allowed(worker), here);
+                if (meets)
+                    places += placeOf(0) + placeOf(main);
+                if (isBound)
+                    bind(false); // What was not taken is not given back.
                 processor->release();
-                isFree = areEqual(allowed(), everywhere);
+                places += placeOf(0);
             }).join();
-            QVERIFY(haveMet);
-            QVERIFY(isFree);
-            QVERIFY(!areEqual(allowed(), everywhere)); // until it says so itself
+            places += placeOf(0);
             processor->release();
-            QVERIFY(areEqual(allowed(), everywhere));
+            QCOMPARE(places + placeOf(0), expected);
         }
-    }
-
-    void eachGetsBackItsOwn()
-    {
-        const cpu_set_t everywhere = allowed();
-        const auto processor = korvane::platform::makeSharedProcessor();
-        cpu_set_t one = {};
-        CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
-        QCOMPARE(::sched_setaffinity(0, sizeof one, &one), 0);
-        bool isFree = false;
-        std::thread([&] {
-            (void)::sched_setaffinity(0, sizeof everywhere, &everywhere);
-            processor->gather();
-            processor->release();
-            isFree = areEqual(allowed(), everywhere);
-        }).join();
-        processor->release();
-        const bool isAsBefore = areEqual(allowed(), one);
-        QCOMPARE(::sched_setaffinity(0, sizeof everywhere, &everywhere), 0);
-        QVERIFY(isFree);
-        QVERIFY(isAsBefore);
-    }
-
-    void aSingleProcessorIsLeftAlone()
-    {
-        const cpu_set_t everywhere = allowed();
-        cpu_set_t one = {};
-        CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
-        QCOMPARE(::sched_setaffinity(0, sizeof one, &one), 0);
-        const auto processor = korvane::platform::makeSharedProcessor();
-        processor->gather();
-        QCOMPARE(::sched_setaffinity(0, sizeof everywhere, &everywhere), 0);
-        processor->release(); // gives back nothing that gather() did not take
-        QVERIFY(areEqual(allowed(), everywhere));
+        bind(false);
     }
 };
 
