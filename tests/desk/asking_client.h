@@ -3,9 +3,10 @@
 
 #include "consent/protocol.h"
 
-#include <QEventLoop>
+#include <QFile>
 #include <QLocalSocket>
-#include <QTimer>
+#include <QSignalSpy>
+#include <QTemporaryDir>
 
 namespace korvane::test {
 
@@ -15,42 +16,43 @@ using namespace Qt::StringLiterals;
 inline const consent::Request harmless{u"kill_process"_s, u"标题"_s, u"概要"_s, u"一\n二"_s,
                                        u"理由"_s};
 
+/// The directory in which the desk and who asks it meet, while it lives.
+class OwnTmp : public QTemporaryDir
+{
+public:
+    OwnTmp() { qputenv("TMPDIR", QFile::encodeName(path())); }
+    ~OwnTmp() { qunsetenv("TMPDIR"); }
+    Q_DISABLE_COPY_MOVE(OwnTmp)
+};
+
 /// One connection to the consent channel.
 class AskingClient
 {
 public:
     AskingClient() { m_socket.connectToServer(consent::channelName); }
+    explicit AskingClient(const QByteArray& line) : AskingClient() { send(line); }
+    explicit AskingClient(const consent::Request& request) : AskingClient() { ask(request); }
 
-    /// A connection that has sent that line.
-    explicit AskingClient(const QByteArray& line) : AskingClient()
+    void ask(const consent::Request& request) { send(consent::encodeRequest(request)); }
+    void send(const QByteArray& line)
     {
         m_socket.write(line + '\n');
         m_socket.flush();
     }
-    explicit AskingClient(const consent::Request& request)
-        : AskingClient(consent::encodeRequest(request))
-    {
-    }
-
-    void ask(const consent::Request& request)
-    {
-        m_socket.write(consent::encodeRequest(request) + '\n');
-        m_socket.flush();
-    }
 
     bool isConnected() const { return m_socket.state() == QLocalSocket::ConnectedState; }
+
+    /// Whether anything has come by now that had not when the event loop last ran.
+    bool hears() { return m_socket.waitForReadyRead(0); }
 
     void leave() { m_socket.abort(); }
 
     /// The answer's line; empty where the connection ends without one, or there is none in time.
     QByteArray answerLine()
     {
-        QEventLoop loop;
-        QTimer::singleShot(5000, &loop, &QEventLoop::quit);
-        QObject::connect(&m_socket, &QLocalSocket::readyRead, &loop, &QEventLoop::quit);
-        QObject::connect(&m_socket, &QLocalSocket::disconnected, &loop, &QEventLoop::quit);
-        if (!m_socket.canReadLine() && isConnected())
-            loop.exec();
+        QSignalSpy end(&m_socket, &QLocalSocket::disconnected);
+        if (isConnected())
+            end.wait();
         return m_socket.readLine();
     }
     consent::Result answer() { return consent::decodeResult(answerLine().trimmed()); }

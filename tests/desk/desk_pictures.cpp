@@ -1,26 +1,22 @@
 // Makes pictures of the desk's windows: desk_pictures DIRECTORY SUFFIX [dark]. See screenshots.sh.
-#include "desk/asking_client.h"
+#include "desk/desk_suite.h"
 #include "desk/translation.h"
 #include "desk/windows.h"
 #include "desk/windows/main_window.h"
 #include "desk/windows/question_dialog.h"
-#include "fake/fake_platform.h"
 
 #include <QApplication>
-#include <QTemporaryDir>
-#include <QTest>
-
-#include <memory>
 
 using namespace korvane;
+using namespace std::chrono_literals;
 using namespace Qt::StringLiterals;
 
 namespace {
 
 const consent::Request freePort{
     u"kill_by_port"_s, u"结束占用端口 8080 的进程"_s, u"将结束 2 个进程, 以释放端口 8080。"_s,
-    u"node (PID 20114)\n命令行: node /home/li/shop/server.js --port 8080 --watch --log /home/li/shop/log/server.log\n"
-    u"node (PID 20131)\n命令行: node /home/li/shop/worker.js"_s,
+    u"node (PID 20114)\n命令行: node /home/li/shop/server.js --port 8080 --watch "
+    "--log /home/li/shop/log/server.log\nnode (PID 20131)\n命令行: node /home/li/shop/worker.js"_s,
     u"您让我重启商店的开发服务器, 但旧的服务器还占用着端口 8080。"_s};
 const consent::Request junk{
     u"clean_junk"_s,
@@ -40,22 +36,41 @@ QPalette darkPalette()
     return palette;
 }
 
-void save(QWidget& widget, const QString& name)
+class Pictures : public test::DeskSuite
 {
-    widget.activateWindow();
-    static_cast<void>(QTest::qWaitForWindowActive(&widget));
-    QTest::qWait(1300); // Until Allow is active.
-    const QStringList arguments = QCoreApplication::arguments();
-    widget.grab().save(u"%1/%2%3.png"_s.arg(arguments.value(1), name, arguments.value(2)));
-}
+public:
+    void make()
+    {
+        startDesk();
+        desk::MainWindow window(*m_desk);
+        window.show();
+        save(window, u"empty"_s);
+        desk::QuestionDialog dialog(*m_desk, m_clock.steady);
+        test::setAsker(desk::ownServerPath());
+        ask(freePort);
+        save(dialog, u"dialog"_s);
+        ask(junk);
+        test::setAsker(u"/tmp/.x/korvane-mcp"_s);
+        ask(unknown);
+        m_desk->allow(m_desk->questions().first().id);
+        save(dialog, u"queue"_s);
+        m_desk->refuse(m_desk->questions().first().id);
+        save(dialog, u"hostile"_s);
+        m_desk->pauseFor(10min);
+        save(window, u"window"_s);
+    }
 
-void setAsker(const QString& executable)
-{
-    fake::platform().ancestors = {
-        {.pid = 4711, .name = executable.section(u'/', -1), .exePath = executable},
-        {.pid = 5, .name = u"node"_s, .exePath = {}},
-        {.pid = 4, .name = u"code"_s, .exePath = {}}};
-}
+private:
+    void save(QWidget& widget, const QString& name)
+    {
+        widget.activateWindow();
+        static_cast<void>(QTest::qWaitForWindowActive(&widget));
+        pass(1s);
+        QTest::qWait(300); // Until all is shown, and Allow active.
+        const QStringList arguments = QCoreApplication::arguments();
+        widget.grab().save(u"%1/%2%3.png"_s.arg(arguments.value(1), name, arguments.value(2)));
+    }
+};
 
 } // namespace
 
@@ -65,32 +80,6 @@ int main(int argc, char* argv[])
     desk::chooseLanguage(*application);
     if (application->arguments().contains(u"dark"_s))
         QApplication::setPalette(darkPalette());
-    const QTemporaryDir directory;
-    qputenv("TMPDIR", QFile::encodeName(directory.path()));
-    desk::Desk desk(desk::Clock::ofSystem(), directory.filePath(u"data"_s));
-    if (!desk.start())
-        return 1;
-    desk::MainWindow window(desk);
-    window.show();
-    save(window, u"empty"_s);
-    desk::QuestionDialog dialog(desk);
-    const auto ask = [&desk](const consent::Request& request) {
-        auto client = std::make_unique<test::AskingClient>(request);
-        const qsizetype before = desk.questions().size();
-        static_cast<void>(QTest::qWaitFor([&] { return desk.questions().size() > before; }));
-        return client;
-    };
-    setAsker(desk::ownServerPath());
-    const auto first = ask(freePort);
-    save(dialog, u"dialog"_s);
-    const auto second = ask(junk);
-    setAsker(u"/tmp/.x/korvane-mcp"_s);
-    const auto third = ask(unknown);
-    desk.allow(desk.questions().first().id);
-    save(dialog, u"queue"_s);
-    desk.refuse(desk.questions().first().id);
-    save(dialog, u"hostile"_s);
-    desk.pauseFor(std::chrono::minutes(10));
-    save(window, u"window"_s);
+    Pictures().make();
     return 0;
 }

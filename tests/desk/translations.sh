@@ -8,8 +8,9 @@ fresh=$(mktemp --suffix=.ts)
 trap 'rm -f "$fresh"' EXIT
 cp "$translated" "$fresh"
 cd "$root"
-PATH=$PATH:/usr/lib/qt6/bin lupdate -silent -I src -locations none -no-obsolete src/desk -ts "$fresh"
+update=(lupdate -I src -locations none -no-obsolete src/desk -ts)
+PATH=$PATH:/usr/lib/qt6/bin "${update[@]}" "$fresh" -silent
 if grep -B 3 unfinished "$fresh" || ! diff "$translated" "$fresh"; then
-    echo "To be done in $translated, after: lupdate -I src -locations none -no-obsolete src/desk -ts FILE" >&2
+    echo "To be done in $translated, after: ${update[*]} FILE" >&2
     exit 1
 fi

@@ -1,24 +1,14 @@
 // Tests of the desk without its windows: the channel, the clocks, the history, the terminal.
-#include "consent/consent_exchange.h"
-#include "desk/asking_client.h"
-#include "desk/desk.h"
+#include "desk/desk_suite.h"
 #include "desk/doorbell.h"
 #include "desk/risk.h"
 #include "desk/terminal.h"
-#include "fake/fake_platform.h"
+#include "support/table.h"
 
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocalServer>
-#include <QLocalSocket>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
-
-#include <deque>
-#include <functional>
-#include <memory>
 
 using namespace korvane;
 using namespace korvane::desk;
@@ -29,13 +19,11 @@ using test::harmless;
 
 namespace {
 
+using Act = std::function<void()>;
+
 HistoryEntry granted(quint64 id, const consent::Request& request = harmless)
 {
-    HistoryEntry entry;
-    entry.id = id;
-    entry.request = request;
-    entry.outcome = Outcome::Granted;
-    return entry;
+    return {id, {}, {}, {}, request, Outcome::Granted};
 }
 
 /// What a person would see and type.
@@ -52,395 +40,264 @@ public:
 
 } // namespace
 
-class DeskTest : public QObject
+class DeskTest : public test::DeskSuite
 {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> m_directory;
-    std::unique_ptr<Desk> m_desk;
-    std::unique_ptr<QSignalSpy> m_ended;
-    std::chrono::milliseconds m_now{};
+    QString m_history;
+    QString m_place; ///< Of the channel.
 
-    QString path(const QString& name) const { return m_directory->filePath(name); }
-
-    Clock clock()
+    /// The lines of the history: outcomes, each with "+" where its answer is told to have arrived.
+    QByteArray recorded() const
     {
-        return {.steady = [this] { return m_now; },
-                .wall =
-                    [this] {
-                        return QDateTime::fromMSecsSinceEpoch(1'700'000'000'000 + m_now.count());
-                    }};
-    }
-
-    std::unique_ptr<Desk> makeDesk() { return std::make_unique<Desk>(clock(), path(u"data"_s)); }
-
-    void pass(std::chrono::milliseconds time)
-    {
-        m_now += time;
-        m_desk->tick();
-    }
-
-    /// The id of the next question; 0 where none comes.
-    quint64 nextQuestion()
-    {
-        const qsizetype before = m_desk->questions().size();
-        const bool came = QTest::qWaitFor([&] { return m_desk->questions().size() > before; });
-        return came ? m_desk->questions().last().id : 0;
-    }
-
-    QList<QJsonObject> historyLines(const QString& name = u"data/history.jsonl"_s) const
-    {
-        QFile file(path(name));
-        QList<QJsonObject> lines;
-        if (file.open(QFile::ReadOnly) && file.size() > 0) {
-            while (!file.atEnd())
-                lines.append(QJsonDocument::fromJson(file.readLine()).object());
+        QFile file(m_history);
+        const bool isFile = file.open(QFile::ReadOnly) && !file.isSequential();
+        QByteArray told;
+        QJsonValue id;
+        while (isFile && !file.atEnd()) {
+            const QJsonObject line = QJsonDocument::fromJson(file.readLine()).object();
+            const bool isOfLast = line[u"id"_s] == id && line[u"delivered"_s].toBool();
+            told += line[u"outcome"_s].toString(isOfLast ? u"+"_s : u"?"_s).toUtf8();
+            id = line[u"id"_s];
         }
-        return lines;
+        return told;
     }
 
-    QString lastOutcome() const
+    void leave() { m_clients[0].leave(); }
+    void breakDisk()
     {
-        return m_ended->isEmpty() ? QString() : outcomeName(m_ended->last().at(1).value<Outcome>());
+        fake::platform().canSync = [] { return false; };
+    }
+    void fillDisk() { QDir().mkdir(path(u"data"_s)), QFile::link(u"/dev/full"_s, m_history); }
+
+    /// The answer is sent after the decision is on the disk.
+    void watchDisk()
+    {
+        fake::platform().canSync = [this] {
+            return recorded() == "granted" && !m_clients[0].hears();
+        };
+    }
+
+    // clang-format off
+    const test::Cases<Act, QByteArray, QByteArray, QByteArray> m_endings{
+        {"yes", [this] { yes(); }, "granted", "明确允许", "granted+"},
+        {"yes, written first", [this] { watchDisk(), yes(); }, "granted", "明确允许", "granted+"},
+        {"no", [this] { no(); }, "refused", "明确拒绝", "refused+"},
+        {"yes, then no", [this] { yes(), no(); }, "granted", "明确允许", "granted+"},
+        {"another yes", [this] { m_desk->allow(m_id + 1), no(); }, "refused", "明确拒绝", "refused+"},
+        {"yes in time", [this] { pass(120s - 1ms), yes(); }, "granted", "明确允许", "granted+"},
+        {"nothing", [this] { pass(120s); }, "timedOut", "无人作答", "timedOut+"},
+        {"yes too late", [this] { m_now += 120s, yes(); }, "timedOut", "无人作答", "timedOut+"},
+        {"pause", [this] { m_desk->pauseFor({}); }, "paused", "暂时拒绝一切", "paused+"},
+        {"quit", [this] { m_desk->quit(); }, "quitting", "正在退出", "quitting+"},
+        {"end of the desk", [this] { m_desk.reset(); }, "quitting", "正在退出", "quitting+"},
+        {"asker gone", [this] { leave(), m_ended->wait(), yes(); }, "askerGone", "", "askerGone"},
+        {"asker goes", [this] { leave(), yes(); }, "askerGone", "", "askerGone"},
+        // Nor does a grant stand there that never went out.
+        {"yes, broken disk", [this] { breakDisk(), yes(); }, "notRecorded", "无法写入", "?"},
+        {"yes, full disk", [this] { fillDisk(), yes(); }, "notRecorded", "无法写入", ""},
+        {"no, full disk", [this] { fillDisk(), no(); }, "refused", "明确拒绝", ""},
+    };
+
+    const QByteArray m_four = "{`action`:`a`,`detail`:``,`summary`:``,`title`:``";
+    const QByteArray m_spaces{(256 << 10) - m_four.size() - 13, ' '};
+    /// What is amiss about a line; nothing about those that are only unusual.
+    const test::Cases<QByteArray, QByteArray> m_lines{
+        {"as long as may be", m_four + ",`reason`:``" + m_spaces + "}", {}},
+        {"more than was asked for", m_four + ",`reason`:``,`x`:[]}\nmore\n", {}},
+        {"empty", "", "不是有效的 JSON"},
+        {"text", "kill them all", "不是有效的 JSON"},
+        {"no UTF-8", m_four + ",`reason`:`\xff`}", "不是有效的 JSON"},
+        {"deep", QByteArray(100'000, '['), "不是有效的 JSON"},
+        {"array", "[]", "不是 JSON 对象"},
+        {"missing member", m_four + "}", "缺少成员 reason"},
+        {"number", m_four + ",`reason`:1}", "成员 reason 不是字符串"},
+        {"null", m_four + ",`reason`:null}", "成员 reason 不是字符串"},
+        {"too long", m_four + ",`reason`:`` " + m_spaces + "}", "超过 256 KiB"},
+        {"much too long", QByteArray(8 << 20, '{'), "超过 256 KiB"},
+    };
+    // clang-format on
+
+    /// Makes a file of a minute ago, or of one that is there.
+    static void age(const QString& name)
+    {
+        QFile file(name);
+        QVERIFY(file.open(QFile::ReadWrite));
+        file.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFile::FileModificationTime);
+    }
+
+    // clang-format off
+    const QByteArray m_self = QByteArray::number(QCoreApplication::applicationPid());
+    /// What is in the place of the channel, and what is said of it; nothing where a desk takes it.
+    const test::Cases<Act, QByteArray> m_obstacles{
+        {"nothing", [] {}, {}},
+        {"a killed desk's socket", [this] { QFile::rename(m_place + u'1', m_place); }, {}},
+        {"a lock made by who was killed", [this] { age(m_place + u".lock"_s); }, {}},
+        {"a program", [this] { (new QLocalServer(m_desk.get()))->listen(m_place); }, "另一个程序"},
+        // Its lock's age does not make it anybody's.
+        {"a desk", [this] { m_desk->start(), age(m_place + u".lock"_s); }, "(PID " + m_self},
+        {"a file", [this] { age(m_place); }, "不是套接字"},
+        {"a directory", [this] { QDir().mkdir(m_place); }, "不是套接字"},
+        {"a link to nowhere", [this] { QFile::link(u"nowhere"_s, m_place); }, "不是套接字"},
+    };
+
+    const QString m_server = QCoreApplication::applicationDirPath() + u"/korvane-mcp"_s;
+    const QString m_chain = u" (4711) ← node ← c\ufffdde"_s;
+    const test::Cases<QString, QString, bool> m_askers{
+        {"the server", m_server, u"korvane-mcp"_s + m_chain, true},
+        {"its namesake", u"/tmp/korvane-mcp"_s, u"korvane-mcp"_s + m_chain, false},
+        {"hostile", u"/tmp/a\nb"_s, u"a\ufffdb"_s + m_chain, false},
+        {"unknown", {}, u"PID 4711"_s, false},
+    };
+    // clang-format on
+
+    const test::Cases<int> m_pauses{{"10 minutes", 10}, {"an hour", 60}, {"until changed", 0}};
+
+    /// What the asker hears and what is recorded, where the first question has ended.
+    void checkEnd(const QByteArray& outcome, const QByteArray& message, const QByteArray& lines)
+    {
+        const consent::Result result = m_clients[0].answer();
+        QCOMPARE(result.granted, outcome == "granted");
+        QVERIFY2(result.message.toUtf8().contains(message), qPrintable(result.message));
+        QCOMPARE(recorded(), lines);
+        QVERIFY(!m_desk || m_desk->questions().isEmpty());
+        QVERIFY(!m_desk || outcomeName(m_desk->history()[0].outcome).toUtf8() == outcome);
     }
 
 private Q_SLOTS:
     void init()
     {
-        fake::reset();
-        qunsetenv("TMPDIR");
-        m_directory = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_directory->isValid());
-        qputenv("TMPDIR", QFile::encodeName(m_directory->path()));
-        m_now = 1h;
-        m_desk = makeDesk();
-        m_ended = std::make_unique<QSignalSpy>(m_desk.get(), &Desk::questionEnded);
-        QVERIFY2(m_desk->start(), qPrintable(m_desk->problem()));
+        startDesk();
+        m_history = path(u"data/history.jsonl"_s);
+        m_place = m_desk->channelPath();
     }
-    void cleanup() { m_desk.reset(); }
 
-    // clang-format off
-    void questions_data()
-    {
-        using Act = std::function<void(quint64)>;
-        QTest::addColumn<Act>("act");
-        QTest::addColumn<QString>("outcome");
-        QTest::addColumn<QString>("message");
-        const auto row = [](const char* tag, const Act& act, const char* outcome, const QString& message) {
-            QTest::newRow(tag) << act << QString::fromLatin1(outcome) << message;
-        };
-        const QString timeOut = u"120 秒内无人作答"_s;
-        row("yes", [this](quint64 id) { m_desk->allow(id); }, "granted", u"明确允许"_s);
-        row("no", [this](quint64 id) { m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
-        row("yes, then no", [this](quint64 id) { m_desk->allow(id), m_desk->refuse(id); }, "granted", u"明确允许"_s);
-        row("yes to another", [this](quint64 id) { m_desk->allow(id + 1), m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
-        row("yes at the last moment", [this](quint64 id) { pass(120s - 1ms), m_desk->allow(id); }, "granted", u"明确允许"_s);
-        row("nothing", [this](quint64) { pass(120s); }, "timedOut", timeOut);
-        row("yes too late", [this](quint64 id) { m_now += 120s, m_desk->allow(id); }, "timedOut", timeOut);
-        row("pause", [this](quint64) { m_desk->pauseFor({}); }, "paused", u"暂时拒绝一切"_s);
-        row("quit", [this](quint64) { m_desk->quit(); }, "quitting", u"正在退出"_s);
-        row("end of the desk", [this](quint64) { m_desk.reset(); }, "quitting", u"正在退出"_s);
-        const auto breakDisk = [] { fake::platform().canSync = [] { return false; }; };
-        const auto fillDisk = [this] { QDir().mkpath(path(u"data"_s)), QFile::link(u"/dev/full"_s, path(u"data/history.jsonl"_s)); };
-        row("yes on a broken disk", [=, this](quint64 id) { breakDisk(), m_desk->allow(id); }, "notRecorded", u"无法写入"_s);
-        row("yes on a full disk", [=, this](quint64 id) { fillDisk(), m_desk->allow(id); }, "notRecorded", u"无法写入"_s);
-        row("no on a full disk", [=, this](quint64 id) { fillDisk(), m_desk->refuse(id); }, "refused", u"明确拒绝"_s);
-    }
-    // clang-format on
+    void questions_data() { test::addRows(m_endings); }
     void questions()
     {
-        QFETCH(std::function<void(quint64)>, act);
-        QFETCH(QString, outcome);
-        QFETCH(QString, message);
-        AskingClient client(harmless);
-        const quint64 id = nextQuestion();
+        const auto& [tag, act, outcome, message, lines] = test::currentRow(m_endings);
+        QVERIFY(ask() != 0);
         QCOMPARE(consent::encodeRequest(m_desk->questions().first().request),
                  consent::encodeRequest(harmless));
-        act(id);
-        QCOMPARE(lastOutcome(), outcome);
+        act();
         QCOMPARE(m_ended->count(), 1);
-        const consent::Result result = client.answer();
-        QCOMPARE(result.granted, outcome == u"granted");
-        QVERIFY2(result.message.contains(message), qPrintable(result.message));
-        if (!m_desk)
-            return;
-        QVERIFY(m_desk->questions().isEmpty());
-        QCOMPARE(outcomeName(m_desk->history().first().outcome), outcome);
-        const QList<QJsonObject> lines = historyLines();
-        if (!m_desk->problem().isEmpty()) { // Nor does a grant stand there that never went out.
-            QVERIFY(!lines.value(0).contains(u"outcome"_s));
-            return;
-        }
-        QCOMPARE(lines.size(), 2);
-        QCOMPARE(lines[0].value(u"outcome"_s).toString(), outcome);
-        QCOMPARE(lines[1].value(u"delivered"_s), QJsonValue(true));
-        QCOMPARE(lines[1].value(u"id"_s), lines[0].value(u"id"_s));
-    }
-
-    void theDecisionIsWrittenBeforeTheAnswer()
-    {
-        AskingClient client(harmless);
-        const quint64 id = nextQuestion();
-        bool isAnswered = true;
-        fake::platform().canSync = [&] {
-            isAnswered = QTest::qWaitFor([&] { return !client.isConnected(); }, 50);
-            return historyLines().size() == 1;
-        };
-        m_desk->allow(id);
-        QVERIFY(!isAnswered);
-        QVERIFY(client.answer().granted);
+        QCOMPARE(lastOutcome(), outcome);
+        checkEnd(outcome, message, lines);
     }
 
     void noTwoOutcomesSoundAlike()
     {
         QSet<QString> messages;
         for (int i = 0; i <= int(Outcome::AskerGone); ++i) {
-            const auto outcome = Outcome(i);
-            messages.insert(replyMessage(outcome));
-            QVERIFY(outcomeOfName(outcomeName(outcome)) == outcome);
+            messages.insert(replyMessage(Outcome(i)));
+            QVERIFY(outcomeOfName(outcomeName(Outcome(i))) == Outcome(i));
         }
         QCOMPARE(messages.size(), int(Outcome::AskerGone) + 1);
     }
 
-    void anAskerWhoLeavesTakesTheQuestionAlong_data()
-    {
-        QTest::addColumn<bool>("isNoticed");
-        QTest::newRow("noticed") << true;
-        QTest::newRow("at the moment of the yes") << false;
-    }
-    void anAskerWhoLeavesTakesTheQuestionAlong()
-    {
-        QFETCH(bool, isNoticed);
-        AskingClient client(harmless);
-        const quint64 id = nextQuestion();
-        client.leave();
-        if (isNoticed)
-            QTRY_VERIFY(m_desk->questions().isEmpty());
-        m_desk->allow(id);
-        QCOMPARE(lastOutcome(), u"askerGone"_s);
-        QCOMPARE(historyLines().size(), 1); // Nothing was sent.
-    }
-
     void eachQuestionHasItsOwnClock()
     {
-        AskingClient first(harmless);
-        const quint64 firstId = nextQuestion();
+        const quint64 first = ask();
         pass(70s);
-        AskingClient second(harmless);
-        const quint64 secondId = nextQuestion();
+        QVERIFY(first < ask());
         pass(49s);
-        QCOMPARE(m_desk->remaining(firstId).count(), 1000);
-        QCOMPARE(m_desk->remaining(secondId).count(), 71000);
+        QCOMPARE(m_desk->remaining(first).count(), 1000);
+        QCOMPARE(m_desk->remaining(m_id).count(), 71000);
         pass(1s);
         QCOMPARE(m_desk->questions().size(), 1);
-        QCOMPARE(m_desk->remaining(firstId).count(), 0);
-        m_desk->allow(secondId);
-        QVERIFY(!first.answer().granted);
-        QVERIFY(second.answer().granted);
-        QVERIFY(firstId < secondId);
+        QCOMPARE(m_desk->remaining(first).count(), 0);
+        yes();
+        QVERIFY(!m_clients[0].answer().granted && m_clients[1].answer().granted);
     }
 
-    // clang-format off
-    void garbage_data()
+    void lines_data() { test::addRows(m_lines); }
+    void lines()
     {
-        QTest::addColumn<QByteArray>("line");
-        QTest::addColumn<QString>("fault");
-        const auto row = [](const char* tag, QByteArray line, const QString& fault) {
-            QTest::newRow(tag) << line.replace('`', '"') << fault;
-        };
-        const QByteArray four = "{`action`:`a`,`detail`:``,`summary`:``,`title`:``";
-        row("empty", "", u"不是有效的 JSON"_s);
-        row("text", "kill them all", u"不是有效的 JSON"_s);
-        row("no UTF-8", four + ",`reason`:`\xff`}", u"不是有效的 JSON"_s);
-        row("deep", QByteArray(100'000, '['), u"不是有效的 JSON"_s);
-        row("array", "[]", u"不是 JSON 对象"_s);
-        row("missing member", four + "}", u"缺少成员 reason"_s);
-        row("number", four + ",`reason`:1}", u"成员 reason 不是字符串"_s);
-        row("null", four + ",`reason`:null}", u"成员 reason 不是字符串"_s);
-        row("too long", four + ",`reason`:`" + QByteArray(256 << 10, 'x') + "`}", u"超过 256 KiB"_s);
-        row("much too long", QByteArray(8 << 20, '{'), u"超过 256 KiB"_s);
-    }
-    // clang-format on
-    void garbage()
-    {
-        QFETCH(QByteArray, line);
-        QFETCH(QString, fault);
-        AskingClient client(line);
-        const consent::Result result = client.answer();
-        QVERIFY(!result.granted);
-        QCOMPARE(result.message, replyMessage(Outcome::Malformed, fault));
-        QVERIFY(m_desk->questions().isEmpty());
-        QCOMPARE(historyLines().value(0).value(u"outcome"_s), QJsonValue(u"malformed"_s));
+        const auto& [tag, line, fault] = test::currentRow(m_lines);
+        const QByteArray sent = QByteArray(line).replace('`', '"');
+        if (fault.isEmpty())
+            ask(sent), yes();
+        else
+            m_clients.emplace_back(sent);
+        const QByteArray outcome = fault.isEmpty() ? "granted" : "malformed";
+        checkEnd(outcome, fault, outcome + '+');
     }
 
-    void requestsThatAreUnusualButWhole()
-    {
-        QByteArray longest = consent::encodeRequest(harmless);
-        longest.insert(longest.size() - 1, QByteArray((256 << 10) - longest.size(), ' '));
-        for (const QByteArray& line :
-             {longest, consent::encodeRequest(harmless).replace('}', ",\"x\":[]}\nmore\n")}) {
-            AskingClient client(line);
-            m_desk->allow(nextQuestion());
-            QVERIFY(client.answer().granted);
-        }
-    }
-
-    void strangersAreNotHeard()
-    {
-        fake::platform().peerMayAnswer = [] { return false; };
-        AskingClient client(harmless);
-        QCOMPARE(client.answerLine(), QByteArray());
-        QVERIFY(m_desk->history().isEmpty());
-    }
-
-    void pauses_data()
-    {
-        QTest::addColumn<int>("minutes");
-        QTest::newRow("10 minutes") << 10;
-        QTest::newRow("an hour") << 60;
-        QTest::newRow("until changed") << 0;
-    }
+    void pauses_data() { test::addRows(m_pauses); }
     void pauses()
     {
-        QFETCH(int, minutes);
+        const std::chrono::minutes time(std::get<1>(test::currentRow(m_pauses)));
+        const bool isTimed = time > 0min;
         const QSignalSpy changes(m_desk.get(), &Desk::stateChanged);
-        const std::chrono::minutes time(minutes);
-        m_desk->pauseFor(minutes == 0 ? std::nullopt : std::optional<std::chrono::seconds>(time));
-        QCOMPARE(m_desk->pausedUntil(),
-                 minutes == 0 ? QDateTime() : clock().wall().addSecs(qint64{60} * minutes));
+        m_desk->pauseFor(isTimed ? std::optional<std::chrono::seconds>(time) : std::nullopt);
+        QCOMPARE(m_desk->pausedUntil(), isTimed ? m_clock.wall().addDuration(time) : QDateTime());
         pass(time - 1s);
-        AskingClient refused(harmless);
-        QCOMPARE(refused.answer().message, replyMessage(Outcome::Paused));
+        QCOMPARE(AskingClient(harmless).answer().message, replyMessage(Outcome::Paused));
         QVERIFY(m_desk->state() == Desk::State::Paused);
-        pass(minutes == 0 ? 24h : 1s);
-        QCOMPARE(m_desk->isPaused(), minutes == 0);
+        pass(isTimed ? 1s : 24h);
+        QCOMPARE(m_desk->isPaused(), !isTimed);
         m_desk->resume();
-        QVERIFY(m_desk->state() == Desk::State::Listening);
-        QVERIFY(changes.count() >= 2);
-        AskingClient asked(harmless);
-        QVERIFY(nextQuestion() != 0);
+        QVERIFY(m_desk->state() == Desk::State::Listening && changes.count() >= 2);
+        QVERIFY(ask() != 0);
     }
 
-    // clang-format off
-    void whatIsInTheChannelsPlace_data()
-    {
-        using Prepare = std::function<void(const QString&)>;
-        QTest::addColumn<Prepare>("prepare");
-        QTest::addColumn<QString>("problem"); // Empty where the desk takes the place.
-        const auto row = [](const char* tag, const Prepare& prepare, const QString& problem) {
-            QTest::newRow(tag) << prepare << problem;
-        };
-        const auto touch = [](const QString& name) { // A file of a minute ago, or one that has become so.
-            QFile file(name);
-            QVERIFY(file.open(QFile::ReadWrite));
-            QVERIFY(file.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFile::FileModificationTime));
-        };
-        row("nothing", [](const QString&) {}, {});
-        row("the socket of a killed desk", [](const QString& name) {
-            QLocalServer server;
-            QVERIFY(server.listen(name) && QFile::rename(name, name + u'1'));
-            server.close();
-            QVERIFY(QFile::rename(name + u'1', name));
-        }, {});
-        row("the lock of a desk that was killed at once", [=](const QString& name) { touch(name + u".lock"_s); }, {});
-        row("another program", [this](const QString& name) {
-            auto* const server = new QLocalServer(m_desk.get());
-            QVERIFY(server->listen(name));
-        }, u"另一个程序占用"_s);
-        row("another desk", [=, this](const QString& name) {
-            auto* const other = new Desk(clock(), path(u"other"_s));
-            other->setParent(m_desk.get());
-            QVERIFY(other->start());
-            touch(name + u".lock"_s); // Its age does not make it anybody's.
-        }, u"另一个授权台占用 (PID %1"_s.arg(QCoreApplication::applicationPid()));
-        row("a file", touch, u"不是套接字"_s);
-        row("a directory", [](const QString& name) { QVERIFY(QDir().mkdir(name)); }, u"不是套接字"_s);
-        row("a link to nowhere", [](const QString& name) { QVERIFY(QFile::link(u"nowhere"_s, name)); }, u"不是套接字"_s);
-    }
-    // clang-format on
+    void whatIsInTheChannelsPlace_data() { test::addRows(m_obstacles); }
     void whatIsInTheChannelsPlace()
     {
-        QFETCH(std::function<void(const QString&)>, prepare);
-        QFETCH(QString, problem);
-        const QString place = m_desk->channelPath();
+        const auto& [tag, prepare, problem] = test::currentRow(m_obstacles);
+        QVERIFY(QFile::rename(m_place, m_place + u'1'));
         m_desk->quit();
-        QVERIFY(!QFileInfo::exists(place));
-        prepare(place);
-        const auto desk = makeDesk();
-        QCOMPARE(desk->start(), problem.isEmpty());
-        QVERIFY2(desk->problem().contains(problem) && desk->channelPath() == place,
-                 qPrintable(desk->problem()));
-        QVERIFY(desk->problem().isEmpty() || desk->problem().contains(place));
-        QCOMPARE(desk->otherDesk() != 0, problem.contains(u"PID"));
+        prepare();
+        Desk desk(m_clock, path(u"data"_s));
+        QCOMPARE(desk.start(), problem.isEmpty());
+        QVERIFY2(desk.problem().toUtf8().contains(problem), qPrintable(desk.problem()));
+        QCOMPARE(desk.channelPath(), m_place);
+        QCOMPARE(desk.problem().contains(m_place), !problem.isEmpty());
+        QCOMPARE(desk.otherDesk() != 0, problem.contains("PID"));
+        QCOMPARE(desk.state() == Desk::State::Unavailable, !problem.isEmpty());
+        QVERIFY(QFileInfo::exists(m_place) || QFileInfo(m_place).isSymLink());
         if (problem.isEmpty())
-            QCOMPARE(QFile::permissions(place) & 0x0fff, QFile::Permissions(0x0600));
-        else
-            QVERIFY(desk->state() == Desk::State::Unavailable &&
-                    (QFileInfo::exists(place) || QFileInfo(place).isSymLink()));
+            QCOMPARE(QFile::permissions(m_place) & 0x0fff, QFile::Permissions(0x0600));
     }
 
     void aLostSocketIsMadeAnew()
     {
-        QVERIFY(QFile::remove(m_desk->channelPath()));
+        QVERIFY(QFile::remove(m_place));
         QVERIFY(m_desk->state() == Desk::State::Unavailable);
         pass(10s);
-        QVERIFY(m_desk->state() == Desk::State::Listening);
-        AskingClient client(harmless);
-        QVERIFY(nextQuestion() != 0);
+        QVERIFY(m_desk->state() == Desk::State::Listening && ask() != 0);
     }
 
     void crowds()
     {
-        std::deque<AskingClient> silent;
         for (int i = 0; i < 65; ++i)
-            silent.emplace_back();
+            m_clients.emplace_back();
         const QString tooMany = replyMessage(Outcome::Malformed, u"同时发送的请求过多"_s);
-        QCOMPARE(silent.front().answer().message, tooMany);
-        std::deque<AskingClient> asking;
-        for (int i = 0; i < 64; ++i) {
-            asking.emplace_back(harmless);
-            QVERIFY(nextQuestion() != 0);
-        }
-        AskingClient oneMore(harmless);
-        QCOMPARE(oneMore.answer().message, replyMessage(Outcome::Crowded));
-        QVERIFY(asking.front().isConnected());
+        QCOMPARE(m_clients[0].answer().message, tooMany);
+        for (int i = 0; i < 64; ++i)
+            QVERIFY(ask() != 0);
+        QCOMPARE(AskingClient(harmless).answer().message, replyMessage(Outcome::Crowded));
+        QVERIFY(m_clients[2].isConnected() && m_clients[65].isConnected());
 
-        AskingClient slow; // Whoever has waited longer has made room.
-        QTRY_VERIFY(slow.isConnected());
-        QTest::qWait(20);
+        const AskingClient another;
+        AskingClient slow;
+        QCOMPARE(m_clients[2].answer().message, tooMany); // It has made room.
         pass(5s - 1ms);
         QVERIFY(slow.isConnected());
         pass(1ms);
         QCOMPARE(slow.answer().message, replyMessage(Outcome::Malformed, u"请求未在 5 秒内送达"_s));
     }
 
-    // clang-format off
-    void askers_data()
-    {
-        QTest::addColumn<QString>("executable");
-        QTest::addColumn<QString>("chain");
-        QTest::addColumn<bool>("isOwnServer");
-        const QString beside = QCoreApplication::applicationDirPath() + u"/korvane-mcp"_s;
-        QTest::newRow("the server") << beside << u"korvane-mcp (4711) ← node ← c\ufffdde"_s << true;
-        QTest::newRow("its namesake") << u"/tmp/korvane-mcp"_s << u"korvane-mcp (4711) ← node ← c\ufffdde"_s << false;
-        QTest::newRow("hostile") << u"/tmp/a\nb"_s << u"a\ufffdb (4711) ← node ← c\ufffdde"_s << false;
-        QTest::newRow("unknown") << QString() << u"PID 4711"_s << false;
-    }
-    // clang-format on
+    void askers_data() { test::addRows(m_askers); }
     void askers()
     {
-        QFETCH(QString, executable);
-        if (!executable.isEmpty()) {
-            const QString name = executable.section(u'/', -1);
-            fake::platform().ancestors = {{.pid = 4711, .name = name, .exePath = executable},
-                                          {.pid = 5, .name = u"node"_s, .exePath = {}},
-                                          {.pid = 4, .name = u"c\u202ede"_s, .exePath = {}}};
-        }
-        AskingClient client(harmless);
-        nextQuestion();
+        const auto& [tag, executable, chain, isOwnServer] = test::currentRow(m_askers);
+        if (!executable.isEmpty())
+            test::setAsker(executable, u"c\u202ede"_s);
+        QVERIFY(ask() != 0);
         const Asker asker = m_desk->questions().first().asker;
-        QTEST(asker.chainText(), "chain");
-        QTEST(asker.isOwnServer, "isOwnServer");
+        QCOMPARE(asker.chainText(), chain);
+        QCOMPARE(asker.isOwnServer, isOwnServer);
         QCOMPARE(asker.isKnown, !executable.isEmpty());
         QVERIFY(!asker.executable.contains(u'\n'));
     }
@@ -451,17 +308,18 @@ private Q_SLOTS:
         History history(path(u"data"_s));
         QVERIFY(history.record(granted(7)).ok);
         history.recordDelivery(7, false);
-        QFile file(path(u"data/history.jsonl"_s));
+        QFile file(m_history);
         QVERIFY(file.open(QFile::Append));
         QCOMPARE(file.permissions() & 0x0fff, QFile::Permissions(0x0600));
+        // The last line is cut off: who knows what it was to be. It lacks its end alone.
         file.write("\n{}\nnull\n\xff\n{\"outcome\":\"bought\"}\n{\"id\":8,\"delivered\":true}\n"
-                   "{\"id\":9,\"outcome\":\"granted\"}"); // Cut off: who knows what it was to be.
+                   "{\"id\":9,\"outcome\":\"granted\"}");
         file.close();
+        QCOMPARE(History(path(u"data"_s)).entries().size(), 1);
         QVERIFY(history.record(granted(10)).ok);
         History reread(path(u"data"_s));
         const QList<HistoryEntry> entries = reread.entries();
-        QCOMPARE(entries.size(),
-                 3); // The cut line is whole now, as its end was all that it lacked.
+        QCOMPARE(entries.size(), 3);
         QCOMPARE(entries[0].id, 10U);
         QCOMPARE(entries[2].request.detail, harmless.detail);
         QVERIFY(entries[2].delivery == HistoryEntry::Delivery::AskerGone);
@@ -476,10 +334,10 @@ private Q_SLOTS:
         const consent::Request large{{}, {}, {}, QString(1 << 20, u'x'), {}};
         for (quint64 id = 1; id <= 25; ++id)
             QVERIFY(history.record(granted(id, large)).ok);
-        QCOMPARE(QDir(path(u"data"_s)).entryList(QDir::Files),
-                 QStringList({u"history.1.jsonl"_s, u"history.2.jsonl"_s, u"history.3.jsonl"_s,
-                              u"history.jsonl"_s, u"history.lock"_s}));
-        for (const QFileInfo& file : QDir(path(u"data"_s)).entryInfoList(QDir::Files))
+        const QDir directory(path(u"data"_s), {}, QDir::Name, QDir::Files);
+        QCOMPARE(directory.entryList().join(u' '),
+                 u"history.1.jsonl history.2.jsonl history.3.jsonl history.jsonl history.lock"_s);
+        for (const QFileInfo& file : directory.entryInfoList())
             QVERIFY(file.size() <= 5 << 20);
         History reread(path(u"data"_s));
         QCOMPARE(reread.entries().first().id, 25U);
@@ -489,33 +347,25 @@ private Q_SLOTS:
         QCOMPARE(History(path(u"data"_s)).entries().size(), History::maxShown);
     }
 
-    // clang-format off
+    /// What is typed each second after the question's arrival, a blank for nothing.
     void typing_data()
     {
-        QTest::addColumn<QByteArrayList>("lines"); // A line each second; a blank one is not typed.
-        QTest::addColumn<QString>("outcome");
-        const auto row = [](const char* tag, const QByteArrayList& lines, const char* outcome) {
-            QTest::newRow(tag) << lines << QString::fromLatin1(outcome);
+        QTest::addColumn<QByteArray>("outcome");
+        const auto add = [](const QByteArray& outcome, const QByteArrayList& typed) {
+            for (const QByteArray& lines : typed)
+                QTest::newRow(lines) << outcome;
         };
-        row("y", {" ", "y"}, "granted");
-        row("late y", {" ", " ", " ", "y"}, "granted");
-        row("y before the prompt", {"y"}, "");
-        row("y before the prompt, then no", {"y", "n"}, "refused");
-        for (const char* line : {"", "Y", "yes", "y ", "yy", "n", "\xff", "允许"})
-            row(line, {" ", line}, "refused");
+        add("granted", {" |y", " | | |y"});
+        add("refused", {"y|n", " |", " |Y", " |yes", " |y ", " |yy", " |n", " |\xff", " |允许"});
+        add({}, {"y"}); // Before the prompt.
     }
-    // clang-format on
     void typing()
     {
-        QFETCH(QByteArrayList, lines);
         FakeTerminal terminal;
         TerminalDesk view(*m_desk, terminal);
         terminal.onLine("y"); // To no question at all.
-        AskingClient client(harmless);
-        nextQuestion();
-        AskingClient next(harmless);
-        nextQuestion();
-        for (const QByteArray& line : lines) {
+        QVERIFY(ask() != 0 && ask() != 0);
+        for (const QByteArray& line : QByteArray(QTest::currentDataTag()).split('|')) {
             QCOMPARE(terminal.discards, m_now > 1h ? 1 : 0);
             if (line != " ")
                 terminal.onLine(line);
@@ -530,29 +380,29 @@ private Q_SLOTS:
     {
         FakeTerminal terminal;
         TerminalDesk view(*m_desk, terminal);
-        QVERIFY(terminal.screen.contains(m_desk->channelPath()));
-        AskingClient client({u"format_disk"_s, u"标题"_s, u"概要\x1b[2J"_s,
-                             u"┘\n请求方: x [y/N]"_s + QString(100, u'长'), u"r\r"_s});
-        nextQuestion();
-        QVERIFY(!terminal.screen.contains(u'\x1b') && !terminal.screen.contains(u'\r'));
-        QVERIFY(terminal.screen.contains(u"│ 请求方: x [y/N]长"));
-        for (const QString& line : terminal.screen.split(u'\n'))
+        QString& screen = terminal.screen;
+        QVERIFY(screen.contains(m_place));
+        QVERIFY(ask({u"format_disk"_s, u"标题"_s, u"概要\x1b[2J"_s,
+                     u"┘\n请求方: x [y/N]"_s + QString(100, u'长'), u"r\r"_s}) != 0);
+        QVERIFY(!screen.contains(u'\x1b') && !screen.contains(u'\r') &&
+                !screen.contains(u"[y/N] "));
+        for (const QString& line : screen.split(u'\n'))
             QVERIFY2(!line.startsWith(u'长') && line.count(u'长') <= 18, qPrintable(line));
-        QVERIFY(terminal.screen.contains(riskOf(u"format_disk"_s).text));
-        QVERIFY(terminal.screen.contains(u"警告: 无法得知"_s));
-        QVERIFY(!terminal.screen.contains(u"[y/N] "));
+        for (const QString& text :
+             {u"│ 请求方: x [y/N]长"_s, riskOf(u"format_disk"_s).text, u"警告: 无法得知"_s})
+            QVERIFY2(screen.contains(text), qPrintable(text));
         QStringList seconds;
         for (int left = 119; left > 0; --left) {
             m_now += 1s;
-            terminal.screen.clear();
+            screen.clear();
             view.update();
-            if (terminal.screen.contains(u"[y/N]"))
-                seconds.append(terminal.screen.section(u"剩余 "_s, 1).section(u' ', 0, 0));
+            if (screen.contains(u"[y/N]"))
+                seconds.append(screen.section(u"剩余 "_s, 1).section(u' ', 0, 0));
         }
-        QCOMPARE(seconds, QStringList({u"119"_s, u"60"_s, u"30"_s, u"10"_s}));
-        terminal.screen.clear();
+        QCOMPARE(seconds.join(u' '), u"119 60 30 10"_s);
+        screen.clear();
         pass(1s);
-        QVERIFY(terminal.screen.contains(u"→ 已拒绝 (超时)"));
+        QVERIFY(screen.contains(u"→ 已拒绝 (超时)"));
         const QString text = historyText(m_desk->history(), 9);
         QVERIFY(text.contains(u"概要\ufffd[2J") && text.contains(u"format_disk"));
     }
@@ -567,6 +417,9 @@ private Q_SLOTS:
         QTRY_COMPARE(rings.count(), 1);
         fake::platform().peerMayAnswer = [] { return false; };
         QVERIFY(!Doorbell::ring());
+        m_clients.emplace_back(harmless); // Nor are strangers heard on the channel.
+        QCOMPARE(m_clients[0].answerLine(), QByteArray());
+        QVERIFY(m_desk->history().isEmpty());
     }
 };
 
