@@ -227,7 +227,9 @@ private Q_SLOTS:
         JunkScanner uncancelled;
         QCOMPARE(processed(uncancelled), progress + results);
         QCOMPARE(processed(uncancelled), progress + results);
-        QCOMPARE(JunkItem().sizeDisplay(), u"0 MB"_s);
+        JunkItem item;
+        item.sizeBytes = 1;
+        QCOMPARE(JunkItem().sizeDisplay() + item.sizeDisplay(), u"0 MB0.0 MB"_s);
 
         for (int category = 0; category <= progress.size(); ++category) {
             JunkScanner scanner;

@@ -42,6 +42,7 @@ private Q_SLOTS:
                        "Logs/d/6=1|FontCache/empty/|Prefetch/a=41943|pip/cache/1=52429|"
                        "Mozilla/Firefox/Profiles/p/cache2/e/1=10"_s);
         QJsonObject found = m_client.call(u"scan_junk"_s, {}, m_keepProgress).json();
+        QCOMPARE(m_client.call(u"scan_junk"_s, {{u"foo"_s, 1}}).json(), found);
         QStringList all;
         const QJsonArray categories = found.take(u"categories"_s).toArray();
         for (const QJsonValue category : categories) {
