@@ -1,8 +1,6 @@
-// Tests of the inventory services: error bookkeeping, checks before writes, and composed lists; and
-// of the signals of file unlocking.
+// Tests of the inventory services: checks before writes, and composed lists; and of the signals of
+// file unlocking.
 #include "core/file_unlock.h"
-#include "core/network.h"
-#include "core/processes.h"
 #include "core/services.h"
 #include "core/software.h"
 #include "core/startup.h"
@@ -21,18 +19,6 @@ class ServicesTest : public QObject
     ServiceManagerService& m_manager = Singleton<ServiceManagerService>::instance();
     fake::Platform& m_script = fake::platform();
 
-    template <typename Service, typename Record>
-    static void check(QList<Record> (Service::*list)() const, fake::Listing<Record>& script)
-    {
-        const Service& service = Singleton<Service>::instance();
-        script.records.resize(2);
-        for (const QString& error : {QString(), u"坏了"_s, u"又坏了"_s, QString()}) {
-            script.error = error;
-            QCOMPARE((service.*list)().size(), error.isEmpty() ? 2 : 0);
-            QCOMPARE(service.lastError(), error);
-        }
-    }
-
     void addService(int type, const QString& shown = {}, const QString& path = {})
     {
         m_script.services.records.append(
@@ -41,15 +27,6 @@ class ServicesTest : public QObject
 
 private Q_SLOTS:
     void init() { fake::reset(); }
-
-    void listings()
-    {
-        check(&ProcessService::listAllProcesses, m_script.processes);
-        check(&StartupService::listAll, m_script.startupItems);
-        check(&NetMonitorService::listAll, m_script.connections);
-        check(&UninstallService::listAll, m_script.uninstallEntries);
-        check(&ServiceManagerService::listAll, m_script.services);
-    }
 
     void writesAreCheckedFirst()
     {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The built Linux program where something it waits for does not come: on standard streams that do not
-# block, on files that nobody serves. Usage: what_does_not_come.sh streams|files|stuck
+# The built Linux program where something it waits for does not come: on standard streams that do
+# not block, on files that nobody serves. Usage: what_does_not_come.sh streams|files|stuck
 set -euo pipefail
 
 directory=$(mktemp -d)

@@ -133,13 +133,13 @@ class ReadToolsTest : public QObject
         }
         QCOMPARE(lines << test::text(result), test::rows(expected));
 
-        script.records.clear();
+        script.error = u"读不到 %1"_s;
+        QCOMPARE(call().text, u"Tool '"_s + tool + u"' failed: 读不到 %1"_s);
+        script = {}; // The error is forgotten.
         for (auto member = result.begin(); member != result.end(); ++member)
             *member = member.key() == u"port"_s ? 8080 : 0;
         result.insert(key, QJsonArray());
         QCOMPARE(call().json(), result);
-        script.error = u"读不到 %1"_s;
-        QCOMPARE(call().text, u"Tool '"_s + tool + u"' failed: 读不到 %1"_s);
     }
 
 private Q_SLOTS:
@@ -239,11 +239,12 @@ private Q_SLOTS:
 
     void emptyListings()
     {
-        QCOMPARE(list().json().value("processes"_L1), QJsonValue(QJsonArray()));
-        QCOMPARE(tree().text, QString::fromUtf8(plainTree()));
         m_script.processes.error = u"读不到"_s;
         QCOMPARE(list().text, u"Tool 'list_processes' failed: 读不到"_s);
         QCOMPARE(tree().text, u"Tool 'get_process_tree' failed: 读不到"_s);
+        m_script.processes.error.clear();
+        QCOMPARE(tree().text, QString::fromUtf8(plainTree()));
+        QCOMPARE(list().json().value("processes"_L1), QJsonValue(QJsonArray()));
     }
 
     void treeMatchesThePlainOne()
@@ -399,10 +400,11 @@ private Q_SLOTS:
             => 1s 已签名 ✓ 公司,2 签名无效,1 已签名 ✓,2s 签名无效 公司,3s 未签名,4s 未知,0s —,9s ,x 未知
             => {`total`:9,`trusted`:2,`unknown`:4,`unsigned`:1,`untrusted`:2}
             => 1s 2 1 2s 3s 4s 0s 9s x => 1s 2 1 2s
-            {`paths`:[`1s`,`2`,`1`],`only_suspicious`:true,`include_signer`:true} => 2 签名无效
+            {`paths`:[`1s`,`2`,`1`,`3`,`4s`],`only_suspicious`:true,`include_signer`:true}
+            => 2 签名无效,3 未签名,4s 未知
             => {`note`:`only_suspicious=true: results[] 仅含非 Trusted 条目, 已省略 2 个已签名进程`,
             `omitted_trusted`:2,`only_suspicious`:true,
-            `total`:3,`trusted`:2,`unknown`:0,`unsigned`:0,`untrusted`:1} => 1s 2 1 => 2)");
+            `total`:5,`trusted`:2,`unknown`:1,`unsigned`:1,`untrusted`:1} => 1s 2 1 3 4s => 2)");
         static const QRegularExpression broken(u"\n(?=[|`=])"_s); // Within a case.
         for (const QString& row : cases.join(u'\n').remove(broken).split(u'\n')) {
             QStringList fields = row.split(u"=>"_s);
