@@ -21,12 +21,6 @@ const QString notRunning = u"0 Korvane 主程序未运行 — 写操作必须经
 const QString notSent = u"0 授权请求发送失败。"_s;
 const QByteArray granted = "{\"granted\":true}\n";
 
-/// Whether it was granted, and the message.
-QString text(const consent::Result& result)
-{
-    return QString::number(int(result.granted)) + u' ' + result.message;
-}
-
 } // namespace
 
 class ConsentClientTest : public QObject
@@ -36,18 +30,17 @@ class ConsentClientTest : public QObject
     std::optional<test::FakeDesktop> m_desktop;
     fake::Platform& m_script = fake::platform();
     consent::ExchangeLimits m_limits;
+    bool m_isReal = false; ///< With the limits that people have.
     QElapsedTimer m_timer;
 
+    /// Whether it was granted, and the message.
     QString ask(const QString& reason = {})
     {
         m_timer.start();
-        return text(consent::exchange({{}, {}, {}, {}, reason}, m_limits));
-    }
-
-    QString askForReal()
-    {
-        m_timer.start();
-        return text(consent::requestConsent({}));
+        const consent::Result result = m_isReal
+                                           ? consent::requestConsent({})
+                                           : consent::exchange({{}, {}, {}, {}, reason}, m_limits);
+        return QString::number(int(result.granted)) + u' ' + result.message;
     }
 
 private Q_SLOTS:
@@ -58,44 +51,33 @@ private Q_SLOTS:
         m_desktop.emplace();
     }
 
-    void answers_data()
+    void answers()
     {
-        QTest::addColumn<QByteArray>("pieces"); // with "|" between them
-        QTest::addColumn<bool>("closes");
-        QTest::addColumn<QString>("expected");
-        const auto row = [](const char* tag, QByteArray pieces, const QString& expected,
-                            bool closes = false) {
-            QTest::newRow(tag) << pieces.replace('`', '"') << closes << expected;
+        const auto check = [this](QByteArray pieces, const QString& expected, bool closes = false) {
+            m_desktop->setAnswer({pieces.replace('`', '"').split('|'), closes});
+            QVERIFY2(ask() == expected, pieces.left(100).constData());
+            QVERIFY(m_timer.elapsed() < 4000); // Never by waiting the limit out.
+            QCOMPARE(m_desktop->takeReceived().size(), 1);
         };
-        row("grant with a message", "{`message`:`好 %1`,`granted`:true,`x`:[]}\r\n", u"1 好 %1"_s,
-            true);
-        row("refusal", "{`granted`:false,`message`:` 不\\n行 `}\n", u"0  不\n行 "_s);
-        row("message that is no string", "{`granted`:true,`message`:[`x`]}\n", u"1 "_s);
-        row("second line", "{`granted`:true}\n{`granted`:false}\n", u"1 "_s);
-        row("second line grants", "{`message`:`a`}\n{`granted`:true}\n", u"0 a"_s);
-        row("pieces", "{`gran|ted`:true,`message`:`\xe5|\xa5\xbd`}|\n", u"1 好"_s);
+        check("{`message`:`好 %1`,`granted`:true,`x`:[]}\r\n", u"1 好 %1"_s, true);
+        check("{`granted`:false,`message`:` 不\\n行 `}\n", u"0  不\n行 "_s);
+        check("{`granted`:true,`message`:[`x`]}\n", u"1 "_s);
+        check("{`granted`:true}\n{`granted`:false}\n", u"1 "_s);
+        check("{`message`:`a`}\n{`granted`:true}\n", u"0 a"_s);
+        check("{`gran|ted`:true,`message`:`\xe5|\xa5\xbd`}|\n", u"1 好"_s);
         for (const char* line :
              {"{`granted`:1}", "{`granted`:`true`}", "{`granted`:[true]}", "[{`granted`:true}]",
               "[true]", "true", "", "{`granted`:true", "{`granted`:true}x", "\xff\xfe{}"})
-            row(line, QByteArray(line) + '\n', u"0 "_s);
-        row("deep", QByteArray(100000, '[') + '\n', u"0 "_s);
-        row("closed without an answer", "", timedOut, true);
-        row("closed before the end of the line", "{`granted`:true}", timedOut, true);
+            check(QByteArray(line) + '\n', u"0 "_s);
+        check(QByteArray(100000, '[') + '\n', u"0 "_s);
+        check("", timedOut, true); // closed without an answer, or before the end of its line
+        check("{`granted`:true}", timedOut, true);
         const QByteArray longest = QByteArray((1 << 20) - 17, ' ') + "{`granted`:true}";
-        row("flood", QByteArray(3 << 20, ' ') + longest + '\n', timedOut);
-        row("as long as can be", longest + '\n', u"1 "_s);
-        row("as long as can be, in pieces", longest + "|\n{|}", u"1 "_s);
-        row("a byte too long", ' ' + longest + '\n', timedOut);
-        row("a byte too long, in pieces", ' ' + longest + "|\n", timedOut);
-    }
-    void answers()
-    {
-        QFETCH(QByteArray, pieces);
-        QFETCH(bool, closes);
-        m_desktop->setAnswer({pieces.split('|'), closes});
-        QTEST(ask(), "expected");
-        QVERIFY(m_timer.elapsed() < 4000); // Never by waiting the limit out.
-        QCOMPARE(m_desktop->takeReceived().size(), 1);
+        check(QByteArray(3 << 20, ' ') + longest + '\n', timedOut);
+        for (const char* end : {"\n", "|\n{|}"})
+            check(longest + end, u"1 "_s);
+        for (const char* end : {"\n", "|\n"})
+            check(' ' + longest + end, timedOut);
     }
 
     void limitIsOfEachPiece()
@@ -203,8 +185,9 @@ private Q_SLOTS:
     {
         if (!QCoreApplication::arguments().contains(u"realLimits"_s))
             QSKIP("Takes minutes: to be run by name.");
+        m_isReal = true;
         m_desktop->setAnswer({});
-        QCOMPARE(askForReal(), timedOut);
+        QCOMPARE(ask(), timedOut);
         QVERIFY(qAbs(m_timer.elapsed() - 130000) < 2000);
         m_desktop.reset();
         QLocalServer server;
@@ -215,7 +198,7 @@ private Q_SLOTS:
             socket.connectToServer(test::consentServer);
             QVERIFY(socket.waitForConnected());
         }
-        QCOMPARE(askForReal(), notRunning);
+        QCOMPARE(ask(), notRunning);
         QVERIFY(qAbs(m_timer.elapsed() - 3000) < 500);
     }
 };

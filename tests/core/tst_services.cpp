@@ -1,6 +1,6 @@
-// Tests of the inventory services: error bookkeeping, checks before writes, and composed lists.
-#include "core/network.h"
-#include "core/processes.h"
+// Tests of the inventory services: checks before writes, and composed lists; and of the signals of
+// file unlocking.
+#include "core/file_unlock.h"
 #include "core/services.h"
 #include "core/software.h"
 #include "core/startup.h"
@@ -19,18 +19,6 @@ class ServicesTest : public QObject
     ServiceManagerService& m_manager = Singleton<ServiceManagerService>::instance();
     fake::Platform& m_script = fake::platform();
 
-    template <typename Service, typename Record>
-    static void check(QList<Record> (Service::*list)() const, fake::Listing<Record>& script)
-    {
-        const Service& service = Singleton<Service>::instance();
-        script.records.resize(2);
-        for (const QString& error : {QString(), u"坏了"_s, u"又坏了"_s, QString()}) {
-            script.error = error;
-            QCOMPARE((service.*list)().size(), error.isEmpty() ? 2 : 0);
-            QCOMPARE(service.lastError(), error);
-        }
-    }
-
     void addService(int type, const QString& shown = {}, const QString& path = {})
     {
         m_script.services.records.append(
@@ -40,23 +28,14 @@ class ServicesTest : public QObject
 private Q_SLOTS:
     void init() { fake::reset(); }
 
-    void listings()
-    {
-        check(&ProcessService::listAllProcesses, m_script.processes);
-        check(&StartupService::listAll, m_script.startupItems);
-        check(&NetMonitorService::listAll, m_script.connections);
-        check(&UninstallService::listAll, m_script.uninstallEntries);
-        check(&ServiceManagerService::listAll, m_script.services);
-    }
-
     void writesAreCheckedFirst()
     {
         const auto type = [this](const QString& name, int value) {
             return m_manager.setStartType(name, ServiceStartType(value));
         };
-        auto uninstall = [entry = UninstallEntry()](const QString& command) mutable {
-            entry.uninstallString = command;
-            return Singleton<UninstallService>::instance().executeUninstall(entry);
+        const auto uninstall = [](const QString& command) {
+            return Singleton<UninstallService>::instance().executeUninstall(
+                {0, {}, {}, {}, {}, {}, command, 0});
         };
         m_script.writeResult = {false, u"后端"_s};
         QStringList reasons;
@@ -84,9 +63,11 @@ private Q_SLOTS:
     {
         m_script.dependents = {{QString(), {u"never"_s}}, {u"x"_s, {u"b"_s, u"a"_s}}};
         m_script.dependencies = {{QString(), {u"never"_s}}, {u"x"_s, {u"c"_s}}};
-        QCOMPARE(m_manager.enumDependents({}) + m_manager.queryDependencies({}), QStringList());
-        QCOMPARE(m_manager.enumDependents(u"x"_s), (QStringList{u"b"_s, u"a"_s}));
-        QCOMPARE(m_manager.queryDependencies(u"x"_s), QStringList{u"c"_s});
+        QString all;
+        for (const QString& name : {QString(), u"x"_s})
+            all += m_manager.enumDependents(name).join(u' ') + u'|' +
+                   m_manager.queryDependencies(name).join(u' ') + u'|';
+        QCOMPARE(all, u"||b a|c|"_s);
     }
 
     void categories()
@@ -114,25 +95,56 @@ private Q_SLOTS:
     {
         for (int type = 0; type <= 7; ++type)
             addService(type, type == 3 ? QString() : u"shown"_s, u" /x -y"_s);
-        QStringList items;
-        for (const StartupItem& item : m_startup.listServices(nullptr))
-            items << item.name << item.command << startupSourceKey(item.source)
-                  << startupSourceLabel(item) << QString::number(item.enabled);
-        QCOMPARE(items.join(u','), u"shown, /x -y,hkcu,服务,1,key, /x -y,hkcu,服务,1"_s);
-    }
-
-    void executablesOfCommandLines()
-    {
+        // Command lines, and what is taken for their executables.
         QString rows =
             u"`C:\\a b\\x.exe` -k `z` => C:\\a b\\x.exe|C:\\Program Files\\x => C:\\Program|"
             "\t %X%/x\t1  -a  => %X%/x\t1|   => |` => |`` => `|`a` => a|`` -x => ` -x|"
             "`open end -x => open end -x"_s;
-        for (const QString& row : rows.replace(u'`', u'"').split(u'|')) {
-            const QString command = row.left(row.indexOf(u" => "_s));
-            m_script.services.records.clear();
-            addService(2, {}, command);
-            QCOMPARE(command + u" => "_s + m_startup.listServices(nullptr).at(0).exePath, row);
+        for (const QString& row : rows.replace(u'`', u'"').split(u'|'))
+            addService(2, {}, row.section(u" => "_s, 0, 0));
+        QStringList items;
+        for (const StartupItem& item : m_startup.listServices(nullptr)) {
+            if (items.size() < 2)
+                items << item.name + startupSourceKey(item.source) + startupSourceLabel(item);
+            else
+                items << item.command + u" => "_s + item.exePath;
+            QVERIFY(item.enabled);
         }
+        QCOMPARE(items.join(u'|'), u"shownhkcu服务|keyhkcu服务|"_s + rows);
+    }
+
+    void unlocking()
+    {
+        using Unlock = FileUnlockService;
+        auto& unlock = Singleton<Unlock>::instance();
+        QVERIFY(QMetaType::fromName("QList<korvane::ProcessInfo>").isValid());
+        QStringList heard;
+        const QObject here;
+        connect(&unlock, &Unlock::queryFailed, &here,
+                [&](const QString& reason) { heard << reason; });
+        connect(&unlock, &Unlock::queryFinished, &here,
+                [&](const auto& held) { heard << QString::number(held.value(0).pid); });
+        connect(&unlock, &Unlock::operationLog, &here,
+                [&](const QString& message, Unlock::OpLevel level) {
+                    heard << QString::number(int(level)) + message;
+                });
+        m_script.lockers.processes = {{7, {}, {}, {}, 0}};
+        unlock.query({u"old"_s});
+        m_script.lockers = {false, u"不行"_s, {}};
+        unlock.query({u"a"_s, u"b"_s});
+        m_script.writeResult = {true, u"关闭"_s};
+        unlock.closeHandles();
+        unlock.killProcesses({});
+        unlock.killProcesses({3, 4294967295, 2});
+        m_script.writeResults.insert(u"killProcess 3"_s, {false, u"不行"_s});
+        unlock.killProcesses({3, 2, 1});
+        m_script.writeResult.ok = false;
+        unlock.closeHandles();
+        unlock.scheduleDeleteOnReboot({u"c"_s, u"d"_s});
+        QCOMPARE(heard.join(u'|'), u"7|不行|0关闭|0批量杀进程完成:成功 3 / 失败 0|1不行|"
+                                   "1批量杀进程完成:成功 2 / 失败 1|2关闭|2关闭"_s);
+        QCOMPARE(m_script.writes.join(u'|').remove(u"killProcess "_s),
+                 u"closeHandles a b|3|4294967295|2|3|2|1|closeHandles a b|deleteOnReboot c d"_s);
     }
 };
 

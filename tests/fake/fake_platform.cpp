@@ -1,7 +1,7 @@
 // Every platform operation, answered from the script.
 #include "fake/fake_platform.h"
 
-#include "platform/desktop.h"
+#include "platform/file_holders.h"
 #include "platform/file_sync.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
@@ -22,11 +22,20 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+using Error = QString*;
+using Name = const QString&;
+using Names = const QStringList&;
+
 fake::Platform& script = fake::platform();
 
 QString number(qint64 value)
 {
     return QString::number(value);
+}
+
+OpResult write(const char* operation, Names arguments)
+{
+    return script.write(QStringList{QString::fromLatin1(operation)} + arguments);
 }
 
 } // namespace
@@ -47,108 +56,10 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
     return processes;
 }
 
-QList<ProcessSnapshot> processAndAncestors(quint32 /*pid*/)
-{
-    return script.ancestors;
-}
-
-bool syncFile(int /*handle*/)
-{
-    return script.canSync();
-}
-
-QString processCommandLine(unsigned int pid)
-{
-    script.commandLinesAsked.append(pid);
-    return script.commandLines.value(pid);
-}
-
-OpResult endProcess(unsigned int pid, const ShownProcesses& /*shown*/)
-{
-    return script.write({u"killProcess"_s, number(pid)});
-}
-
-QList<StartupItem> listRunItems(QString* error)
-{
-    return script.startupItems.answer(error);
-}
-
-QList<StartupItem> listScheduledTasks(QString* error)
-{
-    return script.scheduledTasks.answer(error);
-}
-
-QList<StartupItem> listShellExtensions(QString* error)
-{
-    return script.shellExtensions.answer(error);
-}
-
-OpResult setRunItemEnabled(StartupSource source, const QString& name, bool enabled)
-{
-    return script.write(
-        {u"StartupService::setEnabled"_s, number(static_cast<int>(source)), name, number(enabled)});
-}
-
-QList<NetConnection> listConnections(ShownProcesses& /*shown*/, QString* error)
-{
-    return script.connections.answer(error);
-}
-
-QList<UninstallEntry> listSoftware(QString* error)
-{
-    return script.uninstallEntries.answer(error);
-}
-
-OpResult uninstallSoftware(const UninstallEntry& entry)
-{
-    return script.write({u"executeUninstall"_s, entry.uninstallString});
-}
-
-QList<ServiceItem> listServices(QStringList& /*shown*/, QString* error)
-{
-    return script.services.answer(error);
-}
-
-QList<QString> servicesDependingOn(const QString& name)
-{
-    return script.dependents.value(name);
-}
-
-QList<QString> servicesNeededBy(const QString& name)
-{
-    return script.dependencies.value(name);
-}
-
-OpResult startService(const QString& name, const QStringList& /*shown*/)
-{
-    return script.write({u"startService"_s, name});
-}
-
-OpResult stopService(const QString& name, const QStringList& /*shown*/)
-{
-    return script.write({u"stopService"_s, name});
-}
-
-OpResult setServiceEnabled(const QString& name, bool enabled, const QStringList& /*shown*/)
-{
-    return script.write({u"setEnabled"_s, name, number(enabled)});
-}
-
-OpResult setServiceStartType(const QString& name, ServiceStartType type,
-                             const QStringList& /*shown*/)
-{
-    return script.write({u"setStartType"_s, name, number(static_cast<int>(type))});
-}
-
 SignatureStatus verifySignature(const QString& path)
 {
     script.verified.append(path);
     return script.signatures.value(path, SignatureStatus::Unknown);
-}
-
-bool canVerifySignatures()
-{
-    return script.canVerify;
 }
 
 QString signerName(const QString& path)
@@ -167,17 +78,7 @@ LockerProbe findFileHolders(const QList<QString>& paths, QList<HeldFile>& held)
 OpResult closeHeldFiles(const QList<HeldFile>& held)
 {
     const QStringList probed = held.size() == 1 ? script.probed : QStringList();
-    return script.write(QStringList{u"closeHandles"_s} + probed);
-}
-
-OpResult scheduleDeleteOnReboot(const QList<QString>& paths)
-{
-    return script.write(QStringList{u"deleteOnReboot"_s} + paths);
-}
-
-void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
-{
-    out = script.metrics.value(script.metricsSamples++);
+    return write("closeHandles", probed);
 }
 
 std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
@@ -187,21 +88,68 @@ std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
     return Peer{.user = user, .userId = {}, .pid = 4711, .executable = executable};
 }
 
-bool startsWithSession()
-{
-    return script.startsWithSession;
-}
-
 OpResult setStartsWithSession(bool starts)
 {
-    OpResult result = script.write({u"setStartsWithSession"_s, number(starts ? 1 : 0)});
+    OpResult result = write("setStartsWithSession", {number(starts)});
     script.startsWithSession = result.ok ? starts : script.startsWithSession;
     return result;
 }
 
-OpResult moveToRecycleBin(const QList<QString>& paths)
+// A table of operations, with what answers them.
+// clang-format off
+QList<StartupItem> listRunItems(Error error) { return script.startupItems.answer(error); }
+QList<StartupItem> listScheduledTasks(Error error) { return script.scheduledTasks.answer(error); }
+QList<StartupItem> listShellExtensions(Error error) { return script.shellExtensions.answer(error); }
+QList<UninstallEntry> listSoftware(Error error) { return script.uninstallEntries.answer(error); }
+QList<ServiceItem> listServices(QStringList&, Error error) { return script.services.answer(error); }
+
+QList<ProcessSnapshot> processAndAncestors(quint32) { return script.ancestors; }
+QString processCommandLine(unsigned int pid) { return script.commandLines.value(pid); }
+QList<QString> servicesDependingOn(Name name) { return script.dependents.value(name); }
+QList<QString> servicesNeededBy(Name name) { return script.dependencies.value(name); }
+bool canVerifySignatures() { return script.canVerify; }
+bool startsWithSession() { return script.startsWithSession; }
+bool syncFile(int) { return script.canSync(); }
+
+OpResult startService(Name name, Names) { return write("startService", {name}); }
+OpResult stopService(Name name, Names) { return write("stopService", {name}); }
+OpResult scheduleDeleteOnReboot(Names paths) { return write("deleteOnReboot", paths); }
+OpResult moveToRecycleBin(Names paths) { return write("moveToRecycleBin", paths); }
+// clang-format on
+
+QList<NetConnection> listConnections(ShownProcesses& /*shown*/, Error error)
 {
-    return script.write(QStringList{u"moveToRecycleBin"_s} + paths);
+    return script.connections.answer(error);
+}
+
+void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
+{
+    out = script.metrics.value(script.metricsSamples++);
+}
+
+OpResult endProcess(unsigned int pid, const ShownProcesses& /*shown*/)
+{
+    return write("killProcess", {number(pid)});
+}
+
+OpResult uninstallSoftware(const UninstallEntry& entry)
+{
+    return write("executeUninstall", {entry.uninstallString});
+}
+
+OpResult setServiceEnabled(Name name, bool enabled, Names /*shown*/)
+{
+    return write("setEnabled", {name, number(enabled)});
+}
+
+OpResult setServiceStartType(Name name, ServiceStartType type, Names /*shown*/)
+{
+    return write("setStartType", {name, number(int(type))});
+}
+
+OpResult setRunItemEnabled(StartupSource source, Name name, bool enabled)
+{
+    return write("StartupService::setEnabled", {number(int(source)), name, number(enabled)});
 }
 
 } // namespace platform

@@ -48,7 +48,6 @@ struct Platform
     QHash<QString, QStringList> dependencies;
     QList<ProcessSnapshot> ancestors; ///< Of every process; the first is what peers run.
     QHash<quint32, QString> commandLines;
-    QList<quint32> commandLinesAsked;
     QHash<QString, SignatureStatus> signatures; ///< Unknown where absent.
     QHash<QString, QString> signers;
     bool canVerify = true;

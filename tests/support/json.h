@@ -1,6 +1,8 @@
 // JSON and tables as the tests write them down.
 #pragma once
 
+#include <QCryptographicHash>
+#include <QDebug>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStringList>
@@ -18,6 +20,16 @@ inline QString text(const QJsonObject& object)
 {
     const QByteArray compact = QJsonDocument(object).toJson(QJsonDocument::Compact);
     return QString::fromUtf8(compact).replace(u'"', u'`');
+}
+
+/// Whether `text` is what clients and users go by, of which this is the SHA-256: it changes on
+/// purpose only. One that is not is printed.
+inline bool isAgreedOn(const QString& text, const char* digest)
+{
+    const auto found = QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex();
+    if (found != digest)
+        qInfo().noquote() << found << text;
+    return found == digest;
 }
 
 /// The lines of a table without the blanks around them; empty ones are left out.

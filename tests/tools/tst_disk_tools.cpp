@@ -21,10 +21,8 @@ class DiskToolsTest : public QObject
     };
 
     /// DIR stands for the test's directory.
-    QString text(const QJsonObject& object) const
-    {
-        return test::text(object).replace(m_directory.path(), u"DIR"_s);
-    }
+    QString named(QString text) const { return text.replace(m_directory.path(), u"DIR"_s); }
+    QString text(const QJsonObject& object) const { return named(test::text(object)); }
     QJsonObject parsed(QString json) const
     {
         return test::json(json.replace(u"DIR"_s, m_directory.path()));
@@ -37,77 +35,41 @@ private Q_SLOTS:
     {
         for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
             qputenv(name, m_directory.filePath(u"app"_s).toUtf8());
-        qputenv("HOME", m_directory.filePath(u"absent"_s).toUtf8());
-        qputenv("TMPDIR", m_directory.filePath(u"absent"_s).toUtf8());
-        // The first category, some of what there is of the others, and the rest of the result.
-        const auto scan = [this](const QJsonObject& args = {}) {
-            QJsonObject found = m_client.call(u"scan_junk"_s, args, m_keepProgress).json();
-            const QJsonArray categories = found.take(u"categories"_s).toArray();
-            QString all = text(categories[0].toObject());
-            for (const QJsonValue category : categories) {
-                for (const auto key : {"category_id"_L1, "group"_L1, "safety"_L1})
-                    all += category[key].toString() + u' ';
-                all += QString::number(category["file_count"_L1].toInt()) + u'|';
-            }
-            return all + text(found);
-        };
-        const QString note =
-            u",`note`:`清理用 clean_junk 传 category_ids[]; 那是写操作, 执行前会在 "
-            "Korvane 主程序弹窗请求授权。safety=caution 的分类(更新缓存/"
-            "Prefetch)建议先向用户说明副作用再清。`,"_s;
-        QCOMPARE(scan(), u"{}{`category_count`:0"_s + note +
-                             u"`total_file_count`:0,`total_size_bytes`:0,`total_size_mb`:0}"_s);
-        QVERIFY(m_progress.isEmpty());
-
+        for (const char* name : {"HOME", "TMPDIR"})
+            qputenv(name, m_directory.filePath(u"absent"_s).toUtf8());
         test::makeTree(m_directory.filePath(u"app"_s),
-                       u"CrashDumps/1.dmp=1321206|Logs/empty/|Prefetch/a=41943|"
-                       "Mozilla/Firefox/Profiles/p/cache2/e/1=10|"
-                       "Mozilla/Firefox/Profiles/p/cache2/e/2=11|pip/cache/1=52429"_s);
-        for (const QJsonObject& args : {QJsonObject(), {{u"foo"_s, 1}}}) {
-            m_progress.clear();
-            QCOMPARE(
-                scan(args),
-                u"{`category_id`:`crash_dumps`,`category_name`:`崩溃转储文件`,"
-                "`description`:`程序崩溃时生成的 .dmp 转储, 排障后即可删除`,`file_count`:1,"
-                "`group`:`system`,`safety`:`safe`,"
-                "`sample_paths`:[`DIR/app/CrashDumps/1.dmp`],`size_bytes`:1321206,"
-                "`size_mb`:1.3}crash_dumps system safe 1|prefetch system caution 1|"
-                "firefox_cache browser safe 2|pip_cache devtools safe 1|{`category_count`:4"_s +
-                    note +
-                    u"`total_file_count`:5,`total_size_bytes`:1415599,`total_size_mb`:1.4}"_s);
+                       u"CrashDumps/1.dmp=1321206|Logs/1=1|Logs/2=1|Logs/3=1|Logs/4=1|Logs/5=1|"
+                       "Logs/d/6=1|FontCache/empty/|Prefetch/a=41943|pip/cache/1=52429|"
+                       "Mozilla/Firefox/Profiles/p/cache2/e/1=10"_s);
+        QJsonObject found = m_client.call(u"scan_junk"_s, {}, m_keepProgress).json();
+        QCOMPARE(m_client.call(u"scan_junk"_s, {{u"foo"_s, 1}}).json(), found);
+        QStringList all;
+        const QJsonArray categories = found.take(u"categories"_s).toArray();
+        for (const QJsonValue category : categories) {
+            for (const auto key : {"category_id"_L1, "group"_L1, "safety"_L1})
+                all.append(category[key].toString());
+            all.append(QString::number(category["file_count"_L1].toInt()));
+            all.append(QString::number(category["sample_paths"_L1].toArray().size()));
         }
-        QCOMPARE(m_progress.size(), 5);
-        QCOMPARE(m_progress[0], u"{`index`:1,`scanning_category`:`崩溃转储文件`,`total`:5}"_s);
-        QCOMPARE(m_progress[4], u"{`index`:5,`scanning_category`:`pip 缓存`,`total`:5}"_s);
-
-        test::makeTree(m_directory.filePath(u"app/Logs"_s), u"1=1|2=1|3=1|4=1|5=1|d/6=1"_s);
-        const QJsonObject logs =
-            m_client.call(u"scan_junk"_s).json()[u"categories"_s].toArray().at(1).toObject();
-        QCOMPARE(logs[u"file_count"_s].toInt(), 6);
-        QCOMPARE(logs[u"sample_paths"_s].toArray().size(), 5);
+        QCOMPARE(all.join(u' '), u"crash_dumps system safe 1 1 windows_logs system safe 6 5 "
+                                 "prefetch system caution 1 1 firefox_cache browser safe 1 1 "
+                                 "pip_cache devtools safe 1 1"_s);
+        QCOMPARE(text(categories[0].toObject()),
+                 u"{`category_id`:`crash_dumps`,`category_name`:`崩溃转储文件`,"
+                 "`description`:`程序崩溃时生成的 .dmp 转储, 排障后即可删除`,`file_count`:1,"
+                 "`group`:`system`,`safety`:`safe`,`sample_paths`:[`DIR/app/CrashDumps/1.dmp`],"
+                 "`size_bytes`:1321206,`size_mb`:1.3}"_s);
+        QCOMPARE(text(found),
+                 u"{`category_count`:5,`note`:`清理用 clean_junk 传 category_ids[]; 那是写操作, "
+                 "执行前会在 Korvane 主程序弹窗请求授权。safety=caution 的分类(更新缓存/"
+                 "Prefetch)建议先向用户说明副作用再清。`,`total_file_count`:10,"
+                 "`total_size_bytes`:1415594,`total_size_mb`:1.4}"_s);
+        QCOMPARE(m_progress.size(), 6);
+        QCOMPARE(m_progress[1], u"{`index`:2,`scanning_category`:`系统日志文件`,`total`:6}"_s);
     }
 
-    void largeFiles_data()
+    void largeFiles()
     {
-        QTest::addColumn<QString>("args");
-        QTest::addColumn<QString>("expected"); // Smallest size; files scanned; sizes found.
-        const auto row = [](const char* args, const char* expected) {
-            for (const QString& arg : QString::fromUtf8(args).split(u'|'))
-                QTest::newRow(qUtf8Printable(arg)) << arg << QString::fromUtf8(expected);
-        };
-        row("`x`:1|`root_path`:5|`root_path`:null|`root_path`:`DIR/home`|`root_path`:`DIR/home/`|"
-            "`root_path`:`../home`|`root_path`:``|`root_path`:`DIR/link`|`min_size_bytes`:0|"
-            "`min_size_bytes`:-5|`min_size_bytes`:`x`|`min_size_bytes`:1e300|`max_results`:3|"
-            "`max_results`:`1`|`max_results`:1.5|`max_results`:1e300|"
-            "`max_results`:9223372036854775807|`max_results`:4294967297",
-            "52428800; 6; 73400320 62914560 52428800");
-        row("`min_size_bytes`:52428799|`min_size_bytes`:`52428799`",
-            "52428799; 6; 73400320 62914560 52428800 52428799");
-        row("`min_size_bytes`:1,`max_results`:2", "1; 6; 73400320 62914560");
-        row("`max_results`:0|`max_results`:-9223372036854775807", "52428800; 6; ");
-        row("`root_path`:`DIR/absent %1`", "路径不存在: DIR/absent %1");
-        row("`root_path`:`DIR/home/small`", "路径不存在: DIR/home/small");
-        row("`root_path`:` `", "路径不存在:  ");
         const QString home = m_directory.filePath(u"home"_s);
         qputenv("HOME", home.toUtf8());
         test::makeTree(
@@ -115,30 +77,42 @@ private Q_SLOTS:
             u"link>home|out/f=99999999|home/exact=52428800|home/less=52428799|home/small=1|"
             "home/.hidden=62914560|home/.d/e/deep=73400320|home/dir>../out|home/x>x"_s);
         QDir::setCurrent(home);
-    }
-    void largeFiles()
-    {
-        QFETCH(QString, args);
-        QFETCH(QString, expected);
-        const QJsonObject arguments = parsed(u'{' + args + u'}');
-        const test::ToolReply reply = m_client.call(u"find_large_files"_s, arguments);
-        if (reply.isError) {
-            expected.replace(u"DIR"_s, m_directory.path());
-            QCOMPARE(reply.text, u"Tool 'find_large_files' failed: "_s + expected);
-            return;
+        // Arguments => the smallest size; files scanned; sizes found.
+        const QStringList cases = test::rows(R"(
+            `x`:1|`root_path`:5|`root_path`:null|`root_path`:`DIR/home`|`root_path`:`DIR/home/`
+            |`root_path`:`../home`|`root_path`:``|`root_path`:`DIR/link`|`min_size_bytes`:0
+            |`min_size_bytes`:-5|`min_size_bytes`:`x`|`min_size_bytes`:1e300|`max_results`:3
+            |`max_results`:`1`|`max_results`:1.5|`max_results`:1e300
+            |`max_results`:9223372036854775807|`max_results`:4294967297
+            |=> 52428800; 6; 73400320 62914560 52428800
+            `min_size_bytes`:52428799|`min_size_bytes`:`52428799`
+            |=> 52428799; 6; 73400320 62914560 52428800 52428799
+            `min_size_bytes`:1,`max_results`:2|=> 1; 6; 73400320 62914560
+            `max_results`:0|`max_results`:-9223372036854775807|=> 52428800; 6;
+            `root_path`:`DIR/absent %1`|=> 路径不存在: DIR/absent %1
+            `root_path`:`DIR/home/small`|=> 路径不存在: DIR/home/small
+            `root_path`:` `|=> 路径不存在:  )");
+        for (const QString& row : cases.join(u'\n').replace(u"\n|"_s, u"|"_s).split(u'\n')) {
+            QStringList arguments = row.split(u'|');
+            const QString expected = arguments.takeLast();
+            for (const QString& argument : arguments) {
+                const QJsonObject args = parsed(u'{' + argument + u'}');
+                const test::ToolReply reply = m_client.call(u"find_large_files"_s, args);
+                const QJsonObject result = reply.json();
+                QString seen = u"=> "_s + result[u"min_size_bytes"_s].toVariant().toString() +
+                               u"; "_s + result[u"scanned_files"_s].toVariant().toString() + u';';
+                for (const QJsonValue file : result[u"files"_s].toArray()) {
+                    const qint64 size = file[u"size_bytes"_s].toInteger();
+                    QCOMPARE(QFileInfo(file[u"path"_s].toString()).size(), size);
+                    seen += u' ' + QString::number(size);
+                }
+                if (reply.isError)
+                    seen = named(u"=> "_s + reply.text.section(u" failed: "_s, 1)).trimmed();
+                QCOMPARE(argument + seen, argument + expected);
+                QCOMPARE(result[u"root_path"_s].toString(home),
+                         reply.isError ? home : args[u"root_path"_s].toString(home));
+            }
         }
-        const QJsonObject result = reply.json();
-        QStringList sizes;
-        for (const QJsonValue file : result[u"files"_s].toArray()) {
-            sizes.append(QString::number(file[u"size_bytes"_s].toInteger()));
-            QCOMPARE(QFileInfo(file[u"path"_s].toString()).size(), sizes.last().toLongLong());
-        }
-        QCOMPARE(u"%1; %2; %3"_s.arg(QString::number(result[u"min_size_bytes"_s].toInteger()),
-                                     QString::number(result[u"scanned_files"_s].toInteger()),
-                                     sizes.join(u' ')),
-                 expected);
-        QCOMPARE(result[u"root_path"_s].toString(),
-                 arguments[u"root_path"_s].toString(m_directory.filePath(u"home"_s)));
     }
 
     void largestOfManyFiles()
@@ -155,11 +129,9 @@ private Q_SLOTS:
         QCOMPARE(result[u"scanned_files"_s].toInt(), files);
         QCOMPARE(result[u"hit_count"_s].toInt(), 10);
         for (int i = 0; i < 10; ++i) {
-            const QJsonValue file = result[u"files"_s][i];
-            QCOMPARE(file[u"size_bytes"_s].toInt(), (files - 1 - i) * 1000);
-            QCOMPARE(file[u"size_mb"_s].toDouble(), 1.4);
-            QCOMPARE(file.toObject().size(), 3);
-            QVERIFY(file[u"path"_s].toString().startsWith(m_directory.filePath(u"many/files/d"_s)));
+            QJsonObject file = result[u"files"_s][i].toObject();
+            QVERIFY(named(file.take(u"path"_s).toString()).startsWith(u"DIR/many/files/d"_s));
+            QCOMPARE(text(file), u"{`size_bytes`:%1,`size_mb`:1.4}"_s.arg((files - 1 - i) * 1000));
         }
 
         // A selection leaves 10 at each 200th from the 210th on; the one empty file may come first.

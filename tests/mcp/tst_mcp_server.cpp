@@ -1,8 +1,10 @@
-// Tests of the request dispatcher and the tool registry, with tools of the suite's own.
-#include "mcp/mcp_server.h"
-#include "support/json.h"
+// Tests of the request dispatcher with tools of the suite's own, of what is published of the real
+// ones, and of get_app_info.
+#include "support/mcp_client.h"
 
-#include <QJsonArray>
+#include <QCoreApplication>
+#include <QStandardPaths>
+#include <QSysInfo>
 #include <QTest>
 
 #include <stdexcept>
@@ -10,7 +12,7 @@
 using namespace korvane;
 using namespace Qt::StringLiterals;
 
-class DispatcherTest : public QObject
+class McpServerTest : public QObject
 {
     Q_OBJECT
 
@@ -73,6 +75,7 @@ private Q_SLOTS:
 
     void answers()
     {
+        m_server.registerTool(u"echo"_s, {}, {}, throwing("the latest counts"));
         m_server.registerTool(u"echo"_s, {}, {}, echo);
         m_server.registerTool(u"查"_s, {}, {}, throwing("磁盘 “C:” 失败"));
         m_server.registerTool(u"mute"_s, {}, {}, throwing(""));
@@ -83,39 +86,38 @@ private Q_SLOTS:
                  test::text(json(response)));
     }
 
-    void laterRegistrationReplaces()
+    void publishedTools()
     {
-        McpServer server;
-        const QJsonObject list = json("{`method`:`tools/list`}");
-        const auto tools = [&] {
-            return server.handleRequest(list, {}).value("result"_L1).toObject();
-        };
-        QCOMPARE(tools(), json("{`tools`:[]}"));
-        server.registerTool(u"t"_s, u"old"_s, {{u"old"_s, 1}}, throwing("old"));
-        server.registerTool(u"t"_s, u"new"_s, {{u"a"_s, 1}}, echo);
-        QCOMPARE(tools(),
-                 json("{`tools`:[{`name`:`t`,`description`:`new`,`inputSchema`:{`a`:1}}]}"));
-        const QJsonObject call = json("{`method`:`tools/call`,`params`:{`name`:`t`}}");
-        QVERIFY(test::text(server.handleRequest(call, {})).contains(u"false"_s));
+        test::Client client;
+        const QJsonObject response = client.request({{u"method"_s, u"tools/list"_s}});
+        QJsonObject byName; // The list has an order of its own.
+        const QJsonArray listed = response["result"_L1]["tools"_L1].toArray();
+        for (const QJsonValue tool : listed)
+            byName.insert(tool["name"_L1].toString(), tool);
+        QCOMPARE(listed.size(), 21);
+        const QByteArray names = QJsonDocument(byName).toJson(QJsonDocument::Compact);
+        QVERIFY(
+            test::isAgreedOn(QString::fromUtf8(names),
+                             "d8c19357c4b56f6cb968909ef2d745bbb0e0755f926e0b8de6f93fe005cf77cd"));
     }
 
-    void progressReachesTheTool()
+    void appInfo()
     {
-        QJsonArray seen;
-        const auto slow = [&](const QJsonObject& args, const ProgressCallback& progress) {
-            seen.append(bool(progress));
-            if (progress)
-                progress(args);
-            return args;
-        };
-        m_server.registerTool(u"slow"_s, {}, {}, slow);
-        const QJsonObject call =
-            json("{`method`:`tools/call`,`params`:{`name`:`slow`,`arguments`:{`n`:3}}}");
-        m_server.handleRequest(call, [&](const QJsonObject& report) { seen.append(report); });
-        m_server.handleRequest(call, {});
-        QCOMPARE(seen, (QJsonArray{true, json("{`n`:3}"), false}));
+        QCoreApplication::setOrganizationName(u"Maker"_s);
+        QCoreApplication::setApplicationName(u"Product"_s);
+        QJsonObject info = test::Client().call(u"get_app_info"_s, {{u"name"_s, u"x"_s}}).json();
+        const QString dataDir = info.take("data_dir"_L1).toString();
+        QVERIFY(dataDir.endsWith(u"/Maker/Product"_s));
+        QCOMPARE(dataDir, QStandardPaths::writableLocation(QStandardPaths::AppDataLocation));
+        QCOMPARE(info.take("platform"_L1).toString(), QSysInfo::prettyProductName());
+        QCOMPARE(info.take("kernel_version"_L1).toString(), QSysInfo::kernelVersion());
+        QCOMPARE(info.take("executable"_L1).toString(), QCoreApplication::applicationFilePath());
+        QCOMPARE(test::text(info),
+                 u"{`description`:`Korvane 系统医生 — 进程/启动项/网络/卸载/大文件 "
+                 "五合一诊断工具`,`name`:`Korvane`,`organization`:`com.korvane`,"
+                 "`qt_version`:`6.8.3`,`version`:`0.3.0`}"_s);
     }
 };
 
-QTEST_GUILESS_MAIN(DispatcherTest)
-#include "tst_dispatcher.moc"
+QTEST_GUILESS_MAIN(McpServerTest)
+#include "tst_mcp_server.moc"
