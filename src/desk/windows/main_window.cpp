@@ -162,7 +162,7 @@ QLayout* MainWindow::makeBottomRow()
     channel->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     channel->setWordWrap(true);
     auto* const quit = new QPushButton(tr("退出"));
-    connect(quit, &QPushButton::clicked, this, &MainWindow::quitWanted);
+    connect(quit, &QPushButton::clicked, qApp, &QCoreApplication::quit);
     auto* const row = new QHBoxLayout;
     row->addWidget(channel, 1);
     row->addWidget(makeAutostartBox());

@@ -14,7 +14,7 @@ Tray::Tray(Desk& desk) : m_desk(desk), m_waiting(m_menu.addAction({}, this, &Tra
     m_menu.addAction(tr("打开授权台"), this, &Tray::windowWanted);
     m_menu.addMenu(new PauseMenu(m_desk, &m_menu));
     m_menu.addSeparator();
-    m_menu.addAction(tr("退出"), this, &Tray::quitWanted);
+    m_menu.addAction(tr("退出"), qApp, &QCoreApplication::quit);
     m_icon.setContextMenu(&m_menu);
     connect(&m_icon, &QSystemTrayIcon::messageClicked, this, &Tray::questionWanted);
     connect(&m_icon, &QSystemTrayIcon::activated, this,

@@ -20,7 +20,6 @@ public:
 Q_SIGNALS:
     void windowWanted();
     void questionWanted();
-    void quitWanted();
 
 private:
     void update();
