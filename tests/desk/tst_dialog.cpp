@@ -4,6 +4,7 @@
 #include "desk/windows/pause_menu.h"
 #include "desk/windows/plain_text_view.h"
 #include "desk/windows/question_dialog.h"
+#include "desk/windows/tray.h"
 
 #include <QAccessible>
 #include <QApplication>
@@ -187,8 +188,12 @@ private Q_SLOTS:
         const QString hostile = u"<b>x</b> <a href=\"file:/\">y</a>\u202e\x1b[2J\u200b\n\n"_s;
         const QString shown = u"<b>x</b> <a href=\"file:/\">y</a>\ufffd\ufffd[2J\ufffd\n\n"_s;
         const QString tail(5000, u'x');
+        const Tray tray(*m_desk);
         QVERIFY(ask({u"format_disk"_s, hostile + tail, hostile + tail, QString(300, u'\n'),
                      hostile + tail}) != 0);
+        const QPointer<QObject>& notification = fake::platform().notification;
+        QCOMPARE(notification->objectName(),
+                 u"授权请求|AI 想更改本机, 正在等您答复: 允许未知操作?"_s);
         int copies = 0;
         for (const PlainTextView* view : m_dialog->findChildren<PlainTextView*>()) {
             constexpr auto byMouseOrKey =
@@ -204,6 +209,8 @@ private Q_SLOTS:
         for (const QLabel* label : m_dialog->findChildren<QLabel*>())
             QVERIFY(label->textFormat() == Qt::PlainText && !label->text().contains(u'x'));
         QCOMPARE(m_allow->text(), u"允许未知操作"_s);
+        m_desk->refuseAll(Outcome::SessionEnd);
+        QVERIFY(m_clients.back().answer().message.contains(u"会话已结束"_s) && !notification);
     }
 
     void theCountdownIsSaid()

@@ -5,6 +5,7 @@
 #include "platform/file_sync.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
+#include "platform/notification.h"
 #include "platform/peer.h"
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
@@ -54,6 +55,14 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
     }
     cpuTable.endEnumeration();
     return processes;
+}
+
+std::unique_ptr<QObject> showNotification(Name title, Name text)
+{
+    auto notification = std::make_unique<QObject>();
+    notification->setObjectName(title + u'|' + text);
+    script.notification = notification.get();
+    return notification;
 }
 
 SignatureStatus verifySignature(const QString& path)

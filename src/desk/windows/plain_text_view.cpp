@@ -43,9 +43,9 @@ void addLineHeights(const QString& text, const QFont& font, int width, int most,
 
 } // namespace
 
-PlainTextView::PlainTextView(int mostLines, QWidget* parent)
-    : QPlainTextEdit(parent), m_mostLines(mostLines)
+PlainTextView::PlainTextView(int mostLines, const QString& name, Look look) : m_mostLines(mostLines)
 {
+    setAccessibleName(name);
     setReadOnly(true);
     setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     setUndoRedoEnabled(false);
@@ -54,6 +54,11 @@ PlainTextView::PlainTextView(int mostLines, QWidget* parent)
     setWordWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Maximum);
+    if (look == Look::Flat) {
+        setFrameShape(QFrame::NoFrame);
+        viewport()->setAutoFillBackground(false);
+        document()->setDocumentMargin(0);
+    }
 }
 
 void PlainTextView::show(const QString& text)
@@ -66,13 +71,6 @@ void PlainTextView::show(const QString& text)
     for (const QString& line : std::as_const(lines))
         addLineHeights(line, font(), textWidth(), m_mostLines, m_lineHeights);
     updateGeometry();
-}
-
-void PlainTextView::setFlat()
-{
-    setFrameShape(QFrame::NoFrame);
-    viewport()->setAutoFillBackground(false);
-    document()->setDocumentMargin(0);
 }
 
 QSize PlainTextView::sizeHint() const

@@ -3,6 +3,7 @@
 #include "platform/file_holders.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
+#include "platform/notification.h"
 #include "platform/peer.h"
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
@@ -79,6 +80,7 @@ private Q_SLOTS:
         QCOMPARE(platform::processCommandLine(1) + platform::signerName(path), QString());
         QVERIFY(platform::processAndAncestors(1).isEmpty() && !platform::startsWithSession());
         QVERIFY(platform::peerOf(-1)->user == platform::PeerUser::Own);
+        QVERIFY(!platform::showNotification(path, path));
         QVERIFY(!platform::setKeepAwake(true) && !platform::emptyRecycleBin());
         QVERIFY(!platform::removeMarkOfTheWeb(path) && !platform::canVerifySignatures());
         QCOMPARE(platform::toggleForegroundWindowTopmost(), -1);
