@@ -65,8 +65,9 @@ private:
     {
         widget.activateWindow();
         static_cast<void>(QTest::qWaitForWindowActive(&widget));
+        QTest::qWait(200); // Until all is shown.
         pass(1s);
-        QTest::qWait(300); // Until all is shown, and Allow active.
+        QTest::qWait(200); // Until Allow is active.
         const QStringList arguments = QCoreApplication::arguments();
         widget.grab().save(u"%1/%2%3.png"_s.arg(arguments.value(1), name, arguments.value(2)));
     }

@@ -421,7 +421,7 @@ private Q_SLOTS:
         QVERIFY(!Doorbell::ring());
         m_clients.emplace_back(harmless); // Nor are strangers heard on the channel.
         QCOMPARE(m_clients[0].answerLine(), QByteArray());
-        QVERIFY(m_desk->history().isEmpty());
+        QVERIFY(m_desk->questions().isEmpty() && m_desk->history().isEmpty());
     }
 };
 

@@ -123,11 +123,12 @@ private Q_SLOTS:
             row(key + " after another window", "",
                 [=, this] { focusAllow(), loseActivation(), type(k); });
         }
-        row("button pressed early", "", [this] {
-            QTest::mousePress(m_allow, Qt::LeftButton);
-            read();
-            QTest::mouseRelease(m_allow, Qt::LeftButton);
-        });
+        for (const auto button : {&DialogTest::m_allow, &DialogTest::m_refuse})
+            row("button pressed early", "", [=, this] {
+                QTest::mousePress(this->*button, Qt::LeftButton);
+                read();
+                QTest::mouseRelease(this->*button, Qt::LeftButton);
+            });
         row("Enter on the detail", "refused",
             [this] { read(), m_detail->setFocus(), type(Qt::Key_Return); });
         row("early click on Allow", "", [this] { pass(999ms), click(m_allow); });
