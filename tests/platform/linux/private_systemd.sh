@@ -64,7 +64,7 @@ END
 
 /lib/systemd/systemd --user >/run/kv/systemd.log 2>&1 &
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/kv/bus KORVANE_PRIVATE_SYSTEMD=1
-timeout 20 sh -c 'until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1
+timeout 60 sh -c 'until busctl --address="$DBUS_SYSTEM_BUS_ADDRESS" status org.freedesktop.systemd1
 do kill -0 "$0" && sleep 0.1 || exit; done' $! >/dev/null 2>&1 || {
     cat /run/kv/systemd.log >&2
     skip 'systemd does not start'

@@ -394,9 +394,12 @@ private Q_SLOTS:
     {
         const QRegularExpression own(u"^(alias|begins|broken|ends|gone|lost|masked|needs|of@.*|"
                                      "off|passing|run|says|tied)[|]"_s);
-        QTRY_COMPARE_WITH_TIMEOUT(
-            listed("name state start_type display_name description binary_path").filter(own),
-            linesOf(QString::fromUtf8(ownUnits)), 30'000);
+        const QStringList expected = linesOf(QString::fromUtf8(ownUnits));
+        const auto rows = [&own] {
+            return listed("name state start_type display_name description binary_path").filter(own);
+        };
+        (void)QTest::qWaitFor([&] { return rows() == expected; }, 30'000);
+        QCOMPARE(rows(), expected);
         const QStringList programs = listed("name binary_path");
         QCOMPARE(programs.filter(QRegularExpression(u"^many.*/sleep infinity$"_s)).size(), 300);
         QCOMPARE(listed("name pid").filter(QRegularExpression(u"^(begins|dbus|off|run)[|]"_s)),
