@@ -4,8 +4,6 @@
 #include "support/refusals.h"
 #include "support/system.h"
 
-#include <cstring>
-
 #include <sys/syscall.h>
 
 using namespace korvane;
@@ -122,8 +120,8 @@ private Q_SLOTS:
         });
         if (said.isEmpty())
             QSKIP("this machine refuses a mount namespace, a limit of descriptors or a filter");
-        QCOMPARE(said, u"Tool 'get_process_tree' failed: 无法读取 /proc: "_s +
-                           QString::fromUtf8(std::strerror(error)));
+        QCOMPARE(said,
+                 u"Tool 'get_process_tree' failed: 无法读取 /proc: "_s + qt_error_string(error));
     }
 
 private:

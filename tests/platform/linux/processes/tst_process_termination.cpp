@@ -109,10 +109,7 @@ private Q_SLOTS:
 
     void theListedProcessIsEnded()
     {
-        Child stubborn([] {
-            for (int number = 1; number < NSIG; ++number)
-                static_cast<void>(std::signal(number, SIG_IGN));
-        });
+        Child stubborn(test::runShell(":")); // It is stopped: SIGKILL alone reaches it.
         const pid_t pid = stubborn.pid();
         QCOMPARE(killed(pid), u"no: 拒绝结束 PID %1: 最近的进程或连接列表中没有它"_s.arg(pid));
         QVERIFY(Child::isRunning(pid));
