@@ -8,6 +8,7 @@ namespace korvane::desk {
 std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
 {
     using namespace std::chrono_literals;
+    using namespace Qt::StringLiterals;
     // Who was killed while it made the file has left it without a PID. By age any file counts as left
     // over, but the system tells of a holder who lives.
     constexpr auto staleAfter = 1s;
@@ -18,6 +19,14 @@ std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
     QString host;
     QString program;
     holder = 0;
+    if (lock->tryLock())
+        return lock;
+    // Who was killed while it took a file over has left one more, which the framework alone would
+    // heed for half a minute.
+    QLockFile takeOver(path + u".rmlock"_s);
+    takeOver.setStaleLockTime(staleAfter);
+    takeOver.tryLock(static_cast<int>(waitForStale.count()));
+    takeOver.unlock();
     if (lock->tryLock())
         return lock;
     if (lock->error() != QLockFile::LockFailedError || lock->getLockInfo(&holder, &host, &program))

@@ -118,13 +118,16 @@ class DeskTest : public test::DeskSuite
     };
     // clang-format on
 
-    /// Makes a file of a minute ago, or of one that is there.
-    static void age(const QString& name)
+    /// Makes a file of some time ago, or of one that is there.
+    static void age(const QString& name, int seconds = 60)
     {
         QFile file(name);
         QVERIFY(file.open(QFile::ReadWrite));
-        file.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFile::FileModificationTime);
+        const QDateTime time = QDateTime::currentDateTime().addSecs(-seconds);
+        file.setFileTime(time, QFile::FileModificationTime);
     }
+
+    void leaveTakeOver() { age(m_place + u".lock"_s), age(m_place + u".lock.rmlock"_s, 5); }
 
     // clang-format off
     const QByteArray m_self = QByteArray::number(QCoreApplication::applicationPid());
@@ -133,6 +136,7 @@ class DeskTest : public test::DeskSuite
         {"nothing", [] {}, {}},
         {"a killed desk's socket", [this] { QFile::rename(m_place + u'1', m_place); }, {}},
         {"a lock made by who was killed", [this] { age(m_place + u".lock"_s); }, {}},
+        {"one that such a one took over", [this] { leaveTakeOver(); }, {}},
         {"a program", [this] { (new QLocalServer(m_desk.get()))->listen(m_place); }, "另一个程序"},
         // Its lock's age does not make it anybody's.
         {"a desk", [this] { m_desk->start(), age(m_place + u".lock"_s); }, "(PID " + m_self},
