@@ -191,7 +191,7 @@ int main(int argc, char* argv[])
         int before = QRandomGenerator::global()->bounded(5);
         const auto die = [life = QRandomGenerator::global()->bounded(10'000)] {
             std::this_thread::sleep_for(std::chrono::microseconds(life));
-            ::raise(SIGKILL);
+            static_cast<void>(::raise(SIGKILL));
         };
         QObject::connect(&desk, &Desk::questionAdded, &desk, [&] {
             if (before-- == 0)

@@ -252,7 +252,7 @@ private Q_SLOTS:
                     for to in 10.9.9.2 127.0.0.1; do printf %1000s >/dev/udp/$to/9; done
                 done' 2>&-
                 )",
-                R"(awk '/near:/ { printf "%.3f %.3f\n", $2 / 1024, $10 / 1024 }' /proc/net/dev
+                R"(awk '/near:/ { printf "%.6f %.6f\n", $2 / 1024, $10 / 1024 }' /proc/net/dev
                 )",
                 400, &SystemMetrics::netRecvKbs, &SystemMetrics::netSendKbs);
         });

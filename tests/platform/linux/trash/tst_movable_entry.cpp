@@ -70,7 +70,7 @@ const test::Cases<KeptBecause, Deed> deeds{
     {"mapped and closed", InUse,
      [] {
          const UniqueFd file(::open("top/a/b/file", O_RDONLY | O_CLOEXEC));
-         ::mmap(nullptr, 1, PROT_READ, MAP_SHARED, file.get(), 0);
+         static_cast<void>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, file.get(), 0));
      }},
     {"executable", InUse,
      runShell("cp /bin/sh top/a/x; exec top/a/x -c 'exec >&-; kill -STOP $$'")},
