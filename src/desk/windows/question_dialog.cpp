@@ -294,6 +294,13 @@ bool QuestionDialog::isSettled() const
     return m_activeSince && m_clock() - *m_activeSince >= readingTime;
 }
 
+/// X11 tells of a key that is held as of one that goes up and down at the same moment, and the
+/// framework, where it reads the two apart, takes the second for a new one.
+bool QuestionDialog::isHeld(const QKeyEvent& event) const
+{
+    return event.isAutoRepeat() || (event.timestamp() != 0 && event.timestamp() == m_releasedAt);
+}
+
 void QuestionDialog::allow()
 {
     if (isSettled())
@@ -346,8 +353,11 @@ bool QuestionDialog::eventFilter(QObject* watched, QEvent* event)
         return watched == m_allow && (!m_activeSince || m_pressedAt < *m_activeSince + readingTime);
     case QEvent::KeyPress: {
         const auto& key = static_cast<const QKeyEvent&>(*event);
-        return presses(key) && (key.isAutoRepeat() || !isSettled());
+        return presses(key) && (isHeld(key) || !isSettled());
     }
+    case QEvent::KeyRelease:
+        m_releasedAt = static_cast<const QKeyEvent&>(*event).timestamp();
+        return QDialog::eventFilter(watched, event);
     default:
         return QDialog::eventFilter(watched, event);
     }
@@ -355,9 +365,15 @@ bool QuestionDialog::eventFilter(QObject* watched, QEvent* event)
 
 void QuestionDialog::keyPressEvent(QKeyEvent* event)
 {
-    if (presses(*event) && (event->isAutoRepeat() || !isSettled()))
+    if (presses(*event) && (isHeld(*event) || !isSettled()))
         return;
     QDialog::keyPressEvent(event);
+}
+
+void QuestionDialog::keyReleaseEvent(QKeyEvent* event)
+{
+    m_releasedAt = event->timestamp();
+    QDialog::keyReleaseEvent(event);
 }
 
 void QuestionDialog::paintEvent(QPaintEvent* event)
