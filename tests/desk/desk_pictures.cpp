@@ -7,6 +7,7 @@
 #include "fake/fake_platform.h"
 
 #include <QApplication>
+#include <QStyle>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -19,7 +20,7 @@ namespace {
 
 const consent::Request freePort{
     u"kill_by_port"_s, u"结束占用端口 8080 的进程"_s, u"将结束 2 个进程, 以释放端口 8080。"_s,
-    u"node (PID 20114)\n命令行: node /home/li/shop/server.js --port 8080 --watch --log /home/li/shop/log/server.log\n"
+    u"node (PID 20114)\n命令行: node /home/li/shop/server.js --port 8080 --log /home/li/shop/server.log\n"
     u"node (PID 20131)\n命令行: node /home/li/shop/worker.js"_s,
     u"您让我重启商店的开发服务器, 但旧的服务器还占用着端口 8080。"_s};
 const consent::Request junk{
@@ -37,6 +38,7 @@ QPalette darkPalette()
     QPalette palette(QColor(45, 45, 45), QColor(35, 35, 35));
     palette.setColor(QPalette::Base, QColor(28, 28, 28));
     palette.setColor(QPalette::Highlight, QColor(42, 110, 187));
+    QApplication::style()->polish(palette);
     return palette;
 }
 
@@ -90,7 +92,6 @@ int main(int argc, char* argv[])
     save(dialog, u"queue"_s);
     desk.refuse(desk.questions().first().id);
     save(dialog, u"hostile"_s);
-    desk.pauseFor(std::chrono::minutes(10));
     save(window, u"window"_s);
     return 0;
 }

@@ -161,9 +161,8 @@ QLayout* QuestionDialog::makeAnswers()
 {
     auto* const row = new QHBoxLayout;
     m_place = makeLabel();
-    m_place->setWordWrap(false);
+    m_place->setMinimumHeight(fontMetrics().height()); // Nothing moves as it comes and goes.
     m_countdown = makeLabel();
-    m_countdown->setWordWrap(false);
     m_allow = new QPushButton;
     m_refuse = new QPushButton(tr("拒绝"));
     m_refuse->setDefault(true);
@@ -171,12 +170,15 @@ QLayout* QuestionDialog::makeAnswers()
     connect(m_refuse, &QPushButton::clicked, this, &QuestionDialog::refuse);
     for (QPushButton* const button : {m_allow, m_refuse})
         button->installEventFilter(this);
-    row->addWidget(m_countdown);
-    row->addSpacing(fontMetrics().height());
-    row->addWidget(m_place);
-    row->addStretch();
-    row->addWidget(m_allow);
-    row->addWidget(m_refuse);
+    auto* const texts = new QVBoxLayout;
+    texts->setContentsMargins(
+        0, 0, 0, (m_refuse->sizeHint().height() - fontMetrics().height()) / 2); // As their text is.
+    texts->addStretch();
+    texts->addWidget(m_place);
+    texts->addWidget(m_countdown);
+    row->addLayout(texts, 1);
+    for (QPushButton* const button : {m_allow, m_refuse})
+        row->addWidget(button, 0, Qt::AlignBottom);
     return row;
 }
 
@@ -214,7 +216,7 @@ void QuestionDialog::showQuestion(const Question& question)
     m_risk->setText(risk.text);
     m_allow->setText(risk.allow);
     const int buttonWidth =
-        fontMetrics().horizontalAdvance(risk.allow) + 3 * fontMetrics().height();
+        fontMetrics().horizontalAdvance(risk.allow) + 2 * fontMetrics().height();
     for (QPushButton* const button : {m_allow, m_refuse})
         button->setMinimumWidth(buttonWidth);
     m_warning->setText(question.asker.warning());
@@ -248,16 +250,23 @@ void QuestionDialog::showPlace()
 void QuestionDialog::fit()
 {
     constexpr int windowFrame = 40;
-    for (QGroupBox* const frame : findChildren<QGroupBox*>()) { // Else they are told of it later.
-        frame->layout()->activate();
-        frame->updateGeometry();
-    }
-    layout()->activate();
-    const int width = layout()->totalSizeHint().width();
-    const int height = layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(width)
-                                                     : layout()->totalSizeHint().height();
-    const QSize room = screen()->availableSize();
-    resize(std::min(width, room.width()), std::min(height, room.height() - windowFrame));
+    const QSize room = screen()->availableSize() - QSize(0, windowFrame);
+    const auto wanted = [this] {
+        for (QGroupBox* const frame : findChildren<QGroupBox*>()) { // Else they hear of it later.
+            frame->layout()->activate();
+            frame->updateGeometry();
+        }
+        layout()->activate();
+        return layout()->totalSizeHint();
+    };
+    const int width = std::min(wanted().width(), room.width());
+    layout()->setGeometry({0, 0, width, room.height()});
+    for (PlainTextView* const view : findChildren<PlainTextView*>())
+        view->wrapWithin(view->width());
+    const QSize size = wanted();
+    const int height =
+        layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(width) : size.height();
+    resize(width, std::min(height, room.height()));
 }
 
 void QuestionDialog::refresh()
