@@ -18,7 +18,7 @@ programs=("$server" "$report")
 with_desk=OFF
 if [ "${1-}" = --desk ]; then
     shift
-    programs=("$desk")
+    programs=("$server" "$desk") # whose window tells clients where the server is
     with_desk=ON
 fi
 built_from=$installed/built-from-$with_desk
