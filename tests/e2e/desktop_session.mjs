@@ -6,21 +6,15 @@ import { existsSync, mkdirSync, readdirSync, readFileSync, statSync, symlinkSync
   writeFileSync } from 'node:fs';
 import { dirname, join } from 'node:path';
 import { test } from 'node:test';
-import { setTimeout as sleep } from 'node:timers/promises';
-import { binary, Session, startDesktop } from './session.mjs';
+import { binary, Session, skipWithout, startDesktop, until } from './session.mjs';
 import { assertOwnTmp, readTree, restoreAll } from './trash.mjs';
 
 assertOwnTmp();
 const programs = ['Xvfb', 'evilwm', 'xterm', 'xprop', 'ssh-agent', 'tmux', 'dbus-daemon', 'busctl',
   'trash-restore'];
-const isMissing = (name) => spawnSync('sh', ['-c', `command -v ${name}`]).status !== 0;
-const missing = programs.filter(isMissing);
 // xterm sets its groups, which the namespaces of ordinary users refuse.
-if (readFileSync('/proc/self/setgroups', 'latin1').startsWith('deny')) missing.push('root');
-if (missing.length > 0) {
-  console.log(`SKIP   : no desktop session here without ${missing}`);
-  process.exit(77);
-}
+const isRefused = readFileSync('/proc/self/setgroups', 'latin1').startsWith('deny');
+skipWithout('desktop session', programs, isRefused ? ['root'] : []);
 
 const { XDG_DATA_HOME } = process.env;
 const [DISPLAY, SSH_AUTH_SOCK] = [':99', '/tmp/ssh-korvane/agent.1'];
@@ -37,12 +31,6 @@ const countWindows = () => run('xprop', '-root', '_NET_CLIENT_LIST').stdout.spli
 function start(t, command, ...args) {
   const child = spawn(command, args, { ...options, stdio: 'ignore' });
   t.after(() => child.kill());
-}
-
-/** Waits, with a limit, until it is so. */
-async function until(what, isSo) {
-  for (const deadline = Date.now() + 20_000; !isSo(); await sleep(50))
-    assert(Date.now() < deadline, `in vain for ${what}`);
 }
 
 async function startProgramsOfTheSession(t) {
