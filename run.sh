@@ -18,7 +18,7 @@ programs=("$server" "$report")
 with_desk=OFF
 if [ "${1-}" = --desk ]; then
     shift
-    programs=("$server" "$desk") # whose window tells clients where the server is
+    programs+=("$desk") # The server that it knows as its own comes with it.
     with_desk=ON
 fi
 built_from=$installed/built-from-$with_desk
@@ -56,6 +56,10 @@ build() {
     for program in "${programs[@]}"; do
         put_in_place "$program"
     done
+    if [ $with_desk = ON ]; then # The server and the report are current too.
+        cp -- "$built_from.new" "$installed/built-from-OFF.new"
+        mv -f -- "$installed/built-from-OFF.new" "$installed/built-from-OFF"
+    fi
     mv -f -- "$built_from.new" "$built_from"
 }
 

@@ -1,18 +1,20 @@
 // Measures the server beside its peers in one run and prints each figure with its ratio and bound.
-// Run: node bench.mjs PATH/TO/korvane-mcp [pings | disk | packages | services]
+// Run: node bench.mjs PATH/TO/korvane-mcp [pings | desk | disk | packages | services]
 // The last two parts want a machine prepared for them, and are started so by this program itself.
 import { spawn, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import {
   mkdirSync, mkdtempSync, readFileSync, realpathSync, rmSync, truncateSync, writeFileSync,
 } from 'node:fs';
+import { connect } from 'node:net';
 import { cpus, loadavg, release, tmpdir } from 'node:os';
-import { join } from 'node:path';
+import { dirname, join } from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 const fromHere = (path) => fileURLToPath(new URL(path, import.meta.url));
 const binary = realpathSync(process.argv[2] ?? fromHere('../build/release/src/korvane-mcp'));
 const leastServer = fromHere('../tests/e2e/least_server.mjs');
+const leastWindow = fromHere('../build/release/bench/korvane-least-window');
 const psArguments = ['-eo', 'pid,ppid,comm,rss,pcpu,args'];
 
 const startRounds = 15;
@@ -25,6 +27,7 @@ const extraProcesses = 3000;
 const socketCount = 20_000;
 const packageCount = 3000;
 const serviceCount = 300;
+const deskStarts = 11;
 const walkRounds = 15;
 const cachedFiles = 100_000;
 const deepLevels = 40_000;
@@ -118,7 +121,7 @@ function report(figure, unit, [ours, peer], bound = {}) {
   const ratio = ours / peer;
   const { atMost, atLeast, mostAbove, within } = bound;
   const texts = { atMost: `≤ ${atMost?.toFixed(2)}`, atLeast: `≥ ${atLeast?.toFixed(2)}` };
-  const margins = { mostAbove: `≤ +${mostAbove}`, within: `≤ ${within} ms` };
+  const margins = { mostAbove: `≤ +${mostAbove}`, within: `≤ ${within} ${unit}` };
   const text = { ...texts, ...margins }[Object.keys(bound)[0]] ?? '';
   const tooMuch = ratio > atMost || ours - peer > mostAbove || ours > within;
   const missed = tooMuch || ratio < atLeast;
@@ -187,6 +190,60 @@ async function measurePings() {
   report('resident memory after the round trips', 'MiB', all('memoryBefore').map(median),
     { atMost: 0.25 });
   report('  after the pipelined pings', 'MiB', all('memoryAfter').map(median), { atMost: 0.25 });
+}
+
+const pause = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+
+/** Starts a screen that nobody sees; its name, and what ends it. */
+async function startScreen() {
+  const options = { stdio: ['ignore', 'ignore', 'ignore', 'pipe'] };
+  const screen = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp'], options);
+  const [name] = await once(screen.stdio[3], 'data');
+  return { display: `:${String(name).trim()}`, stop: () => screen.kill() };
+}
+
+/** Whether somebody listens on a local socket. */
+const isListening = (path) => new Promise((resolve) => {
+  const socket = connect(path, () => {
+    socket.destroy();
+    resolve(true);
+  });
+  socket.on('error', () => resolve(false));
+});
+
+/**
+ * Starts a program with a window, in a home of its own: the milliseconds until it listens, and the
+ * MiB of memory that it has once it has nothing more to do.
+ */
+async function startWindow(program, socketName, display) {
+  const restTime = 1000;
+  const home = mkdtempSync(join(tmpdir(), 'korvane-bench-'));
+  const env = { PATH: process.env.PATH, HOME: home, TMPDIR: home, DISPLAY: display };
+  const from = performance.now();
+  const child = spawn(program, [], { stdio: 'ignore', env });
+  while (!(await isListening(join(home, socketName)))) {
+    if (child.exitCode !== null) throw new Error(`${program} exited with code ${child.exitCode}`);
+    await pause(1);
+  }
+  const elapsed = performance.now() - from;
+  await pause(restTime);
+  const status = readFileSync(`/proc/${child.pid}/status`, 'utf8');
+  const exited = once(child, 'exit');
+  child.kill();
+  await exited;
+  rmSync(home, { recursive: true });
+  return { elapsed, memory: Number(status.match(/^VmRSS:\s*(\d+) kB/m)[1]) / 1024 };
+}
+
+async function measureDesk() {
+  const screen = await startScreen();
+  const starts = await interleave(deskStarts,
+    () => startWindow(join(dirname(binary), 'korvane-desk'), 'korvane-consent-v1', screen.display),
+    () => startWindow(leastWindow, 'korvane-least-window', screen.display));
+  screen.stop();
+  const medians = (key) => starts.map((side) => median(side.map((start) => start[key])));
+  report('korvane-desk: start to listening', 'ms', medians('elapsed'), { within: 300 });
+  report('  resident memory at rest', 'MiB', medians('memory'), { within: 60 });
 }
 
 /** Milliseconds of processor time from /proc/PID/stat, whose clock ticks last 10 ms. */
@@ -455,6 +512,7 @@ async function measureAll() {
   printRow('', 'ours', 'peer', '', 'ratio', 'bound', 'met');
   await measureStart();
   await measurePings();
+  await measureDesk();
   await measureListing("at today's process count");
   const stopIdleProcesses = await startIdleProcesses(extraProcesses);
   await measureListing(`with ${extraProcesses} more processes`);
@@ -464,5 +522,8 @@ async function measureAll() {
   await measureOnPreparedMachines();
 }
 
-const parts = { pings: measurePings, disk: measureDisk, packages: measurePackages, services: measureServices };
+const parts = {
+  pings: measurePings, desk: measureDesk, disk: measureDisk, packages: measurePackages,
+  services: measureServices,
+};
 await (parts[process.argv[3]] ?? measureAll)();

@@ -8,6 +8,6 @@ root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 
 install_missing "${test_needs[@]}"
 install_npm_packages "$root/tests/e2e"
-"$root/run.sh" </dev/null # builds, and ends at once
+"$root/run.sh" --desk --version </dev/null >&2 # builds all programs, and ends at once
 configure_and_build "$root" release -DKORVANE_BENCH=ON
 exec node "$root/bench/bench.mjs" "$root/build/run/korvane-mcp"

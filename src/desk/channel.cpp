@@ -1,10 +1,10 @@
 // Listening without taking anybody's place, and reading requests within their limits.
 #include "desk/channel.h"
 
+#include "consent/listener.h"
 #include "desk/lock.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QLocalSocket>
@@ -34,20 +34,13 @@ QString ownerOf(const QFileInfo& file)
     return file.owner().isEmpty() ? QString::number(file.ownerId()) : file.owner();
 }
 
-/// What the program that listens on the channel is called; none where nobody does.
-std::optional<QString> listener()
+/// What to do about somebody else's file in the place of one's own.
+QString strangersFile(const QFileInfo& file)
 {
-    constexpr int waitMs = 1000;
-    QLocalSocket probe;
-    probe.connectToServer(consent::channelName);
-    if (!probe.waitForConnected(waitMs)) {
-        const auto error = probe.error();
-        const bool isNobody = error == QLocalSocket::ConnectionRefusedError ||
-                              error == QLocalSocket::ServerNotFoundError;
-        return isNobody ? std::nullopt : std::optional(probe.errorString());
-    }
-    const auto peer = platform::peerOf(probe.socketDescriptor());
-    return peer ? u"%1 (PID %2)"_s.arg(peer->executable, QString::number(peer->pid)) : QString();
+    return translated(QT_TRANSLATE_NOOP("desk",
+                                        "%1 属于用户 %2。请让其删除, 或为授权台和客户端设置同一个"
+                                        "属于自己的 TMPDIR。"))
+        .arg(file.filePath(), ownerOf(file));
 }
 
 } // namespace
@@ -69,9 +62,7 @@ Channel::~Channel()
 
 QString Channel::path() const
 {
-    if (m_server.isListening())
-        return m_server.fullServerName();
-    return QDir::cleanPath(QDir::tempPath()) + u'/' + consent::channelName;
+    return m_server.isListening() ? m_server.fullServerName() : consent::channelPath();
 }
 
 bool Channel::isOpen() const
@@ -99,9 +90,15 @@ QString Channel::obstacle()
     const QString lockPath = path() + u".lock"_s;
     if (!m_lock)
         m_lock = takeLock(lockPath, m_otherDesk);
+    const QFileInfo lock(lockPath);
     if (m_otherDesk != 0)
-        return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个授权台占用 (PID %2, 用户 %3)。"))
-            .arg(path(), QString::number(m_otherDesk), ownerOf(QFileInfo(lockPath)));
+        return translated(QT_TRANSLATE_NOOP(
+                              "desk",
+                              "%1 已由另一个授权台占用 (PID %2, 用户 %3)。请在那里答复或先退出它; "
+                              "若它属于别人, 请为授权台和客户端设置同一个属于自己的 TMPDIR。"))
+            .arg(path(), QString::number(m_otherDesk), ownerOf(lock));
+    if (!m_lock && lock.exists())
+        return strangersFile(lock);
     if (!m_lock)
         return translated(
                    QT_TRANSLATE_NOOP("desk",
@@ -111,14 +108,11 @@ QString Channel::obstacle()
     const QFileInfo socket(path());
     if (socket.isFile() || socket.isDir() || socket.isSymLink())
         return translated(QT_TRANSLATE_NOOP("desk", "%1 不是套接字, 请先移走它。")).arg(path());
-    if (socket.exists() && socket.ownerId() != QFileInfo(lockPath).ownerId())
-        return translated(QT_TRANSLATE_NOOP(
-                              "desk", "%1 属于用户 %2。请让其删除, 或为授权台和客户端设置同一个"
-                                      "属于自己的 TMPDIR。"))
-            .arg(path(), ownerOf(socket));
-    if (const auto other = listener())
+    if (socket.exists() && socket.ownerId() != lock.ownerId())
+        return strangersFile(socket);
+    if (const auto other = consent::findListener())
         return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个程序占用: %2。"))
-            .arg(path(), *other);
+            .arg(path(), other->name);
     return {};
 }
 

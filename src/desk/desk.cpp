@@ -55,7 +55,7 @@ bool Desk::start()
 void Desk::quit()
 {
     m_timer.stop();
-    endAll(Outcome::Quitting);
+    refuseAll(Outcome::Quitting);
     m_channel.close({false, replyMessage(Outcome::Quitting)});
 }
 
@@ -96,11 +96,17 @@ void Desk::refuse(quint64 id)
     end(id, Outcome::Refused);
 }
 
+void Desk::refuseAll(Outcome reason)
+{
+    for (const Question& question : QList(m_questions))
+        end(question.id, reason);
+}
+
 void Desk::pauseFor(std::optional<std::chrono::seconds> time)
 {
     m_isPaused = true;
     m_pausedUntil = time ? m_clock.wall().addSecs(time->count()) : QDateTime();
-    endAll(Outcome::Paused);
+    refuseAll(Outcome::Paused);
     Q_EMIT stateChanged();
 }
 
@@ -148,12 +154,6 @@ void Desk::end(quint64 id, Outcome outcome)
         return;
     const Question question = m_questions.takeAt(found - m_questions.cbegin());
     Q_EMIT questionEnded(id, decide(question, outcome));
-}
-
-void Desk::endAll(Outcome outcome)
-{
-    for (const Question& question : QList(m_questions))
-        end(question.id, outcome);
 }
 
 Outcome Desk::decide(const Question& question, Outcome outcome, const QString& problem)

@@ -81,6 +81,9 @@ public:
     /// The person's no.
     void refuse(quint64 id);
 
+    /// Refuses what waits, for a reason that is not the person's no to each.
+    void refuseAll(Outcome reason);
+
     /// Refuses what waits and whatever comes, for that long; without a time until resume().
     void pauseFor(std::optional<std::chrono::seconds> time);
     void resume();
@@ -119,7 +122,6 @@ private:
     void take(quint64 id, const platform::Peer& peer, const consent::Request& request);
     void refuseGarbled(quint64 id, const platform::Peer& peer, const QString& fault);
     void end(quint64 id, Outcome outcome);
-    void endAll(Outcome outcome);
     /// Records, then answers. The outcome that it came to.
     Outcome decide(const Question& question, Outcome outcome, const QString& problem = {});
     QList<Question>::const_iterator find(quint64 id) const;

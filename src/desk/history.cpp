@@ -72,6 +72,12 @@ HistoryEntry decode(const QJsonObject& object, Outcome outcome)
     return entry;
 }
 
+qsizetype lengthOf(const consent::Request& request)
+{
+    return request.action.size() + request.title.size() + request.summary.size() +
+           request.detail.size() + request.reason.size();
+}
+
 /// Whether the next line may follow; not where a write was cut off by the program's end.
 bool endsWithLine(QFile& file)
 {
@@ -206,8 +212,9 @@ void History::readFile(const QString& path)
 void History::remember(const HistoryEntry& entry)
 {
     m_entries.prepend(entry);
-    if (m_entries.size() > maxShown)
-        m_entries.removeLast();
+    m_characters += lengthOf(entry.request);
+    while (m_entries.size() > maxShown || m_characters > maxShownCharacters)
+        m_characters -= lengthOf(m_entries.takeLast().request);
 }
 
 void History::note(quint64 id, bool isDelivered)

@@ -55,12 +55,14 @@ public:
     /// Records whether the answer to `id` went out. A failure is not told: the decision stands.
     void recordDelivery(quint64 id, bool isDelivered);
 
-    /// The latest entries, newest first, at most `maxShown`. Reads the files at the first call.
+    /// The latest entries, newest first, within the limits below. Reads the files at the first call.
     const QList<HistoryEntry>& entries();
 
     static constexpr qsizetype maxShown = 1000;
     static constexpr qint64 maxFileBytes = qint64{5} * 1024 * 1024;
     static constexpr int keptFiles = 3; ///< Beside the one that is written.
+    /// Of all entries: no more than the files hold, however many long requests come.
+    static constexpr qsizetype maxShownCharacters = (keptFiles + 1) * maxFileBytes;
 
 private:
     QString pathOf(int age) const;
@@ -75,6 +77,7 @@ private:
     QString m_directory;
     std::unique_ptr<QLockFile> m_lock;
     QList<HistoryEntry> m_entries;
+    qsizetype m_characters = 0; ///< Of the entries' requests.
     bool m_isLoaded = false;
 };
 

@@ -13,6 +13,7 @@ enum class Outcome {
     TimedOut,    ///< Nobody said anything in time.
     Paused,      ///< Everything is refused for now.
     Quitting,    ///< The desk ends.
+    SessionEnd,  ///< The person's session ends, or its display is lost.
     Malformed,   ///< The request is none; it was not shown.
     Crowded,     ///< Too many questions are waiting; it was not shown.
     NotRecorded, ///< The person said yes, but the history cannot be written.

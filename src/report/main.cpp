@@ -1,6 +1,7 @@
 // Shows at a terminal what the server says of itself, and what its services find on this machine.
 #include "base/byte_size.h"
 #include "base/watchdog.h"
+#include "consent/listener.h"
 #include "core/junk_scanner.h"
 #include "core/large_files.h"
 #include "core/metrics.h"
@@ -238,9 +239,26 @@ void showLargestFiles()
         print(u"%1  %2\n"_s, sizeColumn(file.bytes), file.path);
 }
 
+/// Shows where a person says yes to a change, or how to open such a place.
+void showDesk(const QString& command)
+{
+    const QString path = consent::channelPath();
+    const auto listener = consent::findListener();
+    if (!listener)
+        print(u"\n授权台: 没有程序在监听 %1, 因此一切更改都会被拒绝。\n"
+              "  启动授权台: %2 --desk (没有图形界面时: %2 --desk --terminal)\n"_s,
+              path, command);
+    else
+        print(listener->isTrusted
+                  ? u"\n授权台: 正在监听 %1 (客户端须使用同一个 TMPDIR): %2\n"_s
+                  : u"\n授权台: %1 不由本用户的程序监听, 它的答复不会被采信: %2\n"_s,
+              path, listener->name);
+}
+
 void showClientConfiguration()
 {
     const QString command = QFileInfo(QCoreApplication::arguments().at(2)).absoluteFilePath();
+    showDesk(command);
     const QJsonObject server{{u"command"_s, command}, {u"args"_s, QJsonArray()}};
     const QJsonObject block{{u"mcpServers"_s, QJsonObject{{u"korvane"_s, server}}}};
     out() << u"\n要让 AI 客户端使用它, 把下面这段加入客户端的 MCP 配置:\n\n"_s

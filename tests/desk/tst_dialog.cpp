@@ -5,6 +5,7 @@
 #include "desk/windows/pause_menu.h"
 #include "desk/windows/plain_text_view.h"
 #include "desk/windows/question_dialog.h"
+#include "desk/windows/tray.h"
 #include "fake/fake_platform.h"
 
 #include <QAccessible>
@@ -216,8 +217,12 @@ private Q_SLOTS:
         m_desk->refuse(m_desk->questions().first().id);
         const QString hostile =
             u"<b>x</b> <a href=\"file:/\">y</a>\u202e\x1b[2J\u200b\n\n"_s + QString(5000, u'x');
+        const Tray tray(*m_desk);
         AskingClient client;
         ask(client, {u"format_disk"_s, hostile, hostile, QString(300, u'\n'), hostile});
+        const QPointer<QObject>& notification = fake::platform().notification;
+        QCOMPARE(notification->objectName(),
+                 u"授权请求|AI 想更改本机, 正在等您答复: 允许未知操作?"_s);
         const QString shown =
             u"<b>x</b> <a href=\"file:/\">y</a>\ufffd\ufffd[2J\ufffd\n\n"_s + QString(5000, u'x');
         int copies = 0;
@@ -235,6 +240,8 @@ private Q_SLOTS:
         for (const QLabel* label : m_dialog->findChildren<QLabel*>())
             QVERIFY(label->textFormat() == Qt::PlainText && !label->text().contains(u'x'));
         QCOMPARE(allowButton()->text(), u"允许未知操作"_s);
+        m_desk->refuseAll(Outcome::SessionEnd);
+        QVERIFY(client.answer().message.contains(u"会话已结束"_s) && !notification);
     }
 
     void theCountdownIsSaid()

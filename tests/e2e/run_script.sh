@@ -28,6 +28,11 @@ wait $! || fail "$(cat first.err)"
 [ "$(cat first.err second.err | grep -c 'Linking CXX executable src/korvane-mcp$')" = 1 ] ||
     fail 'not exactly one build'
 
+# The server needs nothing of the desk's.
+readelf -d build/run/korvane-mcp | sed -n 's/.*(NEEDED).*\[\(.*\)\.so.*/\1/p' | sort >needed
+grep -vxE 'libQt6(Core|Network)|libsystemd|libstdc\+\+|libm|libgcc_s|libc|ld-linux.*' needed &&
+    fail 'the server links more than Qt Core, Qt Network and libsystemd'
+
 # A later start is silent, and is the server itself.
 mkfifo requests answers
 ./run.sh <requests >answers 2>later.err &
@@ -85,6 +90,7 @@ truncate -s 70M "$HOME/.cache/"$'large\e[31m'
 script -qec ./run.sh /dev/null </dev/null >report.txt
 kill "$evil"
 for expected in 'evil?[31m' Korvane list_processes '70.0 MB  通用 .cache 缓存 (generic_cache)' \
-    "70.0 MB  $copy/home/.cache/large?[31m" '"mcpServers"' "\"command\": \"$copy/run.sh\""; do
+    "70.0 MB  $copy/home/.cache/large?[31m" '"mcpServers"' "\"command\": \"$copy/run.sh\"" \
+    "没有程序在监听 $TMPDIR/korvane-consent-v1" "$copy/run.sh --desk"; do
     grep -qF "$expected" report.txt || fail "not in the report: $expected: $(cat report.txt)"
 done

@@ -5,6 +5,7 @@
 #include "platform/file_sync.h"
 #include "platform/metrics.h"
 #include "platform/network.h"
+#include "platform/notification.h"
 #include "platform/peer.h"
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
@@ -50,6 +51,14 @@ QList<ProcessSnapshot> listProcesses(ProcessCpuTable& cpuTable, ShownProcesses& 
 QList<ProcessSnapshot> processAndAncestors(quint32 /*pid*/)
 {
     return script.ancestors;
+}
+
+std::unique_ptr<QObject> showNotification(const QString& title, const QString& text)
+{
+    auto notification = std::make_unique<QObject>();
+    notification->setObjectName(title + u'|' + text);
+    script.notification = notification.get();
+    return notification;
 }
 
 bool syncFile(int /*handle*/)

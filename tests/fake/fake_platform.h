@@ -6,6 +6,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QPointer>
 #include <QString>
 #include <QStringList>
 
@@ -61,6 +62,7 @@ struct Platform
     QHash<QString, LockerProbe> lockersOf; ///< Instead of `lockers`, by the first path.
     std::function<bool()> peerMayAnswer = [] { return true; };
     bool startsWithSession = false;
+    QPointer<QObject> notification; ///< What is shown: "title|text" is its name.
     std::function<bool()> canSync = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,

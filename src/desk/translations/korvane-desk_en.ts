@@ -16,8 +16,8 @@
         <translation>Cannot listen on %1: %2</translation>
     </message>
     <message>
-        <source>%1 已由另一个授权台占用 (PID %2, 用户 %3)。</source>
-        <translation>%1 is in use by another consent desk (PID %2, user %3).</translation>
+        <source>%1 已由另一个授权台占用 (PID %2, 用户 %3)。请在那里答复或先退出它; 若它属于别人, 请为授权台和客户端设置同一个属于自己的 TMPDIR。</source>
+        <translation>%1 is in use by another consent desk (PID %2, user %3). Answer there or quit it first; if it is somebody else&apos;s, set the same TMPDIR of your own for the desk and the client.</translation>
     </message>
     <message>
         <source>无法创建 %1。请检查该目录的权限, 或为授权台和客户端设置同一个可写的 TMPDIR。</source>
@@ -122,6 +122,10 @@ History: %2</translation>
     <message>
         <source>授权台退出</source>
         <translation>Desk quit</translation>
+    </message>
+    <message>
+        <source>会话结束</source>
+        <translation>Session ended</translation>
     </message>
     <message>
         <source>格式有误</source>
@@ -463,8 +467,8 @@ To connect a client: add this to the MCP settings of your AI client, and restart
         <translation>Consent request</translation>
     </message>
     <message>
-        <source>AI 想更改本机, 正在等您允许或拒绝。</source>
-        <translation>An AI wants to change this machine and waits for you to allow or refuse.</translation>
+        <source>AI 想更改本机, 正在等您答复: %1?</source>
+        <translation>An AI wants to change this machine and waits for your answer: %1?</translation>
     </message>
 </context>
 </TS>

@@ -6,10 +6,10 @@
 #include "desk/windows/plain_text_view.h"
 #include "platform/session.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QCloseEvent>
-#include <QGuiApplication>
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
@@ -41,9 +41,13 @@ QCheckBox* makeAutostartBox()
     QObject::connect(box, &QCheckBox::clicked, box, [box](bool isWanted) {
         const OpResult result = platform::setStartsWithSession(isWanted);
         box->setChecked(platform::startsWithSession());
-        if (!result.ok)
-            QMessageBox(QMessageBox::Warning, box->text(), result.message, QMessageBox::Ok, box)
-                .exec();
+        if (result.ok)
+            return;
+        auto* const warning = new QMessageBox(QMessageBox::Warning, box->text(), result.message,
+                                              QMessageBox::Ok, box);
+        warning->setAttribute(Qt::WA_DeleteOnClose);
+        warning->setTextFormat(Qt::PlainText);
+        warning->open(); // Blocks the main window alone: a question can be answered.
     });
     return box;
 }
@@ -114,8 +118,8 @@ QWidget* MainWindow::makeHistory()
             &MainWindow::showDetails);
     connect(&m_filtered, &QSortFilterProxyModel::modelReset, this, &MainWindow::showDetails);
 
-    m_details = new PlainTextView(mostDetailLines);
-    m_details->setAccessibleName(tr("所选记录的详情"));
+    m_details =
+        new PlainTextView(mostDetailLines, tr("所选记录的详情"), PlainTextView::Look::Framed);
     m_details->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     auto* const copy = new QPushButton(tr("复制详情"));
     copy->setMinimumWidth(copy->sizeHint().width() + fontMetrics().height());
@@ -140,9 +144,7 @@ QWidget* MainWindow::makeHistory()
 QWidget* MainWindow::makeEmptyState()
 {
     constexpr int mostLines = 20;
-    auto* const view = new PlainTextView(mostLines);
-    view->setAccessibleName(tr("授权记录"));
-    view->setFlat();
+    auto* const view = new PlainTextView(mostLines, tr("授权记录"));
     view->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     view->show(
         tr("还没有记录。\n\n"
@@ -161,7 +163,7 @@ QLayout* MainWindow::makeBottomRow()
     channel->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     channel->setWordWrap(true);
     auto* const quit = new QPushButton(tr("退出"));
-    connect(quit, &QPushButton::clicked, this, &MainWindow::quitWanted);
+    connect(quit, &QPushButton::clicked, qApp, &QCoreApplication::quit);
     auto* const row = new QHBoxLayout;
     row->addWidget(channel, 1);
     row->addWidget(makeAutostartBox());
@@ -175,6 +177,7 @@ void MainWindow::bringUp()
     show();
     raise();
     activateWindow();
+    QApplication::alert(this); // Where the window system forbids that.
 }
 
 void MainWindow::closeEvent(QCloseEvent* event)
@@ -208,7 +211,7 @@ void MainWindow::showDetails()
 
 void MainWindow::copyDetails() const
 {
-    QGuiApplication::clipboard()->setText(m_details->toPlainText());
+    QApplication::clipboard()->setText(m_details->toPlainText());
 }
 
 int MainWindow::currentRow() const

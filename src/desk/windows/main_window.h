@@ -28,10 +28,6 @@ public:
     /// Brings it above other windows, where the window system lets it.
     void bringUp();
 
-Q_SIGNALS:
-    /// The person wants the desk to end.
-    void quitWanted();
-
 protected:
     void closeEvent(QCloseEvent* event) override;
 

@@ -46,9 +46,9 @@ void addLineHeights(const QString& text, const QFont& font, int width, int most,
 
 } // namespace
 
-PlainTextView::PlainTextView(int mostLines, QWidget* parent)
-    : QPlainTextEdit(parent), m_mostLines(mostLines)
+PlainTextView::PlainTextView(int mostLines, const QString& name, Look look) : m_mostLines(mostLines)
 {
+    setAccessibleName(name);
     setReadOnly(true);
     setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     setUndoRedoEnabled(false);
@@ -57,6 +57,11 @@ PlainTextView::PlainTextView(int mostLines, QWidget* parent)
     setWordWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Maximum);
+    if (look == Look::Flat) {
+        setFrameShape(QFrame::NoFrame);
+        viewport()->setAutoFillBackground(false);
+        document()->setDocumentMargin(0);
+    }
 }
 
 void PlainTextView::show(const QString& text)
@@ -73,16 +78,10 @@ void PlainTextView::wrapWithin(int width)
     // Room for the scroll bar, even where none is needed: without it, it could come and stay.
     const int textWidth = width - border() - verticalScrollBar()->sizeHint().width();
     m_lineHeights.clear();
-    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next())
+    for (QTextBlock block = document()->begin();
+         block.isValid() && m_lineHeights.size() < m_mostLines; block = block.next())
         addLineHeights(block.text(), font(), textWidth, m_mostLines, m_lineHeights);
     updateGeometry();
-}
-
-void PlainTextView::setFlat()
-{
-    setFrameShape(QFrame::NoFrame);
-    viewport()->setAutoFillBackground(false);
-    document()->setDocumentMargin(0);
 }
 
 QSize PlainTextView::sizeHint() const

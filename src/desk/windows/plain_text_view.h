@@ -12,13 +12,16 @@ class PlainTextView : public QPlainTextEdit
     Q_OBJECT
 
 public:
-    explicit PlainTextView(int mostLines, QWidget* parent = nullptr);
+    enum class Look {
+        Framed,
+        Flat, ///< Without a frame and a background of its own, as a label.
+    };
+
+    /// `name` is what a screen reader calls it.
+    PlainTextView(int mostLines, const QString& name, Look look = Look::Flat);
 
     /// Shows `text`, which may be hostile; its line feeds begin lines.
     void show(const QString& text);
-
-    /// Without a frame and a background of its own, as a label.
-    void setFlat();
 
     /// Wants the height that its text takes where the view has that width, and no more.
     void wrapWithin(int width);

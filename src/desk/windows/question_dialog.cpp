@@ -36,13 +36,6 @@ constexpr int linesOfSummary = 4;
 constexpr int linesOfDetail = 12;
 constexpr int linesOfReason = 4;
 
-bool presses(const QKeyEvent& event)
-{
-    constexpr std::array keys{Qt::Key_Space, Qt::Key_Return, Qt::Key_Enter, Qt::Key_Select,
-                              Qt::Key_Escape};
-    return std::find(keys.begin(), keys.end(), event.key()) != keys.end();
-}
-
 /// The desk's own words: plain text too, since a translation is no place for markup either.
 QLabel* makeLabel(const QString& text = {})
 {
@@ -50,20 +43,6 @@ QLabel* makeLabel(const QString& text = {})
     label->setTextFormat(Qt::PlainText);
     label->setWordWrap(text.isEmpty());
     return label;
-}
-
-PlainTextView* makeWords(int mostLines, const QString& name)
-{
-    auto* const view = new PlainTextView(mostLines);
-    view->setAccessibleName(name);
-    return view;
-}
-
-PlainTextView* makeFlatWords(int mostLines, const QString& name)
-{
-    PlainTextView* const view = makeWords(mostLines, name);
-    view->setFlat();
-    return view;
 }
 
 void makeBold(QWidget* widget)
@@ -127,9 +106,9 @@ QLayout* QuestionDialog::makeFacts()
     m_risk = makeLabel();
     makeBold(m_risk);
     addRow(tr("后果:"), m_risk);
-    m_asker = makeFlatWords(linesOfAsker, tr("请求方"));
+    m_asker = new PlainTextView(linesOfAsker, tr("请求方"));
     addRow(tr("请求方:"), m_asker);
-    m_executable = makeFlatWords(linesOfAsker, tr("请求方的程序文件"));
+    m_executable = new PlainTextView(linesOfAsker, tr("请求方的程序文件"));
     m_executableLabel = addRow(tr("程序文件:"), m_executable);
     m_warning = makeLabel();
     makeBold(m_warning);
@@ -142,15 +121,15 @@ QLayout* QuestionDialog::makeWords()
 {
     auto* const column = new QVBoxLayout;
     auto* const frame = new QGroupBox(tr("以下是请求方的话"));
-    m_title = makeFlatWords(linesOfTitle, tr("请求方的标题"));
+    m_title = new PlainTextView(linesOfTitle, tr("请求方的标题"));
     makeBold(m_title);
-    m_summary = makeFlatWords(linesOfSummary, tr("请求方的概要"));
-    m_detail = desk::makeWords(linesOfDetail, tr("请求方的明细"));
+    m_summary = new PlainTextView(linesOfSummary, tr("请求方的概要"));
+    m_detail = new PlainTextView(linesOfDetail, tr("请求方的明细"), PlainTextView::Look::Framed);
     auto* const words = new QVBoxLayout(frame);
     for (PlainTextView* const view : {m_title, m_summary, m_detail})
         words->addWidget(view);
     m_reasonFrame = new QGroupBox(tr("以下是 AI 自述的理由, 未经核实"));
-    m_reason = makeFlatWords(linesOfReason, tr("AI 自述的理由, 未经核实"));
+    m_reason = new PlainTextView(linesOfReason, tr("AI 自述的理由, 未经核实"));
     (new QVBoxLayout(m_reasonFrame))->addWidget(m_reason);
     column->addWidget(frame);
     column->addWidget(m_reasonFrame);
@@ -229,7 +208,7 @@ void QuestionDialog::showQuestion(const Question& question)
     showIfAny(m_detail, question.request.detail);
     showIfAny(m_reason, question.request.reason);
     m_reasonFrame->setVisible(!question.request.reason.isEmpty());
-    setAccessibleDescription(risk.text);
+    setAccessibleDescription(m_warning->text() + risk.text);
 
     refresh();
     m_refuse->setFocus();
@@ -305,9 +284,15 @@ bool QuestionDialog::isSettled() const
 
 /// X11 tells of a key that is held as of one that goes up and down at the same moment, and the
 /// framework, where it reads the two apart, takes the second for a new one.
-bool QuestionDialog::isHeld(const QKeyEvent& event) const
+bool QuestionDialog::isStray(const QKeyEvent& key) const
 {
-    return event.isAutoRepeat() || (event.timestamp() != 0 && event.timestamp() == m_releasedAt);
+    constexpr std::array answering{Qt::Key_Space, Qt::Key_Return, Qt::Key_Enter, Qt::Key_Select,
+                                   Qt::Key_Escape};
+    const bool answers =
+        std::find(answering.begin(), answering.end(), key.key()) != answering.end();
+    const bool isHeld =
+        key.isAutoRepeat() || (key.timestamp() != 0 && key.timestamp() == m_releasedAt);
+    return answers && (isHeld || !isSettled());
 }
 
 void QuestionDialog::allow()
@@ -329,21 +314,14 @@ void QuestionDialog::reject()
 
 bool QuestionDialog::event(QEvent* event)
 {
-    switch (event->type()) {
-    case QEvent::WindowDeactivate:
-    case QEvent::WindowStateChange:
-    case QEvent::Hide:
-    case QEvent::Move:
-    case QEvent::Resize:
+    constexpr std::array interruptions{QEvent::WindowDeactivate, QEvent::WindowStateChange,
+                                       QEvent::Hide, QEvent::Move, QEvent::Resize};
+    const bool isInterrupted =
+        std::find(interruptions.begin(), interruptions.end(), event->type()) != interruptions.end();
+    if (isInterrupted)
         m_activeSince.reset();
+    if (isInterrupted || event->type() == QEvent::WindowActivate)
         refresh();
-        break;
-    case QEvent::WindowActivate:
-        refresh();
-        break;
-    default:
-        break;
-    }
     return QDialog::event(event);
 }
 
@@ -360,10 +338,8 @@ bool QuestionDialog::eventFilter(QObject* watched, QEvent* event)
     case QEvent::
         MouseButtonRelease: // Else a button that is held stays pressed for the next question.
         return watched == m_allow && (!m_activeSince || m_pressedAt < *m_activeSince + readingTime);
-    case QEvent::KeyPress: {
-        const auto& key = static_cast<const QKeyEvent&>(*event);
-        return presses(key) && (isHeld(key) || !isSettled());
-    }
+    case QEvent::KeyPress:
+        return isStray(static_cast<const QKeyEvent&>(*event));
     case QEvent::KeyRelease:
         m_releasedAt = static_cast<const QKeyEvent&>(*event).timestamp();
         return QDialog::eventFilter(watched, event);
@@ -374,9 +350,8 @@ bool QuestionDialog::eventFilter(QObject* watched, QEvent* event)
 
 void QuestionDialog::keyPressEvent(QKeyEvent* event)
 {
-    if (presses(*event) && (isHeld(*event) || !isSettled()))
-        return;
-    QDialog::keyPressEvent(event);
+    if (!isStray(*event))
+        QDialog::keyPressEvent(event);
 }
 
 void QuestionDialog::keyReleaseEvent(QKeyEvent* event)

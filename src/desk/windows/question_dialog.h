@@ -62,8 +62,8 @@ private:
     bool isReadable() const;
     /// Whether it has also had the keyboard all that time: it may be allowed, and keys count.
     bool isSettled() const;
-    /// Whether that key has not been pressed anew.
-    bool isHeld(const QKeyEvent& event) const;
+    /// Whether a key would answer, but cannot be meant to: it came too early, or is held.
+    bool isStray(const QKeyEvent& key) const;
     void allow();
     void refuse();
 

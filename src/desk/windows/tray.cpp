@@ -1,7 +1,9 @@
 // The tray's icon, its menu and its messages.
 #include "desk/windows/tray.h"
 
+#include "desk/risk.h"
 #include "desk/windows/pause_menu.h"
+#include "platform/notification.h"
 
 #include <QGuiApplication>
 
@@ -14,7 +16,7 @@ Tray::Tray(Desk& desk) : m_desk(desk), m_waiting(m_menu.addAction({}, this, &Tra
     m_menu.addAction(tr("打开授权台"), this, &Tray::windowWanted);
     m_menu.addMenu(new PauseMenu(m_desk, &m_menu));
     m_menu.addSeparator();
-    m_menu.addAction(tr("退出"), this, &Tray::quitWanted);
+    m_menu.addAction(tr("退出"), qApp, &QCoreApplication::quit);
     m_icon.setContextMenu(&m_menu);
     connect(&m_icon, &QSystemTrayIcon::messageClicked, this, &Tray::questionWanted);
     connect(&m_icon, &QSystemTrayIcon::activated, this,
@@ -34,6 +36,8 @@ Tray::Tray(Desk& desk) : m_desk(desk), m_waiting(m_menu.addAction({}, this, &Tra
 void Tray::update()
 {
     const qsizetype count = m_desk.questions().size();
+    if (count == 0)
+        m_notification.reset();
     const QString waiting =
         count == 0 ? tr("没有等待答复的请求") : tr("等待答复的请求: %1").arg(count);
     m_waiting->setText(waiting);
@@ -48,7 +52,12 @@ void Tray::update()
 /// In the desk's words alone: who shows the message may take those of others for markup.
 void Tray::tellOfQuestion()
 {
-    m_icon.showMessage(tr("授权请求"), tr("AI 想更改本机, 正在等您允许或拒绝。"));
+    const QString action = riskOf(m_desk.questions().last().request.action).allow;
+    const QString title = tr("授权请求");
+    const QString text = tr("AI 想更改本机, 正在等您答复: %1?").arg(action);
+    m_notification = platform::showNotification(title, text);
+    if (!m_notification)
+        m_icon.showMessage(title, text);
 }
 
 } // namespace korvane::desk

@@ -6,6 +6,8 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 
+#include <memory>
+
 namespace korvane::desk {
 
 /// Shows how many questions wait and whether the desk listens, where the desktop has a tray, and tells
@@ -20,7 +22,6 @@ public:
 Q_SIGNALS:
     void windowWanted();
     void questionWanted();
-    void quitWanted();
 
 private:
     void update();
@@ -30,6 +31,7 @@ private:
     QMenu m_menu;
     QSystemTrayIcon m_icon;
     QAction* m_waiting;
+    std::unique_ptr<QObject> m_notification; ///< Of the latest question, while any waits.
 };
 
 } // namespace korvane::desk

@@ -11,9 +11,13 @@
 #include <QApplication>
 #include <QEvent>
 #include <QIcon>
+#include <QSemaphore>
+#include <QSessionManager>
+#include <QThread>
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace korvane::desk {
 
@@ -35,6 +39,39 @@ public:
     }
 };
 
+/// Whose questions are refused when the display is lost.
+Desk* servedDesk = nullptr;
+
+/// The framework ends the program there and then; its windows are not to be touched any more.
+void endWithDisplay()
+{
+    if (Desk* const desk = std::exchange(servedDesk, nullptr)) {
+        desk->blockSignals(true);
+        desk->refuseAll(Outcome::SessionEnd);
+    }
+}
+
+QtMessageHandler usualHandler = nullptr;
+
+/// Under Wayland not even exit handlers are called: this warning is the only sign, on whatever thread it
+/// shows.
+void hearOfLostDisplay(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    constexpr int patienceMs = 3000; // The desk's thread may be waiting for the display.
+    static QSemaphore isRefused;
+    usualHandler(type, context, text);
+    Desk* const desk = servedDesk;
+    if (desk == nullptr || !text.startsWith(u"The Wayland connection "))
+        return;
+    if (QThread::currentThread() == desk->thread())
+        return endWithDisplay();
+    QMetaObject::invokeMethod(desk, [] {
+        endWithDisplay();
+        isRefused.release();
+    });
+    isRefused.tryAcquire(1, patienceMs);
+}
+
 /// The framework knows no other way to say that there is no display than to abort.
 void endWithoutDisplay(QtMsgType type, const QMessageLogContext& /*context*/,
                        const QString& /*text*/)
@@ -51,9 +88,9 @@ void endWithoutDisplay(QtMsgType type, const QMessageLogContext& /*context*/,
 
 std::unique_ptr<QCoreApplication> makeWindowApplication(int& argc, char** argv)
 {
-    const QtMessageHandler usualHandler = qInstallMessageHandler(endWithoutDisplay);
+    usualHandler = qInstallMessageHandler(endWithoutDisplay);
     auto application = std::make_unique<QApplication>(argc, argv);
-    qInstallMessageHandler(usualHandler);
+    qInstallMessageHandler(hearOfLostDisplay);
     QApplication::setStyle(new ReadableStyle);
     QGuiApplication::setDesktopFileName(u"korvane-desk"_s);
     QGuiApplication::setWindowIcon(QIcon(u":/korvane-desk.png"_s));
@@ -72,14 +109,20 @@ int runWindows(Desk& desk, bool isInBackground)
     QObject::connect(&doorbell, &Doorbell::rung, &window, &MainWindow::bringUp);
     QObject::connect(&tray, &Tray::windowWanted, &window, &MainWindow::bringUp);
     QObject::connect(&tray, &Tray::questionWanted, &dialog, &QuestionDialog::bringUp);
-    QObject::connect(&tray, &Tray::quitWanted, qApp, [] { QCoreApplication::exit(); });
-    QObject::connect(&window, &MainWindow::quitWanted, qApp, [] { QCoreApplication::exit(); });
+    QObject::connect(qApp, &QGuiApplication::commitDataRequest, &desk,
+                     [&desk](QSessionManager& session) {
+                         session.setRestartHint(QSessionManager::RestartNever);
+                         desk.refuseAll(Outcome::SessionEnd);
+                     });
     doorbell.listen();
     if (!isInBackground)
         window.bringUp();
     else if (!QSystemTrayIcon::isSystemTrayAvailable())
         window.showMinimized();
+    servedDesk = &desk;
+    static_cast<void>(std::atexit(endWithDisplay));
     const int exitCode = QCoreApplication::exec();
+    servedDesk = nullptr;
     desk.quit();
     return exitCode;
 }

@@ -8,9 +8,11 @@
 #include "core/startup.h"
 #include "platform/desktop.h"
 #include "platform/metrics.h"
+#include "platform/notification.h"
 #include "platform/peer.h"
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
+#include "platform/session.h"
 #include "platform/unsupported/unsupported.h"
 
 #include <QTest>
@@ -92,7 +94,8 @@ private Q_SLOTS:
               manager.setStartType(name, ServiceStartType::Auto),
               service<StartupService>().setEnabled(StartupSource::hklm, name, true),
               service<UninstallService>().executeUninstall({0, {}, {}, {}, {}, {}, name, 0}),
-              platform::moveToRecycleBin({name}), unlock.closeHandlesSync(), unlock.killProcess(1)})
+              platform::moveToRecycleBin({name}), unlock.closeHandlesSync(), unlock.killProcess(1),
+              platform::setStartsWithSession(true)})
             heard += (result.ok ? u"done"_s : result.message) + u'|';
         connect(&unlock, &FileUnlockService::operationLog, this,
                 [](const QString& text, FileUnlockService::OpLevel level) {
@@ -106,7 +109,7 @@ private Q_SLOTS:
             u"当前平台不支持服务管理|"_s.repeated(4) +
                 u"当前平台不支持启动项启用/禁用|当前平台不支持执行卸载|当前平台不支持回收站删除|"
                 "closeHandlesSync 仅支持 Windows|killProcess 仅支持 Windows|"
-                "scheduleDeleteOnReboot 仅支持 Windows2|FileUnlockService 仅支持 Windows 10+"_s);
+                "此平台不支持随会话启动。|scheduleDeleteOnReboot 仅支持 Windows2|FileUnlockService 仅支持 Windows 10+"_s);
     }
 
     void otherOperationsAnswerEmptyHanded()
@@ -117,6 +120,7 @@ private Q_SLOTS:
         QCOMPARE(platform::processCommandLine(1) + service<SignatureService>().signerName(path),
                  QString());
         QVERIFY(platform::peerOf(-1)->user == platform::PeerUser::Own);
+        QVERIFY(!platform::startsWithSession() && !platform::showNotification(path, path));
         QVERIFY(!platform::setKeepAwake(true) && !platform::emptyRecycleBin());
         QVERIFY(!platform::removeMarkOfTheWeb(path));
         QCOMPARE(platform::toggleForegroundWindowTopmost(), -1);
