@@ -1,7 +1,8 @@
 # What the project's scripts need from the system, and how they install what is missing.
 # Sourced by run.sh, test.sh, bench/run.sh and .ci/run; everything it prints goes to standard error.
 
-# Each entry is PROBE=PACKAGE: a command or a file pattern that is there once the package is.
+# Each entry is PROBE=PACKAGE: a command or a file pattern that is there once the package is, or
+# chinese-font, which any will do for.
 build_needs=(
     g++=g++
     cmake=cmake
@@ -14,6 +15,9 @@ build_needs=(
 desk_needs=(
     '/usr/lib/*/cmake/Qt6Widgets/Qt6WidgetsConfig.cmake=qt6-base-dev'
     /usr/lib/qt6/bin/lrelease=qt6-l10n-tools
+    '/usr/lib/*/qt6/plugins/platforms/libqwayland*.so=qt6-wayland'
+    fc-list=fontconfig
+    chinese-font=fonts-wqy-microhei
 )
 test_needs=(
     "${build_needs[@]}"
@@ -28,6 +32,15 @@ test_needs=(
     mkfs.ext4=e2fsprogs
     /lib/systemd/systemd=systemd
     /usr/lib/systemd/user/dbus.socket=dbus-user-session
+    Xvfb=xvfb
+    evilwm=evilwm
+    xterm=xterm
+    xprop=x11-utils
+    xdotool=xdotool
+    sway=sway
+    wtype=wtype
+    ssh-agent=openssh-client
+    tmux=tmux
 )
 lint_needs=(
     clang-format=clang-format
@@ -51,6 +64,7 @@ as_root() {
 is_there() {
     case $1 in
         /*) compgen -G "$1" >/dev/null ;;
+        chinese-font) [ -n "$(fc-list :lang=zh 2>/dev/null)" ] ;;
         *) command -v "$1" >/dev/null ;;
     esac
 }

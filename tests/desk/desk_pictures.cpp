@@ -6,6 +6,7 @@
 #include "desk/windows/question_dialog.h"
 
 #include <QApplication>
+#include <QStyle>
 
 using namespace korvane;
 using namespace std::chrono_literals;
@@ -33,6 +34,7 @@ QPalette darkPalette()
     QPalette palette(QColor(45, 45, 45), QColor(35, 35, 35));
     palette.setColor(QPalette::Base, QColor(28, 28, 28));
     palette.setColor(QPalette::Highlight, QColor(42, 110, 187));
+    QApplication::style()->polish(palette);
     return palette;
 }
 

@@ -11,7 +11,8 @@ import { homedir } from 'node:os';
 import { join } from 'node:path';
 import { test } from 'node:test';
 import { isDeepStrictEqual } from 'node:util';
-import { binary, linesOf, Session, startDesktop, startForkedServer } from './session.mjs';
+import { binary, isRunning, linesOf, Session, startDesktop, startForkedServer }
+  from './session.mjs';
 import { assertOwnTmp, readTree, restoreAll } from './trash.mjs';
 
 const notRunning = /failed: Korvane 主程序未运行 — /;
@@ -21,9 +22,6 @@ const outcomes = {
   absence: { error: notRunning },
   silence: { error: /failed: 用户授权超时 — 已默认拒绝。$/ }, // After 130 s.
 };
-
-/** Whether there is such a process, other than one that has ended and is not waited for. */
-const isRunning = (pid) => (linesOf('ps', '-o', 'stat=', '-p', String(pid))?.[0] ?? 'Z')[0] !== 'Z';
 
 async function startSleeper(t) {
   const child = spawn('sleep', ['600']);

@@ -3,7 +3,7 @@ import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { getDefaultEnvironment, StdioClientTransport }
   from '@modelcontextprotocol/sdk/client/stdio.js';
 import assert from 'node:assert/strict';
-import { execFileSync, spawn } from 'node:child_process';
+import { execFileSync, spawn, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { createServer } from 'node:net';
@@ -11,9 +11,28 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { createInterface } from 'node:readline';
 import { text } from 'node:stream/consumers';
+import { setTimeout as sleep } from 'node:timers/promises';
 
 export const { KORVANE_MCP: binary } = process.env;
 assert(binary, 'KORVANE_MCP names the binary');
+
+/** Ends the script as skipped where one of the programs that `what` takes is missing. */
+export function skipWithout(what, programs, missing = []) {
+  const isMissing = (name) => spawnSync('sh', ['-c', `command -v ${name}`]).status !== 0;
+  const names = [...programs.filter(isMissing), ...missing];
+  if (names.length === 0) return;
+  console.log(`SKIP   : no ${what} here without ${names}`);
+  process.exit(77);
+}
+
+/** Waits, with a limit, until `isSo` returns what is true, and returns that. */
+export async function until(what, isSo) {
+  for (const deadline = Date.now() + 20_000;; await sleep(50)) {
+    const value = isSo();
+    if (value) return value;
+    assert(Date.now() < deadline, `in vain for ${what}`);
+  }
+}
 
 /** What a program prints, by line; undefined where it is absent or fails. */
 export function linesOf(command, ...args) {
@@ -26,6 +45,10 @@ export function linesOf(command, ...args) {
     return undefined;
   }
 }
+
+/** Whether there is such a process, other than one that has ended and is not waited for. */
+export const isRunning = (pid) =>
+  (linesOf('ps', '-o', 'stat=', '-p', String(pid))?.[0] ?? 'Z')[0] !== 'Z';
 
 /** A listener on a free port that has handed its socket on to `workers` children. */
 export async function startForkedServer(t, workers, host = '127.0.0.1') {

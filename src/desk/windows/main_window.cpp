@@ -122,6 +122,7 @@ QWidget* MainWindow::makeHistory()
         new PlainTextView(mostDetailLines, tr("所选记录的详情"), PlainTextView::Look::Framed);
     m_details->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     auto* const copy = new QPushButton(tr("复制详情"));
+    copy->setMinimumWidth(copy->sizeHint().width() + fontMetrics().height());
     connect(copy, &QPushButton::clicked, this, &MainWindow::copyDetails);
     auto* const shortcut = new QShortcut(QKeySequence::Copy, m_table);
     shortcut->setContext(Qt::WidgetShortcut);

@@ -3,7 +3,9 @@
 
 #include "consent/shown_text.h"
 
+#include <QResizeEvent>
 #include <QScrollBar>
+#include <QTextBlock>
 #include <QTextLayout>
 
 #include <algorithm>
@@ -17,7 +19,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int usualColumns = 76;
-constexpr int spare = 3;            ///< Pixels, for what the editor rounds.
+constexpr int leastColumns = 36; ///< Where the screen, or the part of it for a window, is narrow.
+constexpr int spare = 3;         ///< Pixels, for what the editor rounds.
 constexpr qsizetype leastLines = 3; ///< Where the screen is low.
 
 /// Adds the heights of the lines that `text` takes when it is wrapped, as long as there are fewer than
@@ -67,32 +70,51 @@ void PlainTextView::show(const QString& text)
     for (QString& line : lines)
         line = consent::shownText(line);
     setPlainText(lines.join(u'\n'));
+    wrapWithin(widthOf(usualColumns));
+}
+
+void PlainTextView::wrapWithin(int width)
+{
+    // Room for the scroll bar, even where none is needed: without it, it could come and stay.
+    const int textWidth = width - border() - verticalScrollBar()->sizeHint().width();
     m_lineHeights.clear();
-    for (const QString& line : std::as_const(lines))
-        addLineHeights(line, font(), textWidth(), m_mostLines, m_lineHeights);
+    for (QTextBlock block = document()->begin();
+         block.isValid() && m_lineHeights.size() < m_mostLines; block = block.next())
+        addLineHeights(block.text(), font(), textWidth, m_mostLines, m_lineHeights);
     updateGeometry();
 }
 
 QSize PlainTextView::sizeHint() const
 {
-    return sizeOfLines(m_lineHeights.size());
+    return {widthOf(usualColumns), heightOf(m_lineHeights.size())};
 }
 
 QSize PlainTextView::minimumSizeHint() const
 {
-    return sizeOfLines(std::min(m_lineHeights.size(), leastLines));
+    return {widthOf(leastColumns), heightOf(std::min(m_lineHeights.size(), leastLines))};
 }
 
-int PlainTextView::textWidth() const
+void PlainTextView::resizeEvent(QResizeEvent* event)
 {
-    return usualColumns * fontMetrics().averageCharWidth();
+    QPlainTextEdit::resizeEvent(event);
+    if (event->size().width() != event->oldSize().width())
+        wrapWithin(width());
 }
 
-QSize PlainTextView::sizeOfLines(qsizetype count) const
+int PlainTextView::border() const
 {
-    const int border = 2 * (frameWidth() + static_cast<int>(document()->documentMargin()));
-    const int height = std::accumulate(m_lineHeights.begin(), m_lineHeights.begin() + count, spare);
-    return {textWidth() + border + verticalScrollBar()->sizeHint().width(), height + border};
+    return 2 * (frameWidth() + static_cast<int>(document()->documentMargin()));
+}
+
+int PlainTextView::widthOf(int columns) const
+{
+    return columns * fontMetrics().averageCharWidth() + border() +
+           verticalScrollBar()->sizeHint().width();
+}
+
+int PlainTextView::heightOf(qsizetype lines) const
+{
+    return std::accumulate(m_lineHeights.begin(), m_lineHeights.begin() + lines, spare) + border();
 }
 
 } // namespace korvane::desk

@@ -23,15 +23,23 @@ public:
     /// Shows `text`, which may be hostile; its line feeds begin lines.
     void show(const QString& text);
 
+    /// Wants the height that its text takes where the view has that width, and no more.
+    void wrapWithin(int width);
+
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override;
 
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+
 private:
-    int textWidth() const;
-    QSize sizeOfLines(qsizetype count) const;
+    /// What is around the text, the scroll bar aside.
+    int border() const;
+    int widthOf(int columns) const;
+    int heightOf(qsizetype lines) const;
 
     int m_mostLines;
-    QList<int> m_lineHeights; ///< Of those it takes at its usual width, at most m_mostLines.
+    QList<int> m_lineHeights; ///< At most m_mostLines.
 };
 
 } // namespace korvane::desk

@@ -140,9 +140,8 @@ QLayout* QuestionDialog::makeAnswers()
 {
     auto* const row = new QHBoxLayout;
     m_place = makeLabel();
-    m_place->setWordWrap(false);
+    m_place->setMinimumHeight(fontMetrics().height()); // Nothing moves as it comes and goes.
     m_countdown = makeLabel();
-    m_countdown->setWordWrap(false);
     m_allow = new QPushButton;
     m_refuse = new QPushButton(tr("拒绝"));
     m_refuse->setDefault(true);
@@ -150,12 +149,15 @@ QLayout* QuestionDialog::makeAnswers()
     connect(m_refuse, &QPushButton::clicked, this, &QuestionDialog::refuse);
     for (QPushButton* const button : {m_allow, m_refuse})
         button->installEventFilter(this);
-    row->addWidget(m_countdown);
-    row->addSpacing(fontMetrics().height());
-    row->addWidget(m_place);
-    row->addStretch();
-    row->addWidget(m_allow);
-    row->addWidget(m_refuse);
+    auto* const texts = new QVBoxLayout;
+    texts->setContentsMargins(
+        0, 0, 0, (m_refuse->sizeHint().height() - fontMetrics().height()) / 2); // As their text is.
+    texts->addStretch();
+    texts->addWidget(m_place);
+    texts->addWidget(m_countdown);
+    row->addLayout(texts, 1);
+    for (QPushButton* const button : {m_allow, m_refuse})
+        row->addWidget(button, 0, Qt::AlignBottom);
     return row;
 }
 
@@ -193,7 +195,7 @@ void QuestionDialog::showQuestion(const Question& question)
     m_risk->setText(risk.text);
     m_allow->setText(risk.allow);
     const int buttonWidth =
-        fontMetrics().horizontalAdvance(risk.allow) + 3 * fontMetrics().height();
+        fontMetrics().horizontalAdvance(risk.allow) + 2 * fontMetrics().height();
     for (QPushButton* const button : {m_allow, m_refuse})
         button->setMinimumWidth(buttonWidth);
     m_warning->setText(question.asker.warning());
@@ -227,16 +229,23 @@ void QuestionDialog::showPlace()
 void QuestionDialog::fit()
 {
     constexpr int windowFrame = 40;
-    for (QGroupBox* const frame : findChildren<QGroupBox*>()) { // Else they are told of it later.
-        frame->layout()->activate();
-        frame->updateGeometry();
-    }
-    layout()->activate();
-    const int width = layout()->totalSizeHint().width();
-    const int height = layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(width)
-                                                     : layout()->totalSizeHint().height();
-    const QSize room = screen()->availableSize();
-    resize(std::min(width, room.width()), std::min(height, room.height() - windowFrame));
+    const QSize room = screen()->availableSize() - QSize(0, windowFrame);
+    const auto wanted = [this] {
+        for (QGroupBox* const frame : findChildren<QGroupBox*>()) { // Else they hear of it later.
+            frame->layout()->activate();
+            frame->updateGeometry();
+        }
+        layout()->activate();
+        return layout()->totalSizeHint();
+    };
+    const int width = std::min(wanted().width(), room.width());
+    layout()->setGeometry({0, 0, width, room.height()});
+    for (PlainTextView* const view : findChildren<PlainTextView*>())
+        view->wrapWithin(view->width());
+    const QSize size = wanted();
+    const int height =
+        layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(width) : size.height();
+    resize(width, std::min(height, room.height()));
 }
 
 void QuestionDialog::refresh()
@@ -273,13 +282,17 @@ bool QuestionDialog::isSettled() const
     return m_activeSince && m_clock() - *m_activeSince >= readingTime;
 }
 
+/// X11 tells of a key that is held as of one that goes up and down at the same moment, and the
+/// framework, where it reads the two apart, takes the second for a new one.
 bool QuestionDialog::isStray(const QKeyEvent& key) const
 {
     constexpr std::array answering{Qt::Key_Space, Qt::Key_Return, Qt::Key_Enter, Qt::Key_Select,
                                    Qt::Key_Escape};
     const bool answers =
         std::find(answering.begin(), answering.end(), key.key()) != answering.end();
-    return answers && (key.isAutoRepeat() || !isSettled());
+    const bool isHeld =
+        key.isAutoRepeat() || (key.timestamp() != 0 && key.timestamp() == m_releasedAt);
+    return answers && (isHeld || !isSettled());
 }
 
 void QuestionDialog::allow()
@@ -327,6 +340,9 @@ bool QuestionDialog::eventFilter(QObject* watched, QEvent* event)
         return watched == m_allow && (!m_activeSince || m_pressedAt < *m_activeSince + readingTime);
     case QEvent::KeyPress:
         return isStray(static_cast<const QKeyEvent&>(*event));
+    case QEvent::KeyRelease:
+        m_releasedAt = static_cast<const QKeyEvent&>(*event).timestamp();
+        return QDialog::eventFilter(watched, event);
     default:
         return QDialog::eventFilter(watched, event);
     }
@@ -336,6 +352,12 @@ void QuestionDialog::keyPressEvent(QKeyEvent* event)
 {
     if (!isStray(*event))
         QDialog::keyPressEvent(event);
+}
+
+void QuestionDialog::keyReleaseEvent(QKeyEvent* event)
+{
+    m_releasedAt = event->timestamp();
+    QDialog::keyReleaseEvent(event);
 }
 
 void QuestionDialog::paintEvent(QPaintEvent* event)

@@ -47,6 +47,7 @@ protected:
     bool event(QEvent* event) override;
     bool eventFilter(QObject* watched, QEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
+    void keyReleaseEvent(QKeyEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
 
 private:
@@ -73,6 +74,7 @@ private:
     std::optional<std::chrono::milliseconds> m_paintedAt;
     std::optional<std::chrono::milliseconds> m_activeSince; ///< Without interruption.
     std::chrono::milliseconds m_pressedAt{0};   ///< When a mouse button last went down on a button.
+    quint64 m_releasedAt = 0;                   ///< When a key last went up, as the events tell it.
     std::chrono::milliseconds m_announcedAt{0}; ///< The remaining time that was last announced.
 
     QLabel* m_risk = nullptr;

@@ -5,6 +5,7 @@
 #include "desk/doorbell.h"
 #include "desk/windows/main_window.h"
 #include "desk/windows/question_dialog.h"
+#include "desk/windows/readable_style.h"
 #include "desk/windows/tray.h"
 
 #include <QApplication>
@@ -90,6 +91,7 @@ std::unique_ptr<QCoreApplication> makeWindowApplication(int& argc, char** argv)
     usualHandler = qInstallMessageHandler(endWithoutDisplay);
     auto application = std::make_unique<QApplication>(argc, argv);
     qInstallMessageHandler(hearOfLostDisplay);
+    QApplication::setStyle(new ReadableStyle);
     QGuiApplication::setDesktopFileName(u"korvane-desk"_s);
     QGuiApplication::setWindowIcon(QIcon(u":/korvane-desk.png"_s));
     QApplication::setQuitOnLastWindowClosed(false);
