@@ -58,7 +58,6 @@ public:
         save(dialog, u"queue"_s);
         m_desk->refuse(m_desk->questions().first().id);
         save(dialog, u"hostile"_s);
-        m_desk->pauseFor(10min);
         save(window, u"window"_s);
     }
 
