@@ -1,14 +1,20 @@
 // Taking lock files, those of killed programs too.
 #include "desk/lock.h"
 
+#include <QFile>
+
 #include <chrono>
 
 namespace korvane::desk {
 
-std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
+using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/// takeLock(), with a look at so many generations of what who took the file over has left.
+std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder, int generations)
 {
-    using namespace std::chrono_literals;
-    using namespace Qt::StringLiterals;
     // Who was killed while it made the file has left it without a PID. By age any file counts as left
     // over, but the system tells of a holder who lives.
     constexpr auto staleAfter = 1s;
@@ -21,17 +27,23 @@ std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
     holder = 0;
     if (lock->tryLock())
         return lock;
-    // Who was killed while it took a file over has left one more, which the framework alone would
-    // heed for half a minute.
-    QLockFile takeOver(path + u".rmlock"_s);
-    takeOver.setStaleLockTime(staleAfter);
-    takeOver.tryLock(static_cast<int>(waitForStale.count()));
-    takeOver.unlock();
+    // Who was killed while it took a file over has left one more, which the framework alone would heed
+    // for half a minute. Taken and let go, it is gone.
+    const QString takeOver = path + u".rmlock"_s;
+    if (generations > 0 && QFile::exists(takeOver))
+        takeLock(takeOver, holder, generations - 1).reset();
     if (lock->tryLock())
         return lock;
     if (lock->error() != QLockFile::LockFailedError || lock->getLockInfo(&holder, &host, &program))
         return nullptr;
     return lock->tryLock(static_cast<int>(waitForStale.count())) ? std::move(lock) : nullptr;
+}
+
+} // namespace
+
+std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
+{
+    return takeLock(path, holder, 4);
 }
 
 } // namespace korvane::desk
