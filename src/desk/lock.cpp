@@ -24,7 +24,6 @@ std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder, int gen
     lock->setStaleLockTime(staleAfter);
     QString host;
     QString program;
-    holder = 0;
     if (lock->tryLock())
         return lock;
     // Who was killed while it took a file over has left one more, which the framework alone would heed
@@ -32,6 +31,7 @@ std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder, int gen
     const QString takeOver = path + u".rmlock"_s;
     if (generations > 0 && QFile::exists(takeOver))
         takeLock(takeOver, holder, generations - 1).reset();
+    holder = 0;
     if (lock->tryLock())
         return lock;
     if (lock->error() != QLockFile::LockFailedError || lock->getLockInfo(&holder, &host, &program))
