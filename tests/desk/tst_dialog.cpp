@@ -266,6 +266,7 @@ private Q_SLOTS:
         QTRY_VERIFY(table->isVisible());
         AskingClient garbled("{}");
         QTRY_COMPARE(rows(), 2);
+        QCOMPARE(table->currentIndex().row(), 0); // As before the newest.
         QCOMPARE(table->model()->index(1, 3).data().toString(), harmless.summary);
         const auto filter = [&](const QString& text) {
             return window.findChild<QLineEdit*>()->setText(text), rows();
