@@ -82,6 +82,15 @@ QString shownText(const QString& value)
     return QString::fromStdU32String(shownCodes(value));
 }
 
+QString shownLine(const QString& line)
+{
+    constexpr qsizetype maxIndent = 4;
+    qsizetype indent = 0;
+    while (indent < std::min(maxIndent, line.size()) && line.at(indent) == u' ')
+        ++indent;
+    return line.first(indent) + shownText(line.sliced(indent));
+}
+
 QString quotedText(const QString& value)
 {
     std::u32string codes = shownCodes(value);

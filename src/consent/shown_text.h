@@ -13,7 +13,11 @@ namespace korvane::consent {
 /// is, unassigned code points too.
 QString shownText(const QString& value);
 
-/// The same for a request's summary, which quotes values with 「 and 」: these become U+FFFD too, and
+/// The same for a whole line of a request, which may be indented, as those of a list are, by up to four
+/// blanks.
+QString shownLine(const QString& line);
+
+/// As shownText, for a request's summary, which quotes values with 「 and 」: these become U+FFFD too, and
 /// a value of more than 300 code points loses its middle to "…".
 QString quotedText(const QString& value);
 

@@ -51,7 +51,7 @@ QStringList framed(const QString& text, int columns)
     for (const QString& line : text.split(u'\n')) {
         QString row = u"│ "_s;
         int used = 0;
-        for (const char32_t code : consent::shownText(line).toStdU32String()) {
+        for (const char32_t code : consent::shownLine(line).toStdU32String()) {
             if (used + widthOf(code) > room) {
                 lines.append(row);
                 row = u"│ "_s;

@@ -170,6 +170,8 @@ private Q_SLOTS:
         QCOMPARE(consent::quotedText(quotes), u"\ufffda\ufffd『\ufffd』"_s);
         QCOMPARE(consent::shownText(u"a b  c   "_s), u"a b \ufffdc \ufffd\ufffd"_s);
         QCOMPARE(consent::shownText(u" \t  \u3000 "_s), u" \ufffd \ufffd\ufffd "_s);
+        QCOMPARE(consent::shownLine(u"  - a  b"_s), u"  - a \ufffdb"_s);
+        QCOMPARE(consent::shownLine(QString(6, u' ')), u"     \ufffd"_s);
         const QChar high(0xd83d);
         const QChar low(0xde80);
         QCOMPARE(consent::quotedText(QString(low) + high + high + low + high),

@@ -237,6 +237,7 @@ private Q_SLOTS:
         QTRY_VERIFY(table->isVisible());
         m_clients.emplace_back("{}");
         QTRY_COMPARE(model.rowCount(), 2);
+        QCOMPARE(table->currentIndex().row(), 0); // As before the newest.
         QCOMPARE(model.index(1, 3).data().toString(), test::harmless.summary);
         const auto filter = [&](const QString& text) {
             return window.findChild<QLineEdit*>()->setText(text), model.rowCount();

@@ -11,6 +11,8 @@
 #include <QClipboard>
 #include <QCloseEvent>
 #include <QHeaderView>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -33,6 +35,17 @@ constexpr std::chrono::milliseconds historyDelay = 100ms;
 constexpr QSize usualSize{900, 560};
 constexpr int mostDetailLines = 12;
 constexpr int rowsForWidths = 50;
+
+/// What clients need to start the server so that it finds the desk: of their own environment they hand on
+/// little.
+QString clientSettings()
+{
+    QJsonObject server{{u"command"_s, ownServerPath()}};
+    if (const QString directory = qEnvironmentVariable("TMPDIR"); !directory.isEmpty())
+        server.insert(u"env"_s, QJsonObject{{u"TMPDIR"_s, directory}});
+    const QJsonObject settings{{u"mcpServers"_s, QJsonObject{{u"korvane"_s, server}}}};
+    return QString::fromUtf8(QJsonDocument(settings).toJson(QJsonDocument::Compact));
+}
 
 QCheckBox* makeAutostartBox()
 {
@@ -146,12 +159,11 @@ QWidget* MainWindow::makeEmptyState()
     constexpr int mostLines = 20;
     auto* const view = new PlainTextView(mostLines, tr("授权记录"));
     view->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-    view->show(
-        tr("还没有记录。\n\n"
-           "AI 想结束进程、停止服务、清理文件等时, 这里会弹出窗口询问您; "
-           "每次请求和您的决定都会列在这里。\n\n"
-           "连接客户端: 在 AI 客户端的 MCP 设置中加入以下内容, 再重新启动客户端。\n\n%1")
-            .arg(u"{\"mcpServers\": {\"korvane\": {\"command\": \"%1\"}}}"_s.arg(ownServerPath())));
+    view->show(tr("还没有记录。\n\n"
+                  "AI 想结束进程、停止服务、清理文件等时, 这里会弹出窗口询问您; "
+                  "每次请求和您的决定都会列在这里。\n\n"
+                  "连接客户端: 在 AI 客户端的 MCP 设置中加入以下内容, 再重新启动客户端。\n\n%1")
+                   .arg(clientSettings()));
     return view;
 }
 
@@ -196,7 +208,7 @@ void MainWindow::showState()
 void MainWindow::showHistory()
 {
     const int row = currentRow();
-    const quint64 id = row < 0 ? 0 : m_model->idAt(row);
+    const quint64 id = row <= 0 ? 0 : m_model->idAt(row); // Who looks at the newest goes on so.
     m_model->show(m_desk.history());
     m_pages->setCurrentIndex(m_model->rowCount() == 0 ? 0 : 1);
     const int newRow = std::max(m_model->rowOf(id), 0);

@@ -68,7 +68,7 @@ void PlainTextView::show(const QString& text)
 {
     QStringList lines = text.split(u'\n');
     for (QString& line : lines)
-        line = consent::shownText(line);
+        line = consent::shownLine(line);
     setPlainText(lines.join(u'\n'));
     wrapWithin(widthOf(usualColumns));
 }
