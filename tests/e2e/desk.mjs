@@ -79,11 +79,11 @@ async function openX11(place) {
 }
 
 async function openTerminal(place) {
-  const tmux = (...args) => place.run('tmux', '-u', '-S', join(place.directory, 'tmux'), ...args);
-  const size = ['-x', '100', '-y', '50'];
-  const command = `exec '${program}' --terminal`;
-  tmux('-f', '/dev/null', 'new-session', '-d', ...size, '-P', '-F', '#{pane_pid}', command);
-  place.t.after(() => tmux('kill-server'));
+  const socket = join(place.directory, 'tmux');
+  const tmux = (...args) => place.run('tmux', '-u', '-N', '-S', socket, ...args);
+  place.start('tmux', '-D', '-S', socket, '-f', '/dev/null');
+  const session = ['new-session', '-d', '-x', '100', '-y', '50', '-P', `exec '${program}' --terminal`];
+  await until('tmux', () => tmux(...session));
   const read = () => tmux('capture-pane', '-p');
   await until('the desk', () => read().includes('正在监听'));
   const press = (...keys) => tmux('send-keys', ...keys);
