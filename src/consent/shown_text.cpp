@@ -32,7 +32,7 @@ constexpr std::array invisible{
     Range{0x3164, 0x3164},   // Hangul filler
     Range{0xfe00, 0xfe0f},   // variation selectors
     Range{0xffa0, 0xffa0},   // halfwidth Hangul filler
-    Range{0xfff0, 0xfffb},   // interlinear marks
+    Range{0xfff0, 0xfffc},   // interlinear marks, objects
     Range{0x13430, 0x1343f}, // joiners of hieroglyphs
     Range{0xe0000, 0xe0fff}, // tags, further variation selectors
 };
@@ -58,7 +58,8 @@ bool isHarmful(char32_t code)
     case QChar::Separator_Space:
         return code != U' ';
     default:
-        return isInvisible(code);
+        // Some of them are line breaks in the framework's text documents.
+        return isInvisible(code) || QChar::isNonCharacter(code);
     }
 }
 

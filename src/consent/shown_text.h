@@ -7,9 +7,9 @@ namespace korvane::consent {
 
 /// A value from outside (the name of a process, a file, a service, a command), made fit for a line
 /// of a request's detail. Whatever is not seen there, or breaks or reorders the line, becomes
-/// U+FFFD, a code point each: control, format, private-use and surrogate characters, those that are
-/// ignored where there is no glyph for them, and white space other than U+0020. So does each
-/// further blank of a run, by which one value could look like several. All other text stays as it
+/// U+FFFD, a code point each: control, format, private-use and surrogate characters, noncharacters,
+/// those that are ignored where there is no glyph for them, and white space other than U+0020. So does
+/// each further blank of a run, by which one value could look like several. All other text stays as it
 /// is, unassigned code points too.
 QString shownText(const QString& value);
 
