@@ -1,9 +1,24 @@
 // Taking lock files, those of killed programs too.
 #include "desk/lock.h"
 
+#include <QFileInfo>
+
 #include <chrono>
 
 namespace korvane::desk {
+
+namespace {
+
+/// The framework reads what it finds in a lock's place: a pipe would have it wait forever, a huge file
+/// take all memory. Where others may write, anybody can have put one there.
+bool mayBeLock(const QString& path)
+{
+    constexpr qint64 maxLockBytes = 4096;
+    const QFileInfo file(path);
+    return !file.isSymLink() && (!file.exists() || (file.isFile() && file.size() <= maxLockBytes));
+}
+
+} // namespace
 
 std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
 {
@@ -14,16 +29,19 @@ std::unique_ptr<QLockFile> takeLock(const QString& path, qint64& holder)
     constexpr auto staleAfter = 1s;
     constexpr std::chrono::milliseconds waitForStale = 1500ms;
 
+    const QString takeOverPath = path + u".rmlock"_s;
+    holder = 0;
+    if (!mayBeLock(path) || !mayBeLock(takeOverPath))
+        return nullptr;
     auto lock = std::make_unique<QLockFile>(path);
     lock->setStaleLockTime(staleAfter);
     QString host;
     QString program;
-    holder = 0;
     if (lock->tryLock())
         return lock;
     // Who was killed while it took a file over has left one more, which the framework alone would
     // heed for half a minute.
-    QLockFile takeOver(path + u".rmlock"_s);
+    QLockFile takeOver(takeOverPath);
     takeOver.setStaleLockTime(staleAfter);
     takeOver.tryLock(static_cast<int>(waitForStale.count()));
     takeOver.unlock();
