@@ -88,7 +88,14 @@ QString shownLine(const QString& line)
     qsizetype indent = 0;
     while (indent < std::min(maxIndent, line.size()) && line.at(indent) == u' ')
         ++indent;
-    return line.first(indent) + shownText(line.sliced(indent));
+    std::u32string codes = shownCodes(line.sliced(indent));
+    constexpr char32_t objectReplacement = 0xfffc;
+    // Text documents use some of them for line breaks and pictures.
+    std::replace_if(
+        codes.begin(), codes.end(),
+        [](char32_t code) { return code == objectReplacement || QChar::isNonCharacter(code); },
+        replacement);
+    return line.first(indent) + QString::fromStdU32String(codes);
 }
 
 QString quotedText(const QString& value)

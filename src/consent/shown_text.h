@@ -13,8 +13,8 @@ namespace korvane::consent {
 /// is, unassigned code points too.
 QString shownText(const QString& value);
 
-/// The same for a whole line of a request, which may be indented, as those of a list are, by up to four
-/// blanks.
+/// The same for a whole line of a request in a text document: it may be indented, as those of a list
+/// are, by up to four blanks; noncharacters and object replacements become U+FFFD too.
 QString shownLine(const QString& line);
 
 /// As shownText, for a request's summary, which quotes values with 「 and 」: these become U+FFFD too, and

@@ -42,7 +42,8 @@ Asker askerOf(const platform::Peer& peer)
     asker.isKnown = !peer.executable.isEmpty();
     asker.isOwnServer = peer.executable == ownServerPath();
     for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
-        const QString name = consent::shownText(process.name);
+        // Else the name of a single file could look like a chain of programs.
+        const QString name = consent::shownText(process.name).replace(u'←', u'\ufffd');
         asker.chain.append(
             process.pid == peer.pid ? u"%1 (%2)"_s.arg(name, QString::number(peer.pid)) : name);
     }

@@ -59,7 +59,10 @@ int printHistory(const QStringList& arguments, StandardStreams& streams)
     if (!isNumber || count < 1)
         return fail(translated(QT_TRANSLATE_NOOP("desk", "--history 之后应为正整数。")));
     desk::History history(desk::History::defaultDirectory());
-    const QByteArray text = historyText(history.entries(), count).toUtf8();
+    constexpr int usualColumns = 80;
+    const auto terminal = platform::openTerminal();
+    const int columns = terminal ? terminal->columns() : usualColumns;
+    const QByteArray text = historyText(history.entries(), count, columns).toUtf8();
     return streams.write({text.constData(), static_cast<std::size_t>(text.size())}) ? 0 : 1;
 }
 

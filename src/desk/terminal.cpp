@@ -34,10 +34,11 @@ qint64 wholeSeconds(milliseconds time)
     return std::chrono::ceil<std::chrono::seconds>(time).count();
 }
 
-/// Columns that a terminal may take for it, at most.
+/// Columns that a terminal may take for it, at most. Terminals for Chinese may show Greek and Cyrillic
+/// letters, accents and signs wide too.
 int widthOf(char32_t code)
 {
-    constexpr char32_t firstWide = 0x1100; // Hangul; nothing before is wider than one.
+    constexpr char32_t firstWide = 0x80;
     return code < firstWide ? 1 : 2;
 }
 
@@ -65,17 +66,18 @@ QStringList framed(const QString& text, int columns)
     return lines;
 }
 
-QString historyText(const QList<HistoryEntry>& entries, qsizetype count)
+QString historyText(const QList<HistoryEntry>& entries, qsizetype count, int columns)
 {
     QStringList lines;
     for (const HistoryEntry& entry : entries.first(std::min(count, entries.size()))) {
-        lines.append(u"%1  %2 (%3, %4 s%5)  %6  %7"_s.arg(
+        lines.append(u"%1  %2 (%3, %4 s%5)"_s.arg(
             entry.arrivedAt.toString(u"yyyy-MM-dd HH:mm:ss"_s), answerText(entry.outcome),
             deciderText(entry.outcome),
             QString::number(static_cast<double>(entry.taken.count()) / 1000, 'f', 1),
-            deliveryText(entry).isEmpty() ? QString() : u", "_s + deliveryText(entry),
-            consent::shownText(entry.request.action), consent::shownText(entry.asker.chainText())));
-        lines.append(u"    "_s + consent::shownText(entry.request.summary));
+            deliveryText(entry).isEmpty() ? QString() : u", "_s + deliveryText(entry)));
+        for (const QString& words :
+             {entry.asker.chainText(), entry.request.action, entry.request.summary})
+            lines += framed(words, columns);
     }
     return lines.isEmpty() ? QString() : lines.join(u'\n') + u'\n';
 }
@@ -114,8 +116,8 @@ void TerminalDesk::showNext()
     constexpr milliseconds updateTime = 200ms;
     m_timer.start(updateTime);
     m_isAsked = false;
+    showQuestion(question); // May wait, where the terminal's output is halted: reading begins then.
     m_nextChange = std::max(m_desk.remaining(m_shown) - readingTime, milliseconds::zero());
-    showQuestion(question);
 }
 
 /// The desk's own words come last: whatever length the asker's have, they are on the screen.
@@ -134,9 +136,10 @@ void TerminalDesk::showQuestion(const Question& question)
         QStringList{question.request.title, question.request.summary, question.request.detail}.join(
             u'\n'));
     frame(QT_TRANSLATE_NOOP("desk", "以下是 AI 自述的理由, 未经核实:"), question.request.reason);
-    print(translated(QT_TRANSLATE_NOOP("desk", "请求方: %1")).arg(question.asker.chainText()));
-    if (question.asker.isKnown)
-        print(u"        "_s + question.asker.executable);
+    // Names of files are the asker's choice: what wraps is not to begin a line of the desk's own.
+    frame(QT_TRANSLATE_NOOP("desk", "请求方:"),
+          question.asker.isKnown ? question.asker.chainText() + u'\n' + question.asker.executable
+                                 : question.asker.chainText());
     if (const QString warning = question.asker.warning(); !warning.isEmpty())
         print(warning);
     print(translated(QT_TRANSLATE_NOOP("desk", "后果: %1")).arg(risk.text));

@@ -49,7 +49,8 @@ private:
 /// seen or moves the cursor becomes U+FFFD, and long lines go on in the frame.
 QStringList framed(const QString& text, int columns);
 
-/// The latest `count` entries as lines for people, newest first.
-QString historyText(const QList<HistoryEntry>& entries, qsizetype count);
+/// The latest `count` entries as lines for people, newest first: what askers have chosen is framed, at
+/// most `columns` wide.
+QString historyText(const QList<HistoryEntry>& entries, qsizetype count, int columns);
 
 } // namespace korvane::desk

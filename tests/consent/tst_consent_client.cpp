@@ -172,6 +172,8 @@ private Q_SLOTS:
         QCOMPARE(consent::shownText(u" \t  \u3000 "_s), u" \ufffd \ufffd\ufffd "_s);
         QCOMPARE(consent::shownLine(u"  - a  b"_s), u"  - a \ufffdb"_s);
         QCOMPARE(consent::shownLine(QString(6, u' ')), u"     \ufffd"_s);
+        const QString none = u"\ufffc\ufdd0\ufdef\uffff\U0003fffe"_s;
+        QCOMPARE(consent::shownLine(none), QString(5, u'\ufffd'));
         const QChar high(0xd83d);
         const QChar low(0xde80);
         QCOMPARE(consent::quotedText(QString(low) + high + high + low + high),

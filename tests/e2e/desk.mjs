@@ -168,12 +168,12 @@ test(`a person answers: ${name}`, async (t) => {
   assert(pids.every(isRunning));
 
   const outcomes = ['left', ...cases.map(([outcome]) => outcome).reverse()];
-  const lines = place.run(program, '--history', '50').split('\n').filter((line) => line[0] !== ' ');
+  const lines = place.run(program, '--history', '50').split(/\n(?=\d)/);
   assert.equal(lines.length, outcomes.length, lines.join('\n'));
   lines.forEach((line, row) => {
     const [, what] = /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d  (.*)/.exec(line);
     expected[outcomes[row]].forEach((pattern) => assert.match(what, pattern));
-    assert(what.includes(`  kill_by_port  ${server}`), line);
+    assert(line.includes(`\n│ ${server}`) && line.includes('\n│ kill_by_port\n'), line);
   });
   if (!desk) return;
   desk.kill();

@@ -228,8 +228,8 @@ History: %2</translation>
         <translation>The AI&apos;s own reason, unverified:</translation>
     </message>
     <message>
-        <source>请求方: %1</source>
-        <translation>Asked by: %1</translation>
+        <source>请求方:</source>
+        <translation>Asked by:</translation>
     </message>
     <message>
         <source>后果: %1</source>

@@ -64,7 +64,10 @@ QVariant HistoryModel::data(const QModelIndex& index, int role) const
 {
     if (role != Qt::DisplayRole || !checkIndex(index, CheckIndexOption::IndexIsValid))
         return {};
-    return textOf(m_entries.at(index.row()), index.column());
+    // A table lays out all of a cell's text, for as long as that takes. The details have the rest.
+    constexpr qsizetype mostInCell = 500;
+    const QString text = textOf(m_entries.at(index.row()), index.column());
+    return text.size() <= mostInCell ? text : text.first(mostInCell) + u'…';
 }
 
 QVariant HistoryModel::headerData(int section, Qt::Orientation orientation, int role) const

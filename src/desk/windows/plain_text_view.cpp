@@ -44,6 +44,22 @@ void addLineHeights(const QString& text, const QFont& font, int width, int most,
     layout.endLayout();
 }
 
+/// Laying out a line takes time by the square of its length: for the longest request, most of the time
+/// that there is to answer.
+QString broken(const QString& line)
+{
+    constexpr qsizetype mostAtOnce = 4096;
+    QString pieces;
+    for (qsizetype start = 0; start < line.size();) {
+        qsizetype size = std::min(mostAtOnce, line.size() - start);
+        if (start + size < line.size() && line.at(start + size).isLowSurrogate())
+            --size;
+        pieces += (start > 0 ? u"\n"_s : QString()) + line.sliced(start, size);
+        start += size;
+    }
+    return pieces;
+}
+
 } // namespace
 
 PlainTextView::PlainTextView(int mostLines, const QString& name, Look look) : m_mostLines(mostLines)
@@ -68,7 +84,7 @@ void PlainTextView::show(const QString& text)
 {
     QStringList lines = text.split(u'\n');
     for (QString& line : lines)
-        line = consent::shownLine(line);
+        line = broken(consent::shownLine(line));
     setPlainText(lines.join(u'\n'));
     wrapWithin(widthOf(usualColumns));
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -35,7 +36,11 @@ public:
         }
     }
 
-    void discardInput() override { static_cast<void>(::tcflush(STDIN_FILENO, TCIFLUSH)); }
+    void discardInput() override
+    {
+        m_begun.clear();
+        static_cast<void>(::tcflush(STDIN_FILENO, TCIFLUSH));
+    }
 
     int columns() const override
     {
@@ -52,21 +57,26 @@ private:
         return errno == EINTR || (errno == EAGAIN && ::poll(&output, 1, -1) >= 0);
     }
 
-    /// The terminal hands over a line at a time. A line without a line feed was ended by Ctrl-D, which
-    /// ends the input where nothing was typed before it.
+    /// The terminal hands over a line at a time. What has no line feed was cut off by Ctrl-D, or the
+    /// terminal edits no lines: it waits for its Enter. Ctrl-D ends the input where it comes first.
     void read()
     {
-        std::array<char, 4096> buffer; // The longest line that terminals edit.
+        std::array<char, maxLineBytes> buffer;
         const ssize_t count = ::read(STDIN_FILENO, buffer.data(), buffer.size());
         if (count > 0) {
-            QByteArray line(buffer.data(), count);
-            onLine(line.endsWith('\n') ? line.chopped(1) : line);
+            m_begun.append(buffer.data(), count);
+            if (m_begun.endsWith('\n'))
+                onLine(std::exchange(m_begun, {}).chopped(1));
+            else
+                m_begun.truncate(maxLineBytes); // Too long for any answer.
         } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
             m_input.setEnabled(false);
             onEnd();
         }
     }
 
+    static constexpr qsizetype maxLineBytes = 4096; ///< The longest line that terminals edit.
+    QByteArray m_begun;
     QSocketNotifier m_input{STDIN_FILENO, QSocketNotifier::Read};
 };
 
