@@ -225,6 +225,7 @@ private Q_SLOTS:
         const QModelIndex cell = model.index(model.rowOf(id), HistoryModel::Summary);
         QCOMPARE(cell.data().toString().left(20), shown.left(20));
         QVERIFY(cell.data().toString().size() < 1000);
+        QVERIFY(cell.data(HistoryModel::WholeTextRole).toString().contains(tail)); // To be found.
     }
 
     void theCountdownIsSaid()

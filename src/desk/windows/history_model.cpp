@@ -62,12 +62,14 @@ int HistoryModel::columnCount(const QModelIndex& parent) const
 
 QVariant HistoryModel::data(const QModelIndex& index, int role) const
 {
-    if (role != Qt::DisplayRole || !checkIndex(index, CheckIndexOption::IndexIsValid))
+    if ((role != Qt::DisplayRole && role != WholeTextRole) ||
+        !checkIndex(index, CheckIndexOption::IndexIsValid))
         return {};
     // A table lays out all of a cell's text, for as long as that takes. The details have the rest.
     constexpr qsizetype mostInCell = 500;
     const QString text = textOf(m_entries.at(index.row()), index.column());
-    return text.size() <= mostInCell ? text : text.first(mostInCell) + u'…';
+    return role == WholeTextRole || text.size() <= mostInCell ? text
+                                                              : text.first(mostInCell) + u'…';
 }
 
 QVariant HistoryModel::headerData(int section, Qt::Orientation orientation, int role) const

@@ -15,6 +15,9 @@ class HistoryModel : public QAbstractTableModel
 public:
     enum Column { Time, WhoAsked, Action, Summary, Answer, Decider, Seconds, ColumnCount };
 
+    /// All of a cell's text, of which a table shows no more than the beginning.
+    static constexpr int WholeTextRole = Qt::UserRole;
+
     /// Shows these entries, newest first, in the place of all others.
     void show(const QList<HistoryEntry>& entries);
 

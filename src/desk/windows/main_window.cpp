@@ -74,6 +74,7 @@ MainWindow::MainWindow(Desk& desk)
     m_model->setParent(this);
     m_filtered.setSourceModel(m_model);
     m_filtered.setFilterKeyColumn(-1);
+    m_filtered.setFilterRole(HistoryModel::WholeTextRole);
     m_filtered.setFilterCaseSensitivity(Qt::CaseInsensitive);
     m_state->setTextFormat(Qt::PlainText);
     m_state->setWordWrap(true);
