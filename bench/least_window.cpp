@@ -3,12 +3,14 @@
 #include <QLabel>
 #include <QLocalServer>
 
+using namespace Qt::StringLiterals;
+
 int main(int argc, char* argv[])
 {
     const QApplication application(argc, argv);
-    QLabel window(QStringLiteral("korvane"));
+    QLabel window(u"korvane"_s);
     window.show();
     QLocalServer server;
-    const bool isListening = server.listen(QStringLiteral("korvane-least-window"));
+    const bool isListening = server.listen(u"korvane-least-window"_s);
     return isListening ? QApplication::exec() : 1;
 }

@@ -89,7 +89,7 @@ async function openTerminal(place) {
   const press = (...keys) => tmux('send-keys', ...keys);
   return { isAsking: () => read().endsWith('[y/N]'), cases: [
     ['granted', () => press('y', 'Enter')],
-    ['refused', () => press('n', 'Enter')],
+    ['refused', () => press('y', 'C-d', 'n', 'Enter')], // Without its Enter no "y" is a yes.
     ['refused', () => press('Enter'), () => press('y')], // Typed before it can have been read.
   ] };
 }
