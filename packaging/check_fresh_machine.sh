@@ -10,25 +10,8 @@ root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=packaging/dependencies.sh
 . "$root/packaging/dependencies.sh"
 
-# The archive of Debian itself among apt's sources, however they are written: apt knows once it has
-# their indexes. Security updates and the like are archives of other labels.
-find_mirror() {
-    apt-get indextargets 'Created-By: Packages' 'Origin: Debian' 'Label: Debian' \
-        'Component: main' --format "\$(REPO_URI)" | sed -n 1p
-}
-
 install_missing debootstrap=debootstrap
-mirror=${KORVANE_MIRROR:-$(find_mirror)}
-if [ -z "$mirror" ]; then
-    apt-get -q update >&2
-    mirror=$(find_mirror)
-fi
-case $mirror in
-    mirror+file:*) # a list of mirrors, of which debootstrap knows nothing
-        list=/${mirror#mirror+file:}
-        mirror=$(awk '/^[^#]/ { print $1; exit }' "${list%/}")
-        ;;
-esac
+mirror=$(debian_mirror)
 if [ -z "$mirror" ]; then
     echo "korvane: apt has no archive of Debian here; please name one in KORVANE_MIRROR" >&2
     exit 1

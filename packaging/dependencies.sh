@@ -105,3 +105,27 @@ install_npm_packages() {
     [ "$1/node_modules/.package-lock.json" -nt "$1/package-lock.json" ] && return 0
     (cd "$1" && npm ci --no-audit --no-fund) </dev/null >&2
 }
+
+# The archive of Debian itself among apt's sources, however they are written: apt knows once it has
+# their indexes. Security updates and the like are archives of other labels.
+find_mirror() {
+    apt-get indextargets 'Created-By: Packages' 'Origin: Debian' 'Label: Debian' \
+        'Component: main' --format "\$(REPO_URI)" | sed -n 1p
+}
+
+# The address of Debian's archive: KORVANE_MIRROR, or where this machine's own apt has it; nothing
+# where it has none.
+debian_mirror() {
+    local list mirror=${KORVANE_MIRROR:-$(find_mirror)}
+    if [ -z "$mirror" ]; then
+        as_root apt-get -q update >&2
+        mirror=$(find_mirror)
+    fi
+    case $mirror in
+        mirror+file:*) # a list of mirrors, of which debootstrap knows nothing
+            list=/${mirror#mirror+file:}
+            mirror=$(awk '/^[^#]/ { print $1; exit }' "${list%/}")
+            ;;
+    esac
+    echo "$mirror"
+}

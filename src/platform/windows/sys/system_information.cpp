@@ -1,0 +1,37 @@
+// Asking until the table fits, as it may grow meanwhile.
+#include "platform/windows/sys/system_information.h"
+
+#include <algorithm>
+
+#include <windows.h>
+
+#include <winternl.h>
+
+namespace korvane::windows_platform {
+
+SystemTable querySystem(int informationClass)
+{
+    constexpr ULONG firstSize = 512 * 1024;
+    constexpr ULONG largestSize = 256 * 1024 * 1024;
+    constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xc0000004); // STATUS_INFO_LENGTH_MISMATCH
+
+    SystemTable table;
+    for (ULONG size = firstSize; size <= largestSize;) {
+        table.memory = std::make_unique_for_overwrite<std::byte[]>(size);
+        ULONG needed = 0;
+        const NTSTATUS status =
+            NtQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(informationClass),
+                                     table.memory.get(), size, &needed);
+        if (status >= 0) {
+            table.size = std::min(needed, size);
+            return table;
+        }
+        if (status != tooSmall)
+            break;
+        const ULONG some = size / 4; // For what is started meanwhile.
+        size = std::max(size * 2, needed < largestSize ? needed + some : needed);
+    }
+    return {};
+}
+
+} // namespace korvane::windows_platform
