@@ -2,6 +2,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QStringList>
 #include <QTest>
 
@@ -35,7 +36,8 @@ std::unique_ptr<QProcess> startServer(QProcess* reader = nullptr)
     auto server = std::make_unique<QProcess>();
     if (reader != nullptr) {
         server->setStandardOutputProcess(reader);
-        reader->start(u"true"_s, QStringList());
+        const bool isPosix = !QStandardPaths::findExecutable(u"true"_s).isEmpty();
+        reader->startCommand(isPosix ? u"true"_s : u"cmd /c exit"_s);
     }
     server->start(qEnvironmentVariable("KORVANE_MCP_UNSUPPORTED"), QStringList());
     return server;

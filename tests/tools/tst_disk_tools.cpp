@@ -35,8 +35,8 @@ private Q_SLOTS:
     {
         for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
             qputenv(name, m_directory.filePath(u"app"_s).toUtf8());
-        for (const char* name : {"HOME", "TMPDIR"})
-            qputenv(name, m_directory.filePath(u"absent"_s).toUtf8());
+        qputenv("HOME", m_directory.filePath(u"absent"_s).toUtf8());
+        test::setTemporaryDirectory(m_directory.filePath(u"absent"_s));
         test::makeTree(m_directory.filePath(u"app"_s),
                        u"CrashDumps/1.dmp=1321206|Logs/1=1|Logs/2=1|Logs/3=1|Logs/4=1|Logs/5=1|"
                        "Logs/d/6=1|FontCache/empty/|Prefetch/a=41943|pip/cache/1=52429|"
@@ -94,9 +94,16 @@ private Q_SLOTS:
             `root_path`:` `|=> 路径不存在:  )");
         for (const QString& row : cases.join(u'\n').replace(u"\n|"_s, u"|"_s).split(u'\n')) {
             QStringList arguments = row.split(u'|');
-            const QString expected = arguments.takeLast();
+            QString expected = arguments.takeLast();
+            if (!test::hasPosixFiles()) { // There are no links.
+                arguments.removeIf([](auto& text) { return text.contains(u"link"_s); });
+                expected.replace(u" 6;"_s, u" 5;"_s);
+            }
             for (const QString& argument : arguments) {
-                const QJsonObject args = parsed(u'{' + argument + u'}');
+                QJsonObject args = parsed(u'{' + argument + u'}');
+                if (!test::hasPosixFiles() && !argument.contains(u"DIR"_s) &&
+                    !expected.contains(u'路'))
+                    args.insert(u"root_path"_s, home);
                 const test::ToolReply reply = m_client.call(u"find_large_files"_s, args);
                 const QJsonObject result = reply.json();
                 QString seen = u"=> "_s + result[u"min_size_bytes"_s].toVariant().toString() +

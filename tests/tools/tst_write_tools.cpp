@@ -24,7 +24,8 @@ class WriteToolsTest : public QObject
     qint64 m_self = QCoreApplication::applicationPid();
 
     /// A name that would forge lines of the dialog, turn them around, or be filled in once more.
-    const QString m_name = u"a\n「%1」\u202e\u200b\u0085\ufe0f\U000e0041  %2"_s;
+    const QChar m_control = test::hasPosixFiles() ? u'\n' : u'\u0085'; ///< Allowed in names.
+    const QString m_name = u'a' + m_control + u"「%1」\u202e\u200b\u0085\ufe0f\U000e0041  %2"_s;
     const QString m_shownName = u"a\ufffd「%1」\ufffd\ufffd\ufffd\ufffd\ufffd \ufffd%2"_s;
     const QString m_quotedName = u"a\ufffd\ufffd%1\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd \ufffd%2"_s;
     const QString m_longName = u'」' + u"🚀"_s.repeated(400);
@@ -64,6 +65,22 @@ class WriteToolsTest : public QObject
                              : test::text(reply.json());
     }
 
+    /// What tells of a path, with slashes whatever the system's separators are.
+    static QString slashed(const QString& tool, QString text)
+    {
+        if (tool == u"unlock_file" && !test::hasPosixFiles())
+            text.replace(text.startsWith(u'{') ? u"\\\\"_s : u"\\"_s, u"/"_s);
+        return text;
+    }
+
+    QByteArrayList received(const QString& tool)
+    {
+        QByteArrayList lines;
+        for (const QByteArray& line : m_desktop.takeReceived())
+            lines.append(slashed(tool, QString::fromUtf8(line)).toUtf8());
+        return lines;
+    }
+
     /// Asks a desktop program that grants, and others that do not.
     void check(const QString& tool, const QString& args, QString result, const QString& request,
                const QString& writes)
@@ -81,16 +98,16 @@ class WriteToolsTest : public QObject
         };
         if (result.startsWith(u'{'))
             result = test::text(test::json(result));
-        QCOMPARE(ask("{\"granted\":true,\"message\":\"x\"}"), result);
-        QCOMPARE(m_desktop.takeReceived(), wire);
-        QCOMPARE(m_script.writes.join(u'|'), writes);
+        QCOMPARE(slashed(tool, ask("{\"granted\":true,\"message\":\"x\"}")), result);
+        QCOMPARE(received(tool), wire);
+        QCOMPARE(slashed(tool, m_script.writes.join(u'|')), writes);
         if (wire.isEmpty())
             return;
         QCOMPARE(ask("{\"granted\":false,\"message\":\"不 %1\"}"), u"不 %1"_s);
         QVERIFY(m_script.writes.isEmpty());
         QCOMPARE(ask("{}"), u"用户未授权此操作"_s);
         QVERIFY(m_script.writes.isEmpty());
-        QCOMPARE(m_desktop.takeReceived(), wire + wire);
+        QCOMPARE(received(tool), wire + wire);
         m_script.writeResult = {false, u"败 %1"_s};
         if (tool != u"kill_by_port")
             QCOMPARE(ask("{\"granted\":true}"), u"败 %1"_s);
@@ -173,8 +190,9 @@ private Q_SLOTS:
             {u"three"_s, u"3"_s, {}, {}, StartPending, Type::AutoDelayed},
             {u"four"_s, m_longName, {}, m_longName, StopPending, Type::AutoDelayed}};
         m_script.lockers.processes = {{11, m_name, {}, u"/e %1"_s}, {12, {}, {}, {}}};
-        m_script.lockersOf = {{QDir::currentPath(), {true, {}, {}}},
-                              {QFileInfo(QDir::currentPath()).path(), {false, u"探 %1"_s, {}}}};
+        const QString here = QDir::toNativeSeparators(QDir::currentPath());
+        m_script.lockersOf = {{here, {true, {}, {}}},
+                              {here.section(QDir::separator(), 0, -2), {false, u"探 %1"_s, {}}}};
         m_script.writeResult = {true, u"成 %1"_s};
         m_script.writeResults = {{u"killProcess 8"_s, {false, u"败 %1"_s}}};
     }
