@@ -1,6 +1,4 @@
 // CryptCATAdmin: hashing a file as catalogs do, and the catalogs that have that hash.
-#include "platform/windows/signatures/catalogs.h"
-
 #include "platform/windows/signatures/trust_verification.h"
 #include "platform/windows/sys/system_library.h"
 #include "platform/windows/sys/text.h"

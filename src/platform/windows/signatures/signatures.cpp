@@ -1,7 +1,6 @@
 // Code signatures: inside the file, or in a catalog of the system.
 #include "platform/signatures.h"
 
-#include "platform/windows/signatures/catalogs.h"
 #include "platform/windows/signatures/signed_file.h"
 #include "platform/windows/signatures/trust_verification.h"
 #include "platform/windows/sys/text.h"

@@ -1,6 +1,7 @@
 // Task Scheduler 2.0: the folders by COM, each task by its definition in XML.
 #include "platform/windows/startup/scheduled_tasks.h"
 
+#include "platform/startup.h"
 #include "platform/windows/sys/com.h"
 #include "platform/windows/sys/command_line.h"
 #include "platform/windows/sys/limited_call.h"
@@ -10,9 +11,11 @@
 
 #include <taskschd.h>
 
-namespace korvane::windows_platform {
+namespace korvane {
 
 using namespace Qt::StringLiterals;
+
+namespace windows_platform {
 
 namespace {
 
@@ -59,7 +62,7 @@ class TaskReader
 public:
     explicit TaskReader(ITaskService& service) : m_service(service) {}
 
-    QList<StartupItem> read()
+    TaskListing read()
     {
         QStringList folders{u"\\"_s};
         for (qsizetype i = 0; i < folders.size() && i < maxFolders; ++i) {
@@ -70,7 +73,9 @@ public:
             if (folders[i].count(u'\\') <= maxDepth)
                 folders += subfolders(*folder);
         }
-        return m_items;
+        if (m_items.isEmpty() && FAILED(m_failure))
+            return {{}, errorText(static_cast<DWORD>(m_failure))};
+        return {m_items, {}};
     }
 
 private:
@@ -81,8 +86,9 @@ private:
                 return folder.GetTasks(TASK_ENUM_HIDDEN, all);
             });
         LONG count = 0;
-        if (!tasks || FAILED(tasks->get_Count(&count)))
-            return;
+        const HRESULT result = tasks ? tasks->get_Count(&count) : E_ACCESSDENIED;
+        if (FAILED(result))
+            m_failure = result;
         for (LONG i = 1; i <= count && m_tasks < maxTasks; ++i, ++m_tasks) {
             const auto task = comResult<IRegisteredTask>(
                 [&](IRegisteredTask** one) { return tasks->get_Item(number(i), one); });
@@ -124,22 +130,20 @@ private:
     ITaskService& m_service;
     QList<StartupItem> m_items;
     int m_tasks = 0;
+    HRESULT m_failure = S_OK;
 };
 
 TaskListing readAllTasks()
 {
     const ComApartment apartment;
-    const auto service = comResult<ITaskService>([](ITaskService** object) {
-        return CoCreateInstance(__uuidof(TaskScheduler), nullptr, CLSCTX_INPROC_SERVER,
-                                __uuidof(ITaskService), reinterpret_cast<void**>(object));
-    });
+    const auto service = makeObject<ITaskService>(__uuidof(TaskScheduler));
     if (!service)
         return {{}, u"任务计划程序不可用"_s};
     const VARIANT none{};
     const HRESULT result = service->Connect(none, none, none, none);
     if (FAILED(result))
         return {{}, errorText(static_cast<DWORD>(result))};
-    return {TaskReader(*service).read(), {}};
+    return TaskReader(*service).read();
 }
 
 /// What <Exec> says; leaves `xml` at its end.
@@ -206,8 +210,11 @@ std::optional<StartupItem> itemOfTask(const QString& xml)
     return isAtStart && !reader.hasError() ? std::optional(item) : std::nullopt;
 }
 
-QList<StartupItem> listTasksAtStart(QString* error)
+} // namespace windows_platform
+
+QList<StartupItem> platform::listScheduledTasks(QString* error)
 {
+    using namespace windows_platform;
     constexpr std::chrono::seconds limit(5);
     static std::weak_ptr<int> reading; // One that hangs is not joined by a second.
     TaskListing listing{{}, u"任务计划程序没有回应"_s};
@@ -226,4 +233,4 @@ QList<StartupItem> listTasksAtStart(QString* error)
     return listing.items;
 }
 
-} // namespace korvane::windows_platform
+} // namespace korvane

@@ -7,10 +7,6 @@
 
 namespace korvane::windows_platform {
 
-/// The tasks of all folders, hidden ones too, that have a trigger at boot or logon. The Task Scheduler
-/// is waited for 5 s. `error` (may be null) gets a text on a failure.
-QList<StartupItem> listTasksAtStart(QString* error);
-
 /// The item that a task's definition makes, without its name; none where it has no trigger at boot or
 /// logon, or cannot be read. Its command is the first program that it runs, empty where it runs none. It
 /// is enabled if one of those triggers is.

@@ -1,5 +1,6 @@
-// The lists Approved and Blocked, and the classes that they name.
-#include "platform/windows/startup/shell_extensions.h"
+// Extensions of the desktop's file manager: those that are approved, each with its class as the command
+// and its server as the executable.
+#include "platform/startup.h"
 
 #include "platform/windows/sys/command_line.h"
 #include "platform/windows/sys/registry.h"
@@ -10,9 +11,11 @@
 
 #include <array>
 
-namespace korvane::windows_platform {
+namespace korvane {
 
 using namespace Qt::StringLiterals;
+
+namespace windows_platform {
 
 namespace {
 
@@ -65,8 +68,11 @@ StartupItem itemOf(const ExtensionKey& key, const QUuid& id, const QString& desc
 
 } // namespace
 
-QList<StartupItem> listApprovedExtensions(QString* error)
+} // namespace windows_platform
+
+QList<StartupItem> platform::listShellExtensions(QString* error)
 {
+    using namespace windows_platform;
     QList<StartupItem> items;
     QSet<std::pair<QUuid, QString>> listed;
     QString failure;
@@ -93,4 +99,4 @@ QList<StartupItem> listApprovedExtensions(QString* error)
     return items;
 }
 
-} // namespace korvane::windows_platform
+} // namespace korvane
