@@ -109,11 +109,11 @@ private Q_SLOTS:
         QVERIFY(QFile::copy(u"C:/windows/system32/cmd.exe"_s, program));
         UninstallEntry entry;
         for (const QString& start : {u'"' + program + u'"', program, u"cmd.exe"_s}) {
-            const QString sign = folder + u"\\done"_s;
+            const QString sign = folder + u"\\done"_s + QString::number(start.size());
             entry.uninstallString = start + u" /c echo>"_s + sign;
             const OpResult result = platform::uninstallSoftware(entry);
             QVERIFY2(result.ok, qUtf8Printable(result.message));
-            QTRY_VERIFY_WITH_TIMEOUT(QFile::remove(sign), 20'000);
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sign), 20'000);
         }
         for (const QString& command : {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s,
                                        QString(), u'"' + folder + u'"'}) {
