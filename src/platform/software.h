@@ -10,9 +10,12 @@ namespace korvane::platform {
 /// Blocks for about 10 s at most. Main thread only.
 /// Linux: /var/lib/dpkg; the programs rpm, flatpak and snap where the machine has databases. Each
 /// source is a step to the Watchdog, as the user's one may be on a dead server.
+/// Windows: the keys Uninstall of HKEY_LOCAL_MACHINE (both views) and HKEY_CURRENT_USER.
 QList<UninstallEntry> listSoftware(QString* error);
 
-/// Runs the command that uninstalls `entry`. Linux: not supported.
+/// Starts the command that uninstalls `entry`, and does not wait for its end. Linux: not supported.
+/// Windows: CreateProcessW; ShellExecuteExW where it demands more rights, of which the user is asked for
+/// 130 s at most.
 OpResult uninstallSoftware(const UninstallEntry& entry);
 
 } // namespace korvane::platform

@@ -26,6 +26,11 @@ QString extendedPath(const QString& path)
                                  : QDir::toNativeSeparators(path);
 }
 
+bool isOnDrive(const QString& path)
+{
+    return beginsWithDrive(displayPath(path));
+}
+
 QString displayPath(const QString& path)
 {
     const QString native = QDir::toNativeSeparators(path);

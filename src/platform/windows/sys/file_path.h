@@ -9,6 +9,9 @@ namespace korvane::windows_platform {
 /// as it is, with native separators. For opening: people are shown the path without the prefix.
 QString extendedPath(const QString& path);
 
+/// Whether the path begins with a drive ("X:\", "\\?\X:\"): no share, device, pipe or relative path.
+bool isOnDrive(const QString& path);
+
 /// The path without "\\?\" where that stands before a drive; native separators.
 QString displayPath(const QString& path);
 

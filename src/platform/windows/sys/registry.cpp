@@ -14,6 +14,7 @@ namespace {
 
 constexpr DWORD maxEntries = 16 * 1024;
 constexpr DWORD maxValueBytes = 64 * 1024;
+constexpr std::size_t maxNameLength = 16 * 1024; // Of a value, without its end.
 
 /// The characters of a text value, which may lack its end, or have an odd number of bytes.
 QString textOf(const QByteArray& data)
@@ -26,8 +27,7 @@ QString textOf(const QByteArray& data)
 /// The names that `enumerate(index, buffer, size)` gives, until it fails.
 template <typename Enumerate> QStringList names(Enumerate enumerate)
 {
-    constexpr std::size_t longestName = 16 * 1024; // Of a value, without its end.
-    std::wstring name(longestName, L'\0');
+    std::wstring name(maxNameLength, L'\0');
     QStringList all;
     for (DWORD i = 0; i < maxEntries; ++i) {
         auto size = static_cast<DWORD>(name.size());
@@ -119,6 +119,31 @@ QStringList RegistryKey::subkeys() const
     return names([this](DWORD index, wchar_t* name, DWORD* size) {
         return RegEnumKeyExW(m_key.get(), index, name, size, nullptr, nullptr, nullptr, nullptr);
     });
+}
+
+std::vector<std::pair<QString, QString>> RegistryKey::texts() const
+{
+    constexpr qsizetype longestInAll = 16 * 1024 * 1024;
+    std::wstring name(maxNameLength, L'\0');
+    QByteArray data(maxValueBytes, Qt::Uninitialized);
+    std::vector<std::pair<QString, QString>> texts;
+    qsizetype inAll = 0;
+    for (DWORD i = 0; i < maxEntries && inAll < longestInAll; ++i) {
+        auto length = static_cast<DWORD>(name.size());
+        DWORD type = REG_NONE;
+        DWORD size = maxValueBytes;
+        const LSTATUS result = RegEnumValueW(m_key.get(), i, name.data(), &length, nullptr, &type,
+                                             reinterpret_cast<BYTE*>(data.data()), &size);
+        if (result == ERROR_MORE_DATA)
+            continue;
+        if (result != ERROR_SUCCESS)
+            break;
+        if (type != REG_SZ && type != REG_EXPAND_SZ)
+            continue;
+        texts.emplace_back(fromWide({name.data(), length}), textOf(data.first(qsizetype{size})));
+        inAll += length + texts.back().second.size();
+    }
+    return texts;
 }
 
 LSTATUS RegistryKey::setText(const QString& name, const QString& value) const

@@ -7,6 +7,8 @@
 
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include <windows.h>
 
@@ -43,6 +45,10 @@ public:
 
     QStringList valueNames() const;
     QStringList subkeys() const;
+
+    /// All values that are texts: name, and the text as text() has it. Others than valueNames() and
+    /// text() it also reads values whose name holds a NUL, by which some programs hide.
+    std::vector<std::pair<QString, QString>> texts() const;
 
     /// Each of these is ERROR_SUCCESS or the error.
     LSTATUS setText(const QString& name, const QString& value) const;
