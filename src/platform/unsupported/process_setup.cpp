@@ -9,11 +9,6 @@
 #include <cstdio>
 #include <iostream>
 
-#ifdef _WIN32
-#include <fcntl.h>
-#include <io.h>
-#endif
-
 namespace korvane {
 
 namespace {
@@ -52,10 +47,6 @@ public:
 
 std::unique_ptr<StandardStreams> platform::prepareProcess()
 {
-#ifdef _WIN32 // where each line feed would get a carriage return
-    _setmode(_fileno(stdin), _O_BINARY);
-    _setmode(_fileno(stdout), _O_BINARY);
-#endif
 #ifdef SIGPIPE
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 #endif
