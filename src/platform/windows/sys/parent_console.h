@@ -3,11 +3,8 @@
 
 namespace korvane::windows_platform {
 
-/// Joins it where standard output was not handed over. Main thread.
-void joinParentConsole();
-
-/// Leaves it again, where it was joined: its closing, and an interrupt for the shell that has gone on
-/// with the next command, would end this program too.
+/// Leaves the parent's console where prepareProcess() has joined it: its closing, and an interrupt for the
+/// shell that has gone on with the next command, would end this program too. Main thread.
 void leaveParentConsole();
 
 } // namespace korvane::windows_platform

@@ -10,6 +10,7 @@
 #include <bit>
 #include <cstdio>
 #include <mutex>
+#include <vector>
 
 #include <io.h>
 #include <winternl.h>
@@ -25,6 +26,7 @@ bool hasJoinedConsole = false;
 /// Whether the handle stands for anything: a program without a console may have numbers that do not.
 bool isOpen(HANDLE handle)
 {
+    SetLastError(ERROR_SUCCESS);
     return handle != nullptr && handle != INVALID_HANDLE_VALUE &&
            (GetFileType(handle) != FILE_TYPE_UNKNOWN || GetLastError() == ERROR_SUCCESS);
 }
@@ -35,18 +37,36 @@ bool isConsole(HANDLE handle)
     return GetConsoleMode(handle, &mode) != FALSE;
 }
 
-/// The console where there is one, or the null device, for a stream that was not handed over: else what
-/// is opened next would be taken for it. For the C library too, through which the framework writes.
-void fillStream(DWORD id, std::FILE* stream, const char* console, const char* mode)
+struct StandardStream
 {
-    SetLastError(ERROR_SUCCESS);
-    if (isOpen(GetStdHandle(id)))
-        return;
-    if (std::freopen(hasJoinedConsole ? console : "NUL", mode, stream) == nullptr &&
-        std::freopen("NUL", mode, stream) == nullptr)
-        return;
-    static_cast<void>(std::setvbuf(stream, nullptr, _IONBF, 0));
-    SetStdHandle(id, std::bit_cast<HANDLE>(_get_osfhandle(_fileno(stream))));
+    DWORD id;
+    std::FILE* file; ///< Of the C library, through which the framework writes.
+    const char* console;
+    const char* mode;
+};
+
+/// The parent's console where no output was handed over, or the null device, in the place of each stream
+/// that was not: else what is opened next would be taken for it.
+void fillStreams()
+{
+    const std::array<StandardStream, 3> streams{{{STD_INPUT_HANDLE, stdin, "CONIN$", "rb"},
+                                                 {STD_OUTPUT_HANDLE, stdout, "CONOUT$", "wb"},
+                                                 {STD_ERROR_HANDLE, stderr, "CONOUT$", "wb"}}};
+    std::vector<StandardStream> missing; // Before a console comes, which may fill them half.
+    for (const StandardStream& stream : streams) {
+        if (!isOpen(GetStdHandle(stream.id)))
+            missing.push_back(stream);
+    }
+    const bool lacksOutput =
+        std::ranges::count(missing, STD_OUTPUT_HANDLE, &StandardStream::id) > 0;
+    hasJoinedConsole = lacksOutput && AttachConsole(ATTACH_PARENT_PROCESS) != FALSE;
+    for (const auto& [id, file, console, mode] : missing) {
+        if ((!hasJoinedConsole || std::freopen(console, mode, file) == nullptr) &&
+            std::freopen("NUL", mode, file) == nullptr)
+            continue;
+        static_cast<void>(std::setvbuf(file, nullptr, _IONBF, 0));
+        SetStdHandle(id, std::bit_cast<HANDLE>(_get_osfhandle(_fileno(file))));
+    }
 }
 
 /// A console shows UTF-8 for as long as this object lives. It is shared with other programs.
@@ -172,13 +192,6 @@ private:
 
 } // namespace
 
-void windows_platform::joinParentConsole()
-{
-    SetLastError(ERROR_SUCCESS);
-    hasJoinedConsole =
-        !isOpen(GetStdHandle(STD_OUTPUT_HANDLE)) && AttachConsole(ATTACH_PARENT_PROCESS) != FALSE;
-}
-
 void windows_platform::leaveParentConsole()
 {
     if (std::exchange(hasJoinedConsole, false))
@@ -189,10 +202,7 @@ std::unique_ptr<StandardStreams> platform::prepareProcess()
 {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
     SetDllDirectoryW(L"");
-    joinParentConsole();
-    fillStream(STD_INPUT_HANDLE, stdin, "CONIN$", "rb");
-    fillStream(STD_OUTPUT_HANDLE, stdout, "CONOUT$", "wb");
-    fillStream(STD_ERROR_HANDLE, stderr, "CONOUT$", "wb");
+    fillStreams();
     if (isConsole(GetStdHandle(STD_OUTPUT_HANDLE)))
         static const ConsoleEncoding encoding; // until the very end, exit() included
     // Else the framework's log would go to a debugger's window wherever there is no console.
