@@ -64,7 +64,6 @@ void fillStreams()
         if ((!hasJoinedConsole || std::freopen(console, mode, file) == nullptr) &&
             std::freopen("NUL", mode, file) == nullptr)
             continue;
-        static_cast<void>(std::setvbuf(file, nullptr, _IONBF, 0));
         SetStdHandle(id, std::bit_cast<HANDLE>(_get_osfhandle(_fileno(file))));
     }
 }
@@ -156,12 +155,15 @@ public:
 
     bool write(std::string_view bytes) override
     {
-        while (!bytes.empty()) {
-            const auto count = m_output.transfer(WriteFile, bytes.data(), bytes.size());
+        for (std::size_t most = bytes.size(); !bytes.empty();) {
+            most = std::min(most, bytes.size());
+            const auto count = m_output.transfer(WriteFile, bytes.data(), most);
             if (!count)
                 return false;
-            if (*count == 0)
+            if (*count == 0) { // A pipe that does not wait takes no more than it has room for.
+                most = std::max<std::size_t>(most / 2, 1);
                 waitALittle();
+            }
             bytes.remove_prefix(*count);
         }
         return true;

@@ -20,27 +20,20 @@ using namespace Qt::StringLiterals;
 namespace {
 
 /// A shell that waits for commands; gone with this object.
-class Shell
+class Shell : public QProcess
 {
 public:
     Shell()
     {
-        m_process.start(u"cmd.exe"_s, {u"/d"_s, u"/q"_s, u"/k"_s, u"rem a  b\""_s});
-        m_process.waitForStarted();
+        start(u"cmd.exe"_s, {u"/d"_s, u"/q"_s, u"/k"_s, u"rem a  b\""_s});
+        waitForStarted();
     }
-    ~Shell() { m_process.kill(), m_process.waitForFinished(); }
+    ~Shell() override { end(); }
     Q_DISABLE_COPY_MOVE(Shell)
 
-    quint32 pid() const { return static_cast<quint32>(m_process.processId()); }
-    bool isRunning()
-    {
-        return !m_process.waitForFinished(0) && m_process.state() != QProcess::NotRunning;
-    }
-    void run(const char* command) { m_process.write(command), m_process.waitForBytesWritten(); }
-    void kill() { m_process.kill(), m_process.waitForFinished(); }
-
-private:
-    QProcess m_process;
+    quint32 pid() const { return static_cast<quint32>(processId()); }
+    bool isRunning() { return !waitForFinished(0) && state() == Running; }
+    void end() { kill(), waitForFinished(); }
 };
 
 quint64 startOf(quint32 pid)
@@ -63,11 +56,10 @@ struct Table
 {
     SYSTEM_PROCESS_INFORMATION records[2]{};
     wchar_t name[4]{L'a', L'.', L'b', L'x'};
-    std::size_t size = 0;
+    std::size_t size = sizeof records + sizeof name;
 
     Table()
     {
-        size = sizeof records + sizeof name;
         records[0].NextEntryOffset = sizeof records[0];
         for (auto& record : records)
             record.ImageName = {6, 6, name};
@@ -76,8 +68,10 @@ struct Table
     {
         const auto parsed =
             windows_platform::parseProcessTable({reinterpret_cast<const std::byte*>(this), size});
-        QString names = parsed ? QString() : u"damaged"_s;
-        for (const auto& record : parsed.value_or(std::vector<windows_platform::ProcessRecord>()))
+        if (!parsed)
+            return u"damaged"_s;
+        QString names;
+        for (const auto& record : *parsed)
             names += record.name + u'/' + QString::number(record.cpuTime) + u' ';
         return names;
     }
@@ -86,14 +80,11 @@ struct Table
 const test::Cases<std::function<void(Table&)>, QString> tables{
     {"whole", [](Table&) {}, u"a.b/0 a.b/0 "_s},
     {"nothing", [](Table& table) { table.size = 0; }, u"damaged"_s},
-    {"half a record", [](Table& table) { table.size = 100; }, u"damaged"_s},
     {"cut in the second", [](Table& table) { table.size = 400; }, u"damaged"_s},
     {"goes round", [](Table& table) { table.records[0].NextEntryOffset = 8; }, u"damaged"_s},
     {"leads outside", [](Table& table) { table.records[1].NextEntryOffset = 0xfffffff8; },
      u"damaged"_s},
     {"name is cut", [](Table& table) { table.records[1].ImageName.Length = 10; }, u"damaged"_s},
-    {"name is before", [](Table& table) { table.records[1].ImageName.Buffer = nullptr; },
-     u"damaged"_s},
     {"name is of another",
      [](Table& table) {
          table.records[1].ImageName.Buffer = reinterpret_cast<wchar_t*>(&table.records[0]);
@@ -128,28 +119,23 @@ private Q_SLOTS:
     void aChildIsListed()
     {
         Shell parent;
-        parent.run("ping.exe -n 60 127.0.0.1 >nul\n");
+        parent.write("ping.exe -n 60 127.0.0.1 >nul\n");
         QJsonObject grandchild;
-        const auto find = [&] {
-            return !(grandchild = listed(u"parent_pid"_s, parent.pid())).isEmpty();
-        };
-        QTRY_VERIFY(find());
+        QTRY_VERIFY((grandchild = listed(u"parent_pid"_s, parent.pid())).size() > 0);
         const QJsonObject child = listed(u"pid"_s, parent.pid());
         QCOMPARE(child[u"name"_s], u"cmd.exe"_s);
         QCOMPARE(child[u"parent_pid"_s].toInteger(), QCoreApplication::applicationPid());
         QVERIFY(child[u"exe_path"_s].toString().endsWith(u":\\windows\\system32\\cmd.exe"_s,
                                                          Qt::CaseInsensitive));
         QVERIFY(child[u"memory_bytes"_s].toInteger() > 100'000);
-        QTRY_VERIFY(listed(u"pid"_s, parent.pid())[u"cpu_percent"_s].toDouble() >= 0);
 
         const auto pid = static_cast<quint32>(grandchild[u"pid"_s].toInteger());
         const auto line = platform::processAndAncestors(pid);
-        QVERIFY(line.size() > 2);
-        QVERIFY(line[0].exePath.endsWith(u"\\ping.exe"_s, Qt::CaseInsensitive));
+        QVERIFY(line.size() > 2 && line[0].exePath.endsWith(u"\\ping.exe"_s, Qt::CaseInsensitive));
         QCOMPARE(line[1].pid, parent.pid());
         QCOMPARE(line[2].pid, static_cast<quint32>(QCoreApplication::applicationPid()));
         const quint64 start = startOf(pid);
-        parent.kill();
+        parent.end();
         QCOMPARE(listed(u"pid"_s, pid)[u"parent_pid"_s], QJsonValue(0));
         QCOMPARE(ended(pid, start), u"yes: 进程 (PID N) 已结束"_s);
         QVERIFY(platform::processAndAncestors(pid).isEmpty());
@@ -176,8 +162,7 @@ private Q_SLOTS:
         QCOMPARE(ended(self, startOf(self)), u"no: 拒绝结束本程序自身 (PID N)"_s);
         QCOMPARE(ended(4, 0), u"no: 拒绝结束系统的初始进程 (PID N)"_s);
         QVERIFY(shell.isRunning());
-        const auto handle =
-            windows_platform::openProcess(shell.pid()); // keeps the PID from being reused
+        const auto handle = windows_platform::openProcess(shell.pid()); // and so its PID
         QCOMPARE(ended(shell.pid(), start), u"yes: 进程 (PID N) 已结束"_s);
         QVERIFY(!shell.isRunning());
         QCOMPARE(ended(shell.pid(), start), u"yes: 进程 (PID N) 已退出, 无需结束"_s);

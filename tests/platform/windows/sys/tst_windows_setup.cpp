@@ -15,35 +15,36 @@
 using namespace korvane;
 using namespace Qt::StringLiterals;
 using windows_platform::UniqueHandle;
+using windows_platform::wide;
 
 namespace {
 
-/// Both ends of a pipe; the first, which is the program's, is opened with `flags`.
+UniqueHandle opened(const QString& path, DWORD access)
+{
+    constexpr DWORD shared = FILE_SHARE_READ | FILE_SHARE_WRITE;
+    return windows_platform::owned(
+        CreateFileW(wide(path), access, shared, nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+/// Both ends of a pipe; its own is the program's.
 struct Pipe
 {
+    QString name = uR"(\\.\pipe\korvane-test-%1)"_s.arg(GetCurrentProcessId());
     UniqueHandle own;
     UniqueHandle other;
 
-    Pipe(DWORD direction, DWORD flags, DWORD mode)
+    Pipe(DWORD direction, DWORD mode)
+        : own(CreateNamedPipeW(wide(name), direction, mode, 1, 4096, 4096, 0, nullptr)),
+          other(opened(name, direction & PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ))
     {
-        static int number = 0;
-        const QString name =
-            uR"(\\.\pipe\korvane-test-%1-%2)"_s.arg(GetCurrentProcessId()).arg(++number);
-        own = windows_platform::owned(CreateNamedPipeW(
-            windows_platform::wide(name), direction | flags, mode, 1, 4096, 4096, 0, nullptr));
-        other = windows_platform::owned(
-            CreateFileW(windows_platform::wide(name),
-                        direction == PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ, 0, nullptr,
-                        OPEN_EXISTING, 0, nullptr));
+    }
+    bool put(const char* text) const
+    {
+        DWORD count = 0;
+        const auto size = static_cast<DWORD>(qstrlen(text));
+        return WriteFile(other.get(), text, size, &count, nullptr) != FALSE;
     }
 };
-
-bool put(const UniqueHandle& handle, const char* text)
-{
-    DWORD count = 0;
-    return WriteFile(handle.get(), text, static_cast<DWORD>(qstrlen(text)), &count, nullptr) !=
-           FALSE;
-}
 
 const test::Cases<DWORD, DWORD> pipes{
     {"plain", 0, PIPE_TYPE_BYTE},
@@ -69,7 +70,7 @@ private Q_SLOTS:
     void input()
     {
         const auto& [tag, flags, mode] = test::currentRow(pipes);
-        Pipe pipe(PIPE_ACCESS_INBOUND, flags, mode);
+        Pipe pipe(PIPE_ACCESS_INBOUND | flags, mode);
         SetStdHandle(STD_INPUT_HANDLE, pipe.own.get());
         const auto streams = platform::prepareProcess();
         std::array<char, 4> buffer{};
@@ -77,16 +78,16 @@ private Q_SLOTS:
             const auto count = streams->read(buffer);
             return QByteArray(buffer.data(), count < 0 ? 0 : count) + (count < 0 ? "failed" : "");
         };
-        QVERIFY(put(pipe.other, "ab\n\x1a"));
+        QVERIFY(pipe.put("ab\n\x1a"));
         QCOMPARE(read(), "ab\n\x1a");
         QVERIFY(!streams->inputHasEnded());
         auto later = std::async(std::launch::async, read);
         QTest::qWait(50);
         QVERIFY(!streams->inputHasEnded()); // while another thread waits for input
-        QVERIFY(put(pipe.other, "") && put(pipe.other, "later"));
+        QVERIFY(pipe.put("") && pipe.put("later"));
         const QByteArray beginning = later.get();
         QCOMPARE(beginning + read(), "later");
-        QVERIFY(put(pipe.other, "rest"));
+        QVERIFY(pipe.put("rest"));
         pipe.other.reset();
         QVERIFY(streams->inputHasEnded()); // though there is something to read
         QCOMPARE(read(), "rest");
@@ -97,7 +98,7 @@ private Q_SLOTS:
     void output()
     {
         const auto& [tag, flags, mode] = test::currentRow(pipes);
-        Pipe pipe(PIPE_ACCESS_OUTBOUND, flags, mode);
+        Pipe pipe(PIPE_ACCESS_OUTBOUND | flags, mode);
         SetStdHandle(STD_OUTPUT_HANDLE, pipe.own.get());
         const auto streams = platform::prepareProcess();
         const QByteArray text("a line\n\xe4\xb8\xad", 10);
@@ -122,9 +123,7 @@ private Q_SLOTS:
         QFile file(directory.filePath(u"input"_s));
         QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) &&
                 file.write("text") == 4 && platform::syncFile(file.handle()));
-        const UniqueHandle handle(CreateFileW(windows_platform::wide(file.fileName()), GENERIC_READ,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                              OPEN_EXISTING, 0, nullptr));
+        const UniqueHandle handle = opened(file.fileName(), GENERIC_READ);
         std::array<char, 8> buffer{};
         SetStdHandle(STD_INPUT_HANDLE, handle.get());
         auto streams = platform::prepareProcess();
