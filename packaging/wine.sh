@@ -7,6 +7,8 @@ set -euo pipefail
 cache=${KORVANE_WINDOWS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/korvane-windows}
 export WINEPREFIX=${WINEPREFIX:-$cache/prefix}
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-winemenubuilder.exe=d;mscoree=d;mshtml=d}
+# Or what the framework's test library prints would go to a debugger; Wine hands QT_ over so alone.
+export WINEQT_FORCE_STDERR_LOGGING=1
 wine_root=$cache/wine-root
 
 if [ ! -e "$wine_root/made" ]; then

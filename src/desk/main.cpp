@@ -52,6 +52,12 @@ int fail(const QString& problem)
     return 1;
 }
 
+int print(const QString& text, StandardStreams& streams)
+{
+    const QByteArray bytes = text.toUtf8();
+    return streams.write({bytes.constData(), static_cast<std::size_t>(bytes.size())}) ? 0 : 1;
+}
+
 int printHistory(const QStringList& arguments, StandardStreams& streams)
 {
     bool isNumber = true;
@@ -62,8 +68,7 @@ int printHistory(const QStringList& arguments, StandardStreams& streams)
     constexpr int usualColumns = 80;
     const auto terminal = platform::openTerminal();
     const int columns = terminal ? terminal->columns() : usualColumns;
-    const QByteArray text = historyText(history.entries(), count, columns).toUtf8();
-    return streams.write({text.constData(), static_cast<std::size_t>(text.size())}) ? 0 : 1;
+    return print(historyText(history.entries(), count, columns), streams);
 }
 
 int runAtTerminal(Desk& desk)
@@ -104,8 +109,8 @@ int main(int argc, char* argv[])
                                              "授权通道: %1 (客户端须使用同一个 TMPDIR)\n"
                                              "授权记录: %2"))
             .arg(desk.channelPath(), desk::History::defaultDirectory()));
-    parser.addHelpOption();
-    parser.addVersionOption();
+    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption version = parser.addVersionOption();
     const QString terminal = u"terminal"_s;
     const QString history = u"history"_s;
     const QString background = u"background"_s;
@@ -115,7 +120,13 @@ int main(int argc, char* argv[])
          {history, translated(QT_TRANSLATE_NOOP("desk", "显示最近的授权记录, 默认 20 条。"))}});
     parser.addPositionalArgument(u"N"_s, translated(QT_TRANSLATE_NOOP("desk", "记录的条数。")),
                                  u"[N]"_s);
-    parser.process(*application);
+    // Not by process(), which shows a box on Windows though somebody reads the standard streams.
+    if (!parser.parse(QCoreApplication::arguments()))
+        return fail(parser.errorText());
+    if (parser.isSet(version))
+        return print(u"korvane-desk %1\n"_s.arg(identity::version), *streams);
+    if (parser.isSet(help))
+        return print(parser.helpText(), *streams);
     if (parser.isSet(history))
         return printHistory(parser.positionalArguments(), *streams);
     const auto quitWatch = platform::watchForQuit(&QCoreApplication::quit);
