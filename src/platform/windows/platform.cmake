@@ -1,5 +1,5 @@
 # What has no back end of its own on Windows.
-set(topics_from_unsupported desktop file_holders file_sync metrics network notification
+set(topics_from_unsupported desktop file_sync metrics network notification
                             process_setup processes recycle_bin services session signatures software
                             software_removal startup terminal)
 
