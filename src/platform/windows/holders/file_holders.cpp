@@ -25,7 +25,7 @@ constexpr quint32 systemPid = 4;
 
 QString unseenText(std::size_t count)
 {
-    return u"有 %1 个进程或句柄无权查看,请以管理员身份运行后重试"_s.arg(count);
+    return u"有 %1 个进程或句柄无法查看;以管理员身份运行时能查看更多"_s.arg(count);
 }
 
 /// Whether the handle is still open on the file that it was found on.

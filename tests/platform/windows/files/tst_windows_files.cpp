@@ -56,21 +56,24 @@ bool makeFile(const QString& name)
     return file != INVALID_HANDLE_VALUE && CloseHandle(file) != FALSE;
 }
 
-/// Wine has no links of its own, but shows those of the system below it.
+/// Wine has no links of its own, but shows those of the system below it, where they lead somewhere.
 bool makeLink(const QString& name, const QString& target, bool toFolder)
 {
     using UnixName = char*(CDECL*)(const wchar_t*);
     const auto unixName =
         windows_platform::systemFunction<UnixName>(L"kernel32.dll", "wine_get_unix_file_name");
-    if (unixName != nullptr) {
-        const QString folder = QDir::toNativeSeparators(QDir::currentPath());
-        const QString place = QString::fromUtf8(unixName(windows_platform::wide(folder)));
-        QProcess::execute(u"start"_s, {u"/wait"_s, u"/unix"_s, u"/bin/ln"_s, u"-s"_s, target,
-                                       place + u'/' + name});
-        return GetFileAttributesW(extended(name).c_str()) != INVALID_FILE_ATTRIBUTES;
+    if (unixName == nullptr) {
+        const DWORD flags = SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE | (toFolder ? 1U : 0U);
+        return CreateSymbolicLinkW(extended(name).c_str(), windows_platform::wide(target), flags) !=
+               0;
     }
-    const DWORD flags = SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE | (toFolder ? 1U : 0U);
-    return CreateSymbolicLinkW(extended(name).c_str(), windows_platform::wide(target), flags) != 0;
+    const QString folder = QDir::toNativeSeparators(QDir::currentPath());
+    const QString link = QString::fromUtf8(unixName(windows_platform::wide(folder))) + u'/' + name;
+    const QStringList command{u"/unix"_s, u"/bin/ln"_s, u"-s"_s, target, link};
+    return !target.startsWith(u'\\') && QProcess::execute(u"start"_s, command) >= 0 &&
+           QTest::qWaitFor([&name] {
+               return GetFileAttributesW(extended(name).c_str()) != INVALID_FILE_ATTRIBUTES;
+           });
 }
 
 } // namespace
