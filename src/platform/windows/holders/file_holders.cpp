@@ -10,6 +10,7 @@
 #include "platform/windows/sys/text.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QSet>
 
 namespace korvane {
@@ -40,11 +41,16 @@ bool isStillThat(const std::shared_ptr<void>& process, const HeldFile& held)
     return answers.files[0] && windows_platform::identityOf(*answers.files[0]) == held.file;
 }
 
+QString noHandleText()
+{
+    return u"没有可关闭的句柄(文件可能已载入其内存)"_s;
+}
+
 /// Why the handle may not be closed; empty once it is closed, or was already. Counts those it closed.
 QString closeOne(const HeldFile& held, int& closed)
 {
     if (held.handle == 0)
-        return u"没有可关闭的句柄(文件可能已载入其内存)"_s;
+        return noHandleText();
     if (held.pid == GetCurrentProcessId())
         return u"是本程序自己"_s;
     const std::shared_ptr<void> process = windows_platform::openProcess(
@@ -79,27 +85,30 @@ QString labelOf(const ProcessInfo& process)
 /// Who holds the files now, although all was done, and why.
 QString remaining(const Holders& now, const QMap<quint32, QString>& reasons)
 {
-    QStringList labels;
-    for (const ProcessInfo& process : now.processes) {
-        const QString reason = reasons.value(process.pid, u"已重新打开"_s);
-        labels.append(u"%1: %2"_s.arg(labelOf(process), reason));
+    QMap<quint32, QString> labels;
+    for (const HeldFile& held : now.held) {
+        const QString found = held.handle == 0 ? noHandleText() : u"已重新打开"_s;
+        const QString label = labelOf(now.processes.value(held.pid));
+        labels.insert(held.pid, u"%1: %2"_s.arg(label, reasons.value(held.pid, found)));
     }
-    return labels.join(u"; "_s);
+    return labels.values().join(u"; "_s);
 }
 
 /// Why the path cannot be deleted at the restart; empty once that is noted.
 QString scheduleOne(const QString& path)
 {
-    if (windows_platform::displayPath(path).startsWith(u"\\\\"_s))
+    const QFileInfo entry(QDir::cleanPath(windows_platform::displayPath(path)));
+    const auto folder = windows_platform::localPath(entry.path()); // a link is deleted itself
+    if (!folder)
         return u"只能是本机磁盘上的路径"_s;
-    const QString extended = windows_platform::extendedPath(QDir::current().absoluteFilePath(path));
+    const QString extended = windows_platform::extendedPath(*folder + u'\\' + entry.fileName());
     const DWORD attributes = GetFileAttributesW(windows_platform::wide(extended));
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return windows_platform::lastErrorText();
     const bool isFolder = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
                           (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
-    if (isFolder &&
-        !QDir(path).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot))
+    if (isFolder && !QDir(extended).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                            QDir::NoDotAndDotDot))
         return u"文件夹不为空,系统重启时不会删除"_s;
     if (MoveFileExW(windows_platform::wide(extended), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) !=
         FALSE)

@@ -34,6 +34,8 @@ struct Target
     bool isFolder = false;
 };
 
+using Use = std::pair<quint32, QString>; ///< A process, and which of the paths it uses.
+
 /// A process whose handles can be duplicated.
 struct OpenedProcess
 {
@@ -194,14 +196,15 @@ void nameProcess(quint32 pid, const NamedUser& named, Holders& found)
 }
 
 /// Adds the processes that use a target by something else than handles that can be reached.
-void addUsersWithoutHandle(const QMap<quint32, QString>& users, Holders& found)
+void addUsersWithoutHandle(const std::set<Use>& uses, Holders& found)
 {
-    for (auto user = users.begin(); user != users.end(); ++user) {
+    for (const auto& [pid, path] : uses) {
         const bool isFound =
-            std::any_of(found.held.begin(), found.held.end(),
-                        [&](const platform::HeldFile& held) { return held.pid == user.key(); });
-        if (!isFound && user.key() != GetCurrentProcessId()) // whose use is the question itself
-            found.held.append({.pid = user.key(), .path = user.value()});
+            std::any_of(found.held.begin(), found.held.end(), [&](const platform::HeldFile& held) {
+                return held.pid == pid && held.path == path;
+            });
+        if (!isFound && pid != GetCurrentProcessId()) // whose use is the question itself
+            found.held.append({.pid = pid, .path = path});
     }
 }
 
@@ -219,28 +222,29 @@ Holders findHolders(const QList<QString>& paths)
     if (targets.empty())
         return found;
 
-    QMap<quint32, QString> users; // and what they use
+    std::set<Use> uses;
     QMap<quint32, NamedUser> names;
     bool isKnown = true;
     for (const Target& target : targets) {
         const auto direct = usersOf(target.handle.get());
         isKnown = isKnown && direct && !target.isFolder;
         for (const quint32 pid : direct.value_or(std::vector<quint32>()))
-            users.insert(pid, target.path);
+            uses.emplace(pid, target.path);
         if (target.isFolder)
             continue;
         for (const NamedUser& user : namedUsersOf({target.local})) {
-            users.insert(user.pid, target.path);
+            uses.emplace(user.pid, target.path);
             names.insert(user.pid, user);
         }
     }
     std::optional<std::set<quint32>> pids;
     if (isKnown) {
-        pids.emplace(users.keyBegin(), users.keyEnd());
-        pids->insert(GetCurrentProcessId());
+        pids.emplace({quint32{GetCurrentProcessId()}});
+        for (const Use& use : uses)
+            pids->insert(use.first);
     }
     HandleSearch(targets).run(pids, privilege.isEnabled(), found);
-    addUsersWithoutHandle(users, found);
+    addUsersWithoutHandle(uses, found);
     for (const platform::HeldFile& held : std::as_const(found.held)) {
         if (!found.processes.contains(held.pid))
             nameProcess(held.pid, names.value(held.pid), found);
