@@ -88,7 +88,7 @@ private Q_SLOTS:
 
     void stepsAtEachDirectory()
     {
-        if (&platform::walkFiles == &platform::walkFilesByFramework)
+        if (qstrcmp(KORVANE_PLATFORM, "unsupported") == 0)
             QSKIP("the framework tells of no directory");
         for (int i = 0; i < 50; ++i)
             test::makeTree(QDir::currentPath(), u"a%1/|b/%1/c/"_s.arg(i));
