@@ -18,7 +18,8 @@ public:
     /// The walk's root, unchanged, and the way down from there.
     virtual QString path() const = 0;
 
-    /// Whether path() leads back to this entry; false where it only shows a name that is not UTF-8.
+    /// Whether path() leads back to this entry; false where it only shows a name that is not UTF-8, and
+    /// on Windows where the system would take another from it: names that end in a dot, devices' names.
     virtual bool hasExactPath() const = 0;
 
     /// Whether it is a directory or a link to one.
@@ -50,6 +51,10 @@ using EntryVisitor = std::function<bool(const WalkedEntry&)>;
 /// Linux: getdents64 and fstatat below directory handles, to any depth. Below the root, file systems
 /// of the kernel's own making are left out, unless the root lies in one. Each directory is a step to
 /// the Watchdog once more when it is opened, or cannot be: many that are empty take their time too.
+/// Windows: FindFirstFileExW, each directory read to its end before the next is opened, which is a step
+/// as on Linux. Junctions and symbolic links count as directories or files by what they were made for;
+/// what leads off this machine's own drives is not followed, and is no root. Files in the cloud are
+/// listed, not fetched.
 /// Without a back end: QDirIterator, which leaves out names that are not UTF-8, and tells of no
 /// directory that it enters.
 void walkFiles(const QString& root, const EntryVisitor& visit);

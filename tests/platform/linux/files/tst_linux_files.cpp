@@ -1,7 +1,5 @@
-// Tests of walking directory trees through handles: against the framework's way, and beyond it.
-#include "base/watchdog.h"
-#include "platform/file_walk.h"
-#include "support/file_tree.h"
+// Tests of walking directory trees through handles: what only Linux has, and what only handles can.
+#include "support/file_walk.h"
 #include "support/system.h"
 
 #include <QRandomGenerator>
@@ -10,41 +8,10 @@
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
-using platform::EntryVisitor;
 using platform::WalkedEntry;
-
-namespace korvane::platform {
-
-// The same of the build without a back end, under another name (see CMakeLists.txt).
-void walkFilesByFramework(const QString& root, const EntryVisitor& visit);
-void walkEntriesByFramework(const QString& root, const EntryVisitor& visitEntry,
-                            const EntryVisitor& visitFile);
-
-} // namespace korvane::platform
+using test::shown;
 
 namespace {
-
-/// What a walk shows, until there are `limit`; of walkEntries(), entries are marked.
-template <typename... Visitors>
-QStringList shown(void (*walk)(const QString&, Visitors...), const QString& root,
-                  qsizetype limit = -1)
-{
-    QStringList lines;
-    const auto noteAs = [&lines, limit](const QString& mark) -> EntryVisitor {
-        return [&lines, limit, mark](const WalkedEntry& entry) {
-            lines.append(u"%1%2 %3 %4 %5"_s.arg(mark, QString::number(entry.isDirectory()),
-                                                QString::number(entry.size()), entry.name(),
-                                                entry.path()));
-            return lines.size() != limit;
-        };
-    };
-    if constexpr (sizeof...(Visitors) == 2)
-        walk(root, noteAs(u"entry "_s), noteAs({}));
-    else
-        walk(root, noteAs({}));
-    lines.sort();
-    return lines;
-}
 
 /// Makes a tree at random below the current directory.
 void fill(QRandomGenerator& random, int depth)
@@ -106,7 +73,7 @@ const test::Cases<int, int> moves{
 
 } // namespace
 
-class FileWalkTest : public QObject
+class LinuxFilesTest : public QObject
 {
     Q_OBJECT
 
@@ -152,15 +119,12 @@ private Q_SLOTS:
         QVERIFY(lines > 200);
     }
 
-    void startsAtLinksAndInTheCurrentDirectory()
+    void startsAtLinks()
     {
         test::makeTree(m_root, u"real/file=0|link>real"_s);
         QCOMPARE(shown(platform::walkFiles, u"link"_s), QStringList{u"0 0 file link/file"_s});
         QCOMPARE(shown(platform::walkFiles, u""_s), QStringList{u"0 0 file ./real/file"_s});
-        QCOMPARE(shown(platform::walkFiles, u""_s), shown(platform::walkFilesByFramework, u""_s));
         QCOMPARE(shown(platform::walkEntries, m_root).filter(u"link/file"_s).size(), 1);
-        QCOMPARE(shown(platform::walkFiles, u"real/file"_s), QStringList());
-        QCOMPARE(shown(platform::walkFiles, u"nowhere"_s), QStringList());
     }
 
     void showsNamesThatAreNotUtf8()
@@ -178,25 +142,6 @@ private Q_SLOTS:
         exact.sort();
         QCOMPARE(exact, QStringList({u"0./d\ufffd"_s, u"0./d\ufffd/f\ufffd"_s, u"1./\ufeffmark"_s,
                                      u"1./\ufffd"_s}));
-    }
-
-    void endsWhenTold()
-    {
-        test::shell("for i in a b c; do mkdir -p $i/d; touch $i/d/0 $i/d/1 $i/d/2; done");
-        for (qsizetype limit = 1; limit <= 9; ++limit) {
-            QCOMPARE(shown(platform::walkFiles, u"."_s, limit).size(), limit);
-            QCOMPARE(shown(platform::walkEntries, u"."_s, limit).size(), limit);
-        }
-    }
-
-    void stepsAtEachDirectory()
-    {
-        test::shell("mkdir -p $(seq -f a%g 50) $(seq -f b/%g/c 50)");
-        const auto before = Watchdog::steps();
-        QCOMPARE(shown(platform::walkFiles, u"."_s), QStringList());
-        QCOMPARE(Watchdog::steps() - before, 2UL * (50 + 1 + 100)); // seen and opened
-        QCOMPARE(shown(platform::walkEntries, u"."_s).size(), 51);
-        QVERIFY(Watchdog::steps() - before > 3UL * (50 + 1 + 100));
     }
 
     void goesDeepWithFewHandles_data() { test::addRows(depths); }
@@ -228,18 +173,6 @@ private Q_SLOTS:
         (void)::close(open);
         QCOMPARE(found, 504);
         QVERIFY2(most < open + 300, qPrintable(QString::number(most - open)));
-    }
-
-    void leavesOutWhatVanishes()
-    {
-        test::shell("mkdir $(seq 100); touch first $(seq -f %g/f 100)");
-        int found = 0;
-        platform::walkFiles(u"."_s, [&](const WalkedEntry&) {
-            if (found++ == 0)
-                test::shell("rm -r $(seq 50)");
-            return true;
-        });
-        QCOMPARE(found, 51);
     }
 
     void entersNothingInPlaceOfWhatItWasIn_data() { test::addRows(moves); }
@@ -295,5 +228,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(FileWalkTest)
-#include "tst_file_walk.moc"
+QTEST_GUILESS_MAIN(LinuxFilesTest)
+#include "tst_linux_files.moc"
