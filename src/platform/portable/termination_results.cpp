@@ -35,6 +35,21 @@ OpResult notPermitted(quint32 pid)
     return {false, u"没有权限结束进程 (PID %1), 它属于其他用户"_s.arg(pid)};
 }
 
+OpResult outOfReach(quint32 pid)
+{
+    return {false, u"没有权限结束进程 (PID %1): 它属于其他用户, 权限更高或受系统保护"_s.arg(pid)};
+}
+
+OpResult ownProcess(quint32 pid)
+{
+    return {false, u"拒绝结束本程序自身 (PID %1)"_s.arg(pid)};
+}
+
+OpResult criticalProcess(quint32 pid)
+{
+    return {false, u"拒绝结束系统关键进程 (PID %1): 它一结束, 系统就会停止"_s.arg(pid)};
+}
+
 OpResult stillRunning(quint32 pid)
 {
     return {false, u"已强制结束进程 (PID %1), 但它在 3 秒内仍未退出"_s.arg(pid)};

@@ -14,8 +14,11 @@ OpResult endedProcess(quint32 pid);
 OpResult exitedBefore(quint32 pid);   ///< There was nothing left to end, which is no failure.
 OpResult anotherProcess(quint32 pid); ///< The PID belongs to one that was not shown.
 OpResult notPermitted(quint32 pid);   ///< It is another user's.
-OpResult stillRunning(quint32 pid);   ///< Ended, but not gone within 3 s.
-OpResult kernelThread(quint32 pid);   ///< Nothing that can be ended.
+OpResult outOfReach(quint32 pid);     ///< It is another user's, has more rights, or is protected.
+OpResult ownProcess(quint32 pid);
+OpResult criticalProcess(quint32 pid); ///< The system stops when it ends.
+OpResult stillRunning(quint32 pid);    ///< Ended, but not gone within 3 s.
+OpResult kernelThread(quint32 pid);    ///< Nothing that can be ended.
 OpResult notEnded(quint32 pid, const QString& why);
 
 } // namespace korvane::platform

@@ -1,6 +1,7 @@
 // Standard streams, signals and locale with what the standard library offers.
 #include "platform/process_setup.h"
 
+#include "platform/portable/any_processor.h"
 #include "platform/portable/framework_log.h"
 #include "platform/portable/utf8_locale.h"
 
@@ -33,14 +34,6 @@ public:
     }
 
     bool inputHasEnded() override { return false; }
-};
-
-/// Threads run wherever the system puts them.
-class AnyProcessor final : public SharedProcessor
-{
-public:
-    void gather() override {}
-    void release() override {}
 };
 
 } // namespace

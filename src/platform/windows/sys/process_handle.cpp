@@ -10,7 +10,13 @@ namespace korvane::windows_platform {
 
 UniqueHandle openProcess(quint32 pid, DWORD access)
 {
-    return UniqueHandle(OpenProcess(access, FALSE, pid));
+    UniqueHandle process(OpenProcess(access, FALSE, pid));
+    // PIDs are multiples of four, and the system takes what is between for the one below.
+    if (process != nullptr && GetProcessId(process.get()) != pid) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return process;
 }
 
 std::optional<quint64> creationTime(HANDLE process)

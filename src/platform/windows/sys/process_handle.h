@@ -10,6 +10,7 @@
 namespace korvane::windows_platform {
 
 /// The process `pid`; null where it is not there or may not be opened so (GetLastError() says which).
+/// `access` has to include PROCESS_QUERY_LIMITED_INFORMATION.
 UniqueHandle openProcess(quint32 pid, DWORD access = PROCESS_QUERY_LIMITED_INFORMATION);
 
 /// When it was started, in 100 ns since 1601: what tells it from a later one of its PID. None where the

@@ -2,6 +2,9 @@
 #include "platform/windows/sys/system_information.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
 
 #include <windows.h>
 
@@ -32,6 +35,22 @@ SystemTable querySystem(int informationClass)
         size = std::max(size * 2, needed < largestSize ? needed + some : needed);
     }
     return {};
+}
+
+std::optional<QString> textInside(std::span<const std::byte> memory, const void* place,
+                                  std::size_t length)
+{
+    if (length == 0)
+        return QString();
+    // Below the beginning it becomes far too large.
+    const std::uintptr_t offset =
+        std::bit_cast<std::uintptr_t>(place) - std::bit_cast<std::uintptr_t>(memory.data());
+    if (offset > memory.size() || length > memory.size() - offset)
+        return std::nullopt;
+    QString text(static_cast<qsizetype>(length / sizeof(QChar)), Qt::Uninitialized);
+    std::memcpy(text.data(), memory.data() + offset,
+                static_cast<std::size_t>(text.size()) * sizeof(QChar));
+    return text;
 }
 
 } // namespace korvane::windows_platform

@@ -1,0 +1,222 @@
+// Tests the process tools on processes of the test's own making, and the parser on damaged tables.
+#include "base/shown_processes.h"
+#include "platform/processes.h"
+#include "platform/windows/processes/process_table.h"
+#include "platform/windows/sys/process_handle.h"
+#include "support/mcp_client.h"
+#include "support/table.h"
+
+#include <QProcess>
+
+#include <functional>
+
+#include <winternl.h>
+
+#include <aclapi.h>
+
+using namespace korvane;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/// A shell that waits for commands; gone with this object.
+class Shell
+{
+public:
+    Shell()
+    {
+        m_process.start(u"cmd.exe"_s, {u"/d"_s, u"/q"_s, u"/k"_s, u"rem a  b\""_s});
+        m_process.waitForStarted();
+    }
+    ~Shell() { m_process.kill(), m_process.waitForFinished(); }
+    Q_DISABLE_COPY_MOVE(Shell)
+
+    quint32 pid() const { return static_cast<quint32>(m_process.processId()); }
+    bool isRunning()
+    {
+        return !m_process.waitForFinished(0) && m_process.state() != QProcess::NotRunning;
+    }
+    void run(const char* command) { m_process.write(command), m_process.waitForBytesWritten(); }
+    void kill() { m_process.kill(), m_process.waitForFinished(); }
+
+private:
+    QProcess m_process;
+};
+
+quint64 startOf(quint32 pid)
+{
+    return windows_platform::creationTime(windows_platform::openProcess(pid).get()).value_or(0);
+}
+
+/// "yes" or "no", and the message with N for the PID; `start` is what a listing showed.
+QString ended(quint32 pid, quint64 start)
+{
+    ShownProcesses shown;
+    shown.insert(pid, start);
+    const OpResult result = platform::endProcess(pid, shown);
+    return (result.ok ? u"yes: "_s : u"no: "_s) +
+           QString(result.message).replace(QString::number(pid), u"N"_s);
+}
+
+/// Two records with a name each, as the system lays them out.
+struct Table
+{
+    SYSTEM_PROCESS_INFORMATION records[2]{};
+    wchar_t name[4]{L'a', L'.', L'b', L'x'};
+    std::size_t size = 0;
+
+    Table()
+    {
+        size = sizeof records + sizeof name;
+        records[0].NextEntryOffset = sizeof records[0];
+        for (auto& record : records)
+            record.ImageName = {6, 6, name};
+    }
+    QString parsed() const
+    {
+        const auto parsed =
+            windows_platform::parseProcessTable({reinterpret_cast<const std::byte*>(this), size});
+        QString names = parsed ? QString() : u"damaged"_s;
+        for (const auto& record : parsed.value_or(std::vector<windows_platform::ProcessRecord>()))
+            names += record.name + u'/' + QString::number(record.cpuTime) + u' ';
+        return names;
+    }
+};
+
+const test::Cases<std::function<void(Table&)>, QString> tables{
+    {"whole", [](Table&) {}, u"a.b/0 a.b/0 "_s},
+    {"nothing", [](Table& table) { table.size = 0; }, u"damaged"_s},
+    {"half a record", [](Table& table) { table.size = 100; }, u"damaged"_s},
+    {"cut in the second", [](Table& table) { table.size = 400; }, u"damaged"_s},
+    {"goes round", [](Table& table) { table.records[0].NextEntryOffset = 8; }, u"damaged"_s},
+    {"leads outside", [](Table& table) { table.records[1].NextEntryOffset = 0xfffffff8; },
+     u"damaged"_s},
+    {"name is cut", [](Table& table) { table.records[1].ImageName.Length = 10; }, u"damaged"_s},
+    {"name is before", [](Table& table) { table.records[1].ImageName.Buffer = nullptr; },
+     u"damaged"_s},
+    {"name is of another",
+     [](Table& table) {
+         table.records[1].ImageName.Buffer = reinterpret_cast<wchar_t*>(&table.records[0]);
+     },
+     u"damaged"_s},
+    {"odd name, times that overflow",
+     [](Table& table) {
+         table.records[0].NextEntryOffset = 0;
+         table.records[0].ImageName.Length = 5;
+         table.records[0].UserTime.QuadPart = std::numeric_limits<qint64>::max();
+         table.records[0].KernelTime.QuadPart = -1;
+     },
+     u"a./9223372036854775807 "_s},
+};
+
+} // namespace
+
+class TestWindowsProcesses : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void damagedTables_data() { test::addRows(tables); }
+    void damagedTables()
+    {
+        const auto& [tag, damage, expected] = test::currentRow(tables);
+        Table table;
+        damage(table);
+        QCOMPARE(table.parsed(), expected);
+    }
+
+    void aChildIsListed()
+    {
+        Shell parent;
+        parent.run("cmd.exe /d /q /k\n");
+        QJsonObject grandchild;
+        const auto find = [&] {
+            return !(grandchild = listed(u"parent_pid"_s, parent.pid())).isEmpty();
+        };
+        QTRY_VERIFY(find());
+        const QJsonObject child = listed(u"pid"_s, parent.pid());
+        QCOMPARE(child[u"name"_s], u"cmd.exe"_s);
+        QCOMPARE(child[u"parent_pid"_s].toInteger(), QCoreApplication::applicationPid());
+        QVERIFY(child[u"exe_path"_s].toString().endsWith(u":\\windows\\system32\\cmd.exe"_s,
+                                                         Qt::CaseInsensitive));
+        QVERIFY(child[u"memory_bytes"_s].toInteger() > 100'000);
+        QTRY_VERIFY(listed(u"pid"_s, parent.pid())[u"cpu_percent"_s].toDouble() >= 0);
+        QVERIFY(listed(u"pid"_s, 0).isEmpty());
+
+        const auto pid = static_cast<quint32>(grandchild[u"pid"_s].toInteger());
+        const auto line = platform::processAndAncestors(pid);
+        QVERIFY(line.size() > 2);
+        QCOMPARE(line[0].exePath.toLower(), line[1].exePath.toLower());
+        QCOMPARE(line[1].pid, parent.pid());
+        QCOMPARE(line[2].pid, static_cast<quint32>(QCoreApplication::applicationPid()));
+        const quint64 start = startOf(pid);
+        parent.kill();
+        QCOMPARE(listed(u"pid"_s, pid)[u"parent_pid"_s], QJsonValue(0));
+        QCOMPARE(ended(pid, start), u"yes: 进程 (PID N) 已结束"_s);
+        QVERIFY(platform::processAndAncestors(pid).isEmpty());
+    }
+
+    void commandLines()
+    {
+        const Shell shell;
+        if (platform::processCommandLine(shell.pid()).isEmpty() &&
+            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr)
+            QSKIP("this Wine has no ProcessCommandLineInformation");
+        QVERIFY(platform::processCommandLine(shell.pid()).endsWith(uR"(/d /q /k "rem a  b\"")"_s));
+        QCOMPARE(platform::processCommandLine(shell.pid() + 1), QString());
+    }
+
+    void onlyTheShownOneIsEnded()
+    {
+        Shell shell;
+        const quint64 start = startOf(shell.pid());
+        QCOMPARE(ended(shell.pid(), start + 1),
+                 u"no: 进程 (PID N) 已退出, 该 PID 现属于另一个进程, 未结束任何进程"_s);
+        QCOMPARE(platform::endProcess(shell.pid(), {}).ok, false);
+        const auto self = static_cast<quint32>(QCoreApplication::applicationPid());
+        QCOMPARE(ended(self, startOf(self)), u"no: 拒绝结束本程序自身 (PID N)"_s);
+        QCOMPARE(ended(4, 0), u"no: 拒绝结束系统的初始进程 (PID N)"_s);
+        QVERIFY(shell.isRunning());
+        const auto handle =
+            windows_platform::openProcess(shell.pid()); // keeps the PID from being reused
+        QCOMPARE(ended(shell.pid(), start), u"yes: 进程 (PID N) 已结束"_s);
+        QVERIFY(!shell.isRunning());
+        QCOMPARE(ended(shell.pid(), start), u"yes: 进程 (PID N) 已退出, 无需结束"_s);
+        QCOMPARE(ended(0xfffffff0, 1), u"yes: 进程 (PID N) 已退出, 无需结束"_s); // never there
+    }
+
+    void oneOutOfReach()
+    {
+        Shell shell;
+        const auto start = startOf(shell.pid());
+        const auto handle = windows_platform::openProcess(shell.pid(), PROCESS_ALL_ACCESS);
+        ACL nobody{};
+        InitializeAcl(&nobody, sizeof nobody, ACL_REVISION);
+        QCOMPARE(SetSecurityInfo(handle.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                 nullptr, &nobody, nullptr),
+                 DWORD(ERROR_SUCCESS));
+        if (windows_platform::openProcess(shell.pid()) != nullptr)
+            QSKIP("this user may open any process");
+        QCOMPARE(ended(shell.pid(), start),
+                 u"no: 没有权限结束进程 (PID N): 它属于其他用户, 权限更高或受系统保护"_s);
+        QVERIFY(shell.isRunning());
+        TerminateProcess(handle.get(), 0);
+    }
+
+private:
+    /// The process in whose object `key` has this value; empty where there is none.
+    QJsonObject listed(const QString& key, qint64 value)
+    {
+        for (const QJsonValue process :
+             m_client.call(u"list_processes"_s).json()[u"processes"_s].toArray()) {
+            if (process[key].toInteger(-1) == value)
+                return process.toObject();
+        }
+        return {};
+    }
+
+    test::Client m_client;
+};
+
+QTEST_GUILESS_MAIN(TestWindowsProcesses)
+#include "tst_windows_processes.moc"
