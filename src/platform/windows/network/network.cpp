@@ -1,21 +1,23 @@
 // Connection enumeration: the system's tables of TCP and UDP, joined with its table of processes.
 #include "platform/network.h"
 
-#include "platform/windows/sys/system_information.h"
+#include "platform/windows/processes/process_table.h"
 #include "platform/windows/sys/text.h"
 
 #include <QHash>
 #include <QtEndian>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <memory>
 #include <type_traits>
+#include <vector>
 
 #include <winsock2.h>
 #include <ws2ipdef.h>
 
 #include <iphlpapi.h>
-#include <winternl.h>
 #include <ws2tcpip.h>
 
 namespace korvane {
@@ -25,37 +27,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 using namespace windows_platform;
-
-struct Owner
-{
-    quint64 creationTime = 0;
-    QString name;
-};
-using Owners = QHash<quint32, Owner>; ///< By PID.
-
-/// All processes, also those that may not be opened. Nothing outside the table is read.
-Owners readOwners()
-{
-    const SystemTable table = querySystem(SystemProcessInformation);
-    const auto bytes = table.bytes();
-    Owners owners;
-    for (std::size_t at = 0; at + sizeof(SYSTEM_PROCESS_INFORMATION) <= bytes.size();) {
-        const auto& row = *reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(&bytes[at]);
-        const auto pid = static_cast<quint32>(reinterpret_cast<quintptr>(row.UniqueProcessId));
-        const auto name = reinterpret_cast<quintptr>(row.ImageName.Buffer);
-        const auto begin = reinterpret_cast<quintptr>(bytes.data());
-        const bool hasName = name >= begin && name <= begin + bytes.size() &&
-                             row.ImageName.Length <= begin + bytes.size() - name;
-        owners.insert(
-            pid, {static_cast<quint64>(row.CreateTime.QuadPart),
-                  hasName ? fromWide({row.ImageName.Buffer, row.ImageName.Length / sizeof(wchar_t)})
-                          : QString()});
-        if (row.NextEntryOffset == 0 || row.NextEntryOffset % alignof(SYSTEM_PROCESS_INFORMATION))
-            break;
-        at += row.NextEntryOffset;
-    }
-    return owners;
-}
 
 /// The textual form of an address in network order. Of a link-local one it does not name the link.
 template <typename Address> QString addressText(int family, const Address& address)
@@ -195,14 +166,16 @@ QList<NetConnection> platform::listConnections(ShownProcesses& shown, QString* e
             *error = u"无法读取网络连接: %1"_s.arg(errorText(result));
         return {};
     }
-    const Owners owners = readOwners();
+    // What waits for its end has no owner: its PID is 0, which no process of the table has.
+    QHash<quint32, ProcessRecord> owners;
+    for (const ProcessRecord& process : processTable().value_or(std::vector<ProcessRecord>()))
+        owners.insert(process.pid, process);
     for (NetConnection& row : rows) {
-        // What waits for its end has no owner: 0 is no process there.
-        const auto owner = row.pid == 0 ? owners.cend() : owners.constFind(row.pid);
+        const auto owner = owners.constFind(row.pid);
         if (owner == owners.cend())
             continue;
         row.processName = owner->name;
-        shown.insert(row.pid, owner->creationTime);
+        shown.insert(row.pid, owner->createdAt);
     }
     return rows;
 }

