@@ -61,7 +61,7 @@ private:
     bool failBy(DWORD error) { return fail(serviceErrorText(error)); }
 
     bool readStatus();
-    bool awaitEndOfChange();
+    bool awaitEndOfChange(DWORD stateBefore = 0);
     bool beginChange();
     bool startIt();
     bool stopIt();
@@ -87,9 +87,10 @@ bool ServiceControl::readStatus()
            failBy(GetLastError());
 }
 
-/// Waits until the service is in no state between others. One whose check point does not move within
-/// the time that it gave itself makes no progress; many name too short a time, or none.
-bool ServiceControl::awaitEndOfChange()
+/// Waits until the service is in no state between others, nor in `stateBefore`: many tell of a stop only
+/// some time after they were asked. One whose check point does not move within the time that it gave
+/// itself makes no progress; many name too short a time, or none.
+bool ServiceControl::awaitEndOfChange(DWORD stateBefore)
 {
     constexpr milliseconds shortestPause(50);
     constexpr milliseconds longestPause(1000);
@@ -99,7 +100,7 @@ bool ServiceControl::awaitEndOfChange()
     auto lastProgress = begin;
     DWORD checkPoint = m_status.dwCheckPoint;
     DWORD state = m_status.dwCurrentState;
-    while (isPending(m_status.dwCurrentState)) {
+    while (isPending(m_status.dwCurrentState) || m_status.dwCurrentState == stateBefore) {
         const milliseconds hint(m_status.dwWaitHint);
         const auto now = Clock::now();
         if (m_status.dwCheckPoint != checkPoint || m_status.dwCurrentState != state)
@@ -107,8 +108,8 @@ bool ServiceControl::awaitEndOfChange()
         checkPoint = m_status.dwCheckPoint;
         state = m_status.dwCurrentState;
         if (m_isGivenUp || now - lastProgress > std::max(hint, leastPatience))
-            return fail(u"服务没有进展,仍在改变状态 (%1)"_s.arg(
-                serviceStateLabel(serviceStateFrom(state))));
+            return fail(
+                u"服务没有进展,状态仍为%1"_s.arg(serviceStateLabel(serviceStateFrom(state))));
         // As the manager's documentation has it: a tenth of the hint, within limits. The first looks
         // come sooner, as most services are quick.
         const bool isEarly = now - begin < longestPause;
@@ -184,6 +185,7 @@ bool ServiceControl::stopIt()
     if (!dependents.isEmpty())
         return fail(u"有正在运行的服务依赖它,请先停止它们: %1"_s.arg(dependents.join(u", "_s)));
     SERVICE_STATUS status{};
+    const DWORD stateBefore = m_status.dwCurrentState;
     if (m_isGivenUp)
         return false;
     if (ControlService(m_service.get(), SERVICE_CONTROL_STOP, &status) == FALSE) {
@@ -191,7 +193,7 @@ bool ServiceControl::stopIt()
         if (error != ERROR_SERVICE_NOT_ACTIVE)
             return failBy(error);
     }
-    if (!readStatus() || !awaitEndOfChange())
+    if (!readStatus() || !awaitEndOfChange(stateBefore))
         return false;
     return m_status.dwCurrentState == SERVICE_STOPPED ||
            fail(u"停止请求已送达,但服务的状态为%1"_s.arg(
