@@ -56,18 +56,7 @@ DeviceLoad loadBetween(const LoadCounters::Devices& before, const LoadCounters::
     return load;
 }
 
-} // namespace
-
-quint64 excess(quint64 value, quint64 base)
-{
-    return value > base ? value - base : 0;
-}
-
-double percentOf(double part, double whole)
-{
-    return whole > 0 ? std::clamp(100 * part / whole, 0.0, 100.0) : 0;
-}
-
+/// Fills the shares and rates of `out`; 0 where `before` is no reading.
 void setLoadBetween(const LoadCounters& before, const LoadCounters& now, SystemMetrics& out)
 {
     const double seconds = std::chrono::duration<double>(now.takenAt - before.takenAt).count();
@@ -80,6 +69,31 @@ void setLoadBetween(const LoadCounters& before, const LoadCounters& now, SystemM
     const DeviceLoad network = loadBetween(before.interfaces, now.interfaces, seconds);
     out.netRecvKbs = network.inKibPerSecond;
     out.netSendKbs = network.outKibPerSecond;
+}
+
+} // namespace
+
+quint64 excess(quint64 value, quint64 base)
+{
+    return value > base ? value - base : 0;
+}
+
+double percentOf(double part, double whole)
+{
+    return whole > 0 ? std::clamp(100 * part / whole, 0.0, 100.0) : 0;
+}
+
+void sampleLoad(LoadCounters& before, std::chrono::nanoseconds now,
+                const std::function<LoadCounters(std::chrono::nanoseconds now)>& read,
+                SystemMetrics& out)
+{
+    const bool isFirst = before.takenAt == std::chrono::nanoseconds::zero();
+    if (!isFirst && now - before.takenAt < shortestLoadInterval)
+        return;
+    const LoadCounters current = read(now);
+    if (!isFirst)
+        setLoadBetween(before, current, out);
+    before = current;
 }
 
 } // namespace korvane

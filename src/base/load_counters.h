@@ -8,6 +8,7 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <optional>
 
 namespace korvane {
@@ -37,10 +38,14 @@ struct LoadCounters
 /// Over less, a share is chance: processor time comes in hundredths of a second.
 inline constexpr std::chrono::milliseconds shortestLoadInterval{10};
 
-/// Fills the shares and rates of `out`. A device counts if it was there both times, with counters that
-/// only grew. All figures are finite and none is negative, whatever the counters hold; 0 where `before`
-/// is no reading.
-void setLoadBetween(const LoadCounters& before, const LoadCounters& now, SystemMetrics& out);
+/// Fills the shares and rates of `out` with the load since `before`, which becomes what `read` returns
+/// for `now`, the time on a monotonic clock. They are 0 where there is no reading before, and in a
+/// sample that follows another within shortestLoadInterval, which then stays as it is. A device counts if
+/// it was there both times, with counters that only grew. All figures are finite and none is negative,
+/// whatever the counters hold.
+void sampleLoad(LoadCounters& before, std::chrono::nanoseconds now,
+                const std::function<LoadCounters(std::chrono::nanoseconds now)>& read,
+                SystemMetrics& out);
 
 /// How far `value` is above `base`; 0 when it is below, as where a counter ran backwards.
 quint64 excess(quint64 value, quint64 base);

@@ -10,6 +10,7 @@ namespace korvane::platform {
 /// read; they are 0 where that is empty, or so young that they would be chance. All zeros without a
 /// back end. Never fails: what cannot be read or is damaged counts as 0. Main thread only.
 /// Linux: /proc/stat, /proc/meminfo, /proc/net/dev, /sys/block and /sys/class/net.
+/// Windows: GetSystemTimes, GetPerformanceInfo, IOCTL_DISK_PERFORMANCE of physical drives, GetIfTable2.
 void sampleSystemMetrics(LoadCounters& before, SystemMetrics& out);
 
 /// The same, relative to the previous call of this function: callers sample twice.

@@ -153,13 +153,10 @@ void LoadSampler::sample(LoadCounters& before, std::chrono::nanoseconds now,
 {
     out = {};
     sampleMemory(out);
-    const bool isFirst = before.takenAt == std::chrono::nanoseconds::zero();
-    if (!isFirst && now - before.takenAt < shortestLoadInterval)
-        return;
-    const LoadCounters current{now, readCpu(), readDisks(), readInterfaces()};
-    if (!isFirst)
-        setLoadBetween(before, current, out);
-    before = current;
+    const auto read = [this](std::chrono::nanoseconds at) {
+        return LoadCounters{at, readCpu(), readDisks(), readInterfaces()};
+    };
+    sampleLoad(before, now, read, out);
 }
 
 void LoadSampler::sampleMemory(SystemMetrics& out) const

@@ -20,9 +20,7 @@ public:
     /// The roots are those of the system, or directories of their shape.
     explicit LoadSampler(QByteArray procRoot = "/proc", QByteArray sysRoot = "/sys");
 
-    /// Fills `out` with the load since `before`, which becomes the reading that was made for it; `now`
-    /// is the time on a monotonic clock. Shares and rates are 0 where there is no reading before, and in
-    /// a sample that follows another within shortestLoadInterval, which then stays as it is.
+    /// Fills all of `out`: the load as sampleLoad() does.
     void sample(LoadCounters& before, std::chrono::nanoseconds now, SystemMetrics& out) const;
 
     /// Fills only the memory and commit fields of `out`.

@@ -3,12 +3,12 @@
 #include "platform/linux/services/systemd_bus.h"
 #include "platform/linux/services/unit_files.h"
 #include "platform/linux/sys/text.h"
+#include "platform/portable/shown_services.h"
 
 #include <QThread>
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 
 namespace korvane {
 
@@ -387,17 +387,10 @@ template <typename Change>
 OpResult changeShown(const QString& name, const QStringList& shown, const ControlLimits& limits,
                      Change change)
 {
-    QStringList names;
-    std::copy_if(
-        shown.begin(), shown.end(), std::back_inserter(names),
-        [&name](const QString& one) { return one.compare(name, Qt::CaseInsensitive) == 0; });
-    if (names.isEmpty())
-        return {false, u"找不到服务: %1"_s.arg(name)};
-    // Not even the one that is spelled the same: the user was shown the first of them.
-    if (names.size() > 1)
-        return {false, u"有多个服务的名称只有大小写不同,无法区分: %1"_s.arg(names.join(u", "_s))};
-    UnitControl unit(names.constFirst(), limits);
-    return change(unit);
+    return platform::changeShownService(name, shown, [&](const QString& shownName) {
+        UnitControl unit(shownName, limits);
+        return change(unit);
+    });
 }
 
 } // namespace
