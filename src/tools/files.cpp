@@ -4,6 +4,7 @@
 #include "base/watchdog.h"
 #include "core/file_unlock.h"
 #include "core/large_files.h"
+#include "platform/paths.h"
 #include "tools/tool_support.h"
 
 #include <QDir>
@@ -65,7 +66,7 @@ QJsonObject toolFindLargeFiles(const QJsonObject& args, const ProgressCallback& 
     const qint64 given = integerArgument(args, "min_size_bytes"_L1);
     const qint64 minSize = given > 0 ? given : defaultMinSize;
     const qint64 maxResults = args.value("max_results"_L1).toInteger(defaultMaxResults);
-    if (!QDir(root).exists())
+    if (!platform::isLocalPath(root) || !QDir(root).exists())
         throwToolError(u"路径不存在: %1"_s.arg(root));
 
     LargeFileProgress report;
@@ -96,7 +97,7 @@ QJsonObject toolUnlockFile(const QJsonObject& args, const ProgressCallback& /*pr
     if (given.isEmpty())
         throwToolError(u"参数 path 不能为空"_s);
     const QFileInfo file(given);
-    if (!file.exists())
+    if (!platform::isLocalPath(given) || !file.exists())
         throwToolError(u"路径不存在: %1"_s.arg(given));
 
     const QString path = QDir::toNativeSeparators(file.absoluteFilePath());
