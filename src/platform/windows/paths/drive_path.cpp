@@ -59,18 +59,12 @@ quint16 numberAt(const QByteArray& data, qsizetype offset)
     return qFromLittleEndian<quint16>(data.constData() + offset);
 }
 
-/// The path of a name of the kernel's: only drives have one.
-std::optional<QString> pathOfObject(const QString& name, const QString& link)
+/// Whether it is the kernel's name of a whole volume, which is one of this machine.
+bool isVolume(const QString& name)
 {
-    constexpr QLatin1StringView global(R"(\??\)");
-    if (!name.startsWith(global))
-        return std::nullopt;
-    const QString rest = name.sliced(global.size());
-    static const QRegularExpression volume(u"\\AVolume\\{[0-9a-f-]{36}\\}\\\\?\\z"_s,
+    static const QRegularExpression volume(u"\\A\\\\\\?\\?\\\\Volume\\{[0-9a-f-]{36}\\}\\\\?\\z"_s,
                                            QRegularExpression::CaseInsensitiveOption);
-    if (volume.match(rest).hasMatch())
-        return link;
-    return isDriveRoot(rest) ? std::optional(rest) : std::nullopt;
+    return volume.match(name).hasMatch();
 }
 
 } // namespace
@@ -102,6 +96,13 @@ QString parentPath(const QString& drivePath)
     return drivePath.first(std::max(drivePath.lastIndexOf(u'\\'), rootLength));
 }
 
+QString pathOfObject(const QString& name)
+{
+    constexpr QLatin1StringView global(R"(\??\)");
+    const QString path = name.startsWith(global) ? name.sliced(global.size()) : QString();
+    return isDriveRoot(path) ? path : QString();
+}
+
 std::optional<QString> linkTarget(const QByteArray& data, const QString& link)
 {
     constexpr qsizetype headerSize = 8; // the tag, the length of the rest, nothing
@@ -125,8 +126,12 @@ std::optional<QString> linkTarget(const QByteArray& data, const QString& link)
 
     const bool isRelative =
         isSymbolic && (numberAt(data, namesOffset) & SYMLINK_FLAG_RELATIVE) != 0;
-    if (!isRelative)
-        return pathOfObject(target, link);
+    if (!isRelative && isVolume(target))
+        return link;
+    if (!isRelative) {
+        const QString path = pathOfObject(target);
+        return path.isEmpty() ? std::nullopt : std::optional(path);
+    }
     if (target.startsWith(R"(\\)"_L1) || target.contains(u':'))
         return std::nullopt;
     return target.startsWith(u'\\') ? link.first(2) + target : parentPath(link) + u'\\' + target;

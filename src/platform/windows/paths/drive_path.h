@@ -16,6 +16,9 @@ QString drivePath(const QString& path);
 /// The directory in which the entry at such a path lies; the drive's root for the root itself.
 QString parentPath(const QString& drivePath);
 
+/// The path "X:\…" of what the kernel calls "\??\X:\…"; empty for every other name.
+QString pathOfObject(const QString& name);
+
 /// Where the link at `link`, a drivePath(), leads. `data` is what FSCTL_GET_REPARSE_POINT says of it.
 /// The link itself where its target is a volume of this machine that is mounted there, or it is no link
 /// (a file in the cloud); none where it leads elsewhere, or the data are not whole.

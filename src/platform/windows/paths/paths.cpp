@@ -37,8 +37,8 @@ std::optional<QString> onDevice(const QString& drivePath)
 {
     const QString object = drivesObject(drivePath);
     if (object.startsWith(R"(\??\)"_L1)) {
-        const QString place = object.sliced(4); // the path that was named, on whatever it is
-        return place + drivePath.sliced(place.endsWith(u'\\') ? 3 : 2);
+        const QString place = pathOfObject(object);
+        return place.isEmpty() ? std::nullopt : std::optional(place + drivePath.sliced(2));
     }
     // A redirector writes "\;" before the drive's letter: \Device\Mup\;Z:0123\host\share.
     if (object.isEmpty() || object.contains(R"(\;)"_L1))
