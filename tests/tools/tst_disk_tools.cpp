@@ -36,7 +36,7 @@ private Q_SLOTS:
     {
         for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
             qputenv(name, m_directory.filePath(u"app"_s).toUtf8());
-        for (const char* name : {"HOME", "TMPDIR"})
+        for (const char* name : {"HOME", "TMPDIR", "TMP"})
             qputenv(name, m_directory.filePath(u"absent"_s).toUtf8());
         test::makeTree(m_directory.filePath(u"app"_s),
                        u"CrashDumps/1.dmp=1321206|Logs/1=1|Logs/2=1|Logs/3=1|Logs/4=1|Logs/5=1|"
@@ -73,6 +73,8 @@ private Q_SLOTS:
     {
         const QString home = m_directory.filePath(u"home"_s);
         qputenv("HOME", home.toUtf8());
+        if (QDir::homePath() != home)
+            QSKIP("the home is the account's here, whatever the environment says");
         test::makeTree(
             m_directory.path(),
             u"link>home|out/f=99999999|home/exact=52428800|home/less=52428799|home/small=1|"
@@ -155,7 +157,7 @@ private Q_SLOTS:
         test::makeTree(there, u"f=60000000|CrashDumps/f=1|Mozilla/Firefox/Profiles/p/cache2/f=1"_s);
         for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
             qputenv(name, there.toUtf8());
-        for (const char* name : {"HOME", "TMPDIR"})
+        for (const char* name : {"HOME", "TMPDIR", "TMP"})
             qputenv(name, m_directory.filePath(u"absent"_s).toUtf8());
         fake::Platform& script = fake::platform();
         script.signatures.insert(there + u"/f"_s, SignatureStatus::Trusted);

@@ -9,6 +9,7 @@
 #include "support/mcp_client.h"
 #include "support/table.h"
 
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QtEndian>
 
@@ -155,11 +156,12 @@ private Q_SLOTS:
     void aFileOnAHost()
     {
         const QString prefix = qEnvironmentVariable("WINECONFIGDIR").remove(uR"(\??\)"_s);
+        const QString hosts = prefix + u"/dosdevices/unc/korvane-host"_s;
+        const auto tidy = qScopeGuard([&hosts] { QDir(hosts).removeRecursively(); });
         QString directory = uR"(\\localhost\C$\Windows)"_s;
         if (!prefix.isEmpty()) {
             directory = uR"(\\korvane-host\share)"_s;
-            test::makeTree(prefix + u"/dosdevices/unc/korvane-host/share"_s,
-                           u"explorer.exe=60000000"_s);
+            test::makeTree(hosts, u"share/explorer.exe=60000000"_s);
         }
         const QString file = directory + uR"(\explorer.exe)"_s;
         const auto isThere = [](const QString& path) { return QFileInfo::exists(path); };
@@ -175,7 +177,6 @@ private Q_SLOTS:
 
         // A drive that stands for a place on the host is no drive of this machine.
         const QString link = QDir::toNativeSeparators(m_directory.filePath(u"link"_s));
-        const QString target = directory + u'\\';
         CreateSymbolicLinkW(wide(link), wide(directory),
                             SYMBOLIC_LINK_FLAG_DIRECTORY |
                                 SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE);

@@ -223,6 +223,27 @@ private Q_SLOTS:
         const QStringList both{at(u"held"_s), at(u"d"_s), at(u"free"_s)};
         QCOMPARE(moveToRecycleBin(both).message, u"已移到回收站 2 项, 跳过 1 项 (正在使用 1)"_s);
     }
+
+    // Last, as it changes where things are. What the tools list is what can be moved, in whatever case a directory is named.
+    void junk()
+    {
+        test::makeTree(m_directory->path(), u"crashdumps/a.dmp=3|crashdumps/d/b.dmp=4"_s);
+        for (const char* name : {"LOCALAPPDATA", "APPDATA", "SystemRoot", "windir", "ProgramData"})
+            qputenv(name, QDir::toNativeSeparators(m_directory->path()).toUtf8());
+        qputenv("TMP", "C:\\absent");
+        test::Client client;
+        const auto found = [&client] {
+            return client.call(u"scan_junk"_s).json()["categories"_L1][0].toObject();
+        };
+        const QJsonObject category = found();
+        QCOMPARE(category["category_id"_L1], u"crash_dumps"_s);
+        QCOMPARE(category["size_bytes"_L1], 7);
+        QStringList paths = category["sample_paths"_L1].toVariant().toStringList();
+        paths.sort();
+        QCOMPARE(paths, (QStringList{at(u"CrashDumps/a.dmp"_s), at(u"CrashDumps/d"_s)}));
+        QCOMPARE(moveToRecycleBin(paths).message, u"已移到回收站 2 项"_s);
+        QCOMPARE(found(), QJsonObject());
+    }
 };
 
 /// With a path moves that; a copy of the program, told to wait, is one that runs.
