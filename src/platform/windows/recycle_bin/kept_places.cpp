@@ -18,20 +18,19 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// The directory's own path, ended by a separator; empty where there is none, or it is elsewhere.
+/// The entry's own path, ended by a separator; empty where there is none, or it is elsewhere.
 QString finalPath(const QString& path)
 {
     if (path.isEmpty() || !platform::isLocalPath(path))
         return {};
     constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const UniqueHandle directory =
+    const UniqueHandle entry =
         owned(CreateFileW(wide(extendedPath(path)), 0, share, nullptr, OPEN_EXISTING,
                           FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     constexpr std::size_t longestPath = 32768;
     std::wstring buffer(longestPath, L'\0');
     const DWORD length =
-        directory ? GetFinalPathNameByHandleW(directory.get(), buffer.data(), DWORD{longestPath}, 0)
-                  : 0;
+        entry ? GetFinalPathNameByHandleW(entry.get(), buffer.data(), DWORD{longestPath}, 0) : 0;
     if (length == 0 || length >= longestPath)
         return {};
     const QString final = displayPath(fromWide({buffer.data(), length}));
@@ -68,9 +67,19 @@ QString KeptPlaces::whyNothingIn(const QString& directory)
     return m_directory == m_temp && holdsSystem ? u"临时目录为用户目录或其上级"_s : QString();
 }
 
+QString KeptPlaces::ownPath(const QString& entry) const
+{
+    return m_directory + entry.sliced(entry.lastIndexOf(u'\\') + 1) + u'\\';
+}
+
+bool KeptPlaces::isLink(const QString& entry) const
+{
+    return finalPath(entry).compare(ownPath(entry), Qt::CaseInsensitive) != 0;
+}
+
 QString KeptPlaces::whyNot(const QString& entry) const
 {
-    const QString own = m_directory + entry.sliced(entry.lastIndexOf(u'\\') + 1) + u'\\';
+    const QString own = ownPath(entry);
     const bool holdsPlace = isIn(m_temp, own) || isIn(m_current, own) ||
                             std::any_of(m_system.cbegin(), m_system.cend(),
                                         [&own](const QString& place) { return isIn(place, own); });

@@ -20,7 +20,12 @@ public:
     /// Why the entry is not moved: it is such a place, or holds one.
     QString whyNot(const QString& entry) const;
 
+    /// Whether the entry leads somewhere else.
+    bool isLink(const QString& entry) const;
+
 private:
+    QString ownPath(const QString& entry) const;
+
     QStringList m_system; ///< The system's and the user's.
     QString m_temp;
     QString m_current;

@@ -149,6 +149,8 @@ void EntryMover::move(const QString& path)
     if (m_hasNoOperation) {
         if (!isBinThere(m_parent))
             return m_tally.addSkipped(u"回收站不可用"_s);
+        if (m_kept.isLink(path)) // Wine would move what it leads to.
+            return m_tally.addSkipped(u"是链接"_s);
         return deleteByFileOperation(path) ? m_tally.addMoved() : m_tally.addSkipped(u"移动失败"_s);
     }
     if (sink->hasRefused())

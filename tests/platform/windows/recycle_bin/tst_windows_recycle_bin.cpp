@@ -32,6 +32,15 @@ namespace {
 
 const bool isWine = qEnvironmentVariableIsSet("WINECONFIGDIR");
 
+/// What the system below Wine calls the path.
+QString unixName(const QString& path)
+{
+    using UnixName = char* (*)(const wchar_t*);
+    const auto name = reinterpret_cast<UnixName>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
+    return QString::fromUtf8(name(wide(QDir::toNativeSeparators(path))));
+}
+
 /// The entries in the bin, of all drives.
 qint64 inBin()
 {
@@ -83,10 +92,7 @@ private Q_SLOTS:
         qputenv("XDG_DATA_HOME", "C:\\");
         QCOMPARE(QProcess::execute(QCoreApplication::applicationFilePath(), {at(u"f"_s)}), 1);
         QVERIFY(QFile::exists(at(u"f"_s)));
-        using UnixName = char* (*)(const wchar_t*);
-        const auto unixName = reinterpret_cast<UnixName>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
-        qputenv("XDG_DATA_HOME", unixName(wide(QDir::toNativeSeparators(m_data.path()))));
+        qputenv("XDG_DATA_HOME", unixName(m_data.path()).toUtf8());
     }
 
     void init() { m_directory.emplace(); }
@@ -175,6 +181,28 @@ private Q_SLOTS:
             QVERIFY(trash.rename(u"files/"_s + info.chopped(10), at(name)));
         }
         QCOMPARE(listing(m_directory->path()), before);
+    }
+
+    // Never what they lead to.
+    void links()
+    {
+        test::makeTree(m_directory->path(), u"there/f=1|here/"_s);
+        for (const QString& target : {u"there"_s, u"there/f"_s}) {
+            const QString link = at(u"here/"_s + target.section(u'/', -1));
+            if (isWine) // whose bin takes no link: it would take the target
+                QProcess::startDetached(u"Z:/usr/bin/ln"_s, {u"-s"_s, unixName(at(target)),
+                                                             unixName(at(u"here"_s)) + u'/'});
+            else
+                CreateSymbolicLinkW(wide(link), wide(QDir::toNativeSeparators(at(target))),
+                                    target == "there"_L1 ? 3 : 2);
+            if (!QTest::qWaitFor([&link] { return QFileInfo::exists(link); }))
+                QSKIP("no links can be made here");
+            QCOMPARE(moveToRecycleBin({link}).message,
+                     isWine ? u"没有内容被移到回收站, 跳过 1 项 (是链接 1)"_s
+                            : u"已移到回收站 1 项"_s);
+            QCOMPARE(QFileInfo::exists(link), isWine);
+            QVERIFY(QFile::exists(at(u"there/f"_s)));
+        }
     }
 
     void stays()
