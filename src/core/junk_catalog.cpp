@@ -1,8 +1,9 @@
 // The catalog of junk, as a table, and the search for what of it exists.
 #include "core/junk_catalog.h"
 
+#include "core/local_paths.h"
+
 #include <QDir>
-#include <QFileInfo>
 #include <QStandardPaths>
 
 namespace korvane {
@@ -44,7 +45,8 @@ QStringList chromiumCaches(const Base& profile)
 QStringList firefoxCaches(const QString& profiles)
 {
     QStringList caches;
-    if (profiles.isEmpty()) // Which would be the current directory.
+    // An empty path would be the current directory.
+    if (profiles.isEmpty() || !isLocalDirectory(profiles))
         return caches;
     const QStringList names =
         QDir(profiles).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
@@ -131,7 +133,7 @@ QStringList existing(const QStringList& paths)
 {
     QStringList found;
     for (const QString& path : paths) {
-        if (!path.isEmpty() && QFileInfo::exists(path))
+        if (!path.isEmpty() && existsLocally(path))
             found.append(QDir::cleanPath(path));
     }
     return found;

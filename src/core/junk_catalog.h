@@ -34,7 +34,7 @@ struct JunkCategory
 
 /// The kinds of junk that have a root on this machine now, in their fixed order. Built anew by each
 /// call from the variables LOCALAPPDATA, APPDATA, SystemRoot (or windir) and ProgramData, the home
-/// and the directory of temporary files. Runs on any thread.
+/// and the directory of temporary files; what lies on another machine is left out. Runs on any thread.
 QList<JunkCategory> knownJunkCategories();
 
 } // namespace korvane

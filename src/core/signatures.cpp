@@ -1,6 +1,7 @@
 // Signature look-ups: memory cache, persisted cache, platform, in that order.
 #include "core/signatures.h"
 
+#include "platform/paths.h"
 #include "platform/signatures.h"
 
 #include <QCryptographicHash>
@@ -53,6 +54,8 @@ SignatureStatus SignatureService::verify(const QString& path)
         return SignatureStatus::Unknown;
     if (const auto known = inMemory(path))
         return *known;
+    if (!platform::isLocalPath(path))
+        return remember(path, SignatureStatus::Unknown);
 
     // The time is that of before the verification: what changes during it is verified again.
     const bool needsTime = isPersisted(path) || platform::canVerifySignatures();
@@ -86,7 +89,7 @@ QString SignatureService::signerName(const QString& path)
         if (const auto known = m_signerCache.constFind(path); known != m_signerCache.constEnd())
             return *known;
     }
-    QString name = signerNamePlatform(path);
+    QString name = platform::isLocalPath(path) ? signerNamePlatform(path) : QString();
     const QWriteLocker locker(&m_cacheLock);
     m_signerCache.insert(path, name);
     return name;

@@ -29,7 +29,8 @@ class SignatureService : public QObject, public Singleton<SignatureService>
 
 public:
     /// The status of the file at `path`, verified when neither cache knows it. Unknown for an
-    /// empty path. A file of which no record exists, and none can come to be, is left alone.
+    /// empty path, and for one that leaves this machine, which is not looked at. A file of which no
+    /// record exists, and none can come to be, is left alone.
     SignatureStatus verify(const QString& path);
 
     /// The status in the memory cache; Unchecked when absent, Unknown for an empty path. Touches

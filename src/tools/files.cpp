@@ -4,6 +4,7 @@
 #include "base/watchdog.h"
 #include "core/file_unlock.h"
 #include "core/large_files.h"
+#include "core/local_paths.h"
 #include "tools/tool_support.h"
 
 #include <QDir>
@@ -65,7 +66,7 @@ QJsonObject toolFindLargeFiles(const QJsonObject& args, const ProgressCallback& 
     const qint64 given = integerArgument(args, "min_size_bytes"_L1);
     const qint64 minSize = given > 0 ? given : defaultMinSize;
     const qint64 maxResults = args.value("max_results"_L1).toInteger(defaultMaxResults);
-    if (!QDir(root).exists())
+    if (!isLocalDirectory(root))
         throwToolError(u"路径不存在: %1"_s.arg(root));
 
     LargeFileProgress report;
@@ -95,11 +96,10 @@ QJsonObject toolUnlockFile(const QJsonObject& args, const ProgressCallback& /*pr
     const QString given = trimmedArgument(args, "path"_L1);
     if (given.isEmpty())
         throwToolError(u"参数 path 不能为空"_s);
-    const QFileInfo file(given);
-    if (!file.exists())
+    if (!existsLocally(given))
         throwToolError(u"路径不存在: %1"_s.arg(given));
 
-    const QString path = QDir::toNativeSeparators(file.absoluteFilePath());
+    const QString path = QDir::toNativeSeparators(QFileInfo(given).absoluteFilePath());
     FileUnlockService& service = Singleton<FileUnlockService>::instance();
     const LockerProbe probe = service.probeLockers({path});
     if (!probe.ok)

@@ -6,6 +6,7 @@
 #include "platform/metrics.h"
 #include "platform/network.h"
 #include "platform/notification.h"
+#include "platform/paths.h"
 #include "platform/peer.h"
 #include "platform/processes.h"
 #include "platform/recycle_bin.h"
@@ -118,6 +119,7 @@ QList<QString> servicesDependingOn(Name name) { return script.dependents.value(n
 QList<QString> servicesNeededBy(Name name) { return script.dependencies.value(name); }
 bool canVerifySignatures() { return script.canVerify; }
 bool startsWithSession() { return script.startsWithSession; }
+bool isLocalPath(Name path) { return script.elsewhere.isEmpty() || !path.startsWith(script.elsewhere); }
 bool syncFile(int) { return script.canSync(); }
 
 OpResult startService(Name name, Names) { return write("startService", {name}); }

@@ -62,6 +62,7 @@ struct Platform
     std::function<bool()> peerMayAnswer = [] { return true; };
     bool startsWithSession = false;
     QPointer<QObject> notification; ///< What is shown: "title|text" is its name.
+    QString elsewhere;              ///< Where other machines begin; nowhere when empty.
     std::function<bool()> canSync = [] { return true; };
 
     OpResult writeResult{true, {}};        ///< Answer of every write operation,

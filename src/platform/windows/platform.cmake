@@ -1,5 +1,5 @@
 # What has no back end of its own on Windows.
-set(topics_from_unsupported notification recycle_bin session terminal)
+set(topics_from_unsupported notification session terminal)
 
 set(platform_libraries advapi32 crypt32 iphlpapi ntdll ole32 oleaut32 psapi rstrtmgr shell32
                        shlwapi taskschd user32 uuid version wintrust ws2_32)
