@@ -28,7 +28,8 @@ public:
     ~QuitEvents() override
     {
         const std::scoped_lock lock(s_lock);
-        s_instance = nullptr;
+        if (s_instance == this)
+            s_instance = nullptr;
     }
     Q_DISABLE_COPY_MOVE(QuitEvents)
 
