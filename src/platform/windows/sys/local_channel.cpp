@@ -115,9 +115,10 @@ public:
     ~PipeListener() override
     {
         const QDeadlineTimer deadline(1s);
-        for (const auto& socket : endingSockets()) {
-            if (socket && !deadline.hasExpired())
-                socket->waitForDisconnected(static_cast<int>(deadline.remainingTime()));
+        for (const auto& socket : QList(endingSockets())) {
+            socket->waitForDisconnected(static_cast<int>(deadline.remainingTime()));
+            if (socket)
+                socket->abort(); // The name is in use as long as any end of the pipe is here.
         }
     }
     Q_DISABLE_COPY_MOVE(PipeListener)
