@@ -2,12 +2,11 @@
 #include "consent/consent_client.h"
 
 #include "consent/consent_exchange.h"
+#include "platform/local_channel.h"
 #include "platform/peer.h"
 
 #include <QDeadlineTimer>
 #include <QDebug>
-#include <QLocalSocket>
-
 #include <optional>
 
 namespace korvane::consent {
@@ -83,12 +82,12 @@ std::optional<QByteArray> readAnswer(QLocalSocket& socket, std::chrono::millisec
 
 Result exchange(const Request& request, const ExchangeLimits& limits)
 {
-    QLocalSocket socket;
-    socket.setReadBufferSize(maxReplyBytes);
-    socket.connectToServer(limits.serverName, QIODevice::ReadWrite);
-    if (!socket.waitForConnected(milliseconds(limits.connecting)) || !isTrusted(socket))
+    const auto connection = platform::connectLocally(limits.serverName, limits.connecting);
+    if (!connection.socket || !isTrusted(*connection.socket))
         return notRunning();
 
+    QLocalSocket& socket = *connection.socket;
+    socket.setReadBufferSize(maxReplyBytes);
     socket.write(encodeRequest(request));
     socket.write("\n");
     if (!isSent(socket, limits.sending))

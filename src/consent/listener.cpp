@@ -3,10 +3,8 @@
 
 #include "consent/protocol.h"
 #include "consent/shown_text.h"
+#include "platform/local_channel.h"
 #include "platform/peer.h"
-
-#include <QDir>
-#include <QLocalSocket>
 
 namespace korvane::consent {
 
@@ -14,27 +12,21 @@ using namespace Qt::StringLiterals;
 
 QString channelPath()
 {
-    return QDir::cleanPath(QDir::tempPath()) + u'/' + channelName;
+    return platform::localAddress(channelName);
 }
 
 std::optional<Listener> findListener()
 {
-    constexpr int waitMs = 1000;
-    QLocalSocket probe;
-    probe.connectToServer(channelName);
-    if (!probe.waitForConnected(waitMs)) {
-        const auto error = probe.error();
-        const bool isNobody = error == QLocalSocket::ConnectionRefusedError ||
-                              error == QLocalSocket::ServerNotFoundError;
-        return isNobody ? std::nullopt : std::optional(Listener{probe.errorString()});
-    }
-    const auto peer = platform::peerOf(probe.socketDescriptor());
+    const auto probe = platform::connectLocally(channelName, std::chrono::seconds(1));
+    if (!probe.socket)
+        return probe.isNobodyThere ? std::nullopt : std::optional(Listener{probe.error});
+    const auto peer = platform::peerOf(probe.socket->socketDescriptor());
     if (!peer)
         return Listener{u"PID ?"_s};
     const QString number = u"PID %1"_s.arg(peer->pid);
     const QString name =
         peer->executable.isEmpty() ? number : u"%1 (%2)"_s.arg(shownText(peer->executable), number);
-    return Listener{name, peer->user != platform::PeerUser::Other};
+    return Listener{name, peer->user != platform::PeerUser::Other, peer->pid, peer->executable};
 }
 
 } // namespace korvane::consent

@@ -7,7 +7,7 @@
 
 namespace korvane::consent {
 
-/// The full path of the channel's socket, whether anybody listens or not. It depends on TMPDIR.
+/// Where the channel is (platform::localAddress), whether anybody listens or not.
 QString channelPath();
 
 /// The program at the channel's other end.
@@ -15,6 +15,8 @@ struct Listener
 {
     QString name; ///< "/bin/program (PID 5)", fit to be shown; where it cannot be reached, why.
     bool isTrusted = false; ///< Whether this user's server takes its answers.
+    quint32 pid = 0;        ///< 0 where it is not known.
+    QString executable{};   ///< As it is, not fit to be shown; empty where it is not known.
 };
 
 /// Who listens; none where nobody does. Connects, for which it waits up to a second. Main thread only.

@@ -40,7 +40,7 @@ Asker askerOf(const platform::Peer& peer)
     asker.pid = peer.pid;
     asker.executable = consent::shownText(peer.executable);
     asker.isKnown = !peer.executable.isEmpty();
-    asker.isOwnServer = peer.executable == ownServerPath();
+    asker.isOwnServer = platform::isSamePath(peer.executable, ownServerPath());
     for (const ProcessSnapshot& process : platform::processAndAncestors(peer.pid)) {
         // Else the name of a single file could look like a chain of programs.
         const QString name = consent::shownText(process.name).replace(u'←', u'\ufffd');

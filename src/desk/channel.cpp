@@ -5,9 +5,8 @@
 #include "desk/lock.h"
 
 #include <QCoreApplication>
-#include <QFile>
+#include <QDateTime>
 #include <QFileInfo>
-#include <QLocalSocket>
 
 #include <algorithm>
 #include <utility>
@@ -49,10 +48,6 @@ Channel::Channel(SteadyClock clock)
     : m_clock(std::move(clock)),
       m_lastId(static_cast<quint64>(QDateTime::currentMSecsSinceEpoch()) * 1000)
 {
-    constexpr int backlog = 128; // Of many that connect at once, none is to be turned away.
-    m_server.setListenBacklogSize(backlog);
-    m_server.setSocketOptions(QLocalServer::UserAccessOption);
-    connect(&m_server, &QLocalServer::newConnection, this, &Channel::accept);
 }
 
 Channel::~Channel()
@@ -62,12 +57,12 @@ Channel::~Channel()
 
 QString Channel::path() const
 {
-    return m_server.isListening() ? m_server.fullServerName() : consent::channelPath();
+    return m_listener ? m_listener->address() : consent::channelPath();
 }
 
 bool Channel::isOpen() const
 {
-    return m_server.isListening() && QFileInfo(path()).lastModified() == m_socketMadeAt;
+    return m_listener && m_listener->isReachable();
 }
 
 OpResult Channel::open()
@@ -76,16 +71,36 @@ OpResult Channel::open()
         return {true, {}};
     if (const QString inTheWay = obstacle(); !inTheWay.isEmpty())
         return {false, inTheWay};
-    m_server.close(); // Where it lost its socket. Whatever has its name by now goes with it.
-    if (!m_server.listen(consent::channelName))
-        return {false, translated(QT_TRANSLATE_NOOP("desk", "无法监听 %1: %2"))
-                           .arg(path(), m_server.errorString())};
-    QFile::setPermissions(path(), QFile::ReadOwner | QFile::WriteOwner);
-    m_socketMadeAt = QFileInfo(path()).lastModified();
+    m_listener.reset(); // Where it lost its socket. Whatever has its name by now goes with it.
+    QString error;
+    m_listener = platform::listenLocally(
+        consent::channelName,
+        [this](std::unique_ptr<QLocalSocket> socket) { accept(std::move(socket)); }, error);
+    if (!m_listener)
+        return {false, translated(QT_TRANSLATE_NOOP("desk", "无法监听 %1: %2")).arg(path(), error)};
     return {true, {}};
 }
 
 QString Channel::obstacle()
+{
+    m_otherDesk = 0;
+    if (platform::areLocalSocketsFiles()) {
+        if (QString inTheWay = obstacleAmongFiles(); !inTheWay.isEmpty())
+            return inTheWay;
+    }
+    const auto other = consent::findListener();
+    if (!other)
+        return {};
+    if (!platform::isSamePath(other->executable, QCoreApplication::applicationFilePath()))
+        return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个程序占用: %2。"))
+            .arg(path(), other->name);
+    m_otherDesk = other->pid;
+    return translated(
+               QT_TRANSLATE_NOOP("desk", "%1 已由另一个授权台占用: %2。请在那里答复或先退出它。"))
+        .arg(path(), other->name);
+}
+
+QString Channel::obstacleAmongFiles()
 {
     const QString lockPath = path() + u".lock"_s;
     if (!m_lock)
@@ -110,9 +125,6 @@ QString Channel::obstacle()
         return translated(QT_TRANSLATE_NOOP("desk", "%1 不是套接字, 请先移走它。")).arg(path());
     if (socket.exists() && socket.ownerId() != lock.ownerId())
         return strangersFile(socket);
-    if (const auto other = consent::findListener())
-        return translated(QT_TRANSLATE_NOOP("desk", "%1 已由另一个程序占用: %2。"))
-            .arg(path(), other->name);
     return {};
 }
 
@@ -120,25 +132,21 @@ void Channel::close(const consent::Result& farewell)
 {
     while (!m_connections.empty())
         answer(m_connections.begin()->first, farewell);
-    m_server.close();
+    m_listener.reset();
     m_lock.reset();
 }
 
-void Channel::accept()
+void Channel::accept(std::unique_ptr<QLocalSocket> socket)
 {
-    while (QLocalSocket* socket = m_server.nextPendingConnection()) {
-        const auto peer = platform::peerOf(socket->socketDescriptor());
-        if (!peer || !isTrusted(*peer)) {
-            socket->deleteLater();
-            continue;
-        }
-        const quint64 id = ++m_lastId;
-        socket->setReadBufferSize(maxRequestBytes);
-        m_connections.insert({id, {socket, *peer, m_clock(), {}}});
-        connect(socket, &QLocalSocket::readyRead, this, [this, id] { read(id); });
-        connect(socket, &QLocalSocket::disconnected, this, [this, id] { lose(id); });
-        giveUpOldest();
-    }
+    const auto peer = platform::peerOf(socket->socketDescriptor());
+    if (!peer || !isTrusted(*peer))
+        return;
+    const quint64 id = ++m_lastId;
+    socket->setReadBufferSize(maxRequestBytes);
+    connect(socket.get(), &QLocalSocket::readyRead, this, [this, id] { read(id); });
+    connect(socket.get(), &QLocalSocket::disconnected, this, [this, id] { lose(id); });
+    m_connections.emplace(id, Connection{std::move(socket), *peer, m_clock(), {}});
+    giveUpOldest();
 }
 
 void Channel::giveUpOldest()
@@ -199,33 +207,14 @@ void Channel::finish(quint64 id, Connection& connection, QString fault)
 bool Channel::isConnected(quint64 id)
 {
     const auto found = m_connections.find(id);
-    if (found == m_connections.end())
-        return false;
-    // What has arrived by now, its end included, fits into few readings.
-    constexpr int maxReadings = 8;
-    QLocalSocket* const socket = found->second.socket;
-    for (int i = 0; i < maxReadings && socket->state() == QLocalSocket::ConnectedState; ++i) {
-        if (!socket->waitForReadyRead(0))
-            break;
-    }
-    return m_connections.count(id) > 0;
+    return found != m_connections.end() && platform::isStillConnected(*found->second.socket) &&
+           m_connections.count(id) > 0; // Reading may have ended it.
 }
 
 bool Channel::answer(quint64 id, const consent::Result& result)
 {
-    const auto found = m_connections.find(id);
-    if (found == m_connections.end())
-        return false;
-    QLocalSocket* const socket = found->second.socket;
-    m_connections.erase(found);
-    socket->disconnect(this);
-    socket->write(consent::encodeResult(result) + '\n');
-    socket->flush();
-    const bool isDelivered =
-        socket->state() == QLocalSocket::ConnectedState && socket->bytesToWrite() == 0;
-    socket->abort();
-    socket->deleteLater();
-    return isDelivered;
+    std::unique_ptr<QLocalSocket> socket = release(id);
+    return socket && platform::sendAndEnd(std::move(socket), consent::encodeResult(result) + '\n');
 }
 
 void Channel::lose(quint64 id)
@@ -234,10 +223,19 @@ void Channel::lose(quint64 id)
     if (found == m_connections.end())
         return;
     const bool hasAsked = found->second.hasAsked;
-    found->second.socket->deleteLater();
-    m_connections.erase(found);
+    release(id).release()->deleteLater(); // Its signal led here.
     if (hasAsked)
         Q_EMIT left(id);
+}
+
+std::unique_ptr<QLocalSocket> Channel::release(quint64 id)
+{
+    const auto entry = m_connections.extract(id);
+    if (entry.empty())
+        return nullptr;
+    std::unique_ptr<QLocalSocket> socket = std::move(entry.mapped().socket);
+    socket->disconnect(this);
+    return socket;
 }
 
 } // namespace korvane::desk

@@ -3,10 +3,9 @@
 
 #include "base/op_result.h"
 #include "consent/protocol.h"
+#include "platform/local_channel.h"
 #include "platform/peer.h"
 
-#include <QDateTime>
-#include <QLocalServer>
 #include <QLockFile>
 #include <QObject>
 
@@ -14,8 +13,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-
-class QLocalSocket;
 
 namespace korvane::desk {
 
@@ -39,10 +36,10 @@ public:
     /// Ends all connections with that answer, and listens no more.
     void close(const consent::Result& farewell);
 
-    /// Whether it listens, and the socket in the file system is still its own.
+    /// Whether it listens, and who connects still comes here.
     bool isOpen() const;
 
-    /// The socket's full path, listening or not.
+    /// Where the channel is, listening or not.
     QString path() const;
 
     /// The PID of the korvane-desk that had the channel at the last open(); else 0.
@@ -74,7 +71,7 @@ Q_SIGNALS:
 private:
     struct Connection
     {
-        QLocalSocket* socket; ///< The server's child.
+        std::unique_ptr<QLocalSocket> socket;
         platform::Peer peer;
         std::chrono::milliseconds since;
         QByteArray received;
@@ -83,16 +80,19 @@ private:
     };
     /// Why nobody may listen here now; empty when nothing is in the way.
     QString obstacle();
-    void accept();
+    /// The same of the files that are beside or in the place of a socket that is one.
+    QString obstacleAmongFiles();
+    void accept(std::unique_ptr<QLocalSocket> socket);
+    /// Takes the connection out of the list, for good.
+    std::unique_ptr<QLocalSocket> release(quint64 id);
     void read(quint64 id);
     void finish(quint64 id, Connection& connection, QString fault);
     void giveUpOldest();
     void lose(quint64 id);
 
     SteadyClock m_clock;
-    QLocalServer m_server;
+    std::unique_ptr<platform::LocalListener> m_listener;
     std::unique_ptr<QLockFile> m_lock;
-    QDateTime m_socketMadeAt; ///< By which it is known again.
     qint64 m_otherDesk = 0;
     quint64 m_lastId;
     std::map<quint64, Connection> m_connections; ///< Oldest first.

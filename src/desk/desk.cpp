@@ -66,6 +66,14 @@ Desk::State Desk::state() const
     return m_isPaused ? State::Paused : State::Listening;
 }
 
+QString Desk::channelText() const
+{
+    const QString path = channelPath();
+    return platform::areLocalSocketsFiles()
+               ? QCoreApplication::translate("desk", "%1 (客户端须使用同一个 TMPDIR)").arg(path)
+               : path;
+}
+
 QString Desk::problem() const
 {
     if (!m_channelProblem.isEmpty() || m_historyProblem.isEmpty())

@@ -94,8 +94,11 @@ public:
 
     State state() const;
 
-    /// The channel's full path, which depends on TMPDIR: the client's has to be the same.
+    /// Where the channel is.
     QString channelPath() const { return m_channel.path(); }
+
+    /// The same for people, with what clients have to heed, in the person's language.
+    QString channelText() const;
 
     /// What is wrong and what to do about it, in the person's language; empty when nothing is. Also
     /// set while listening, after the history could not be written.

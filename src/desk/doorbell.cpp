@@ -3,8 +3,6 @@
 
 #include "platform/peer.h"
 
-#include <QLocalSocket>
-
 namespace korvane::desk {
 
 namespace {
@@ -13,29 +11,20 @@ constexpr QLatin1StringView socketName{"korvane-desk-show-v1"};
 
 } // namespace
 
-Doorbell::Doorbell()
-{
-    m_server.setSocketOptions(QLocalServer::UserAccessOption);
-    connect(&m_server, &QLocalServer::newConnection, this, [this] {
-        while (QLocalSocket* const visitor = m_server.nextPendingConnection())
-            visitor->deleteLater();
-        Q_EMIT rung();
-    });
-}
-
 bool Doorbell::listen()
 {
-    return m_server.listen(socketName);
+    QString error;
+    const auto ring = [this](const std::unique_ptr<QLocalSocket>& /*visitor*/) { Q_EMIT rung(); };
+    m_listener = platform::listenLocally(socketName, ring, error);
+    return m_listener != nullptr;
 }
 
 bool Doorbell::ring()
 {
-    constexpr int waitMs = 1000;
-    QLocalSocket socket;
-    socket.connectToServer(socketName);
-    if (!socket.waitForConnected(waitMs))
+    const auto visit = platform::connectLocally(socketName, std::chrono::seconds(1));
+    if (!visit.socket)
         return false;
-    const auto peer = platform::peerOf(socket.socketDescriptor());
+    const auto peer = platform::peerOf(visit.socket->socketDescriptor());
     return peer && peer->user == platform::PeerUser::Own;
 }
 

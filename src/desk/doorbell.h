@@ -1,8 +1,11 @@
 // "Show yourself": how a second start has the first one raise its window.
 #pragma once
 
-#include <QLocalServer>
+#include "platform/local_channel.h"
+
 #include <QObject>
+
+#include <memory>
 
 namespace korvane::desk {
 
@@ -13,8 +16,6 @@ class Doorbell : public QObject
     Q_OBJECT
 
 public:
-    Doorbell();
-
     /// Listens. Called after Desk::start(), where otherDesk() tells of none: else it would take the
     /// other's place.
     bool listen();
@@ -26,7 +27,7 @@ Q_SIGNALS:
     void rung();
 
 private:
-    QLocalServer m_server;
+    std::unique_ptr<platform::LocalListener> m_listener;
 };
 
 } // namespace korvane::desk

@@ -9,6 +9,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
 
 #include <algorithm>
 #include <array>
@@ -106,9 +107,9 @@ int main(int argc, char* argv[])
     QCommandLineParser parser;
     parser.setApplicationDescription(
         translated(QT_TRANSLATE_NOOP("desk", "显示 AI 想对本机做的更改, 由您允许或拒绝。\n"
-                                             "授权通道: %1 (客户端须使用同一个 TMPDIR)\n"
+                                             "授权通道: %1\n"
                                              "授权记录: %2"))
-            .arg(desk.channelPath(), desk::History::defaultDirectory()));
+            .arg(desk.channelText(), QDir::toNativeSeparators(desk::History::defaultDirectory())));
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
     const QString terminal = u"terminal"_s;

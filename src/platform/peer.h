@@ -10,7 +10,7 @@ namespace korvane::platform {
 /// Whose program it is, as seen from this one.
 enum class PeerUser {
     Own,    ///< This program's own user.
-    System, ///< The machine's administrator: root.
+    System, ///< The machine's administrator: root; SYSTEM, or elevated.
     Caller, ///< For a program that runs as the administrator: who had it started so, as by sudo.
     Other,
 };
@@ -27,7 +27,13 @@ struct Peer
 /// The program that connected the local socket with this descriptor, or that listened for it. None
 /// where that cannot be told for certain, and then nobody is to be trusted. Any thread.
 /// Linux: SO_PEERCRED; never the overflow user of a user namespace that leaves users out
-/// (/proc/self/uid_map), as whom all of those read. Without a back end: this program's own user.
+/// (/proc/self/uid_map), as whom all of those read. Windows: GetNamedPipeClientProcessId or
+/// ...ServerProcessId and the user of that process's token, together with the pipe's owner
+/// (GetSecurityInfo); an administrator counts as such while elevated. Without a back end: this program's own user.
 std::optional<Peer> peerOf(qintptr socketDescriptor);
+
+/// Whether two absolute paths are one to the system, which is not asked. Any thread.
+/// Linux: whether they are equal. Windows: the same, with either separator, in letters of any case.
+bool isSamePath(const QString& path, const QString& other);
 
 } // namespace korvane::platform

@@ -5,8 +5,8 @@
 
 #include <QFile>
 #include <QLocalSocket>
-#include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QTestEventLoop>
 
 namespace korvane::test {
 
@@ -50,9 +50,11 @@ public:
     /// The answer's line; empty where the connection ends without one, or there is none in time.
     QByteArray answerLine()
     {
-        QSignalSpy end(&m_socket, &QLocalSocket::disconnected);
-        if (isConnected())
-            end.wait();
+        QTestEventLoop loop;
+        QObject::connect(&m_socket, &QLocalSocket::readyRead, &loop, &QTestEventLoop::exitLoop);
+        QObject::connect(&m_socket, &QLocalSocket::disconnected, &loop, &QTestEventLoop::exitLoop);
+        while (!m_socket.canReadLine() && isConnected() && !loop.timeout())
+            loop.enterLoop(5);
         return m_socket.readLine();
     }
     consent::Result answer() { return consent::decodeResult(answerLine().trimmed()); }

@@ -5,7 +5,7 @@
 #include "desk/desk.h"
 #include "fake/fake_platform.h"
 
-#include <QTest>
+#include <QSignalSpy>
 
 #include <deque>
 #include <memory>

@@ -118,6 +118,7 @@ QString processCommandLine(unsigned int pid) { return script.commandLines.value(
 QList<QString> servicesDependingOn(Name name) { return script.dependents.value(name); }
 QList<QString> servicesNeededBy(Name name) { return script.dependencies.value(name); }
 bool canVerifySignatures() { return script.canVerify; }
+bool isSamePath(Name path, Name other) { return path == other; }
 bool startsWithSession() { return script.startsWithSession; }
 bool isLocalPath(Name path) { return script.elsewhere.isEmpty() || !path.startsWith(script.elsewhere); }
 bool syncFile(int) { return script.canSync(); }

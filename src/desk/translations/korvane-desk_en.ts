@@ -16,6 +16,10 @@
         <translation>Cannot listen on %1: %2</translation>
     </message>
     <message>
+        <source>%1 已由另一个授权台占用: %2。请在那里答复或先退出它。</source>
+        <translation>%1 is in use by another consent desk: %2. Answer there or quit it first.</translation>
+    </message>
+    <message>
         <source>%1 已由另一个授权台占用 (PID %2, 用户 %3)。请在那里答复或先退出它; 若它属于别人, 请为授权台和客户端设置同一个属于自己的 TMPDIR。</source>
         <translation>%1 is in use by another consent desk (PID %2, user %3). Answer there or quit it first; if it is somebody else&apos;s, set the same TMPDIR of your own for the desk and the client.</translation>
     </message>
@@ -68,6 +72,10 @@
         <translation>Writing to the disk failed</translation>
     </message>
     <message>
+        <source>%1 (客户端须使用同一个 TMPDIR)</source>
+        <translation>%1 (the client needs the same TMPDIR)</translation>
+    </message>
+    <message>
         <source>--history 之后应为正整数。</source>
         <translation>--history takes a positive number.</translation>
     </message>
@@ -77,10 +85,10 @@
     </message>
     <message>
         <source>显示 AI 想对本机做的更改, 由您允许或拒绝。
-授权通道: %1 (客户端须使用同一个 TMPDIR)
+授权通道: %1
 授权记录: %2</source>
         <translation>Shows what an AI wants to change on this machine, for you to allow or refuse.
-Consent channel: %1 (the client needs the same TMPDIR)
+Consent channel: %1
 History: %2</translation>
     </message>
     <message>
@@ -346,8 +354,8 @@ To connect a client: add this to the MCP settings of your AI client, and restart
 %1</translation>
     </message>
     <message>
-        <source>授权通道: %1 (客户端须使用同一个 TMPDIR)</source>
-        <translation>Consent channel: %1 (the client needs the same TMPDIR)</translation>
+        <source>授权通道: %1</source>
+        <translation>Consent channel: %1</translation>
     </message>
     <message>
         <source>退出</source>

@@ -4,12 +4,14 @@
 #include "desk/windows/history_model.h"
 #include "desk/windows/pause_menu.h"
 #include "desk/windows/plain_text_view.h"
+#include "platform/local_channel.h"
 #include "platform/session.h"
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QCloseEvent>
+#include <QDir>
 #include <QHeaderView>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -40,8 +42,9 @@ constexpr int rowsForWidths = 50;
 /// little.
 QString clientSettings()
 {
-    QJsonObject server{{u"command"_s, ownServerPath()}};
-    if (const QString directory = qEnvironmentVariable("TMPDIR"); !directory.isEmpty())
+    QJsonObject server{{u"command"_s, QDir::toNativeSeparators(ownServerPath())}};
+    const QString directory = qEnvironmentVariable("TMPDIR");
+    if (platform::areLocalSocketsFiles() && !directory.isEmpty())
         server.insert(u"env"_s, QJsonObject{{u"TMPDIR"_s, directory}});
     const QJsonObject settings{{u"mcpServers"_s, QJsonObject{{u"korvane"_s, server}}}};
     return QString::fromUtf8(QJsonDocument(settings).toJson(QJsonDocument::Compact));
@@ -170,8 +173,7 @@ QWidget* MainWindow::makeEmptyState()
 
 QLayout* MainWindow::makeBottomRow()
 {
-    auto* const channel =
-        new QLabel(tr("授权通道: %1 (客户端须使用同一个 TMPDIR)").arg(m_desk.channelPath()));
+    auto* const channel = new QLabel(tr("授权通道: %1").arg(m_desk.channelText()));
     channel->setTextFormat(Qt::PlainText);
     channel->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     channel->setWordWrap(true);

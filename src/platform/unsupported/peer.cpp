@@ -8,4 +8,9 @@ std::optional<platform::Peer> platform::peerOf(qintptr /*socketDescriptor*/)
     return Peer{.user = PeerUser::Own, .userId = {}, .executable = {}};
 }
 
+bool platform::isSamePath(const QString& path, const QString& other)
+{
+    return path == other;
+}
+
 } // namespace korvane

@@ -85,4 +85,9 @@ std::optional<platform::Peer> platform::peerOf(qintptr socketDescriptor)
     return peer;
 }
 
+bool platform::isSamePath(const QString& path, const QString& other)
+{
+    return path == other;
+}
+
 } // namespace korvane

@@ -1,11 +1,90 @@
-// Who is at the other end of a named pipe.
+// Who is at the other end of a named pipe, by the pipe's owner and the token of the process there.
 #include "platform/peer.h"
+
+#include "platform/windows/sys/process_handle.h"
+#include "platform/windows/sys/security.h"
+
+#include <QDir>
+
+#include <aclapi.h>
 
 namespace korvane {
 
-std::optional<platform::Peer> platform::peerOf(qintptr /*socketDescriptor*/)
+using namespace Qt::StringLiterals;
+
+namespace {
+
+using namespace windows_platform;
+using platform::PeerUser;
+
+constexpr QLatin1StringView systemSid{"S-1-5-18"};
+constexpr QLatin1StringView administratorsSid{"S-1-5-32-544"};
+
+/// The SID of whom the pipe belongs to; empty where that cannot be told. Only who may act as that SID
+/// can have set it, or who may do anything.
+QString ownerOf(HANDLE pipe)
 {
-    return std::nullopt;
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr,
+                        nullptr, nullptr, &descriptor) != ERROR_SUCCESS)
+        return {};
+    const UniqueLocal<void> content(descriptor);
+    return sidText(owner);
+}
+
+/// The process that connected to the pipe, or that listened for this one; 0 where that is not told.
+quint32 otherProcess(HANDLE pipe)
+{
+    DWORD flags = 0;
+    ULONG pid = 0;
+    if (GetNamedPipeInfo(pipe, &flags, nullptr, nullptr, nullptr) == FALSE)
+        return 0;
+    const bool isServer = (flags & PIPE_SERVER_END) != 0;
+    const BOOL isTold = isServer ? GetNamedPipeClientProcessId(pipe, &pid)
+                                 : GetNamedPipeServerProcessId(pipe, &pid);
+    return isTold == FALSE ? 0 : pid;
+}
+
+/// `isPrivileged` tells of a user who is not this one that everything is his anyway.
+PeerUser relationOf(const QString& sid, bool isPrivileged)
+{
+    if (sid == ownUser()->sid)
+        return PeerUser::Own;
+    return isPrivileged || sid == systemSid ? PeerUser::System : PeerUser::Other;
+}
+
+} // namespace
+
+/// The PID alone would not do: who made the pipe may have ended, with its end in another's hands, and
+/// another program may have that PID by now. The owner stays, so that nobody gets more trust by it than
+/// that user has; another program of his can pass for the one that is shown.
+std::optional<platform::Peer> platform::peerOf(qintptr socketDescriptor)
+{
+    auto* const pipe = reinterpret_cast<HANDLE>(socketDescriptor);
+    const quint32 pid = otherProcess(pipe);
+    const UniqueHandle process = pid == 0 ? nullptr : openProcess(pid);
+    const auto user = process ? userOf(process.get()) : std::nullopt;
+    const QString owner = ownerOf(pipe);
+    if (!user || owner.isEmpty() || !ownUser())
+        return std::nullopt;
+    const PeerUser byOwner = relationOf(owner, owner == administratorsSid);
+    const PeerUser byToken = relationOf(user->sid, user->isElevated);
+    Peer peer{.user = PeerUser::System,
+              .userId = user->sid,
+              .pid = pid,
+              .executable = imagePath(process.get())};
+    if (byOwner == PeerUser::Other || byToken == PeerUser::Other)
+        peer.user = PeerUser::Other;
+    else if (byOwner == PeerUser::Own && byToken == PeerUser::Own)
+        peer.user = PeerUser::Own;
+    return peer;
+}
+
+bool platform::isSamePath(const QString& path, const QString& other)
+{
+    const auto plain = [](const QString& one) { return QDir::toNativeSeparators(one); };
+    return plain(path).compare(plain(other), Qt::CaseInsensitive) == 0;
 }
 
 } // namespace korvane
