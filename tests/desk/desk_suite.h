@@ -6,6 +6,7 @@
 #include "fake/fake_platform.h"
 
 #include <QSignalSpy>
+#include <QTest>
 
 #include <deque>
 #include <memory>
