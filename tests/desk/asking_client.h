@@ -7,6 +7,7 @@
 #include <QLocalSocket>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTestEventLoop>
 
 namespace korvane::test {
 
@@ -50,8 +51,12 @@ public:
     /// The answer's line; empty where the connection ends without one, or there is none in time.
     QByteArray answerLine()
     {
-        const auto hasEnded = [this] { return m_socket.canReadLine() || !isConnected(); };
-        return QTest::qWaitFor(hasEnded) ? m_socket.readLine() : QByteArray();
+        QTestEventLoop loop;
+        QObject::connect(&m_socket, &QLocalSocket::readyRead, &loop, &QTestEventLoop::exitLoop);
+        QObject::connect(&m_socket, &QLocalSocket::disconnected, &loop, &QTestEventLoop::exitLoop);
+        while (!m_socket.canReadLine() && isConnected() && !loop.timeout())
+            loop.enterLoop(5);
+        return m_socket.readLine();
     }
     consent::Result answer() { return consent::decodeResult(answerLine().trimmed()); }
 
