@@ -7,6 +7,7 @@ set -euo pipefail
 cache=${KORVANE_WINDOWS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/korvane-windows}
 # Names of files are UTF-8, whatever the locale of whoever calls.
 export LC_ALL=C.UTF-8
+unset TMPDIR # with which Wine 10 aborts
 export WINEPREFIX=${WINEPREFIX:-$cache/prefix}
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-winemenubuilder.exe=d;mscoree=d;mshtml=d}
 # Or what the framework's test library prints would go to a debugger; Wine hands QT_ over so alone.
