@@ -198,13 +198,13 @@ void nameProcess(quint32 pid, const NamedUser& named, Holders& found)
 /// Adds the processes that use a target by something else than handles that can be reached.
 void addUsersWithoutHandle(const std::set<Use>& uses, Holders& found)
 {
-    for (const auto& [pid, path] : uses) {
+    for (const Use& use : uses) {
         const bool isFound =
             std::any_of(found.held.begin(), found.held.end(), [&](const platform::HeldFile& held) {
-                return held.pid == pid && held.path == path;
+                return held.pid == use.first && held.path == use.second;
             });
-        if (!isFound && pid != GetCurrentProcessId()) // whose use is the question itself
-            found.held.append({.pid = pid, .path = path});
+        if (!isFound && use.first != GetCurrentProcessId()) // whose use is the question itself
+            found.held.append({.pid = use.first, .path = use.second});
     }
 }
 

@@ -60,7 +60,7 @@ OpResult platform::uninstallSoftware(const UninstallEntry& entry)
     constexpr std::chrono::seconds limit(130); // The system's own question stands for two minutes.
     const Command command = splitCommand(entry.uninstallString);
     // A name that is not one of the system's own programs is looked for nowhere else.
-    if (!isOnDrive(command.executable) && !command.executable.startsWith("\\\\"_L1))
+    if (!isOnDrive(command.executable) && !command.executable.startsWith(R"(\\)"_L1))
         return {false, u"找不到卸载程序 %1"_s.arg(command.executable)};
     DWORD result = start(command);
     if (result == needsElevation) {

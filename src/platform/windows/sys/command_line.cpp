@@ -50,7 +50,7 @@ QString foundFile(const QString& program)
     if (hasDirectory(name))
         return isLocalFile(name) ? name : QString();
     for (const QString& directory : systemDirectories()) {
-        const QString path = directory + u'\\' + name;
+        QString path = directory + u'\\' + name;
         if (isLocalFile(path))
             return path;
     }

@@ -8,6 +8,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <vector>
+
 using namespace korvane;
 using namespace Qt::StringLiterals;
 
@@ -27,7 +29,7 @@ struct Value
     HKEY root = machine;
 };
 
-const Value values[]{
+const std::vector<Value> values{
     {"a", "DisplayName", "KT 全部 "},
     {"a", "DisplayVersion", "1.2"},
     {"a", "Publisher", "P %1"},
