@@ -3,7 +3,6 @@
 
 #include "platform/windows/sys/com.h"
 #include "platform/windows/sys/command_line.h"
-#include "platform/windows/sys/file_path.h"
 #include "platform/windows/sys/handle.h"
 #include "platform/windows/sys/limited_call.h"
 #include "platform/windows/sys/text.h"

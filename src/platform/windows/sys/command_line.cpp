@@ -90,7 +90,8 @@ bool isLocalFile(const QString& path)
 {
     if (!isOnDrive(path))
         return false;
-    if (!platform::isLocalPath(path)) // The server of a mapped drive may be dead: asking takes long.
+    if (!platform::isLocalPath(
+            path)) // The server of a mapped drive may be dead: asking takes long.
         return false;
     const QString extended = extendedPath(displayPath(path));
     const DWORD attributes = GetFileAttributesW(wide(extended));

@@ -98,8 +98,8 @@ std::optional<platform::Peer> platform::peerOf(qintptr socketDescriptor)
               .userId = user->sid,
               .pid = pid,
               .executable = imagePath(process.get())};
-    if (byOwner == PeerUser::Other || byToken == PeerUser::Other ||
-        isConfined(user->integrity) || isConfined(integrityOfPipe(pipe)))
+    if (byOwner == PeerUser::Other || byToken == PeerUser::Other || isConfined(user->integrity) ||
+        isConfined(integrityOfPipe(pipe)))
         peer.user = PeerUser::Other;
     else if (byOwner == PeerUser::Own && byToken == PeerUser::Own)
         peer.user = PeerUser::Own;

@@ -17,7 +17,8 @@ std::optional<TokenUser> readToken(HANDLE token)
     // Its SID follows the record itself.
     alignas(TOKEN_USER) std::array<std::byte, sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE> user{};
     alignas(TOKEN_MANDATORY_LABEL)
-        std::array<std::byte, sizeof(TOKEN_MANDATORY_LABEL) + SECURITY_MAX_SID_SIZE> label{};
+        std::array<std::byte, sizeof(TOKEN_MANDATORY_LABEL) + SECURITY_MAX_SID_SIZE>
+            label{};
     DWORD size = 0;
     if (GetTokenInformation(token, TokenIntegrityLevel, label.data(), label.size(), &size) == FALSE)
         return std::nullopt;
