@@ -117,8 +117,9 @@ private Q_SLOTS:
             QVERIFY2(result.ok, qUtf8Printable(result.message));
             QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sign), 20'000);
         }
-        for (const QString& command : {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s,
-                                       QString(), u'"' + folder + u'"'}) {
+        for (const QString& command :
+             {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s, QString(),
+              u'"' + folder + u'"', uR"(\\localhost\c$\x.exe)"_s}) {
             entry.uninstallString = command;
             const OpResult result = platform::uninstallSoftware(entry);
             QVERIFY2(!result.ok && result.message.contains(u"卸载程序"_s), qUtf8Printable(command));
