@@ -98,7 +98,9 @@ private:
             while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(-1))
                 continue;
         }
-        while (!m_answer.closes && socket.waitForReadyRead(-1))
+        // Who has a whole line ends the connection; on Windows it would be lost with this end.
+        const bool isWhole = !m_answer.pieces.isEmpty() && m_answer.pieces.last().endsWith('\n');
+        while ((!m_answer.closes || isWhole) && socket.waitForReadyRead(-1))
             received += socket.readAll();
         return received;
     }
