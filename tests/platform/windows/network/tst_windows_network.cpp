@@ -1,8 +1,7 @@
 // Tests the connection tools on sockets of the test's own.
 #include "platform/network.h"
 #include "platform/windows/sys/process_handle.h"
-#include "support/mcp_client.h"
-#include "support/table.h"
+#include "support/windows.h"
 
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -17,15 +16,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/// The rows of a port as a client is shown them, sorted; the own PID and name, which each has, cut off.
+/// The rows of a port; the own PID and name, which each has, cut off.
 QStringList rowsOn(quint16 port)
 {
-    const auto reply = test::Client().call(u"find_process_by_port"_s, {{u"port"_s, port}});
-    QStringList rows = reply.rows(u"connections"_s,
-                                  "protocol ip_version local remote state pid process_name", u' ');
-    rows.replaceInStrings(u" %1 tst_windows_network.exe"_s.arg(GetCurrentProcessId()), QString());
-    rows.sort();
-    return reply.isError ? QStringList{reply.text} : rows;
+    const QString own = u" %1 tst_windows_network.exe"_s.arg(GetCurrentProcessId());
+    return test::Client().rowsOnPort(port).replaceInStrings(own, QString());
 }
 
 const test::Cases<const char*, const char*> families{

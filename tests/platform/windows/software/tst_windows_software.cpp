@@ -1,12 +1,7 @@
 // Tests the listing of installed software on entries of the test's own, and that uninstallers start.
 #include "platform/software.h"
-#include "support/mcp_client.h"
 #include "support/registry.h"
-#include "support/table.h"
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
+#include "support/windows.h"
 
 using namespace korvane;
 using namespace Qt::StringLiterals;

@@ -1,26 +1,18 @@
 // Tests startup items on keys, tasks and extensions of the test's own.
 #include "platform/startup.h"
 #include "platform/windows/startup/scheduled_tasks.h"
-#include "platform/windows/sys/com.h"
 #include "platform/windows/sys/command_line.h"
-#include "platform/windows/sys/handle.h"
 #include "platform/windows/sys/registry.h"
-#include "support/mcp_client.h"
 #include "support/registry.h"
-#include "support/table.h"
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
+#include "support/windows.h"
 
 #include <sddl.h>
-#include <taskschd.h>
 #include <winternl.h>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
 using windows_platform::RegistryKey;
+using windows_platform::systemFunction;
 using windows_platform::wide;
 
 namespace {
@@ -169,20 +161,16 @@ private Q_SLOTS:
     {
         using SetValue = LONG(WINAPI*)(HANDLE, UNICODE_STRING*, ULONG, ULONG, const void*, ULONG);
         using DeleteValue = LONG(WINAPI*)(HANDLE, UNICODE_STRING*);
-        const HMODULE library = GetModuleHandleW(L"ntdll.dll");
-        const auto function = [&](const char* name) {
-            return reinterpret_cast<void (*)()>(GetProcAddress(library, name));
-        };
         HKEY key = nullptr;
         RegCreateKeyExW(user, wide(run), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
         std::wstring name(L"KT \0hidden", 10);
         UNICODE_STRING hidden{20, 20, name.data()};
-        reinterpret_cast<SetValue>(function("NtSetValueKey"))(key, &hidden, 0, REG_SZ, L"C:\\h.exe",
-                                                              18);
+        systemFunction<SetValue>(L"ntdll.dll", "NtSetValueKey")(key, &hidden, 0, REG_SZ,
+                                                                L"C:\\h.exe", 18);
         const QStringList rows = listed();
         const QString shown = QString::fromWCharArray(name.data(), 10);
         const OpResult result = platform::setRunItemEnabled(StartupSource::hkcu, shown, false);
-        reinterpret_cast<DeleteValue>(function("NtDeleteValueKey"))(key, &hidden);
+        systemFunction<DeleteValue>(L"ntdll.dll", "NtDeleteValueKey")(key, &hidden);
         RegCloseKey(key);
         QCOMPARE(rows, QStringList{shown + u"|C:\\h.exe|C:\\h.exe|hkcu|true"_s});
         QVERIFY(!result.ok && result.message.contains(u"空字符"_s));
@@ -203,26 +191,24 @@ private Q_SLOTS:
                                     taskXml(u"<BootTrigger/>"_s, program).chopped(9)})
             QVERIFY(!windows_platform::itemOfTask(none));
 
-        const windows_platform::ComApartment apartment;
-        const auto service = windows_platform::makeObject<ITaskService>(__uuidof(TaskScheduler));
-        QVERIFY(service && SUCCEEDED(service->Connect({}, {}, {}, {})));
-        const auto text = [](const QString& plain) {
-            return windows_platform::ComText(SysAllocString(wide(plain)));
+        const QTemporaryDir directory;
+        QFile file(directory.filePath(u"task"_s));
+        const QString xml =
+            QChar(QChar::ByteOrderMark) +
+            taskXml(logon.arg(u"true"_s),
+                    program.section(u"<Exec><C"_s, 0, -2).remove(u"<ComHandler/>"_s));
+        QVERIFY(file.open(QFile::WriteOnly) &&
+                file.write(reinterpret_cast<const char*>(xml.utf16()), 2 * xml.size()) ==
+                    2 * xml.size());
+        file.close();
+        const auto schtasks = [](const QString& what, const QStringList& more) {
+            const QString name = u"\\korvane test\\deeper\\任务"_s;
+            return QProcess::execute(u"schtasks"_s, QStringList{what, u"/tn"_s, name} + more);
         };
-        const auto folder = windows_platform::comResult<ITaskFolder>(
-            [&](ITaskFolder** root) { return service->GetFolder(text(u"\\"_s).get(), root); });
-        const auto path = text(u"\\korvane test\\deeper\\任务"_s);
-        const auto xml =
-            text(taskXml(logon.arg(u"true"_s),
-                         program.section(u"<Exec><C"_s, 0, -2).remove(u"<ComHandler/>"_s)));
-        const auto task = windows_platform::comResult<IRegisteredTask>([&](IRegisteredTask** made) {
-            return folder->RegisterTask(path.get(), xml.get(), TASK_CREATE_OR_UPDATE, {}, {},
-                                        TASK_LOGON_INTERACTIVE_TOKEN, {}, made);
-        });
-        QVERIFY(task);
+        QCOMPARE(schtasks(u"/create"_s, {u"/xml"_s, file.fileName()}), 0);
         QString error;
         auto items = platform::listScheduledTasks(&error);
-        folder->DeleteTask(path.get(), 0);
+        QCOMPARE(schtasks(u"/delete"_s, {u"/f"_s}), 0);
         if (items.isEmpty() && error.contains(QString::number(uint(E_NOTIMPL), 16)))
             QSKIP("Wine registers tasks, but does not list them");
         QCOMPARE(error, QString());
