@@ -185,6 +185,9 @@ private Q_SLOTS:
         QList<double> kib;
         for (const QString& number : counted.simplified().split(u' '))
             kib += number.toDouble();
+        SystemMetrics memoryOnly;
+        platform::sampleMemoryOnly(memoryOnly);
+        QCOMPARE(memoryOnly.memoryTotalBytes, sample.memoryTotalBytes);
         if (kib.value(5) - kib.value(3) < 16 << 10)
             QSKIP("the build is on no disk of this machine");
         // Between what is counted right inside and right outside of both samples.
