@@ -1,10 +1,12 @@
 // Tests of the desk's windows, on a screen that nobody sees: when an answer counts, what is shown.
 #include "desk/desk_suite.h"
+#include "desk/windows.h"
 #include "desk/windows/history_model.h"
 #include "desk/windows/main_window.h"
 #include "desk/windows/pause_menu.h"
 #include "desk/windows/plain_text_view.h"
 #include "desk/windows/question_dialog.h"
+#include "desk/windows/readable_style.h"
 #include "desk/windows/tray.h"
 
 #include <QAccessible>
@@ -15,6 +17,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QStyle>
 #include <QTableView>
 #include <QTextBlock>
 
@@ -288,8 +291,50 @@ private Q_SLOTS:
             QVERIFY2(!read->text(QAccessible::Name).isEmpty(), widget->metaObject()->className());
         }
     }
+
+    /// Every text can be read, whatever colours the system chose.
+    void contrasts_data()
+    {
+        QTest::addColumn<QPalette>("palette");
+        QTest::newRow("the framework's own") << QApplication::style()->standardPalette();
+        QTest::newRow("light") << QPalette(QColor(239, 239, 239), QColor(239, 239, 239));
+        QTest::newRow("dark") << QPalette(QColor(45, 45, 45), QColor(35, 35, 35));
+        QPalette pale;
+        pale.setColor(QPalette::HighlightedText, Qt::black);
+        pale.setColor(QPalette::Highlight, QColor(90, 90, 90));
+        QTest::newRow("a dark text on a dark choice") << pale;
+    }
+    void contrasts()
+    {
+        QCOMPARE(contrastOf(Qt::black, Qt::white), 21.0);
+        QFETCH(QPalette, palette);
+        QApplication::style()->polish(palette);
+        using Role = QPalette::ColorRole;
+        const QList<std::pair<Role, Role>> texts{
+            {QPalette::WindowText, QPalette::Window},
+            {QPalette::Text, QPalette::Base},
+            {QPalette::ButtonText, QPalette::Button},
+            {QPalette::ToolTipText, QPalette::ToolTipBase},
+            {QPalette::PlaceholderText, QPalette::Base},
+            {QPalette::HighlightedText, QPalette::Highlight},
+        };
+        for (const auto group : {QPalette::Active, QPalette::Inactive}) {
+            for (const auto& [text, around] : texts) {
+                const QColor color = palette.color(group, text);
+                QCOMPARE(color.alpha(), 255);
+                const double contrast = contrastOf(color, palette.color(group, around));
+                QVERIFY2(contrast >= ReadableStyle::leastContrast,
+                         qPrintable(QString::number(contrast)));
+            }
+        }
+    }
 };
 
-QTEST_MAIN(DialogTest)
+int main(int argc, char* argv[])
+{
+    const auto application = makeWindowApplication(argc, argv);
+    DialogTest test;
+    return QTest::qExec(&test, argc, argv);
+}
 
 #include "tst_dialog.moc"

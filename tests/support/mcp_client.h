@@ -54,6 +54,16 @@ public:
         return {result[u"isError"_s].toBool(), result[u"content"_s][0][u"text"_s].toString()};
     }
 
+    /// The connections of a port as one text each, sorted; the error alone where that is the answer.
+    QStringList rowsOnPort(quint16 port)
+    {
+        const ToolReply reply = call(u"find_process_by_port"_s, {{u"port"_s, port}});
+        QStringList rows = reply.rows(
+            u"connections"_s, "protocol ip_version local remote state pid process_name", u' ');
+        rows.sort();
+        return reply.isError ? QStringList{reply.text} : rows;
+    }
+
 private:
     McpServer m_server;
 };

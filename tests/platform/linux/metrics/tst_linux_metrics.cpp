@@ -129,36 +129,6 @@ const test::Cases<const char*, const char*, const char*> figureCases{
 };
 // clang-format on
 
-/// Takes a sample before and after `work`. Empty where the work, by `count`, which prints KiB in
-/// and out, brought less than `least` KiB out; "as counted" where the second sample lies between
-/// what is counted right inside and right outside of both; else what disagrees.
-QString compareAround(const QByteArray& work, const QByteArray& count, double least,
-                      double SystemMetrics::*in, double SystemMetrics::*out,
-                      const QString& file = {})
-{
-    LoadCounters counters;
-    SystemMetrics sample;
-    QString counted = shell(count);
-    platform::sampleSystemMetrics(counters, sample);
-    const auto begin = counters.takenAt;
-    counted += shell(count + work + count, {file});
-    platform::sampleSystemMetrics(counters, sample);
-    const double seconds = std::chrono::duration<double>(counters.takenAt - begin).count();
-    counted += shell(count);
-
-    QList<double> kib;
-    for (const QString& number : counted.simplified().split(u' '))
-        kib += number.toDouble();
-    if (kib.value(5) - kib.value(3) < least)
-        return {};
-    const auto agrees = [&](double rate, int column) {
-        return rate * seconds >= 0.999 * (kib[4 + column] - kib[2 + column]) &&
-               rate * seconds <= 1.001 * (kib[6 + column] - kib[column]);
-    };
-    return agrees(sample.*in, 0) && agrees(sample.*out, 1) ? u"as counted"_s
-                                                           : shown(sample) + counted;
-}
-
 } // namespace
 
 class LinuxMetricsTest : public QObject
@@ -189,30 +159,6 @@ private Q_SLOTS:
                  qPrintable(measured));
     }
 
-    void memoryAsFreeSaysIt()
-    {
-        // By mode 2 the charge is what was promised: see the table. Of what is in use, others take
-        // and give back some meanwhile.
-        const QByteArray compare = R"(
-            strict=$(grep -c 2 /proc/sys/vm/overcommit_memory)
-            free -b | awk -v strict=$strict -v total=$0 -v used=$1 -v limit=$2 -v charge=$3 '
-                function isNear(a, b) { return a - b < 2 ^ 27 && b - a < 2 ^ 27 }
-                /^Mem:/ { all = $2; busy = $2 - $7 }
-                /^Swap:/ { print all == total && isNear(busy, used) &&
-                    (strict || all + $2 == limit && isNear(busy + $3, charge)) }'
-        )";
-        const auto agrees = [&compare] {
-            SystemMetrics m;
-            platform::sampleMemoryOnly(m);
-            QStringList figures;
-            for (const quint64 figure :
-                 {m.memoryTotalBytes, m.memoryUsedBytes, m.commitLimitBytes, m.commitChargeBytes})
-                figures += QString::number(figure);
-            return shell(compare, figures) == u"1\n";
-        };
-        QTRY_VERIFY_WITH_TIMEOUT(agrees(), 20'000);
-    }
-
     void diskWhileAFileIsWritten()
     {
         QTemporaryFile file(QCoreApplication::applicationDirPath() + u"/XXXXXX"_s);
@@ -225,40 +171,30 @@ private Q_SLOTS:
             }
             END { printf "%.1f %.1f\n", read, written }' /proc/diskstats
         )";
-        const QString answer = compareAround(
-            "dd if=/dev/urandom of=$0 bs=1M count=16 conv=fsync 2>&-\n", count, 16 << 10,
-            &SystemMetrics::diskReadKbs, &SystemMetrics::diskWriteKbs, file.fileName());
-        if (answer.isEmpty())
+        LoadCounters counters;
+        SystemMetrics sample;
+        QString counted = shell(count);
+        platform::sampleSystemMetrics(counters, sample);
+        const auto begin = counters.takenAt;
+        counted +=
+            shell(count + "dd if=/dev/urandom of=$0 bs=1M count=16 conv=fsync 2>&-\n" + count,
+                  {file.fileName()});
+        platform::sampleSystemMetrics(counters, sample);
+        const double seconds = std::chrono::duration<double>(counters.takenAt - begin).count();
+        counted += shell(count);
+        QList<double> kib;
+        for (const QString& number : counted.simplified().split(u' '))
+            kib += number.toDouble();
+        SystemMetrics memoryOnly;
+        platform::sampleMemoryOnly(memoryOnly);
+        QCOMPARE(memoryOnly.memoryTotalBytes, sample.memoryTotalBytes);
+        if (kib.value(5) - kib.value(3) < 16 << 10)
             QSKIP("the build is on no disk of this machine");
-        QCOMPARE(answer, u"as counted"_s);
-    }
-
-    void networkOfANamespace()
-    {
-        const QString answer = test::played([] {
-            const bool isOwn = test::makeMountsOwn(CLONE_NEWNET);
-            const test::Child other([] { ::unshare(CLONE_NEWNET); });
-            const QByteArray makeLink = R"(exec 2>&1
-                mount -t sysfs none /sys && ip link set lo up &&
-                ip link add near type veth peer name far netns $0 &&
-                nsenter -t $0 -n ip link set far up && ip link set near up &&
-                ip address add 10.9.9.1/24 dev near &&
-                ip neighbour add 10.9.9.2 lladdr 02:00:00:00:00:01 dev near || exit
-                until grep -q up /sys/class/net/near/operstate; do sleep 0.1; done)";
-            if (!isOwn || !shell(makeLink, {QString::number(other.pid())}).isEmpty())
-                ::_exit(test::refusedCode);
-            return compareAround(
-                R"(bash -c 'for i in $(seq 500); do
-                    for to in 10.9.9.2 127.0.0.1; do printf %1000s >/dev/udp/$to/9; done
-                done' 2>&-
-                )",
-                R"(awk '/near:/ { printf "%.6f %.6f\n", $2 / 1024, $10 / 1024 }' /proc/net/dev
-                )",
-                400, &SystemMetrics::netRecvKbs, &SystemMetrics::netSendKbs);
-        });
-        if (answer.isEmpty())
-            QSKIP("this machine refuses namespaces, or a link between them");
-        QCOMPARE(answer, u"as counted"_s);
+        // Between what is counted right inside and right outside of both samples.
+        for (const auto& [rate, i] : {std::pair(sample.diskReadKbs, 0), {sample.diskWriteKbs, 1}})
+            QVERIFY2(rate * seconds >= 0.999 * (kib[4 + i] - kib[2 + i]) &&
+                         rate * seconds <= 1.001 * (kib[6 + i] - kib[i]),
+                     qPrintable(shown(sample) + counted));
     }
 };
 

@@ -38,22 +38,12 @@ struct BoundSocket : QAbstractSocket
 constexpr auto tcpSocket = QAbstractSocket::TcpSocket;
 constexpr auto udpSocket = QAbstractSocket::UdpSocket;
 
-/// One line a row: protocol, version, both ends, state and owner.
-QStringList rowsOn(test::Client& client, quint16 port)
-{
-    const auto reply = client.call(u"find_process_by_port"_s, {{u"port"_s, port}});
-    QStringList rows = reply.rows(u"connections"_s,
-                                  "protocol ip_version local remote state pid process_name", u' ');
-    rows.sort();
-    return reply.isError ? QStringList{reply.text} : rows;
-}
-
 /// A port that no socket has, not even one of another protocol that waits for its end: those of
 /// earlier runs do for a minute.
 quint16 unusedPort(test::Client& client)
 {
     quint16 port = 0;
-    for (int i = 0; i < 100 && (port == 0 || !rowsOn(client, port).isEmpty()); ++i)
+    for (int i = 0; i < 100 && (port == 0 || !client.rowsOnPort(port).isEmpty()); ++i)
         port = BoundSocket(udpSocket, "0.0.0.0").localPort();
     return port;
 }
@@ -131,7 +121,7 @@ class TestConnections : public QObject
             test::Client client;
             if (!refuse())
                 ::_exit(test::refusedCode);
-            return rowsOn(client, server.localPort()).join(u'\n');
+            return client.rowsOnPort(server.localPort()).join(u'\n');
         });
     }
 
@@ -150,14 +140,14 @@ private Q_SLOTS:
         const test::Child second(test::endFirstThread);
         QStringList expected{row(text), row(text, first.pid()), row(text, second.pid())};
         expected.sort();
-        QCOMPARE(rowsOn(m_client, server.localPort()), expected);
+        QCOMPARE(m_client.rowsOnPort(server.localPort()), expected);
     }
 
     void statesAndLostOwners()
     {
         const BoundSocket server(tcpSocket, "127.0.0.1", unusedPort(m_client));
         const QString serverEnd = u"127.0.0.1:%1"_s.arg(server.localPort());
-        const QStringList bound = rowsOn(m_client, server.localPort());
+        const QStringList bound = m_client.rowsOnPort(server.localPort());
         if (!bound.isEmpty()) // Linux tells of sockets that are only bound from 6.8 on
             QCOMPARE(bound, QStringList{row(u"TCP IPv4 %1 0.0.0.0:0 已关闭"_s.arg(serverEnd))});
         QVERIFY(server.listen());
@@ -169,13 +159,13 @@ private Q_SLOTS:
         QVERIFY(client.waitForConnected());
         {
             const UniqueFd accepted(::accept4(server.fd(), nullptr, nullptr, 0));
-            QCOMPARE(rowsOn(m_client, port), QStringList{row(ends + u"已建立"_s)});
+            QCOMPARE(m_client.rowsOnPort(port), QStringList{row(ends + u"已建立"_s)});
             ::shutdown(client.fd(), SHUT_WR);
-            QTRY_COMPARE(rowsOn(m_client, port), QStringList{row(ends + u"FIN_WAIT_2"_s)});
-            QVERIFY(rowsOn(m_client, server.localPort()).join(u'|').contains("CLOSE_WAIT"_L1));
+            QTRY_COMPARE(m_client.rowsOnPort(port), QStringList{row(ends + u"FIN_WAIT_2"_s)});
+            QVERIFY(m_client.rowsOnPort(server.localPort()).join(u'|').contains("CLOSE_WAIT"_L1));
         }
         client.abort();
-        QTRY_COMPARE(rowsOn(m_client, port), QStringList{ends + u"TIME_WAIT 0 "_s});
+        QTRY_COMPARE(m_client.rowsOnPort(port), QStringList{ends + u"TIME_WAIT 0 "_s});
     }
 
     void procNetTellsTheSame()
@@ -183,7 +173,7 @@ private Q_SLOTS:
         const BoundSocket server(tcpSocket, "127.0.0.1", unusedPort(m_client));
         const BoundSocket datagrams(udpSocket, "127.0.0.1", server.localPort());
         QVERIFY(server.listen() && datagrams.localPort() != 0);
-        const QStringList expected = rowsOn(m_client, server.localPort());
+        const QStringList expected = m_client.rowsOnPort(server.localPort());
         QCOMPARE(expected.size(), 2);
 
         const QString rows = rowsAmid(server, [&datagrams] {

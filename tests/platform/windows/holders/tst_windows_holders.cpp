@@ -1,41 +1,25 @@
-// Tests of finding and closing other processes' handles: this program, started again, holds what is asked about.
+// Tests of finding and closing other processes' handles, which this program holds, started again.
 #include "core/file_unlock.h"
 #include "platform/windows/holders/limited_questions.h"
-#include "platform/windows/sys/handle.h"
-#include "platform/windows/sys/text.h"
-#include "support/file_tree.h"
-#include "support/mcp_client.h"
-#include "support/table.h"
+#include "support/windows.h"
 
-#include <QCoreApplication>
-#include <QProcess>
-#include <QTemporaryDir>
-
+#include <array>
 #include <atomic>
 #include <iostream>
 #include <thread>
 
-#include <windows.h>
-
 using namespace korvane;
 using namespace Qt::StringLiterals;
 using platform::HeldFile;
+using test::UniqueHandle;
 using windows_platform::askWithLimit;
-using windows_platform::owned;
-using windows_platform::UniqueHandle;
 
 namespace {
 
-constexpr DWORD openForAll = FILE_SHARE_READ | FILE_SHARE_WRITE;
+constexpr DWORD readWrite = GENERIC_READ | GENERIC_WRITE;
 
-UniqueHandle open(const QString& path, DWORD share)
-{
-    return owned(CreateFileW(windows_platform::wide(path), GENERIC_READ | GENERIC_WRITE, share,
-                             nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-}
-
-/// The child: holds `path`, or what it is mapped to, and reads from a pipe to which nobody writes, which
-/// makes questions about that handle hang on Windows.
+/// The child: holds `path`, or what it is mapped to, and reads from a pipe to which nobody writes,
+/// which makes questions about that handle hang on Windows.
 int hold(const QString& how, const QString& path)
 {
     HANDLE read = nullptr;
@@ -46,7 +30,8 @@ int hold(const QString& how, const QString& path)
         DWORD size = 0;
         ReadFile(read, &byte, 1, &size, nullptr);
     }).detach();
-    UniqueHandle file = how == u"nothing" ? nullptr : open(path, how == u"alone" ? 0 : openForAll);
+    const DWORD share = how == u"alone" ? 0 : FILE_SHARE_READ | FILE_SHARE_WRITE;
+    UniqueHandle file = how == u"nothing" ? nullptr : test::open(path, readWrite, share);
     if (how == u"mapped") {
         const UniqueHandle mapping(
             CreateFileMappingW(file.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
@@ -54,38 +39,10 @@ int hold(const QString& how, const QString& path)
         file.reset();
     }
     std::cout << "holds" << std::endl;
-    Sleep(
-        120'000); // or until it is killed: not a read, which Wine cancels when a copy of its handle goes
+    // Or until it is killed: not a read, which Wine cancels when a copy of its handle goes.
+    Sleep(120'000);
     ExitProcess(0); // without waiting for the thread
 }
-
-constexpr auto sessionManager = LR"(System\CurrentControlSet\Control\Session Manager)";
-constexpr auto renames = L"PendingFileRenameOperations";
-
-/// What the system is to do at its restart: pairs of texts, with the NULs between them.
-std::wstring pendingRenames()
-{
-    std::wstring texts(0x10000, L'\0');
-    auto size = static_cast<DWORD>(texts.size() * sizeof(wchar_t));
-    const LSTATUS result = RegGetValueW(HKEY_LOCAL_MACHINE, sessionManager, renames,
-                                        RRF_RT_REG_MULTI_SZ, nullptr, texts.data(), &size);
-    texts.resize(result == ERROR_SUCCESS ? size / sizeof(wchar_t) : 0);
-    return texts;
-}
-
-struct Child
-{
-    QProcess process;
-
-    Child() = default;
-    Q_DISABLE_COPY_MOVE(Child)
-    ~Child()
-    {
-        process.kill();
-        process.waitForFinished();
-    }
-    qint64 pid() const { return process.processId(); }
-};
 
 /// How the child holds what, and what is asked about then.
 const test::Cases<QString, QString, QString> holds{
@@ -112,16 +69,15 @@ class WindowsHoldersTest : public QObject
     }
 
     /// Starts the child, and returns once it holds the path.
-    std::unique_ptr<Child> holder(const QString& how, const QString& path) const
+    std::unique_ptr<QProcess> holder(const QString& how, const QString& path) const
     {
-        auto child = std::make_unique<Child>();
-        QProcess& process = child->process;
-        process.setWorkingDirectory(how == u"nothing" ? at(path) : QDir::rootPath());
-        process.setCreateProcessArgumentsModifier([](QProcess::CreateProcessArguments* arguments) {
+        auto child = std::make_unique<QProcess>();
+        child->setWorkingDirectory(how == u"nothing" ? at(path) : QDir::rootPath());
+        child->setCreateProcessArgumentsModifier([](QProcess::CreateProcessArguments* arguments) {
             arguments->flags |= DETACHED_PROCESS; // else a console's host is in that directory too
         });
-        process.start(QCoreApplication::applicationFilePath(), {u"hold"_s, how, at(path)});
-        while (!process.canReadLine() && process.waitForReadyRead(60'000))
+        child->start(QCoreApplication::applicationFilePath(), {u"hold"_s, how, at(path)});
+        while (!child->canReadLine() && child->waitForReadyRead(60'000))
             continue;
         return child;
     }
@@ -137,8 +93,8 @@ class WindowsHoldersTest : public QObject
 
     bool canDelete(const QString& path) const
     {
-        QFile file(at(path));
-        return QFileInfo(at(path)).isDir() ? QDir(at(path)).removeRecursively() : file.remove();
+        return QFileInfo(at(path)).isDir() ? QDir(at(path)).removeRecursively()
+                                           : QFile::remove(at(path));
     }
 
 private Q_SLOTS:
@@ -156,7 +112,7 @@ private Q_SLOTS:
         const auto child = holder(how, held);
         const LockerProbe probe = m_service.probeLockers({at(asked)});
         QVERIFY2(probe.ok && probe.processes.size() == 1, qPrintable(probe.error));
-        QCOMPARE(probe.processes[0].pid, child->pid());
+        QCOMPARE(probe.processes[0].pid, child->processId());
         QCOMPARE(probe.processes[0].exePath,
                  QDir::toNativeSeparators(QCoreApplication::applicationFilePath()));
         QVERIFY(!canDelete(held));
@@ -165,8 +121,8 @@ private Q_SLOTS:
         QCOMPARE(closed.message, u"已关闭 1 个句柄"_s);
         QCOMPARE(holdersOf(asked), QList<qint64>());
         QVERIFY(canDelete(held));
-        QCOMPARE(holdersOf(u"beside"_s), QList<qint64>{bystander->pid()});
-        QCOMPARE(child->process.state(), QProcess::Running);
+        QCOMPARE(holdersOf(u"beside"_s), QList<qint64>{bystander->processId()});
+        QCOMPARE(child->state(), QProcess::Running);
     }
 
     void closesNothingElse()
@@ -175,28 +131,32 @@ private Q_SLOTS:
         QList<HeldFile> held;
         QVERIFY(platform::findFileHolders({at(u"d/f"_s)}, held).ok);
         QCOMPARE(held.size(), 1);
-        const QString who = u"仍被占用: tst_windows_holders.exe (PID %1): "_s.arg(child->pid());
-        HeldFile other = held[0];
-        other.file.append('x'); // as if the handle were another file's now
-        QCOMPARE(platform::closeHeldFiles({other}).message, who + u"已重新打开"_s);
-        other = held[0];
-        ++other.startTime; // as if the process were another one of this PID
-        QCOMPARE(platform::closeHeldFiles({other}).message, who + u"已重新打开"_s);
-        other = held[0];
-        other.handle = 0; // as where the file is mapped, and on Windows the kernel says so
-        QCOMPARE(platform::closeHeldFiles({other}).message,
-                 who + u"没有可关闭的句柄(文件可能已载入其内存)"_s);
-        child->process.kill();
-        QVERIFY(child->process.waitForFinished());
+        const QString who =
+            u"仍被占用: tst_windows_holders.exe (PID %1): "_s.arg(child->processId());
+        const QString isOther = u"已重新打开"_s;
+        const QString isMapped = u"没有可关闭的句柄(文件可能已载入其内存)"_s;
+        // As if the handle were another file's now, or the process another one of this PID; and as
+        // where the file is mapped, and on Windows the kernel says so.
+        QList<HeldFile> others(3, held[0]);
+        others[0].file.append('x');
+        ++others[1].startTime;
+        others[2].handle = 0;
+        for (const HeldFile& other : others)
+            QCOMPARE(platform::closeHeldFiles({other}).message,
+                     who + (other.handle == 0 ? isMapped : isOther));
+        child->kill();
+        QVERIFY(child->waitForFinished());
         QVERIFY(platform::closeHeldFiles(held).ok);
     }
 
     void neverClosesItsOwn()
     {
-        const UniqueHandle own = open(at(u"d/f"_s), openForAll);
+        const UniqueHandle own = test::open(at(u"d/f"_s), readWrite);
         QCOMPARE(holdersOf(u"d"_s), QList<qint64>{QCoreApplication::applicationPid()});
         const OpResult closed = m_service.closeHandlesSync();
         QVERIFY(!closed.ok && closed.message.endsWith(u"是本程序自己"_s));
+        for (const auto& path : {u"\\\\localhost\\c$"_s, u"\\\\.\\C:"_s})
+            QVERIFY(!m_service.probeLockers({path}).ok);
         DWORD flags = 0;
         QVERIFY(GetHandleInformation(own.get(), &flags) != FALSE);
     }
@@ -207,21 +167,8 @@ private Q_SLOTS:
         const QList<qint64> found = holdersOf(u"d/f"_s);
         if (found.isEmpty())
             QSKIP("Wine does not tell who maps a file");
-        QCOMPARE(found, QList<qint64>{child->pid()});
+        QCOMPARE(found, QList<qint64>{child->processId()});
         QVERIFY(!m_service.closeHandlesSync().ok);
-    }
-
-    void answersTheTool()
-    {
-        const auto result = [this](const QString& path) {
-            return test::Client().call(u"unlock_file"_s, {{u"path"_s, path}}).text;
-        };
-        QVERIFY(result(at(u"free"_s)).contains(u"该文件当前未被任何进程占用,无需解锁"_s));
-        for (const auto& path : {u"\\\\localhost\\c$"_s, u"\\\\.\\C:"_s, u"C:\\"_s,
-                                 u"C:\\windows"_s, u"C:\\windows\\system32"_s}) {
-            QList<HeldFile> held;
-            QVERIFY(!platform::findFileHolders({path}, held).ok);
-        }
     }
 
     void givesUpWhatHangs()
@@ -255,16 +202,17 @@ private Q_SLOTS:
         QVERIFY(!platform::scheduleDeleteOnReboot({at(u"d"_s)}).ok); // not empty
         QVERIFY(!platform::scheduleDeleteOnReboot({at(u"absent"_s)}).ok);
         QVERIFY(!platform::scheduleDeleteOnReboot({u"\\\\localhost\\c$\\f"_s}).ok);
-        const std::wstring before = pendingRenames();
         const OpResult noted = platform::scheduleDeleteOnReboot({at(u"free"_s)});
         if (noted.message.contains(u"需要管理员权限"_s))
             QSKIP("needs administrator rights");
         QVERIFY2(noted.ok, qPrintable(noted.message));
-        const std::wstring after = pendingRenames();
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, sessionManager, renames, REG_MULTI_SZ, before.data(),
-                        static_cast<DWORD>(before.size() * sizeof(wchar_t)));
-        QVERIFY(after.size() > before.size());
-        QVERIFY(QString::fromStdWString(after).contains(at(u"free"_s)));
+        // Pairs of texts, with the NULs between them.
+        std::array<wchar_t, 0x8000> texts{};
+        DWORD size = sizeof texts;
+        RegGetValueW(HKEY_LOCAL_MACHINE, LR"(System\CurrentControlSet\Control\Session Manager)",
+                     L"PendingFileRenameOperations", RRF_RT_REG_MULTI_SZ, nullptr, texts.data(),
+                     &size);
+        QVERIFY(QString::fromWCharArray(texts.data(), size / 2).contains(at(u"free"_s)));
     }
 };
 

@@ -3,13 +3,7 @@
 #include "platform/processes.h"
 #include "platform/windows/processes/process_table.h"
 #include "platform/windows/sys/process_handle.h"
-#include "support/mcp_client.h"
-#include "support/table.h"
-
-#include <QProcess>
-
-#include <array>
-#include <functional>
+#include "support/windows.h"
 
 #include <winternl.h>
 
@@ -29,12 +23,9 @@ public:
         start(u"cmd.exe"_s, {u"/d"_s, u"/q"_s, u"/k"_s, u"rem a  b\""_s});
         waitForStarted();
     }
-    ~Shell() override { end(); }
-    Q_DISABLE_COPY_MOVE(Shell)
 
     quint32 pid() const { return static_cast<quint32>(processId()); }
     bool isRunning() { return !waitForFinished(0) && state() == Running; }
-    void end() { kill(), waitForFinished(); }
 };
 
 quint64 startOf(quint32 pid)
@@ -136,7 +127,8 @@ private Q_SLOTS:
         QCOMPARE(line[1].pid, parent.pid());
         QCOMPARE(line[2].pid, static_cast<quint32>(QCoreApplication::applicationPid()));
         const quint64 start = startOf(pid);
-        parent.end();
+        parent.kill();
+        QVERIFY(parent.waitForFinished());
         QCOMPARE(listed(u"pid"_s, pid)[u"parent_pid"_s], QJsonValue(0));
         QCOMPARE(ended(pid, start), u"yes: 进程 (PID N) 已结束"_s);
         QVERIFY(platform::processAndAncestors(pid).isEmpty());
@@ -145,8 +137,7 @@ private Q_SLOTS:
     void commandLines()
     {
         const Shell shell;
-        if (platform::processCommandLine(shell.pid()).isEmpty() &&
-            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr)
+        if (platform::processCommandLine(shell.pid()).isEmpty() && test::isWine)
             QSKIP("this Wine has no ProcessCommandLineInformation");
         QVERIFY(platform::processCommandLine(shell.pid()).endsWith(u"/d /q /k \"rem a  b\\\"\""_s));
     }

@@ -3,19 +3,10 @@
 #include "platform/recycle_bin.h"
 #include "platform/windows/recycle_bin/delete_sink.h"
 #include "platform/windows/recycle_bin/examined_entry.h"
-#include "platform/windows/sys/file_path.h"
-#include "platform/windows/sys/handle.h"
-#include "platform/windows/sys/system_library.h"
-#include "platform/windows/sys/text.h"
-#include "support/file_tree.h"
-#include "support/mcp_client.h"
-#include "support/table.h"
+#include "support/file_walk.h"
+#include "support/windows.h"
 
-#include <QDirIterator>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QThread>
-#include <QUrl>
 
 #include <optional>
 
@@ -30,17 +21,6 @@ using platform::moveToRecycleBin;
 
 namespace {
 
-const bool isWine = qEnvironmentVariableIsSet("WINECONFIGDIR");
-
-/// What the system below Wine calls the path.
-QString unixName(const QString& path)
-{
-    using UnixName = char* (*)(const wchar_t*);
-    const auto name = reinterpret_cast<UnixName>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"kernel32"), "wine_get_unix_file_name")));
-    return QString::fromUtf8(name(wide(QDir::toNativeSeparators(path))));
-}
-
 /// The entries in the bin, of all drives.
 qint64 inBin()
 {
@@ -49,25 +29,10 @@ qint64 inBin()
     return SUCCEEDED(SHQueryRecycleBinW(nullptr, &info)) ? info.i64NumItems : -1;
 }
 
-/// An open file that others may read, and not delete.
-UniqueHandle hold(const QString& path)
-{
-    return owned(CreateFileW(wide(extendedPath(path)), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                             OPEN_EXISTING, 0, nullptr));
-}
-
-/// Names and sizes of all at and below the directory.
+/// All in the directory, as the walk shows it.
 QStringList listing(const QString& directory)
 {
-    QStringList entries;
-    QDirIterator all(directory, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
-                     QDirIterator::Subdirectories);
-    while (all.hasNext()) {
-        const QFileInfo entry(all.next());
-        entries += all.filePath().sliced(directory.size()) + u'=' + QString::number(entry.size());
-    }
-    entries.sort();
-    return entries;
+    return test::shown(platform::walkEntries, directory);
 }
 
 } // namespace
@@ -84,7 +49,7 @@ class WindowsRecycleBinTest : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        if (!isWine)
+        if (!test::isWine)
             return;
         // The child's bin has a home that is none of Wine's; silenced, the shell would delete for good.
         m_directory.emplace();
@@ -92,7 +57,7 @@ private Q_SLOTS:
         qputenv("XDG_DATA_HOME", "C:\\");
         QCOMPARE(QProcess::execute(QCoreApplication::applicationFilePath(), {at(u"f"_s)}), 1);
         QVERIFY(QFile::exists(at(u"f"_s)));
-        qputenv("XDG_DATA_HOME", unixName(m_data.path()).toUtf8());
+        qputenv("XDG_DATA_HOME", test::unixName(m_data.path()).toUtf8());
     }
 
     void init() { m_directory.emplace(); }
@@ -136,31 +101,24 @@ private Q_SLOTS:
         }
 
         auto sink = DeleteSink::make();
-        void* object = sink.get();
+        void* object = nullptr;
         QCOMPARE(sink->QueryInterface(__uuidof(IShellItem), &object), E_NOINTERFACE);
-        QVERIFY(object == nullptr);
-        QCOMPARE(sink->QueryInterface(__uuidof(IUnknown), nullptr), E_POINTER);
         QCOMPARE(sink->QueryInterface(__uuidof(IFileOperationProgressSink), &object), S_OK);
-        auto* other = static_cast<IFileOperationProgressSink*>(object);
-        QCOMPARE(other->AddRef(), 3U);
-        QCOMPARE(other->Release(), 2U);
         sink.reset(); // The other reference keeps it.
-        QCOMPARE(other->Release(), 0U);
+        QCOMPARE(static_cast<IFileOperationProgressSink*>(object)->Release(), 0U);
     }
 
-    void movesAndRestores()
+    void moves()
     {
         test::makeTree(m_directory->path(),
                        u"a file.tmp=10|中文 %1=3|.hidden=1|empty/|d/e/f=5|d/g=7|read only=2"_s);
         const QString readOnly = at(u"read only"_s);
         SetFileAttributesW(wide(readOnly), FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
-        const QStringList before = listing(m_directory->path());
         const qint64 binned = std::max<qint64>(inBin(), 0);
         QStringList paths{at(u"gone"_s)};
-        for (const QFileInfo& entry :
-             QDir(m_directory->path())
-                 .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot))
-            paths += entry.filePath();
+        const auto all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+        for (const QString& name : QDir(m_directory->path()).entryList(all))
+            paths += at(name);
         paths.last() = QDir::toNativeSeparators(paths.last());
         const OpResult result = moveToRecycleBin(paths);
         QCOMPARE(result.message, u"已移到回收站 6 项"_s);
@@ -168,19 +126,6 @@ private Q_SLOTS:
         QCOMPARE(listing(m_directory->path()), QStringList());
         QCOMPARE(inBin(), binned + 6);
         QCOMPARE(moveToRecycleBin(paths).message, u"没有需要移动的内容 (可能已被删除)"_s);
-        if (!isWine)
-            return; // Windows' own programs restore there.
-        QDir trash(m_data.filePath(u"Trash"_s));
-        const QStringList infos =
-            QDir(trash.filePath(u"info"_s)).entryList(QDir::Files | QDir::Hidden);
-        for (const QString& info : infos) {
-            QFile file(trash.filePath(u"info/"_s + info));
-            QVERIFY(file.open(QFile::ReadOnly));
-            const QByteArray path = file.readAll().split('\n').at(1).mid(5);
-            const QString name = QUrl::fromPercentEncoding(path).section(u'/', -1);
-            QVERIFY(trash.rename(u"files/"_s + info.chopped(10), at(name)));
-        }
-        QCOMPARE(listing(m_directory->path()), before);
     }
 
     // Never what they lead to.
@@ -189,18 +134,13 @@ private Q_SLOTS:
         test::makeTree(m_directory->path(), u"there/f=1|here/"_s);
         for (const QString& target : {u"there"_s, u"there/f"_s}) {
             const QString link = at(u"here/"_s + target.section(u'/', -1));
-            if (isWine) // whose bin takes no link: it would take the target
-                QProcess::startDetached(u"Z:/usr/bin/ln"_s, {u"-s"_s, unixName(at(target)),
-                                                             unixName(at(u"here"_s)) + u'/'});
-            else
-                CreateSymbolicLinkW(wide(link), wide(QDir::toNativeSeparators(at(target))),
-                                    target == "there"_L1 ? 3 : 2);
-            if (!QTest::qWaitFor([&link] { return QFileInfo::exists(link); }))
+            if (!test::makeLink(link, u"../"_s + target, target == u"there"))
                 QSKIP("no links can be made here");
+            // Wine's bin takes no link: it would take the target.
             QCOMPARE(moveToRecycleBin({link}).message,
-                     isWine ? u"没有内容被移到回收站, 跳过 1 项 (是链接 1)"_s
-                            : u"已移到回收站 1 项"_s);
-            QCOMPARE(QFileInfo::exists(link), isWine);
+                     test::isWine ? u"没有内容被移到回收站, 跳过 1 项 (是链接 1)"_s
+                                  : u"已移到回收站 1 项"_s);
+            QCOMPARE(QFileInfo::exists(link), test::isWine);
             QVERIFY(QFile::exists(at(u"there/f"_s)));
         }
     }
@@ -213,8 +153,8 @@ private Q_SLOTS:
         QProcess running;
         running.start(program, {u"wait"_s});
         QVERIFY(running.waitForStarted());
-        const UniqueHandle held = hold(at(u"held"_s));
-        UniqueHandle deep = hold(at(u"d/e/held"_s));
+        const UniqueHandle held = test::open(at(u"held"_s), GENERIC_READ, FILE_SHARE_READ);
+        UniqueHandle deep = test::open(at(u"d/e/held"_s), GENERIC_READ, FILE_SHARE_READ);
         QVERIFY(held && deep);
         const QStringList before = listing(m_directory->path());
         const auto why = [](const QString& path) {
@@ -223,27 +163,17 @@ private Q_SLOTS:
             return result.ok ? u"moved"_s : because;
         };
         const QString drive = m_directory->path().first(3);
-        for (const auto& [path, expected] : {std::pair(at(u"held"_s), u"正在使用"_s),
-                                             {at(u"d"_s), u"正在使用"_s},
-                                             {program, u"正在使用"_s},
-                                             {u"free"_s, u"路径无效"_s},
-                                             {QString(), u"路径无效"_s},
-                                             {drive, u"路径无效"_s},
-                                             {at(u"free."_s), u"路径无效"_s},
-                                             {at(u"free "_s), u"路径无效"_s},
-                                             {at(u"x/../free"_s), u"路径无效"_s},
-                                             {at(u"free:s"_s), u"路径无效"_s},
-                                             {at(u"nul"_s), u"路径无效"_s},
-                                             {at(u"fre?"_s), u"路径无效"_s},
-                                             {uR"(\\host\x\free)"_s, u"路径无效"_s},
-                                             {uR"(\\.\pipe\x)"_s, u"路径无效"_s},
-                                             {at(QString(230, u'x')), u"路径过长"_s},
-                                             {QDir::tempPath(), u"系统保留"_s},
-                                             {QDir::homePath(), u"系统保留"_s},
-                                             {QDir::homePath().section(u'/', 0, -2), u"系统保留"_s},
-                                             {qEnvironmentVariable("SystemRoot"), u"系统保留"_s},
-                                             {QDir::currentPath(), u"系统保留"_s}})
-            QCOMPARE(path + u' ' + why(path), path + u' ' + expected);
+        for (const QString& path : {at(u"held"_s), at(u"d"_s), program})
+            QCOMPARE(path + why(path), path + u"正在使用"_s);
+        for (const QString& path : {u"free"_s, QString(), drive, at(u"free."_s), at(u"free "_s),
+                                    at(u"x/../free"_s), at(u"free:s"_s), at(u"nul"_s),
+                                    at(u"fre?"_s), uR"(\\host\x\free)"_s, uR"(\\.\pipe\x)"_s})
+            QCOMPARE(path + why(path), path + u"路径无效"_s);
+        QCOMPARE(why(at(QString(230, u'x'))), u"路径过长"_s);
+        const QString home = QDir::homePath();
+        for (const QString& path : {QDir::tempPath(), home, home.section(u'/', 0, -2),
+                                    qEnvironmentVariable("SystemRoot"), QDir::currentPath()})
+            QCOMPARE(path + why(path), path + u"系统保留"_s);
         QCOMPARE(listing(m_directory->path()), before);
         running.kill();
         QVERIFY(running.waitForFinished());
@@ -252,7 +182,8 @@ private Q_SLOTS:
         QCOMPARE(moveToRecycleBin(both).message, u"已移到回收站 2 项, 跳过 1 项 (正在使用 1)"_s);
     }
 
-    // Last, as it changes where things are. What the tools list is what can be moved, in whatever case a directory is named.
+    // Last, as it changes where things are. What the tools list is what can be moved, in whatever
+    // case a directory is named.
     void junk()
     {
         test::makeTree(m_directory->path(), u"crashdumps/a.dmp=3|crashdumps/d/b.dmp=4"_s);

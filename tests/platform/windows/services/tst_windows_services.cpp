@@ -3,11 +3,8 @@
 #include "platform/services.h"
 #include "platform/windows/services/service_manager.h"
 #include "platform/windows/sys/process_handle.h"
-#include "platform/windows/sys/text.h"
-#include "support/mcp_client.h"
-#include "support/table.h"
+#include "support/windows.h"
 
-#include <QDir>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -30,13 +27,9 @@ void report(DWORD state, DWORD hint = 0, DWORD error = NO_ERROR)
     const bool isSettled = state == SERVICE_RUNNING || state == SERVICE_STOPPED;
     const DWORD accepted =
         state == SERVICE_RUNNING && behaviour != "stubborn" ? SERVICE_ACCEPT_STOP : 0;
-    SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS,
-                          state,
-                          accepted,
-                          error == NO_ERROR ? DWORD{NO_ERROR} : DWORD{ERROR_SERVICE_SPECIFIC_ERROR},
-                          error,
-                          isSettled ? 0 : ++checkPoint,
-                          hint};
+    const DWORD exitCode = error == NO_ERROR ? DWORD{NO_ERROR} : ERROR_SERVICE_SPECIFIC_ERROR;
+    const DWORD step = isSettled ? 0 : ++checkPoint;
+    SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, accepted, exitCode, error, step, hint};
     SetServiceStatus(statusHandle, &status);
 }
 
@@ -240,7 +233,7 @@ private Q_SLOTS:
         listed(user.name);
         QCOMPARE(manager().enumDependents(u"korvane-nowhere"_s), QStringList());
         QCOMPARE(manager().queryDependencies(u"korvane-nowhere"_s), QStringList());
-        if (GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr)
+        if (test::isWine)
             QSKIP("Wine tells neither whom a service needs nor who needs it");
         QCOMPARE(manager().queryDependencies(user.name), QStringList{needed.name});
         QCOMPARE(manager().enumDependents(needed.name), QStringList{user.name});

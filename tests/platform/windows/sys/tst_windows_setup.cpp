@@ -2,29 +2,16 @@
 #include "platform/desktop.h"
 #include "platform/file_sync.h"
 #include "platform/process_setup.h"
-#include "platform/windows/sys/handle.h"
-#include "platform/windows/sys/text.h"
-#include "support/table.h"
-
-#include <QFile>
-#include <QTemporaryDir>
+#include "support/windows.h"
 
 #include <array>
 #include <future>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
-using windows_platform::UniqueHandle;
-using windows_platform::wide;
+using test::UniqueHandle;
 
 namespace {
-
-UniqueHandle opened(const QString& path, DWORD access)
-{
-    constexpr DWORD shared = FILE_SHARE_READ | FILE_SHARE_WRITE;
-    return windows_platform::owned(
-        CreateFileW(wide(path), access, shared, nullptr, OPEN_EXISTING, 0, nullptr));
-}
 
 /// Both ends of a pipe; its own is the program's.
 struct Pipe
@@ -34,8 +21,8 @@ struct Pipe
     UniqueHandle other;
 
     Pipe(DWORD direction, DWORD mode)
-        : own(CreateNamedPipeW(wide(name), direction, mode, 1, 4096, 4096, 0, nullptr)),
-          other(opened(name, direction & PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ))
+        : own(CreateNamedPipeW(test::wide(name), direction, mode, 1, 4096, 4096, 0, nullptr)),
+          other(test::open(name, direction & PIPE_ACCESS_INBOUND ? GENERIC_WRITE : GENERIC_READ))
     {
     }
     bool put(const char* text) const
@@ -123,7 +110,7 @@ private Q_SLOTS:
         QFile file(directory.filePath(u"input"_s));
         QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) &&
                 file.write("text") == 4 && platform::syncFile(file.handle()));
-        const UniqueHandle handle = opened(file.fileName(), GENERIC_READ);
+        const UniqueHandle handle = test::open(file.fileName(), GENERIC_READ);
         std::array<char, 8> buffer{};
         SetStdHandle(STD_INPUT_HANDLE, handle.get());
         auto streams = platform::prepareProcess();
@@ -159,10 +146,7 @@ private Q_SLOTS:
             QSKIP("no windows here, or another program's is in front");
         for (const int state : {1, 0}) {
             QCOMPARE(platform::toggleForegroundWindowTopmost(), state);
-            const auto isTopmost = [window] {
-                return GetWindowLongPtrW(window, GWL_EXSTYLE) >> 3 & 1;
-            };
-            QTRY_COMPARE(isTopmost(), state);
+            QTRY_COMPARE(GetWindowLongPtrW(window, GWL_EXSTYLE) >> 3 & 1, state);
         }
         DestroyWindow(window);
     }

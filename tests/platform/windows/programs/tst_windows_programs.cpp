@@ -1,26 +1,21 @@
-// Tests startup items on keys, tasks and extensions of the test's own.
+// Tests startup items and installed software on keys, tasks and extensions of the test's own, and that
+// uninstallers start.
+#include "platform/software.h"
 #include "platform/startup.h"
 #include "platform/windows/startup/scheduled_tasks.h"
-#include "platform/windows/sys/com.h"
 #include "platform/windows/sys/command_line.h"
-#include "platform/windows/sys/handle.h"
 #include "platform/windows/sys/registry.h"
-#include "support/mcp_client.h"
-#include "support/registry.h"
-#include "support/table.h"
+#include "support/windows.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
+#include <functional>
 
 #include <sddl.h>
-#include <taskschd.h>
 #include <winternl.h>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
 using windows_platform::RegistryKey;
+using windows_platform::systemFunction;
 using windows_platform::wide;
 
 namespace {
@@ -57,9 +52,90 @@ QString taskXml(const QString& triggers, const QString& actions)
            "</Task>"_s.arg(triggers, actions);
 }
 
+const QByteArray one("\1\0\0\0", 4);
+
+struct Value
+{
+    const char* key;
+    const char* name;
+    const char* text; ///< A number where there is none.
+    REGSAM view = view64;
+    HKEY root = machine;
+};
+
+const Value values[]{
+    {"a", "DisplayName", "KT 全部 "},
+    {"a", "DisplayVersion", "1.2"},
+    {"a", "Publisher", "P %1"},
+    {"a", "UninstallString", R"("C:\a\u.exe" /x)"},
+    {"a", "DisplayName", "KT 全部", view32}, // Another program,
+    {"both", "DisplayName", "KT both"},      // the same one.
+    {"both", "DisplayName", "KT both", view32},
+    {"user", "DisplayName", "KT user", view64, HKEY_CURRENT_USER},
+    {"{12345678-1234-1234-1234-123456789abc}", "DisplayName", "KT package"},
+    {"{12345678-1234-1234-1234-123456789abc}", "WindowsInstaller", nullptr},
+    // What the system's own list hides.
+    {"system", "DisplayName", "KT hidden"},
+    {"system", "SystemComponent", nullptr},
+    {"parent", "DisplayName", "KT hidden"},
+    {"parent", "ParentKeyName", "x"},
+    {"parent2", "DisplayName", "KT hidden"},
+    {"parent2", "ParentDisplayName", "x"},
+    {"update", "DisplayName", "KT hidden"},
+    {"update", "ReleaseType", "Security Update"},
+    {"fix", "DisplayName", "KT hidden"},
+    {"fix", "ReleaseType", "Hotfix"},
+    {"number", "DisplayName", nullptr},
+    {"nameless", "Publisher", "KT hidden"},
+    // Values of other types than they should be.
+    {"odd", "EstimatedSize", "many"},
+    {"odd", "SystemComponent", "1"},
+};
+
+/// Values of the registry, taken back at the end.
+class Registry
+{
+    Q_DISABLE_COPY_MOVE(Registry)
+
+public:
+    Registry() = default;
+    ~Registry()
+    {
+        for (auto undo = m_undo.rbegin(); undo != m_undo.rend(); ++undo)
+            (*undo)();
+    }
+
+    /// Sets a value in a key, which is made where it is missing, and then removed at the end.
+    void set(HKEY root, REGSAM view, const QString& path, const QString& name, DWORD type,
+             const QByteArray& data)
+    {
+        HKEY key = nullptr;
+        DWORD made = 0;
+        RegCreateKeyExW(root, wide(path), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, &key,
+                        &made);
+        RegSetValueExW(key, wide(name), 0, type, reinterpret_cast<const BYTE*>(data.constData()),
+                       static_cast<DWORD>(data.size()));
+        m_undo.emplace_back([=] {
+            RegDeleteValueW(key, wide(name));
+            RegCloseKey(key);
+            if (made == REG_CREATED_NEW_KEY)
+                RegDeleteKeyExW(root, wide(path), view, 0);
+        });
+    }
+    void set(HKEY root, REGSAM view, const QString& path, const QString& name, const QString& text,
+             DWORD type = REG_SZ)
+    {
+        const auto* data = reinterpret_cast<const char*>(text.utf16());
+        set(root, view, path, name, type, QByteArray(data, (text.size() + 1) * 2));
+    }
+
+private:
+    std::vector<std::function<void()>> m_undo;
+};
+
 } // namespace
 
-class TestWindowsStartup : public QObject
+class TestWindowsPrograms : public QObject
 {
     Q_OBJECT
 
@@ -98,7 +174,7 @@ private Q_SLOTS:
 
     void runItems()
     {
-        test::Registry registry;
+        Registry registry;
         registry.set(machine, view64, run, u"KT two"_s, u"\"C:\\a\" 64"_s);
         registry.set(machine, view32, run, u"KT two"_s, u"\"C:\\a\" 32"_s);
         registry.set(machine, view32, run, u"KT 三"_s, u"C:\\b.exe x"_s);
@@ -142,7 +218,7 @@ private Q_SLOTS:
 
     void aMachineKeyWithoutRights()
     {
-        test::Registry registry;
+        Registry registry;
         registry.set(machine, view64, run, u"KT machine"_s, u"x"_s);
         registry.set(machine, view64, switches + u"Run"_s, u"KT other"_s, REG_BINARY, "\2");
         HKEY key = nullptr;
@@ -169,20 +245,16 @@ private Q_SLOTS:
     {
         using SetValue = LONG(WINAPI*)(HANDLE, UNICODE_STRING*, ULONG, ULONG, const void*, ULONG);
         using DeleteValue = LONG(WINAPI*)(HANDLE, UNICODE_STRING*);
-        const HMODULE library = GetModuleHandleW(L"ntdll.dll");
-        const auto function = [&](const char* name) {
-            return reinterpret_cast<void (*)()>(GetProcAddress(library, name));
-        };
         HKEY key = nullptr;
         RegCreateKeyExW(user, wide(run), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
         std::wstring name(L"KT \0hidden", 10);
         UNICODE_STRING hidden{20, 20, name.data()};
-        reinterpret_cast<SetValue>(function("NtSetValueKey"))(key, &hidden, 0, REG_SZ, L"C:\\h.exe",
-                                                              18);
+        systemFunction<SetValue>(L"ntdll.dll", "NtSetValueKey")(key, &hidden, 0, REG_SZ,
+                                                                L"C:\\h.exe", 18);
         const QStringList rows = listed();
         const QString shown = QString::fromWCharArray(name.data(), 10);
         const OpResult result = platform::setRunItemEnabled(StartupSource::hkcu, shown, false);
-        reinterpret_cast<DeleteValue>(function("NtDeleteValueKey"))(key, &hidden);
+        systemFunction<DeleteValue>(L"ntdll.dll", "NtDeleteValueKey")(key, &hidden);
         RegCloseKey(key);
         QCOMPARE(rows, QStringList{shown + u"|C:\\h.exe|C:\\h.exe|hkcu|true"_s});
         QVERIFY(!result.ok && result.message.contains(u"空字符"_s));
@@ -203,26 +275,24 @@ private Q_SLOTS:
                                     taskXml(u"<BootTrigger/>"_s, program).chopped(9)})
             QVERIFY(!windows_platform::itemOfTask(none));
 
-        const windows_platform::ComApartment apartment;
-        const auto service = windows_platform::makeObject<ITaskService>(__uuidof(TaskScheduler));
-        QVERIFY(service && SUCCEEDED(service->Connect({}, {}, {}, {})));
-        const auto text = [](const QString& plain) {
-            return windows_platform::ComText(SysAllocString(wide(plain)));
+        const QTemporaryDir directory;
+        QFile file(directory.filePath(u"task"_s));
+        const QString xml =
+            QChar(QChar::ByteOrderMark) +
+            taskXml(logon.arg(u"true"_s),
+                    program.section(u"<Exec><C"_s, 0, -2).remove(u"<ComHandler/>"_s));
+        QVERIFY(file.open(QFile::WriteOnly) &&
+                file.write(reinterpret_cast<const char*>(xml.utf16()), 2 * xml.size()) ==
+                    2 * xml.size());
+        file.close();
+        const auto schtasks = [](const QString& what, const QStringList& more) {
+            const QString name = u"\\korvane test\\deeper\\任务"_s;
+            return QProcess::execute(u"schtasks"_s, QStringList{what, u"/tn"_s, name} + more);
         };
-        const auto folder = windows_platform::comResult<ITaskFolder>(
-            [&](ITaskFolder** root) { return service->GetFolder(text(u"\\"_s).get(), root); });
-        const auto path = text(u"\\korvane test\\deeper\\任务"_s);
-        const auto xml =
-            text(taskXml(logon.arg(u"true"_s),
-                         program.section(u"<Exec><C"_s, 0, -2).remove(u"<ComHandler/>"_s)));
-        const auto task = windows_platform::comResult<IRegisteredTask>([&](IRegisteredTask** made) {
-            return folder->RegisterTask(path.get(), xml.get(), TASK_CREATE_OR_UPDATE, {}, {},
-                                        TASK_LOGON_INTERACTIVE_TOKEN, {}, made);
-        });
-        QVERIFY(task);
+        QCOMPARE(schtasks(u"/create"_s, {u"/xml"_s, file.fileName()}), 0);
         QString error;
         auto items = platform::listScheduledTasks(&error);
-        folder->DeleteTask(path.get(), 0);
+        QCOMPARE(schtasks(u"/delete"_s, {u"/f"_s}), 0);
         if (items.isEmpty() && error.contains(QString::number(uint(E_NOTIMPL), 16)))
             QSKIP("Wine registers tasks, but does not list them");
         QCOMPARE(error, QString());
@@ -233,7 +303,7 @@ private Q_SLOTS:
 
     void shellExtensions()
     {
-        test::Registry registry;
+        Registry registry;
         const QString list = uR"(Software\Microsoft\Windows\CurrentVersion\Shell Extensions\)"_s;
         const QString id = u"{12345678-1234-1234-1234-12345678ABCD}"_s;
         const QString server = uR"(Software\Classes\CLSID\%1\InprocServer32)"_s.arg(id);
@@ -254,7 +324,69 @@ private Q_SLOTS:
         QCOMPARE(rows, (QStringList{u"KT ext|%1|C:\\a b\\64.dll|on"_s.arg(id),
                                     u"KT ext|%1|C:\\32.dll|off"_s.arg(id)}));
     }
+
+    void software()
+    {
+        const QString all = uR"(Software\Microsoft\Windows\CurrentVersion\Uninstall\)"_s;
+        Registry registry;
+        for (const Value& value : values) {
+            const QString key = all + QString::fromLatin1(value.key);
+            const QString name = QString::fromLatin1(value.name);
+            if (value.text != nullptr)
+                registry.set(value.root, value.view, key, name, QString::fromUtf8(value.text));
+            else
+                registry.set(value.root, value.view, key, name, REG_DWORD, one);
+        }
+        const QByteArray size("\0\4\0\xff", 4);
+        registry.set(machine, view64, all + u"a"_s, u"EstimatedSize"_s, REG_DWORD, size);
+        registry.set(machine, view64, all + u"a"_s, u"InstallLocation"_s, u"%SystemDrive%\\a"_s,
+                     REG_EXPAND_SZ);
+        const QByteArray odd("K\0T\0 \0o\0d\0d\0x", 13); // Half a character too much, and no end.
+        registry.set(machine, view64, all + u"odd"_s, u"DisplayName"_s, REG_SZ, odd);
+        const QString longName = u"KT long"_s + QString(5000, u'x');
+        registry.set(machine, view64, all + u"long"_s, u"DisplayName"_s, longName);
+
+        test::Client client;
+        QStringList rows =
+            client.call(u"list_uninstall_entries"_s)
+                .rows(u"entries"_s, "display_name display_version publisher install_location "
+                                    "uninstall_string size_kb source");
+        rows.removeIf([](const QString& row) { return !row.startsWith(u"KT "_s); });
+        rows.sort();
+        QCOMPARE(rows,
+                 (QStringList{u"KT both|||||0|系统 64"_s, longName.left(1024) + u"|||||0|系统 64"_s,
+                              u"KT odd|||||0|系统 64"_s,
+                              u"KT package||||MsiExec.exe "
+                              "/X{12345678-1234-1234-1234-123456789abc}|0|系统 64"_s,
+                              u"KT user|||||0|用户"_s,
+                              u"KT 全部|1.2|P %1|C:\\a|\"C:\\a\\u.exe\" /x|4278191104|系统 64"_s,
+                              u"KT 全部|||||0|系统 32"_s}));
+    }
+
+    void uninstallers()
+    {
+        QTemporaryDir directory;
+        const QString folder = QDir::toNativeSeparators(directory.path());
+        const QString program = folder + u"\\un install.exe"_s;
+        QVERIFY(QFile::copy(u"C:/windows/system32/cmd.exe"_s, program));
+        UninstallEntry entry;
+        for (const QString& start : {u'"' + program + u'"', program, u"cmd.exe"_s}) {
+            const QString sign = folder + u"\\done"_s + QString::number(start.size());
+            entry.uninstallString = start + u" /c echo>"_s + sign;
+            const OpResult result = platform::uninstallSoftware(entry);
+            QVERIFY2(result.ok, qUtf8Printable(result.message));
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sign), 20'000);
+        }
+        for (const QString& command : {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s,
+                                       QString(), u'"' + folder + u'"'}) {
+            entry.uninstallString = command;
+            const OpResult result = platform::uninstallSoftware(entry);
+            QVERIFY2(!result.ok && result.message.contains(u"卸载程序"_s), qUtf8Printable(command));
+        }
+        // They may still be ending.
+        QTRY_VERIFY(QFile::remove(program) || !QFile::exists(program));
+    }
 };
 
-QTEST_GUILESS_MAIN(TestWindowsStartup)
-#include "tst_windows_startup.moc"
+QTEST_GUILESS_MAIN(TestWindowsPrograms)
+#include "tst_windows_programs.moc"
