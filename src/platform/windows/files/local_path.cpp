@@ -1,6 +1,7 @@
 // Follows links by reading them, so that it is known where they lead before anything is opened.
 #include "platform/windows/files/local_path.h"
 
+#include "platform/windows/paths/drive_path.h"
 #include "platform/windows/sys/file_path.h"
 #include "platform/windows/sys/handle.h"
 #include "platform/windows/sys/text.h"
@@ -112,11 +113,12 @@ bool followFirstLink(QString& path)
 
 std::optional<QString> localPath(const QString& path)
 {
-    const QString shown = displayPath(path);
-    if (shown.startsWith(u"\\\\"_s))
-        return std::nullopt;
-    QString way =
-        QDir::toNativeSeparators(QDir::cleanPath(QDir::current().absoluteFilePath(shown)));
+    QString way = displayPath(path);
+    if (way.size() == rootSize - 1 && way.endsWith(u':')) // not the directory that is current there
+        way += u'\\';
+    if (!isOnDrive(way))
+        way = drivePath(way);
+    way = QDir::toNativeSeparators(QDir::cleanPath(way));
     for (int followed = 0; followed <= maxLinks; ++followed) {
         if (!isOnOwnDrive(way))
             return std::nullopt;

@@ -25,9 +25,9 @@ DWORD start(const Command& command)
     startup.cb = sizeof startup;
     PROCESS_INFORMATION started{};
     // A console of its own: what it prints must not get among this process's output.
-    const BOOL isStarted =
-        CreateProcessW(wide(command.executable), reinterpret_cast<wchar_t*>(line.data()), nullptr,
-                       nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &startup, &started);
+    const BOOL isStarted = CreateProcessW(
+        wide(command.executable), reinterpret_cast<wchar_t*>(line.data()), nullptr, nullptr, FALSE,
+        CREATE_NEW_CONSOLE | CREATE_DEFAULT_ERROR_MODE, nullptr, nullptr, &startup, &started);
     if (isStarted == FALSE)
         return GetLastError();
     const UniqueHandle process(started.hProcess);
