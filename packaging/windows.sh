@@ -118,7 +118,7 @@ build() {
 case ${1:-} in
     framework) build_framework "$(framework_directory)" ;;
     wine) make_wine && make_prefix ;;
-    build) build ;;
+    build) build "${@:2}" ;;
     *)
         echo 'windows.sh build|test|package' >&2
         exit 2
