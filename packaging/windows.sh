@@ -8,6 +8,27 @@ root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=packaging/dependencies.sh
 . "$root/packaging/dependencies.sh"
 
+windows_needs=(
+    cmake=cmake
+    ninja=ninja-build
+    '/usr/lib/*/cmake/Qt6Core/Qt6CoreConfig.cmake=qt6-base-dev' # whose tools the framework's build uses
+    /usr/lib/qt6/bin/lrelease=qt6-l10n-tools
+    x86_64-w64-mingw32-g++-posix=g++-mingw-w64-x86-64-posix
+    dpkg-source=dpkg-dev
+)
+wine_needs=(
+    debootstrap=debootstrap
+    unshare=util-linux
+    osslsigncode=osslsigncode
+    openssl=openssl
+    node=nodejs
+    npm=npm
+    Xvfb=xvfb
+    evilwm=evilwm
+    xdotool=xdotool
+)
+readonly impossible=77 # Exit code where this machine cannot have what it takes.
+
 cache=${KORVANE_WINDOWS_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/korvane-windows}
 mkdir -p "$cache"
 
@@ -47,14 +68,10 @@ fetch_framework_source() {
     mkdir -p "$lists/partial"
     release=$(. /etc/os-release && echo "$VERSION_CODENAME")
     mirror=$(debian_mirror)
-    if [ -z "$mirror" ]; then
-        say 'apt has no archive of Debian here; please name one in KORVANE_MIRROR'
-        return 1
-    fi
     echo "deb-src $mirror $release main" >"$directory/sources.list"
     apt=(apt-get -q -o "Dir::Etc::sourcelist=$directory/sources.list" -o Dir::Etc::sourceparts=-
-        -o "Dir::State::lists=$lists" -o APT::Sandbox::User=root)
-    "${apt[@]}" update >&2 &&
+        -o "Dir::State::lists=$lists" -o APT::Sandbox::User=root -o APT::Update::Error-Mode=any)
+    [ -n "$mirror" ] && "${apt[@]}" update >&2 &&
         (cd "$directory" && "${apt[@]}" --download-only source "qt6-base=$(framework_version)" >&2)
 }
 
@@ -64,8 +81,11 @@ build_framework() {
     work=$(mktemp -d "$cache/building-XXXXXX")
     # shellcheck disable=SC2064 # the directory's name as it is now
     trap "rm -rf '$work'" EXIT
-    fetch_framework_source "$work"
-    say "building the framework for Windows, once; this takes about half an hour"
+    if ! fetch_framework_source "$work"; then
+        say 'not built for Windows: apt has no source package of the framework here (see KORVANE_MIRROR)'
+        exit "$impossible"
+    fi
+    say 'building the framework for Windows, once; this takes about half an hour'
     (
         cd "$work"
         dpkg-source --no-check -x ./*.dsc source >&2
@@ -76,6 +96,10 @@ build_framework() {
         cmake --install build --strip >install.log
         mkdir -p "$target/licenses"
         cp source/LICENSES/* "$target/licenses/"
+        cd source # Where parts of others have their own terms.
+        find src -type f \( -iname '*licen[cs]e*' -o -iname 'copying*' \) ! -name '*.png' \
+            -exec cp --parents -t "$target/licenses" {} +
+        cd ..
         cp ./*.dsc "$target/"
     ) >&2
     touch "$target/built"
@@ -83,42 +107,98 @@ build_framework() {
     trap - EXIT
 }
 
-# Wine 10, from Debian 13 where this machine has an older one: it is the better judge.
+has_wine() {
+    command -v wine >/dev/null && [ "$(wine --version | sed 's/wine-\([0-9]*\).*/\1/')" -ge 10 ]
+}
+
+# Wine 10, from Debian 13 where this machine has none or an older one: it is the better judge.
 make_wine() {
-    local machine=$cache/wine-root mirror
-    [ -e "$machine/made" ] && return 0
-    if command -v wine >/dev/null && [ "$(wine --version | sed 's/wine-\([0-9]*\).*/\1/')" -ge 10 ]; then
+    local machine=$cache/wine-root
+    if [ -e "$machine/made" ] || has_wine; then
         return 0
     fi
-    mirror=$(debian_mirror)
     say 'making a Debian 13 root for its Wine'
     as_root rm -rf --one-file-system "$machine"
-    as_root debootstrap --variant=minbase --include=wine,wine64 trixie "$machine" "$mirror" \
-        >"$cache/wine-root.log"
+    as_root debootstrap --variant=minbase --include=wine,wine64 trixie "$machine" \
+        "$(debian_mirror)" >"$cache/wine-root.log"
     as_root touch "$machine/made"
 }
 
+# make_prefix DIRECTORY: a Windows 10 of Wine's, a copy of one that is made once.
 make_prefix() {
-    local prefix=${WINEPREFIX:-$cache/prefix}
-    [ -e "$prefix/made" ] && return 0
-    mkdir -p "$prefix"
-    "$root/packaging/wine.sh" wineboot --init >/dev/null 2>&1
-    "$root/packaging/wine.sh" reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null
-    touch "$prefix/made"
+    local made=$cache/prefix
+    if [ ! -e "$made/made" ]; then
+        rm -rf "$made"
+        mkdir -p "$made"
+        WINEPREFIX=$made "$root/packaging/wine.sh" wineboot --init >/dev/null 2>&1
+        WINEPREFIX=$made "$root/packaging/wine.sh" \
+            reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null 2>&1
+        WINEPREFIX=$made "$root/packaging/wine.sh" wineserver --wait
+        touch "$made/made"
+    fi
+    rm -rf "$1"
+    cp -a "$made" "$1"
 }
 
 build() {
-    local framework
-    framework=$(framework_directory)
-    build_framework "$framework"
-    export KORVANE_WINDOWS_QT=$framework
+    install_missing "${windows_needs[@]}"
+    KORVANE_WINDOWS_QT=$(framework_directory)
+    export KORVANE_WINDOWS_QT
+    build_framework "$KORVANE_WINDOWS_QT"
     configure_and_build "$root" windows "$@"
 }
 
+test_programs() {
+    install_missing "${wine_needs[@]}"
+    build -DKORVANE_TESTS=ON -DKORVANE_WERROR=ON
+    install_npm_packages "$root/tests/e2e"
+    make_wine
+    export WINEPREFIX=$root/build/windows/prefix
+    make_prefix "$WINEPREFIX"
+    (cd "$root" && ctest --preset windows -LE slow)
+}
+
+# The zip with both programs and the terms of what is in them, tried in a Windows of its own.
+make_package() {
+    local directory name framework answer
+    build -DKORVANE_TESTS=OFF -DKORVANE_DESK=ON
+    framework=$KORVANE_WINDOWS_QT
+    name=korvane-$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")-windows-x86_64
+    directory=$root/build/package/$name
+    rm -rf "${directory%/*}"
+    mkdir -p "$directory/licences"
+    cp "$root/build/windows/src/"korvane-{mcp,desk}.exe "$root"/{README.md,LICENSE} "$directory/"
+    x86_64-w64-mingw32-strip "$directory"/*.exe
+    if x86_64-w64-mingw32-objdump -p "$directory"/*.exe | grep 'DLL Name: lib'; then
+        say 'a program wants a library beside it'
+        return 1
+    fi
+    cp "$root/packaging/windows-licences.md" "$directory/licences/README.md"
+    cp -r "$framework/licenses/." "$framework"/*.dsc "$directory/licences/"
+    cp /usr/share/doc/mingw-w64-common/copyright "$directory/licences/mingw-w64.txt"
+    cp /usr/share/doc/gcc-mingw-w64-base/copyright "$directory/licences/gcc.txt"
+    (cd "${directory%/*}" && cmake -E tar cf "$name.zip" --format=zip "$name")
+
+    make_wine
+    mkdir "$directory-unpacked"
+    (cd "$directory-unpacked" && cmake -E tar xf "$directory.zip")
+    export WINEPREFIX=$directory-prefix
+    make_prefix "$WINEPREFIX"
+    answer=$(cd / && echo '{"jsonrpc":"2.0","id":1,"method":"initialize"}' |
+        timeout 60 "$root/packaging/wine.sh" "$directory-unpacked/$name/korvane-mcp.exe" 2>/dev/null)
+    case $answer in
+        *'"name":"kor-vane"'*) ;;
+        *) say "the unpacked program answers: $answer" && return 1 ;;
+    esac
+    rm -rf "$directory-unpacked" "$WINEPREFIX" "$directory"
+    ls -l "$directory.zip"
+}
+
 case ${1:-} in
-    framework) build_framework "$(framework_directory)" ;;
-    wine) make_wine && make_prefix ;;
     build) build "${@:2}" ;;
+    wine) make_wine && make_prefix ;; # for bench/run.sh
+    test) test_programs ;;
+    package) make_package ;;
     *)
         echo 'windows.sh build|test|package' >&2
         exit 2

@@ -9,6 +9,7 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QMutex>
+#include <QSemaphore>
 
 #include <atomic>
 #include <cstdlib>
@@ -140,13 +141,19 @@ public:
     /// as long as the reader does, so the request is never dropped.
     QJsonObject ask(const QJsonObject& request)
     {
-        // An atomic looks again a few times before it sleeps, which a blocking invocation does
-        // not. Only one of the two threads ever works, so they lose nothing by sharing a processor.
-        const quint32 answeredBefore = m_answered.load();
+        // To look again a few times is cheaper than to sleep at once, as a blocking invocation does.
+        // Only one of the two threads ever works, so they lose nothing by sharing a processor.
+        constexpr int looks = 16;
         m_processor.gather();
         QMetaObject::invokeMethod(
             m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
-        m_answered.wait(answeredBefore);
+        bool isAnswered = m_answered.tryAcquire();
+        for (int i = 0; i < looks && !isAnswered; ++i) {
+            std::this_thread::yield();
+            isAnswered = m_answered.tryAcquire();
+        }
+        if (!isAnswered)
+            m_answered.acquire();
         m_processor.release();
         return std::exchange(m_response, {});
     }
@@ -156,14 +163,14 @@ private:
     {
         m_processor.release();
         m_response = m_server->handleRequest(request, ProgressCallback());
-        m_answered.fetch_add(1);
-        m_answered.notify_one();
+        m_answered.release();
     }
 
     McpServer* m_server;
     SharedProcessor& m_processor;
     QJsonObject m_response;
-    std::atomic<quint32> m_answered = 0;
+    /// Not an atomic's wait(): where the system has no futex, GCC's may miss what notifies it.
+    QSemaphore m_answered;
 };
 
 /// The response to one line; empty when there is none to write.

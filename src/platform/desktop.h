@@ -1,4 +1,4 @@
-// What graphical hosts of the services ask of the desktop.
+// What graphical hosts of the services ask of the desktop. Linux has a back end for none of it.
 #pragma once
 
 #include <QString>

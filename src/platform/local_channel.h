@@ -60,7 +60,8 @@ struct LocalConnection
 
 /// Connects to who listens under that name, for which it waits up to `limit`, without an event loop. Who
 /// that is has yet to be told, by peerOf(). Any thread.
-/// Windows: CreateFileW at the identification level: who listens may learn who this is, not act as it.
+/// Linux: connect(2). Windows: CreateFileW at the identification level, so that who listens may learn
+/// who this is, not act as it; WaitNamedPipeW while all instances are taken.
 LocalConnection connectLocally(const QString& name, std::chrono::milliseconds limit);
 
 /// Whether the other end is there as of now, not of the last event; what has come is read, and an end is
@@ -70,8 +71,8 @@ bool isStillConnected(QLocalSocket& socket);
 
 /// Sends the last bytes of a connection and ends it, waiting for nobody to read them. True when the
 /// system has taken all of them over for somebody who was there. The socket deletes itself.
-/// Windows: at most a moment for WriteFile; the pipe is left once the other has, or after some seconds,
-/// as what is unread goes with it.
+/// Linux: what is unread stays for the other end. Windows: at most a moment for WriteFile; the pipe is
+/// left once the other has, or after 5 s, as what is unread goes with it.
 bool sendAndEnd(std::unique_ptr<QLocalSocket> socket, const QByteArray& bytes);
 
 } // namespace korvane::platform

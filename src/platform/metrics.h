@@ -17,6 +17,7 @@ void sampleSystemMetrics(LoadCounters& before, SystemMetrics& out);
 void sampleSystemMetrics(SystemMetrics& out);
 
 /// Fills only the memory and commit fields of `out`, cheaply.
+/// Linux: /proc/meminfo. Windows: GetPerformanceInfo.
 void sampleMemoryOnly(SystemMetrics& out);
 
 } // namespace korvane::platform

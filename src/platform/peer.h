@@ -29,7 +29,8 @@ struct Peer
 /// Linux: SO_PEERCRED; never the overflow user of a user namespace that leaves users out
 /// (/proc/self/uid_map), as whom all of those read. Windows: GetNamedPipeClientProcessId or
 /// ...ServerProcessId and the user of that process's token, together with the pipe's owner
-/// (GetSecurityInfo); an administrator counts as such while elevated. Without a back end: this program's own user.
+/// (GetSecurityInfo), of whom both must be trusted; an administrator counts as such while elevated, and a
+/// program in a sandbox, of low integrity, is somebody else. Without a back end: this program's own user.
 std::optional<Peer> peerOf(qintptr socketDescriptor);
 
 /// Whether two absolute paths are one to the system, which is not asked. Any thread.

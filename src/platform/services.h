@@ -15,7 +15,8 @@ namespace korvane::platform {
 QList<ServiceItem> listServices(QStringList& shown, QString* error);
 
 /// Names of the services that depend on `name`, or that it depends on; empty on failure too.
-/// Windows: EnumDependentServicesW; groups that it depends on are left out.
+/// Linux: properties of the unit, on the system bus. Windows: EnumDependentServicesW, and
+/// QueryServiceConfigW without the groups that it names.
 QList<QString> servicesDependingOn(const QString& name);
 QList<QString> servicesNeededBy(const QString& name);
 

@@ -12,7 +12,8 @@ bool startsWithSession();
 
 /// Has the session start this program, with the argument --background, or not; not ok, with what is in
 /// the way, where that cannot be set. Any thread.
-/// Linux: writes or removes that entry. Windows: that value; 260 characters at most. Without a back end: not ok.
+/// Linux: writes or removes that entry. Windows: that value, of 260 characters at most.
+/// Without a back end: not ok.
 OpResult setStartsWithSession(bool starts);
 
 } // namespace korvane::platform

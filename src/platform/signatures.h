@@ -10,10 +10,11 @@ namespace korvane::platform {
 /// Windows: WinVerifyTrust on the file, then on the catalogs that have its hash (CryptCATAdmin...).
 SignatureStatus verifySignature(const QString& path);
 
-/// Whether verifySignature() can have any other answer than Unknown.
+/// Whether verifySignature() can have any other answer than Unknown. Linux: false. Windows: true.
 bool canVerifySignatures();
 
-/// The name of the signer of the file at `path`; empty when it has none. Windows: CryptQueryObject.
+/// The name of the signer of the file at `path`; empty when it has none. Linux: not
+/// supported. Windows: CryptQueryObject, on the file, else on the catalog that has its hash.
 QString signerName(const QString& path);
 
 } // namespace korvane::platform

@@ -15,7 +15,8 @@ QList<StartupItem> listScheduledTasks(QString* error);
 QList<StartupItem> listShellExtensions(QString* error);
 
 /// Enables or disables the run item that listRunItems() has first under `source` and `name`, case
-/// included. Windows: StartupApproved, which takes an administrator's rights for the machine's.
+/// included. Linux: not supported.
+/// Windows: StartupApproved, which takes an administrator's rights for the machine's.
 OpResult setRunItemEnabled(StartupSource source, const QString& name, bool enabled);
 
 } // namespace korvane::platform

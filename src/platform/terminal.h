@@ -38,7 +38,7 @@ protected:
 };
 
 /// None where standard input or output is no terminal. Needs the application object.
-/// Linux: isatty, tcflush, TIOCGWINSZ. Without a back end: none.
+/// Linux: isatty, tcflush, TIOCGWINSZ. Windows, as without a back end: none.
 std::unique_ptr<Terminal> openTerminal();
 
 } // namespace korvane::platform

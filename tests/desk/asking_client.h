@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QLocalSocket>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QTestEventLoop>
 
 namespace korvane::test {

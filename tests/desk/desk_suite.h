@@ -6,7 +6,6 @@
 #include "fake/fake_platform.h"
 
 #include <QSignalSpy>
-#include <QTest>
 
 #include <deque>
 #include <memory>

@@ -20,8 +20,8 @@ public:
     Registry() = default;
     ~Registry()
     {
-        for (auto undo = m_undo.rbegin(); undo != m_undo.rend(); ++undo)
-            (*undo)();
+        for (; !m_undo.empty(); m_undo.pop_back())
+            m_undo.back()();
     }
 
     /// Sets a value in a key, which is made where it is missing, and then removed at the end.

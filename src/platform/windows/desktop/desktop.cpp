@@ -1,6 +1,7 @@
 // Sleep, the recycle bin, downloads and windows.
 #include "platform/desktop.h"
 
+#include "platform/paths.h"
 #include "platform/windows/sys/com.h"
 #include "platform/windows/sys/file_path.h"
 #include "platform/windows/sys/text.h"
@@ -32,7 +33,7 @@ bool platform::emptyRecycleBin()
 bool platform::removeMarkOfTheWeb(const QString& path)
 {
     const QString file = extendedPath(path);
-    if (GetFileAttributesW(wide(file)) == INVALID_FILE_ATTRIBUTES)
+    if (!isLocalPath(path) || GetFileAttributesW(wide(file)) == INVALID_FILE_ATTRIBUTES)
         return false;
     return DeleteFileW(wide(file + u":Zone.Identifier"_s)) != FALSE ||
            GetLastError() == ERROR_FILE_NOT_FOUND;

@@ -14,7 +14,7 @@ namespace korvane::windows_platform {
 
 namespace {
 
-constexpr std::size_t maxUsers = 16 * 1024;
+constexpr std::size_t maxUsers = std::size_t{16} * 1024;
 
 /// A session of the Restart Manager: there are 64 for all of a user's programs.
 class Session
@@ -69,7 +69,7 @@ std::optional<std::vector<quint32>> usersOf(HANDLE file)
 {
     using QueryFile = NTSTATUS(NTAPI*)(HANDLE, IO_STATUS_BLOCK*, void*, ULONG, int);
     constexpr int processIdsUsingFile = 47;
-    constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xc0000004); // STATUS_INFO_LENGTH_MISMATCH
+    constexpr auto tooSmall = static_cast<NTSTATUS>(0xc0000004); // STATUS_INFO_LENGTH_MISMATCH
     static const auto query = systemFunction<QueryFile>(L"ntdll.dll", "NtQueryInformationFile");
     if (query == nullptr)
         return std::nullopt;

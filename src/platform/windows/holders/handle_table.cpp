@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 #include <span>
+#include <vector>
 
 namespace korvane::windows_platform {
 
@@ -36,13 +37,13 @@ struct TableEntry
 std::vector<TableHandle> openFileHandles(HANDLE file)
 {
     constexpr int allHandles = 64;
-    const SystemTable table = querySystem(allHandles);
+    const std::vector<std::byte> table = querySystem(allHandles);
     TableHead head{};
-    if (table.size < sizeof head)
+    if (table.size() < sizeof head)
         return {};
-    std::memcpy(&head, table.memory.get(), sizeof head);
-    const std::size_t room = (table.size - sizeof head) / sizeof(TableEntry);
-    const std::span entries(reinterpret_cast<const TableEntry*>(table.memory.get() + sizeof head),
+    std::memcpy(&head, table.data(), sizeof head);
+    const std::size_t room = (table.size() - sizeof head) / sizeof(TableEntry);
+    const std::span entries(reinterpret_cast<const TableEntry*>(table.data() + sizeof head),
                             std::min<std::size_t>(head.count, room));
 
     const auto own = std::find_if(entries.begin(), entries.end(), [file](const TableEntry& entry) {

@@ -43,6 +43,21 @@ struct OpenedProcess
     quint64 startTime = 0;
 };
 
+/// Whether it is the system's directory, or holds it: whose handles are closed there loses data, or brings
+/// the machine down.
+bool holdsSystem(const OpenFile& file)
+{
+    std::array<wchar_t, MAX_PATH> directory{};
+    if (GetSystemDirectoryW(directory.data(), directory.size()) == 0)
+        return false;
+    const UniqueHandle handle =
+        owned(CreateFileW(directory.data(), FILE_READ_ATTRIBUTES,
+                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const auto system = handle ? describe(handle.get(), Detail::Path) : std::nullopt;
+    return system && (isSameFile(*system, file) || isBelow(*system, file));
+}
+
 /// False with a reason where it cannot be opened; a path that is gone is no target, and no error.
 bool addTarget(const QString& path, std::vector<Target>& targets, QString& error)
 {
@@ -66,6 +81,10 @@ bool addTarget(const QString& path, std::vector<Target>& targets, QString& error
     if (!file ||
         GetFileInformationByHandleEx(handle.get(), FileStandardInfo, &info, sizeof info) == FALSE) {
         error = u"不是磁盘上的文件或文件夹: %1"_s.arg(path);
+        return false;
+    }
+    if (holdsSystem(*file)) {
+        error = u"不解除系统目录的占用: %1"_s.arg(path);
         return false;
     }
     targets.push_back({path, *local, std::move(handle), *file, info.Directory != FALSE});
@@ -198,13 +217,13 @@ void nameProcess(quint32 pid, const NamedUser& named, Holders& found)
 /// Adds the processes that use a target by something else than handles that can be reached.
 void addUsersWithoutHandle(const std::set<Use>& uses, Holders& found)
 {
-    for (const auto& [pid, path] : uses) {
+    for (const Use& use : uses) {
         const bool isFound =
             std::any_of(found.held.begin(), found.held.end(), [&](const platform::HeldFile& held) {
-                return held.pid == pid && held.path == path;
+                return held.pid == use.first && held.path == use.second;
             });
-        if (!isFound && pid != GetCurrentProcessId()) // whose use is the question itself
-            found.held.append({.pid = pid, .path = path});
+        if (!isFound && use.first != GetCurrentProcessId()) // whose use is the question itself
+            found.held.append({.pid = use.first, .path = use.second});
     }
 }
 

@@ -17,6 +17,7 @@ struct HandleKey
     quint64 startTime = 0;
     quint64 handle = 0;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): the zero is one that the compiler compares with.
     auto operator<=>(const HandleKey&) const = default;
 };
 

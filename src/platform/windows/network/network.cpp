@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -102,10 +101,10 @@ template <typename Table, typename Ask> DWORD appendTable(QList<NetConnection>& 
     DWORD error = ERROR_INSUFFICIENT_BUFFER;
     for (DWORD size = 64 * 1024; error == ERROR_INSUFFICIENT_BUFFER && size <= largestSize;) {
         const DWORD given = size;
-        const auto memory = std::make_unique<std::byte[]>(given);
-        error = ask(memory.get(), &size);
+        std::vector<std::byte> memory(given);
+        error = ask(memory.data(), &size);
         if (error == ERROR_SUCCESS) {
-            const auto& table = *reinterpret_cast<const Table*>(memory.get());
+            const auto& table = *reinterpret_cast<const Table*>(memory.data());
             if (table.dwNumEntries > (given - header) / sizeof(Row))
                 return ERROR_INVALID_DATA;
             for (const Row* row = table.table; row != table.table + table.dwNumEntries; ++row) {

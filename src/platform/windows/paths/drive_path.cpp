@@ -45,6 +45,17 @@ bool isFileName(QStringView name)
     return !hasForbidden && !isDeviceName(name);
 }
 
+/// Whether the system takes something from the end of a name in `native`, but for "." and "..": the entry
+/// of the whole name, which "\\?\" leads to, is another one.
+bool isCutShort(QStringView native)
+{
+    for (const QStringView name : native.tokenize(u'\\')) {
+        if ((name.endsWith(u'.') || name.endsWith(u' ')) && name != u"." && name != u"..")
+            return true;
+    }
+    return false;
+}
+
 QString fullPath(const QString& path)
 {
     std::wstring buffer(longestPath + 1, L'\0');
@@ -78,7 +89,7 @@ QString drivePath(const QString& path)
         native = native.sliced(unparsed.size());
     if (isUnparsed ? !isDriveRoot(native) : native.startsWith(R"(\\)"_L1))
         return {};
-    if (native.size() > longestPath || native.contains(QChar::Null))
+    if (native.size() > longestPath || native.contains(QChar::Null) || isCutShort(native))
         return {};
     QString full = fullPath(native);
     if (!isDriveRoot(full))

@@ -9,7 +9,7 @@
 namespace korvane::windows_platform {
 
 /// The absolute path "X:\…" that the system makes of `path`, without "\\?\"; empty where `path` is not
-/// on a drive, names a device (CON, "nul.txt") in any of its parts or a stream ("a:b"), or cannot be
+/// on a drive, has a name that ends in a dot or blank, names a device (CON, "nul.txt") in any of its parts or a stream ("a:b"), or cannot be
 /// the name of anything. Relative paths are those of the current directory. Opens nothing.
 QString drivePath(const QString& path);
 

@@ -101,8 +101,7 @@ std::optional<std::vector<ProcessRecord>> parseProcessTable(std::span<const std:
 
 std::optional<std::vector<ProcessRecord>> processTable()
 {
-    const SystemTable table = querySystem(allProcesses);
-    auto processes = parseProcessTable(table.bytes());
+    auto processes = parseProcessTable(querySystem(allProcesses));
     if (processes)
         std::erase_if(*processes, [](const ProcessRecord& process) { return process.pid == 0; });
     return processes;

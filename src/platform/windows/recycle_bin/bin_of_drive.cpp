@@ -57,7 +57,7 @@ QString whyBinCannotTake(const QString& path, qint64 bytes)
             volumeId(root));
     if (isSwitchedOff() || settings.number(u"NukeOnDelete"_s).value_or(0) != 0)
         return u"回收站已停用"_s;
-    constexpr qint64 mebibyte = 1024 * 1024;
+    constexpr qint64 mebibyte = qint64{1024} * 1024;
     const auto capacity = settings.number(u"MaxCapacity"_s);
     return capacity && bytes > *capacity * mebibyte ? u"超过回收站容量"_s : QString();
 }

@@ -69,7 +69,13 @@ QString KeptPlaces::whyNothingIn(const QString& directory)
 
 QString KeptPlaces::ownPath(const QString& entry) const
 {
-    return m_directory + entry.sliced(entry.lastIndexOf(u'\\') + 1) + u'\\';
+    WIN32_FIND_DATAW found{}; // has the long name where `entry` has the short one
+    const HANDLE search = FindFirstFileExW(wide(extendedPath(entry)), FindExInfoBasic, &found,
+                                           FindExSearchNameMatch, nullptr, 0);
+    if (search == INVALID_HANDLE_VALUE)
+        return m_directory + entry.sliced(entry.lastIndexOf(u'\\') + 1) + u'\\';
+    FindClose(search);
+    return m_directory + fromBuffer({found.cFileName, MAX_PATH}) + u'\\';
 }
 
 bool KeptPlaces::isLink(const QString& entry) const

@@ -15,6 +15,7 @@
 #include <QDir>
 
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include <shellapi.h>
@@ -185,8 +186,11 @@ OpResult moveAll(const QList<QString>& paths)
 OpResult platform::moveToRecycleBin(const QList<QString>& paths)
 {
     // The shell runs a message loop, in which the caller's events would be handled.
-    OpResult result;
-    std::thread([&] { result = windows_platform::moveAll(paths); }).join();
+    OpResult result{false, u"回收站不可用, 未移动任何内容"_s};
+    try {
+        std::thread([&] { result = windows_platform::moveAll(paths); }).join();
+    } catch (const std::system_error&) { // no thread is to be had
+    }
     return result;
 }
 

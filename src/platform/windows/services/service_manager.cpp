@@ -23,11 +23,12 @@ ServiceHandle openService(SC_HANDLE manager, const QString& name, DWORD access)
 
 std::span<const wchar_t> ServiceAnswer::behind(const wchar_t* from) const
 {
-    const auto begin = reinterpret_cast<quintptr>(m_memory.get());
+    const auto begin = reinterpret_cast<quintptr>(m_memory.data());
+    const quintptr end = begin + m_memory.size();
     const auto at = reinterpret_cast<quintptr>(from);
-    if (at < begin || at >= begin + m_size || at % sizeof(wchar_t) != 0)
+    if (at < begin || at >= end || at % sizeof(wchar_t) != 0)
         return {};
-    return {from, (begin + m_size - at) / sizeof(wchar_t)};
+    return {from, (end - at) / sizeof(wchar_t)};
 }
 
 QString ServiceAnswer::text(const wchar_t* from) const

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <span>
 #include <type_traits>
+#include <vector>
 
 namespace korvane::windows_platform {
 
@@ -37,7 +38,7 @@ template <typename Work> auto askManager(std::chrono::milliseconds limit, Work w
     const auto isGivenUp = std::make_shared<std::atomic<bool>>(false);
     auto result = callWithin<Result>(limit, [work, isGivenUp] {
         ++managerRequests;
-        const Result answer = work(*isGivenUp);
+        Result answer = work(*isGivenUp);
         --managerRequests;
         return answer;
     });
@@ -70,19 +71,17 @@ public:
     static constexpr DWORD usualSize = 8 * 1024;
     static constexpr DWORD largestSize = 256 * 1024; ///< The manager fills no more.
 
-    explicit ServiceAnswer(DWORD size) : m_memory(std::make_unique<std::byte[]>(size)), m_size(size)
-    {
-    }
+    explicit ServiceAnswer(DWORD size) : m_memory(size) {}
 
-    BYTE* buffer() { return reinterpret_cast<BYTE*>(m_memory.get()); }
-    bool isEmpty() const { return m_size == 0; }
+    BYTE* buffer() { return reinterpret_cast<BYTE*>(m_memory.data()); }
+    bool isEmpty() const { return m_memory.empty(); }
 
     /// The first `count` records; none where it does not hold so many.
     template <typename Record> std::span<const Record> records(std::size_t count) const
     {
-        if (count > m_size / sizeof(Record))
+        if (count > m_memory.size() / sizeof(Record))
             return {};
-        return {reinterpret_cast<const Record*>(m_memory.get()), count};
+        return {reinterpret_cast<const Record*>(m_memory.data()), count};
     }
 
     /// The only record; null when it is empty.
@@ -101,8 +100,7 @@ public:
 private:
     std::span<const wchar_t> behind(const wchar_t* from) const;
 
-    std::unique_ptr<std::byte[]> m_memory;
-    std::size_t m_size = 0;
+    std::vector<std::byte> m_memory;
 };
 
 ServiceState serviceStateFrom(DWORD state);

@@ -6,6 +6,8 @@
 #include "platform/windows/sys/text.h"
 
 #include <array>
+#include <cstddef>
+#include <vector>
 
 #include <wincrypt.h>
 
@@ -39,8 +41,8 @@ QString signerIn(const QString& path, DWORD content)
     if (CryptMsgGetParam(message.get(), CMSG_SIGNER_CERT_INFO_PARAM, 0, nullptr, &size) == FALSE ||
         size < sizeof(CERT_INFO) || size > maxInfoBytes)
         return {};
-    const auto memory = std::make_unique<std::byte[]>(size);
-    if (CryptMsgGetParam(message.get(), CMSG_SIGNER_CERT_INFO_PARAM, 0, memory.get(), &size) ==
+    std::vector<std::byte> memory(size);
+    if (CryptMsgGetParam(message.get(), CMSG_SIGNER_CERT_INFO_PARAM, 0, memory.data(), &size) ==
         FALSE)
         return {};
     struct FreeCertificate
@@ -49,7 +51,7 @@ QString signerIn(const QString& path, DWORD content)
     };
     const std::unique_ptr<const CERT_CONTEXT, FreeCertificate> certificate(
         CertGetSubjectCertificateFromStore(store.get(), encoding,
-                                           reinterpret_cast<CERT_INFO*>(memory.get())));
+                                           reinterpret_cast<CERT_INFO*>(memory.data())));
     std::array<wchar_t, longestName> name{};
     if (!certificate || CertGetNameStringW(certificate.get(), CERT_NAME_SIMPLE_DISPLAY_TYPE, 0,
                                            nullptr, name.data(), longestName) == 0)
@@ -84,7 +86,7 @@ QString platform::signerName(const QString& path)
     const auto file = openSignedFile(path);
     if (!file || file->size == 0)
         return {};
-    const QString name = signerIn(file->path, CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED);
+    QString name = signerIn(file->path, CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED);
     if (!name.isEmpty())
         return name;
     const QString catalog = findInCatalogs(*file).path;

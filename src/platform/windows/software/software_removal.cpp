@@ -3,7 +3,6 @@
 
 #include "platform/windows/sys/com.h"
 #include "platform/windows/sys/command_line.h"
-#include "platform/windows/sys/file_path.h"
 #include "platform/windows/sys/handle.h"
 #include "platform/windows/sys/limited_call.h"
 #include "platform/windows/sys/text.h"
@@ -59,8 +58,9 @@ OpResult platform::uninstallSoftware(const UninstallEntry& entry)
     constexpr DWORD needsElevation = 740;      // ERROR_ELEVATION_REQUIRED, which some headers lack.
     constexpr std::chrono::seconds limit(130); // The system's own question stands for two minutes.
     const Command command = splitCommand(entry.uninstallString);
-    // A name that is not one of the system's own programs is looked for nowhere else.
-    if (!isOnDrive(command.executable) && !command.executable.startsWith("\\\\"_L1))
+    // A name that is not one of the system's own programs is looked for nowhere else, and no other
+    // machine is handed the user's credentials.
+    if (!isLocalFile(command.executable))
         return {false, u"找不到卸载程序 %1"_s.arg(command.executable)};
     DWORD result = start(command);
     if (result == needsElevation) {

@@ -1,6 +1,7 @@
 // The rules of CreateProcess, without starting anything.
 #include "platform/windows/sys/command_line.h"
 
+#include "platform/paths.h"
 #include "platform/windows/sys/file_path.h"
 #include "platform/windows/sys/registry.h"
 #include "platform/windows/sys/text.h"
@@ -50,7 +51,7 @@ QString foundFile(const QString& program)
     if (hasDirectory(name))
         return isLocalFile(name) ? name : QString();
     for (const QString& directory : systemDirectories()) {
-        const QString path = directory + u'\\' + name;
+        QString path = directory + u'\\' + name;
         if (isLocalFile(path))
             return path;
     }
@@ -89,9 +90,8 @@ bool isLocalFile(const QString& path)
 {
     if (!isOnDrive(path))
         return false;
-    const QString root = displayPath(path).left(3);
-    // The server of a mapped drive may be dead, and asking it takes long.
-    if (GetDriveTypeW(wide(root)) == DRIVE_REMOTE)
+    if (!platform::isLocalPath(
+            path)) // The server of a mapped drive may be dead: asking takes long.
         return false;
     const QString extended = extendedPath(displayPath(path));
     const DWORD attributes = GetFileAttributesW(wide(extended));

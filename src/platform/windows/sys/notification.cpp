@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 
 #include <shellapi.h>
 
@@ -22,12 +23,13 @@ using UniqueWindow = std::unique_ptr<HWND__, CloseBy<DestroyWindow>>;
 using UniqueIcon = std::unique_ptr<HICON__, CloseBy<DestroyIcon>>;
 
 /// As much of the text as there is room for, with its end and no half of a character.
-template <std::size_t size> void fill(wchar_t (&room)[size], const QString& text)
+void fill(std::span<wchar_t> room, const QString& text)
 {
-    auto length = std::min<qsizetype>(text.size(), size - 1);
+    auto length = std::min(text.size(), static_cast<qsizetype>(room.size()) - 1);
     if (length < text.size() && text.at(length - 1).isHighSurrogate())
         --length;
-    room[text.first(length).toWCharArray(room)] = L'\0';
+    text.first(length).toWCharArray(room.data());
+    room[static_cast<std::size_t>(length)] = L'\0';
 }
 
 /// The program's own icon; null where it has none.

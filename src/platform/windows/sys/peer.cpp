@@ -6,6 +6,8 @@
 
 #include <QDir>
 
+#include <algorithm>
+
 #include <aclapi.h>
 
 namespace korvane {
@@ -31,6 +33,28 @@ QString ownerOf(HANDLE pipe)
         return {};
     const UniqueLocal<void> content(descriptor);
     return sidText(owner);
+}
+
+/// The level of whoever made the pipe, which the system writes on it where that is low.
+quint32 integrityOfPipe(HANDLE pipe)
+{
+    PACL labels = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    void* label = nullptr;
+    const DWORD error = GetSecurityInfo(pipe, SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr,
+                                        nullptr, nullptr, &labels, &descriptor);
+    const UniqueLocal<void> content(error == ERROR_SUCCESS ? descriptor : nullptr);
+    if (!content || labels == nullptr || GetAce(labels, 0, &label) == FALSE ||
+        static_cast<const ACE_HEADER*>(label)->AceType != SYSTEM_MANDATORY_LABEL_ACE_TYPE)
+        return SECURITY_MANDATORY_MEDIUM_RID;
+    return integrityOf(&static_cast<SYSTEM_MANDATORY_LABEL_ACE*>(label)->SidStart);
+}
+
+/// Whether it is less than what the user's programs are: those in a sandbox, such as pages of a browser
+/// and apps in a container, have the user's SID too, but must not speak for him.
+bool isConfined(quint32 integrity)
+{
+    return integrity < std::min<quint32>(ownUser()->integrity, SECURITY_MANDATORY_MEDIUM_RID);
 }
 
 /// The process that connected to the pipe, or that listened for this one; 0 where that is not told.
@@ -74,7 +98,8 @@ std::optional<platform::Peer> platform::peerOf(qintptr socketDescriptor)
               .userId = user->sid,
               .pid = pid,
               .executable = imagePath(process.get())};
-    if (byOwner == PeerUser::Other || byToken == PeerUser::Other)
+    if (byOwner == PeerUser::Other || byToken == PeerUser::Other || isConfined(user->integrity) ||
+        isConfined(integrityOfPipe(pipe)))
         peer.user = PeerUser::Other;
     else if (byOwner == PeerUser::Own && byToken == PeerUser::Own)
         peer.user = PeerUser::Own;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr DWORD maxEntries = 16 * 1024;
 constexpr DWORD maxValueBytes = 64 * 1024;
-constexpr std::size_t maxNameLength = 16 * 1024; // Of a value, without its end.
+constexpr std::size_t maxNameLength = std::size_t{16} * 1024; // Of a value, without its end.
 
 /// The characters of a text value, which may lack its end, or have an odd number of bytes.
 QString textOf(const QByteArray& data)
@@ -123,7 +123,7 @@ QStringList RegistryKey::subkeys() const
 
 std::vector<std::pair<QString, QString>> RegistryKey::texts() const
 {
-    constexpr qsizetype longestInAll = 16 * 1024 * 1024;
+    constexpr qsizetype longestInAll = qsizetype{16} * 1024 * 1024;
     std::wstring name(maxNameLength, L'\0');
     QByteArray data(maxValueBytes, Qt::Uninitialized);
     std::vector<std::pair<QString, QString>> texts;
@@ -167,7 +167,7 @@ LSTATUS RegistryKey::removeValue(const QString& name) const
 
 QString withVariables(const QString& text)
 {
-    constexpr std::size_t longest = 32 * 1024;
+    constexpr std::size_t longest = std::size_t{32} * 1024;
     std::wstring expanded(longest, L'\0');
     const DWORD size = ExpandEnvironmentStringsW(wide(text), expanded.data(), longest);
     return size == 0 || size > longest ? text : fromBuffer(expanded);

@@ -16,7 +16,13 @@ std::optional<TokenUser> readToken(HANDLE token)
 {
     // Its SID follows the record itself.
     alignas(TOKEN_USER) std::array<std::byte, sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE> user{};
+    alignas(TOKEN_MANDATORY_LABEL)
+        std::array<std::byte, sizeof(TOKEN_MANDATORY_LABEL) + SECURITY_MAX_SID_SIZE>
+            label{};
     DWORD size = 0;
+    if (GetTokenInformation(token, TokenIntegrityLevel, label.data(), label.size(), &size) == FALSE)
+        return std::nullopt;
+    const auto* const level = reinterpret_cast<const TOKEN_MANDATORY_LABEL*>(label.data());
     if (GetTokenInformation(token, ::TokenUser, user.data(), user.size(), &size) == FALSE)
         return std::nullopt;
     TOKEN_ELEVATION elevation{};
@@ -25,7 +31,8 @@ std::optional<TokenUser> readToken(HANDLE token)
     const QString sid = sidText(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid);
     if (sid.isEmpty())
         return std::nullopt;
-    return windows_platform::TokenUser{sid, isKnown && elevation.TokenIsElevated != 0};
+    return windows_platform::TokenUser{sid, isKnown && elevation.TokenIsElevated != 0,
+                                       integrityOf(level->Label.Sid)};
 }
 
 } // namespace
@@ -37,6 +44,13 @@ QString sidText(PSID sid)
         return {};
     const UniqueLocal<wchar_t> owner(text);
     return fromWide(text);
+}
+
+quint32 integrityOf(PSID label)
+{
+    if (label == nullptr || IsValidSid(label) == FALSE || *GetSidSubAuthorityCount(label) == 0)
+        return SECURITY_MANDATORY_UNTRUSTED_RID;
+    return *GetSidSubAuthority(label, *GetSidSubAuthorityCount(label) - 1U);
 }
 
 std::optional<TokenUser> userOf(HANDLE process)

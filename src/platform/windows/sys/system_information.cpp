@@ -12,21 +12,19 @@
 
 namespace korvane::windows_platform {
 
-SystemTable querySystem(int informationClass)
+std::vector<std::byte> querySystem(int informationClass)
 {
     constexpr ULONG firstSize = 512 * 1024;
     constexpr ULONG largestSize = 256 * 1024 * 1024;
-    constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xc0000004); // STATUS_INFO_LENGTH_MISMATCH
+    constexpr auto tooSmall = static_cast<NTSTATUS>(0xc0000004); // STATUS_INFO_LENGTH_MISMATCH
 
-    SystemTable table;
     for (ULONG size = firstSize; size <= largestSize;) {
-        table.memory = std::make_unique_for_overwrite<std::byte[]>(size);
+        std::vector<std::byte> table(size);
         ULONG needed = 0;
-        const NTSTATUS status =
-            NtQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(informationClass),
-                                     table.memory.get(), size, &needed);
+        const NTSTATUS status = NtQuerySystemInformation(
+            static_cast<SYSTEM_INFORMATION_CLASS>(informationClass), table.data(), size, &needed);
         if (status >= 0) {
-            table.size = std::min(needed, size);
+            table.resize(std::min(needed, size));
             return table;
         }
         if (status != tooSmall)

@@ -4,24 +4,15 @@
 #include <QString>
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <span>
+#include <vector>
 
 namespace korvane::windows_platform {
 
-/// A table as the system wrote it, aligned for its records; empty where there is none.
-struct SystemTable
-{
-    std::unique_ptr<std::byte[]> memory;
-    std::size_t size = 0; ///< Bytes that are filled.
-
-    std::span<const std::byte> bytes() const { return {memory.get(), size}; }
-};
-
-/// The table of this class (5: processes and their threads; 64: all handles), by
+/// The table of this class (5: processes and their threads; 64: all handles) as the system wrote it, by
 /// NtQuerySystemInformation. Empty on a failure, and where it takes more than 256 MiB. Any thread.
-SystemTable querySystem(int informationClass);
+std::vector<std::byte> querySystem(int informationClass);
 
 /// The text of `length` bytes at `place`, as a UNICODE_STRING in `memory` says; empty for 0 bytes, and
 /// none where it does not lie in `memory` whole.

@@ -58,6 +58,7 @@ const test::Cases<QString, PeerUser> owners{
     {"administrators", u"BA"_s, PeerUser::System},
     {"a stranger", u"S-1-5-21-1-2-3-1234"_s, PeerUser::Other},
     {"everyone", u"WD"_s, PeerUser::Other},
+    {"own, in a sandbox", ownUser()->sid + u"S:(ML;;NW;;;LW)"_s, PeerUser::Other},
 };
 
 } // namespace
@@ -106,7 +107,7 @@ private Q_SLOTS:
     {
         const auto& [tag, owner, user] = test::currentRow(owners);
         m_listener.reset();
-        const UniqueHandle pipe = strangePipe(u"O:%1D:(A;;GA;;;WD)"_s.arg(owner));
+        const UniqueHandle pipe = strangePipe(u"D:(A;;GA;;;WD)O:"_s + owner);
         if (!pipe)
             QSKIP("Only an administrator may hand things over: so on Windows, not in Wine.");
         const auto client = platform::connectLocally(name, 0ms);

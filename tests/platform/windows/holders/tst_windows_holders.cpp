@@ -217,7 +217,8 @@ private Q_SLOTS:
             return test::Client().call(u"unlock_file"_s, {{u"path"_s, path}}).text;
         };
         QVERIFY(result(at(u"free"_s)).contains(u"该文件当前未被任何进程占用,无需解锁"_s));
-        for (const auto& path : {u"\\\\localhost\\c$"_s, u"\\\\.\\C:"_s}) {
+        for (const auto& path : {u"\\\\localhost\\c$"_s, u"\\\\.\\C:"_s, u"C:\\"_s,
+                                 u"C:\\windows"_s, u"C:\\windows\\system32"_s}) {
             QList<HeldFile> held;
             QVERIFY(!platform::findFileHolders({path}, held).ok);
         }

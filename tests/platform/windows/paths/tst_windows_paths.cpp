@@ -85,6 +85,7 @@ private Q_SLOTS:
             \\?\UNC\host\x | //?/unc/host/x | \\?\GLOBALROOT\Device\Mup\host\x => NONE
             \\?\Volume{0}\x | \\?\pipe\x | \\?\C: | \\?\C:x | \\?\x | \\.\C:\x | //./pipe/x => NONE
             \??\C:\x | \??\UNC\host\x | C:\a?b | C:\a*b | C:\a|b | C:\a>b => NONE
+            C:\a.\b | C:\a \b | C:\a. | \\?\C:\a.\b | C:\... | a. => NONE
             C:\a:b | C:\a::$DATA | C:a:b | file:///C:/x | http://x/y | :/x => NONE
             CON | con | C:\x\CON | C:\con\x | nul.txt | C:\x\Nul .a.b | com1 | C:\COM9.log => NONE
             C:\com¹ | lpt³.x | C:\x\aux | PRN: | conin$ | C:\CONOUT$ | C:\x\NUL.  => NONE)")) {

@@ -8,6 +8,7 @@
 
 #include <QProcess>
 
+#include <array>
 #include <functional>
 
 #include <winternl.h>
@@ -54,15 +55,15 @@ QString ended(quint32 pid, quint64 start)
 /// Two records with a name each, as the system lays them out.
 struct Table
 {
-    SYSTEM_PROCESS_INFORMATION records[2]{};
-    wchar_t name[4]{L'a', L'.', L'b', L'x'};
+    std::array<SYSTEM_PROCESS_INFORMATION, 2> records{};
+    std::array<wchar_t, 4> name{L'a', L'.', L'b', L'x'};
     std::size_t size = sizeof records + sizeof name;
 
     Table()
     {
         records[0].NextEntryOffset = sizeof records[0];
         for (auto& record : records)
-            record.ImageName = {6, 6, name};
+            record.ImageName = {6, 6, name.data()};
     }
     QString parsed() const
     {
@@ -121,7 +122,7 @@ private Q_SLOTS:
         Shell parent;
         parent.write("ping.exe -n 60 127.0.0.1 >nul\n");
         QJsonObject grandchild;
-        QTRY_VERIFY((grandchild = listed(u"parent_pid"_s, parent.pid())).size() > 0);
+        QTRY_VERIFY(!(grandchild = listed(u"parent_pid"_s, parent.pid())).isEmpty());
         const QJsonObject child = listed(u"pid"_s, parent.pid());
         QCOMPARE(child[u"name"_s], u"cmd.exe"_s);
         QCOMPARE(child[u"parent_pid"_s].toInteger(), QCoreApplication::applicationPid());

@@ -11,6 +11,8 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <array>
+#include <string>
 
 using namespace korvane;
 using namespace korvane::windows_platform;
@@ -292,9 +294,10 @@ int main(int argc, char* argv[])
 {
     if (argc > 2 && QByteArrayView(argv[1]) == "--service") {
         behaviour = argv[2];
-        wchar_t noName[] = L"";
-        const SERVICE_TABLE_ENTRYW services[] = {{noName, serve}, {nullptr, nullptr}};
-        return StartServiceCtrlDispatcherW(services) == FALSE;
+        std::wstring noName;
+        const std::array services{SERVICE_TABLE_ENTRYW{noName.data(), serve},
+                                  SERVICE_TABLE_ENTRYW{}};
+        return StartServiceCtrlDispatcherW(services.data()) == FALSE;
     }
     const QCoreApplication application(argc, argv);
     TestServices test;

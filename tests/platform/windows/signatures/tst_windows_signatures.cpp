@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -115,9 +116,9 @@ private Q_SLOTS:
         DWORD handlesBefore = 0;
         GetProcessHandleCount(GetCurrentProcess(), &handlesBefore);
         std::atomic<int> wrong = 0;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 8; ++i) {
-            threads.emplace_back([&] {
+        std::array<std::thread, 8> threads;
+        for (std::thread& thread : threads) {
+            thread = std::thread([&] {
                 for (int turn = 0; turn < 3; ++turn) {
                     if (platform::verifySignature(m_signed) != expected ||
                         platform::verifySignature(m_program) != SignatureStatus::Unsigned ||

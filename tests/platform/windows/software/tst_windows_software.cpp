@@ -8,6 +8,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <vector>
+
 using namespace korvane;
 using namespace Qt::StringLiterals;
 
@@ -27,7 +29,7 @@ struct Value
     HKEY root = machine;
 };
 
-const Value values[]{
+const std::vector<Value> values{
     {"a", "DisplayName", "KT 全部 "},
     {"a", "DisplayVersion", "1.2"},
     {"a", "Publisher", "P %1"},
@@ -115,8 +117,9 @@ private Q_SLOTS:
             QVERIFY2(result.ok, qUtf8Printable(result.message));
             QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sign), 20'000);
         }
-        for (const QString& command : {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s,
-                                       QString(), u'"' + folder + u'"'}) {
+        for (const QString& command :
+             {folder + u"\\none.exe /x"_s, u"korvane-none.exe"_s, u"\""_s, QString(),
+              u'"' + folder + u'"', uR"(\\localhost\c$\x.exe)"_s}) {
             entry.uninstallString = command;
             const OpResult result = platform::uninstallSoftware(entry);
             QVERIFY2(!result.ok && result.message.contains(u"卸载程序"_s), qUtf8Printable(command));
