@@ -11,7 +11,8 @@ install_missing "${test_needs[@]}"
 if [ "${1:-}" = --windows ]; then
     # The desk only because its option, once off, would stay so in the tree that other builds share.
     "$root/packaging/windows.sh" build -DKORVANE_BENCH=ON -DKORVANE_TESTS=OFF -DKORVANE_DESK=ON
-    "$root/packaging/windows.sh" wine
+    export WINEPREFIX=$root/build/windows/bench-prefix
+    "$root/packaging/windows.sh" prefix "$WINEPREFIX"
     exec node "$root/bench/bench.mjs" "$root/build/windows/src/korvane-mcp.exe" windows
 fi
 install_npm_packages "$root/tests/e2e"
