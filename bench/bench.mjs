@@ -1,6 +1,7 @@
 // Measures the server beside its peers in one run and prints each figure with its ratio and bound.
 // Run: node bench.mjs PATH/TO/korvane-mcp [pings | desk | disk | packages | services]
-// The last two parts want a machine prepared for them, and are started so by this program itself.
+// or: node bench.mjs PATH/TO/korvane-mcp.exe windows, under Wine.
+// The parts packages and services want a machine prepared for them, and are started so by this program itself.
 import { spawn, spawnSync } from 'node:child_process';
 import { once } from 'node:events';
 import {
@@ -503,13 +504,49 @@ async function startIdleProcesses(count) {
   };
 }
 
-async function measureAll() {
+function printHead(system, peer) {
   const today = new Date().toISOString().slice(0, 10);
   console.log(`${today}, ${cpus().length} × ${cpus()[0].model.trim()}`);
-  console.log(`Linux ${release()}, load ${loadavg()[0].toFixed(2)}, node ${process.version}`);
-  console.log(`ours: ${binary}`);
-  console.log('peer: the least server of the official SDK; for a listing, the system\'s own tool\n');
+  console.log(`Linux ${release()}, load ${loadavg()[0].toFixed(2)}, ${system}`);
+  console.log(`ours: ${binary}\npeer: ${peer}\n`);
   printRow('', 'ours', 'peer', '', 'ratio', 'bound', 'met');
+}
+
+const wine = (...args) =>
+  spawnSync(fromHere('../packaging/wine.sh'), args, { encoding: 'utf8', timeout: 300_000 });
+
+/** Runs a program of the benchmark under Wine; `bounds`: those of the rows that it prints. */
+function reportUnderWine(occasion, program, args, bounds) {
+  const { status, stdout, stderr } = wine(join(dirname(binary), '../bench', program), ...args);
+  const rows = [...stdout.matchAll(/^(.+) ([\d.e+-]+) ms beside (.+) ([\d.e+-]+) ms/gm)];
+  for (const [index, [, figure, ours, name, peer]] of rows.entries())
+    report(`${figure}${occasion} / ${name}`, 'ms', [Number(ours), Number(peer)], bounds[index]);
+  if (status !== 0 || rows.length !== bounds.length)
+    throw new Error(`${program} ended with ${status} after ${rows.length} rows: ${stderr}`);
+}
+
+/** The programs for Windows; each times by itself, within a session that has begun. */
+function measureWindows() {
+  const asWindows = (path) => `Z:${path.replaceAll('/', '\\')}`;
+  printHead(wine('--version').stdout.trim(), 'the one after the stroke');
+  const starts = [{ atMost: 2.5 }, { atMost: 2.5 }];
+  const listings = [{ atMost: 1 }, { atMost: 1 }];
+  const bounds = [...starts, ...listings, ...listings];
+  reportUnderWine('', 'korvane-windows.exe', [asWindows(binary)], bounds);
+  const directory = mkdtempSync(join(tmpdir(), 'korvane-bench-'));
+  for (const [directories, perDirectory, bound] of [[2000, 8, 1.1], [250, 72, 1.5]]) {
+    const root = join(directory, `tree-${perDirectory}`);
+    makeTree(root, directories, perDirectory);
+    const occasion = `, ${directories * perDirectory} files, ${perDirectory} a directory`;
+    const args = [asWindows(root), String(walkRounds)];
+    reportUnderWine(occasion, 'korvane-walk.exe', args, [{ atMost: bound }]);
+  }
+  rmSync(directory, { recursive: true });
+}
+
+async function measureAll() {
+  printHead(`node ${process.version}`,
+    'the least server of the official SDK; for a listing, the system\'s own tool');
   await measureStart();
   await measurePings();
   await measureDesk();
@@ -524,6 +561,6 @@ async function measureAll() {
 
 const parts = {
   pings: measurePings, desk: measureDesk, disk: measureDisk, packages: measurePackages,
-  services: measureServices,
+  services: measureServices, windows: measureWindows,
 };
 await (parts[process.argv[3]] ?? measureAll)();

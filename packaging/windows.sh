@@ -140,6 +140,13 @@ make_prefix() {
     cp -a "$made" "$1"
 }
 
+# prepare_wine DIRECTORY: what is missing of Wine, and a fresh prefix.
+prepare_wine() {
+    install_missing "${wine_needs[@]}"
+    make_wine
+    make_prefix "$1"
+}
+
 build() {
     install_missing "${windows_needs[@]}"
     KORVANE_WINDOWS_QT=$(framework_directory)
@@ -195,7 +202,8 @@ make_package() {
 }
 
 case ${1:-} in
-    build) build ;;
+    build) build "${@:2}" ;;
+    prefix) prepare_wine "$2" ;; # for bench/run.sh
     test) test_programs ;;
     package) make_package ;;
     *)
