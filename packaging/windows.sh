@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the programs for Windows on Debian, and tests them under Wine: windows.sh build|test|package.
+# Builds the programs for Windows on Debian, and tests them under Wine: windows.sh build|test|package. (For
+# other scripts: `build` takes options of CMake, `wine` only sets Wine up.)
 # The framework is built once, statically, from the source package of this machine's own release, and
 # kept in KORVANE_WINDOWS_CACHE (default ~/.cache/korvane-windows), outside the checkout.
 set -euo pipefail
@@ -124,20 +125,24 @@ make_wine() {
     as_root touch "$machine/made"
 }
 
-# make_prefix DIRECTORY: a Windows 10 of Wine's, a copy of one that is made once.
+# A Windows 10 of Wine's, made once.
 make_prefix() {
-    local made=$cache/prefix
-    if [ ! -e "$made/made" ]; then
-        rm -rf "$made"
-        mkdir -p "$made"
-        WINEPREFIX=$made "$root/packaging/wine.sh" wineboot --init >/dev/null 2>&1
-        WINEPREFIX=$made "$root/packaging/wine.sh" \
-            reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null 2>&1
-        WINEPREFIX=$made "$root/packaging/wine.sh" wineserver --wait
-        touch "$made/made"
-    fi
+    local prefix=$cache/prefix
+    [ -e "$prefix/made" ] && return 0
+    rm -rf "$prefix"
+    mkdir -p "$prefix"
+    WINEPREFIX=$prefix "$root/packaging/wine.sh" wineboot --init >/dev/null 2>&1
+    WINEPREFIX=$prefix "$root/packaging/wine.sh" \
+        reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null 2>&1
+    WINEPREFIX=$prefix "$root/packaging/wine.sh" wineserver --wait
+    touch "$prefix/made"
+}
+
+# copy_prefix DIRECTORY: one of its own, for whom others are not to disturb.
+copy_prefix() {
+    make_prefix
     rm -rf "$1"
-    cp -a "$made" "$1"
+    cp -a "$cache/prefix" "$1"
 }
 
 # prepare_wine DIRECTORY: what is missing of Wine, and a fresh prefix.
@@ -161,7 +166,7 @@ test_programs() {
     install_npm_packages "$root/tests/e2e"
     make_wine
     export WINEPREFIX=$root/build/windows/prefix
-    make_prefix "$WINEPREFIX"
+    copy_prefix "$WINEPREFIX"
     (cd "$root" && ctest --preset windows -LE slow)
 }
 
@@ -190,7 +195,7 @@ make_package() {
     mkdir "$directory-unpacked"
     (cd "$directory-unpacked" && cmake -E tar xf "$directory.zip")
     export WINEPREFIX=$directory-prefix
-    make_prefix "$WINEPREFIX"
+    copy_prefix "$WINEPREFIX"
     answer=$(cd / && echo '{"jsonrpc":"2.0","id":1,"method":"initialize"}' |
         timeout 60 "$root/packaging/wine.sh" "$directory-unpacked/$name/korvane-mcp.exe" 2>/dev/null)
     case $answer in
