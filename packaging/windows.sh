@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds the programs for Windows on Debian, and tests them under Wine: windows.sh build|test|package. (For
-# other scripts: `build` takes options of CMake, `wine` only sets Wine up.)
+# Builds the programs for Windows on Debian, and tests them under Wine: windows.sh build|test|package.
 # The framework is built once, statically, from the source package of this machine's own release, and
 # kept in KORVANE_WINDOWS_CACHE (default ~/.cache/korvane-windows), outside the checkout.
 set -euo pipefail
@@ -138,18 +137,13 @@ make_prefix() {
     touch "$prefix/made"
 }
 
-# copy_prefix DIRECTORY: one of its own, for whom others are not to disturb.
-copy_prefix() {
-    make_prefix
-    rm -rf "$1"
-    cp -a "$cache/prefix" "$1"
-}
-
-# prepare_wine DIRECTORY: what is missing of Wine, and a fresh prefix.
+# prepare_wine DIRECTORY: what is missing of Wine, and a prefix of one's own.
 prepare_wine() {
     install_missing "${wine_needs[@]}"
     make_wine
-    make_prefix "$1"
+    make_prefix
+    rm -rf "$1"
+    cp -a "$cache/prefix" "$1"
 }
 
 build() {
@@ -164,9 +158,8 @@ test_programs() {
     install_missing "${wine_needs[@]}"
     build -DKORVANE_TESTS=ON -DKORVANE_WERROR=ON
     install_npm_packages "$root/tests/e2e"
-    make_wine
     export WINEPREFIX=$root/build/windows/prefix
-    copy_prefix "$WINEPREFIX"
+    prepare_wine "$WINEPREFIX"
     (cd "$root" && ctest --preset windows -LE slow)
 }
 
@@ -191,11 +184,10 @@ make_package() {
     cp /usr/share/doc/gcc-mingw-w64-base/copyright "$directory/licences/gcc.txt"
     (cd "${directory%/*}" && cmake -E tar cf "$name.zip" --format=zip "$name")
 
-    make_wine
     mkdir "$directory-unpacked"
     (cd "$directory-unpacked" && cmake -E tar xf "$directory.zip")
     export WINEPREFIX=$directory-prefix
-    copy_prefix "$WINEPREFIX"
+    prepare_wine "$WINEPREFIX"
     answer=$(cd / && echo '{"jsonrpc":"2.0","id":1,"method":"initialize"}' |
         timeout 60 "$root/packaging/wine.sh" "$directory-unpacked/$name/korvane-mcp.exe" 2>/dev/null)
     case $answer in
@@ -208,7 +200,7 @@ make_package() {
 
 case ${1:-} in
     build) build "${@:2}" ;;
-    prefix) prepare_wine "$2" ;; # for bench/run.sh
+    prefix) prepare_wine "$2" ;; # For bench/run.sh, as are the options of build.
     test) test_programs ;;
     package) make_package ;;
     *)
