@@ -1,6 +1,6 @@
 // Tests the process tools on awkward processes of the test's own making, and that the ending of one
-// reaches what a listing showed, and no other; that the figures of ordinary ones agree with those of
-// ps is tested through the official client.
+// reaches what a listing showed, and no other; that the figures of ordinary ones agree with those
+// of ps is tested through the official client.
 #include "core/file_unlock.h"
 #include "core/network.h"
 #include "core/processes.h"

@@ -1,5 +1,5 @@
-// Tests of the pipes by which programs of one user meet, and of what they tell of each other, and of the
-// Run key.
+// Tests of the pipes by which programs of one user meet, and of what they tell of each other; and of
+// the Run key.
 #include "platform/local_channel.h"
 #include "platform/peer.h"
 #include "platform/session.h"

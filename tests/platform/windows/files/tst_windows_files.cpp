@@ -1,5 +1,5 @@
-// Tests which paths may be opened, by their text and by traps that tell when one was; and the walk with
-// what only Windows has: names that its own parser would change, and its links.
+// Tests which paths may be opened, by their text and by traps that tell when one was; and the walk
+// with what only Windows has: names that its own parser would change, and its links.
 #include "core/signatures.h"
 #include "platform/paths.h"
 #include "platform/signatures.h"

@@ -1,5 +1,5 @@
-// Tests the connection tools on sockets of the test's own, and the load figures on this machine, beside
-// what other calls say and under loads of the test's own.
+// Tests the connection tools on sockets of the test's own, and the load figures on this machine,
+// beside what other calls say and under loads of the test's own.
 #include "platform/metrics.h"
 #include "platform/network.h"
 #include "platform/windows/sys/process_handle.h"

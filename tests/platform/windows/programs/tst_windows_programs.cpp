@@ -1,5 +1,5 @@
-// Tests startup items and installed software on keys, tasks and extensions of the test's own, and that
-// uninstallers start.
+// Tests startup items and installed software on keys, tasks and extensions of the test's own, and
+// that uninstallers start.
 #include "platform/software.h"
 #include "platform/startup.h"
 #include "platform/windows/startup/scheduled_tasks.h"
