@@ -22,9 +22,9 @@ struct HeldFile
 
 /// Finds the processes that hold any of `paths`, or for a folder what lies in it; `held` receives their
 /// handles. Not ok where nothing is found but not everything could be looked into, nor for the system's
-/// own directory and what holds it. Main thread only, as
-/// all of these. Linux: not supported. Windows: NtQueryInformationFile and the Restart Manager for
-/// files, NtQuerySystemInformation's table of handles for folders too.
+/// own directory and what holds it. Main thread only, as all of these. Linux: not supported. Windows:
+/// NtQueryInformationFile and the Restart Manager for files, NtQuerySystemInformation's table of handles
+/// for folders too.
 LockerProbe findFileHolders(const QList<QString>& paths, QList<HeldFile>& held);
 
 /// Closes handles in the processes that a probe found, and probes again: not ok while anybody still
