@@ -1,4 +1,4 @@
-// Makes pictures of the desk's windows: desk_pictures DIRECTORY SUFFIX [dark]. See screenshots.sh.
+// Makes pictures of the desk's windows: desk_pictures DIRECTORY SUFFIX [dark]. See make.
 #include "desk/desk_suite.h"
 #include "desk/translation.h"
 #include "desk/windows.h"
