@@ -51,7 +51,7 @@ template <typename Work> QJsonObject measuredDuring(unsigned int threads, Work w
                 work();
         });
     }
-    const QJsonObject figures = measured();
+    QJsonObject figures = measured();
     isDone = true;
     for (std::thread& worker : workers)
         worker.join();

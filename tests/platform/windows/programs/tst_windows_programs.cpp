@@ -63,7 +63,7 @@ struct Value
     HKEY root = machine;
 };
 
-const Value values[]{
+const std::vector<Value> values{
     {"a", "DisplayName", "KT 全部 "},
     {"a", "DisplayVersion", "1.2"},
     {"a", "Publisher", "P %1"},
@@ -101,8 +101,8 @@ public:
     Registry() = default;
     ~Registry()
     {
-        for (auto undo = m_undo.rbegin(); undo != m_undo.rend(); ++undo)
-            (*undo)();
+        for (; !m_undo.empty(); m_undo.pop_back())
+            m_undo.back()();
     }
 
     /// Sets a value in a key, which is made where it is missing, and then removed at the end.

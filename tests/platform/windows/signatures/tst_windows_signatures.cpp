@@ -95,9 +95,9 @@ private Q_SLOTS:
                          platform::signerName(m_signed) != u"Korvane 测试"_s;
         };
         {
-            std::vector<std::jthread> threads;
-            for (int i = 0; i < 8; ++i)
-                threads.emplace_back(work);
+            std::array<std::jthread, 8> threads;
+            for (std::jthread& thread : threads)
+                thread = std::jthread(work);
         }
         QCOMPARE(wrong.load(), 0);
         DWORD handles = 0;
