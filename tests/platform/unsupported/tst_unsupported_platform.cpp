@@ -17,7 +17,7 @@
 #include <QTest>
 
 #include <array>
-#include <cstring>
+#include <bit>
 
 using namespace korvane;
 using namespace Qt::StringLiterals;
@@ -84,12 +84,13 @@ private Q_SLOTS:
         QVERIFY(!platform::setKeepAwake(true) && !platform::emptyRecycleBin());
         QVERIFY(!platform::removeMarkOfTheWeb(path) && !platform::canVerifySignatures());
         QCOMPARE(platform::toggleForegroundWindowTopmost(), -1);
+        using Words = std::array<quint64, 12>;
         using Sample = void (*)(SystemMetrics&);
         for (const Sample sample :
              {Sample(platform::sampleSystemMetrics), Sample(platform::sampleMemoryOnly)}) {
             SystemMetrics metrics{9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9};
             sample(metrics);
-            QVERIFY(std::memcmp(&metrics, std::array<quint64, 12>().data(), sizeof metrics) == 0);
+            QVERIFY(std::bit_cast<Words>(metrics) == Words{});
         }
     }
 };
