@@ -9,11 +9,12 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QMutex>
-#include <QSemaphore>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -147,13 +148,13 @@ public:
         m_processor.gather();
         QMetaObject::invokeMethod(
             m_server, [this, request] { answer(request); }, Qt::QueuedConnection);
-        bool isAnswered = m_answered.tryAcquire();
-        for (int i = 0; i < looks && !isAnswered; ++i) {
+        for (int i = 0; i < looks && !m_isAnswered; ++i)
             std::this_thread::yield();
-            isAnswered = m_answered.tryAcquire();
+        {
+            std::unique_lock lock(m_lock);
+            m_answered.wait(lock, [this] { return m_isAnswered.load(); });
+            m_isAnswered = false;
         }
-        if (!isAnswered)
-            m_answered.acquire();
         m_processor.release();
         return std::exchange(m_response, {});
     }
@@ -163,14 +164,18 @@ private:
     {
         m_processor.release();
         m_response = m_server->handleRequest(request, ProgressCallback());
-        m_answered.release();
+        const std::scoped_lock lock(m_lock);
+        m_isAnswered = true;
+        m_answered.notify_one();
     }
 
     McpServer* m_server;
     SharedProcessor& m_processor;
     QJsonObject m_response;
     /// Not an atomic's wait(): where the system has no futex, GCC's may miss what notifies it.
-    QSemaphore m_answered;
+    std::condition_variable m_answered;
+    std::mutex m_lock; ///< For setting the flag.
+    std::atomic<bool> m_isAnswered = false;
 };
 
 /// The response to one line; empty when there is none to write.
