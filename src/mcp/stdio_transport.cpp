@@ -164,9 +164,11 @@ private:
     {
         m_processor.release();
         m_response = m_server->handleRequest(request, ProgressCallback());
-        const std::scoped_lock lock(m_lock);
-        m_isAnswered = true;
-        m_answered.notify_one();
+        {
+            const std::scoped_lock lock(m_lock);
+            m_isAnswered = true;
+        }
+        m_answered.notify_one(); // Without the lock, for which whoever wakes would wait at once.
     }
 
     McpServer* m_server;

@@ -152,6 +152,7 @@ private Q_SLOTS:
         // A tree, and what is found of it, by a pattern after "->": paths; files and bytes. The
         // tree goes on in the lines that begin with a bar.
         QString tree;
+        int leftOut = 0;
         for (const QString& line : test::rows(R"(
             r/a.tmp=10|r/d/x/y/1=5|r/d/x/y/2=5 => a.tmp d; 3 20
             r/ => ; 0 0
@@ -178,6 +179,7 @@ private Q_SLOTS:
             const bool isWindows = QDir::separator() == u'\\';
             if (isWindows && tree.left(end - 1).contains(QRegularExpression(u"[\\\\>]|_ "_s))) {
                 tree.clear();
+                ++leftOut;
                 continue;
             }
             const QString expected = tree.mid(end + 2);
@@ -204,6 +206,9 @@ private Q_SLOTS:
             QCOMPARE(JunkScanner::scanCategory(category, &cancel).fileCount, 0);
             tree.clear();
         }
+        if (leftOut > 0)
+            QSKIP(
+                qPrintable(u"all but %1 rows of names or links that Windows lacks"_s.arg(leftOut)));
     }
 
     void cancellationWithinACategory()
