@@ -3,6 +3,7 @@
 #include "consent/shown_text.h"
 #include "fake/fake_platform.h"
 #include "support/fake_desktop.h"
+#include "support/file_tree.h"
 
 #include <QElapsedTimer>
 
@@ -30,16 +31,13 @@ class ConsentClientTest : public QObject
     std::optional<test::FakeDesktop> m_desktop;
     fake::Platform& m_script = fake::platform();
     consent::ExchangeLimits m_limits;
-    bool m_isReal = false; ///< With the limits that people have.
     QElapsedTimer m_timer;
 
     /// Whether it was granted, and the message.
     QString ask(const QString& reason = {})
     {
         m_timer.start();
-        const consent::Result result = m_isReal
-                                           ? consent::requestConsent({})
-                                           : consent::exchange({{}, {}, {}, {}, reason}, m_limits);
+        const auto result = consent::exchange({{}, {}, {}, {}, reason}, m_limits);
         return QString::number(int(result.granted)) + u' ' + result.message;
     }
 
@@ -185,14 +183,10 @@ private Q_SLOTS:
         }
     }
 
-    void realLimits()
+    void whoTakesNobodyIn()
     {
-        if (!QCoreApplication::arguments().contains(u"realLimits"_s))
-            QSKIP("Takes minutes: to be run by name.");
-        m_isReal = true;
-        m_desktop->setAnswer({});
-        QCOMPARE(ask(), timedOut);
-        QVERIFY(qAbs(m_timer.elapsed() - 130000) < 2000);
+        if (!test::hasPosixFiles())
+            QSKIP("this system's queue of those who ask has another length");
         m_desktop.reset();
         QLocalServer server;
         server.setListenBacklogSize(1);
@@ -203,7 +197,7 @@ private Q_SLOTS:
             QVERIFY(socket.waitForConnected());
         }
         QCOMPARE(ask(), notRunning);
-        QVERIFY(qAbs(m_timer.elapsed() - 3000) < 500);
+        QVERIFY(m_timer.elapsed() >= 2995 && m_timer.elapsed() < 10'000);
     }
 };
 

@@ -70,7 +70,6 @@ class DeskTest : public test::DeskSuite
         return told;
     }
 
-    void leave() { m_clients[0].leave(); }
     void breakDisk()
     {
         fake::platform().canSync = [] { return false; };
@@ -102,8 +101,8 @@ class DeskTest : public test::DeskSuite
         {"pause", [this] { m_desk->pauseFor({}); }, "paused", "暂时拒绝一切", "paused+"},
         {"quit", [this] { m_desk->quit(); }, "quitting", "正在退出", "quitting+"},
         {"end of the desk", [this] { m_desk.reset(); }, "quitting", "正在退出", "quitting+"},
-        {"asker gone", [this] { leave(), m_ended->wait(), yes(); }, "askerGone", "", "askerGone"},
-        {"asker goes", [this] { leave(), yes(); }, "askerGone", "", "askerGone"},
+        {"asker gone", [this] { m_clients[0].leave(), m_ended->wait(), yes(); }, "askerGone", "", "askerGone"},
+        {"asker goes", [this] { m_clients[0].leave(), yes(); }, "askerGone", "", "askerGone"},
         // Nor does a grant stand there that never went out.
         {"yes, broken disk", [this] { breakDisk(), yes(); }, "notRecorded", "无法写入", "?"},
         {"yes, full disk", [this] { fillDisk(), yes(); }, "notRecorded", "无法写入", ""},
@@ -117,13 +116,11 @@ class DeskTest : public test::DeskSuite
         {"as long as may be", m_four + ",`reason`:``" + m_spaces + "}", {}},
         {"more than was asked for", m_four + ",`reason`:``,`x`:[]}\nmore\n", {}},
         {"empty", "", "不是有效的 JSON"},
-        {"text", "kill them all", "不是有效的 JSON"},
         {"no UTF-8", m_four + ",`reason`:`\xff`}", "不是有效的 JSON"},
         {"deep", QByteArray(100'000, '['), "不是有效的 JSON"},
         {"array", "[]", "不是 JSON 对象"},
         {"missing member", m_four + "}", "缺少成员 reason"},
         {"number", m_four + ",`reason`:1}", "成员 reason 不是字符串"},
-        {"null", m_four + ",`reason`:null}", "成员 reason 不是字符串"},
         {"too long", m_four + ",`reason`:`` " + m_spaces + "}", "超过 256 KiB"},
         {"much too long", QByteArray(8 << 20, '{'), "超过 256 KiB"},
     };
@@ -182,6 +179,7 @@ class DeskTest : public test::DeskSuite
     const QString m_server =
         QCoreApplication::applicationFilePath().replace(u"tst_desk"_s, u"korvane-mcp"_s);
     const QString m_chain = u" (4711) ← node ← c\ufffdde"_s;
+    /// Who it is, of which program, and whether that is the server itself.
     const test::Cases<QString, QString, bool> m_askers{
         {"the server", m_server, m_server.section(u'/', -1) + m_chain, true},
         {"its namesake", u"/tmp/korvane-mcp"_s, u"korvane-mcp"_s + m_chain, false},
@@ -189,8 +187,6 @@ class DeskTest : public test::DeskSuite
         {"unknown", {}, u"PID 4711"_s, false},
     };
     // clang-format on
-
-    const test::Cases<int> m_pauses{{"10 minutes", 10}, {"an hour", 60}, {"until changed", 0}};
 
     /// What the asker hears and what is recorded, where the first question has ended.
     void checkEnd(const QByteArray& outcome, const QByteArray& message, const QByteArray& lines)
@@ -262,22 +258,22 @@ private Q_SLOTS:
         checkEnd(outcome, fault, outcome + '+');
     }
 
-    void pauses_data() { test::addRows(m_pauses); }
     void pauses()
     {
-        const std::chrono::minutes time(std::get<1>(test::currentRow(m_pauses)));
-        const bool isTimed = time > 0min;
-        const QSignalSpy changes(m_desk.get(), &Desk::stateChanged);
-        m_desk->pauseFor(isTimed ? std::optional<std::chrono::seconds>(time) : std::nullopt);
-        QCOMPARE(m_desk->pausedUntil(), isTimed ? m_clock.wall().addDuration(time) : QDateTime());
-        pass(time - 1s);
-        QCOMPARE(AskingClient(harmless).answer().message, replyMessage(Outcome::Paused));
-        QVERIFY(m_desk->state() == Desk::State::Paused);
-        pass(isTimed ? 1s : 24h);
-        QCOMPARE(m_desk->isPaused(), !isTimed);
-        m_desk->resume();
-        QVERIFY(m_desk->state() == Desk::State::Listening && changes.count() >= 2);
-        QVERIFY(ask() != 0);
+        using Time = std::optional<std::chrono::seconds>;
+        for (const Time& time : {Time(10min), Time()}) { // The latter until told otherwise.
+            const QSignalSpy changes(m_desk.get(), &Desk::stateChanged);
+            m_desk->pauseFor(time);
+            QCOMPARE(m_desk->pausedUntil(), time ? m_clock.wall().addDuration(*time) : QDateTime());
+            pass(time.value_or(0s) - 1s);
+            QCOMPARE(AskingClient(harmless).answer().message, replyMessage(Outcome::Paused));
+            QVERIFY(m_desk->state() == Desk::State::Paused);
+            pass(time ? 1s : 24h);
+            QCOMPARE(m_desk->isPaused(), !time);
+            m_desk->resume();
+            QVERIFY(m_desk->state() == Desk::State::Listening && changes.count() >= 2);
+            QVERIFY(ask() != 0);
+        }
     }
 
     void whatIsInTheChannelsPlace_data()
@@ -295,7 +291,6 @@ private Q_SLOTS:
         Desk desk(m_clock, path(u"data"_s));
         QCOMPARE(desk.start(), problem.isEmpty());
         QVERIFY2(desk.problem().toUtf8().contains(problem), qPrintable(desk.problem()));
-        QCOMPARE(desk.channelPath(), m_place);
         QCOMPARE(desk.problem().contains(m_place), !problem.isEmpty());
         QCOMPARE(desk.otherDesk() != 0, problem.contains("PID"));
         QCOMPARE(desk.state() == Desk::State::Unavailable, !problem.isEmpty());
@@ -344,8 +339,7 @@ private Q_SLOTS:
         const Asker asker = m_desk->questions().first().asker;
         QCOMPARE(asker.chainText(), chain);
         QCOMPARE(asker.isOwnServer, isOwnServer);
-        QCOMPARE(asker.isKnown, !executable.isEmpty());
-        QVERIFY(!asker.executable.contains(u'\n'));
+        QVERIFY(asker.isKnown != executable.isEmpty() && !asker.executable.contains(u'\n'));
     }
 
     void historyOfDamagedFiles()

@@ -20,7 +20,7 @@ const outcomes = {
   grant: { reply: { granted: true } },
   refusal: { reply: { granted: false, message: '用户说不' }, error: /failed: 用户说不$/ },
   absence: { error: notRunning },
-  silence: { error: /failed: 用户授权超时 — 已默认拒绝。$/ }, // After 130 s.
+  silence: { error: /failed: 用户授权超时 — 已默认拒绝。$/ },
 };
 
 async function startSleeper(t) {
@@ -117,7 +117,10 @@ async function check(t, tool, outcome) {
   const isThere = outcome !== 'absence';
   const requests = isThere ? await startDesktop(t, session.directory, reply) : [];
   assert(isUnchanged());
+  const start = performance.now();
   const answer = await session.answer(tool, { ...args, reason: '测试' });
+  const seconds = (performance.now() - start) / 1000;
+  assert(outcome !== 'silence' || (seconds > 129.9 && seconds < 140), `${seconds} s`);
   assert.equal(answer.isError, outcome !== 'grant', answer.text);
   if (error) assert.match(answer.text, error);
   assert.equal(isUnchanged(), outcome !== 'grant');

@@ -27,6 +27,7 @@ namespace {
 using Error = QString*;
 using Name = const QString&;
 using Names = const QStringList&;
+using Shown = const ShownProcesses&;
 
 fake::Platform& script = fake::platform();
 
@@ -87,8 +88,7 @@ LockerProbe findFileHolders(const QList<QString>& paths, QList<HeldFile>& held)
 
 OpResult closeHeldFiles(const QList<HeldFile>& held)
 {
-    const QStringList probed = held.size() == 1 ? script.probed : QStringList();
-    return write("closeHandles", probed);
+    return write("closeHandles", held.size() == 1 ? script.probed : QStringList());
 }
 
 std::optional<Peer> peerOf(qintptr /*socketDescriptor*/)
@@ -112,6 +112,7 @@ QList<StartupItem> listScheduledTasks(Error error) { return script.scheduledTask
 QList<StartupItem> listShellExtensions(Error error) { return script.shellExtensions.answer(error); }
 QList<UninstallEntry> listSoftware(Error error) { return script.uninstallEntries.answer(error); }
 QList<ServiceItem> listServices(QStringList&, Error error) { return script.services.answer(error); }
+QList<NetConnection> listConnections(ShownProcesses&, Error e) { return script.connections.answer(e); }
 
 QList<ProcessSnapshot> processAndAncestors(quint32) { return script.ancestors; }
 QString processCommandLine(unsigned int pid) { return script.commandLines.value(pid); }
@@ -127,31 +128,13 @@ OpResult startService(Name name, Names) { return write("startService", {name}); 
 OpResult stopService(Name name, Names) { return write("stopService", {name}); }
 OpResult scheduleDeleteOnReboot(Names paths) { return write("deleteOnReboot", paths); }
 OpResult moveToRecycleBin(Names paths) { return write("moveToRecycleBin", paths); }
+OpResult endProcess(unsigned int pid, Shown) { return write("killProcess", {number(pid)}); }
+OpResult setServiceEnabled(Name name, bool on, Names) { return write("setEnabled", {name, number(on)}); }
 // clang-format on
-
-QList<NetConnection> listConnections(ShownProcesses& /*shown*/, Error error)
-{
-    return script.connections.answer(error);
-}
-
-void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
-{
-    out = script.metrics.value(script.metricsSamples++);
-}
-
-OpResult endProcess(unsigned int pid, const ShownProcesses& /*shown*/)
-{
-    return write("killProcess", {number(pid)});
-}
 
 OpResult uninstallSoftware(const UninstallEntry& entry)
 {
     return write("executeUninstall", {entry.uninstallString});
-}
-
-OpResult setServiceEnabled(Name name, bool enabled, Names /*shown*/)
-{
-    return write("setEnabled", {name, number(enabled)});
 }
 
 OpResult setServiceStartType(Name name, ServiceStartType type, Names /*shown*/)
@@ -162,6 +145,11 @@ OpResult setServiceStartType(Name name, ServiceStartType type, Names /*shown*/)
 OpResult setRunItemEnabled(StartupSource source, Name name, bool enabled)
 {
     return write("StartupService::setEnabled", {number(int(source)), name, number(enabled)});
+}
+
+void sampleSystemMetrics(LoadCounters& /*before*/, SystemMetrics& out)
+{
+    out = script.metrics.value(script.metricsSamples++);
 }
 
 } // namespace platform

@@ -11,6 +11,15 @@ namespace korvane::test {
 
 using namespace Qt::StringLiterals;
 
+/// The values of some members of an object, with `mark` between them.
+inline QString values(const QJsonValue& object, const QString& names, QChar mark = u'|')
+{
+    QStringList texts;
+    for (const QString& name : names.split(u' '))
+        texts += object[name].toVariant().toString();
+    return texts.join(mark);
+}
+
 /// What came back from one tool call.
 struct ToolReply
 {
@@ -24,12 +33,8 @@ struct ToolReply
     QStringList rows(const QString& key, const char* names, QChar mark = u'|') const
     {
         QStringList rows;
-        for (const QJsonValue record : json()[key].toArray()) {
-            QStringList values;
-            for (const QString& name : QString::fromLatin1(names).split(u' '))
-                values += record[name].toVariant().toString();
-            rows += values.join(mark);
-        }
+        for (const QJsonValue record : json()[key].toArray())
+            rows += values(record, QString::fromLatin1(names), mark);
         return rows;
     }
 };
