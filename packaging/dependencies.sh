@@ -39,7 +39,6 @@ test_needs=(
     xdotool=xdotool
     sway=sway
     wtype=wtype
-    ssh-agent=openssh-client
     tmux=tmux
 )
 lint_needs=(

@@ -29,6 +29,10 @@ const test::Cases<QString, int> roots{
     {"nowhere", u"nowhere/a"_s, 0},
 };
 
+/// Directories of three files each.
+const QString three = u"in/a/d/0=0|in/a/d/1=1|in/a/d/2=2|in/b/d/0=0|in/b/d/1=1|in/b/d/2=2|"
+                      "in/c/d/0=0|in/c/d/1=1|in/c/d/2=2"_s;
+
 } // namespace
 
 class FileWalkTest : public QObject
@@ -37,13 +41,6 @@ class FileWalkTest : public QObject
 
     const QString m_home = QDir::currentPath();
     std::unique_ptr<QTemporaryDir> m_root; ///< The current directory of each test.
-
-    /// Makes a, b and c, each with a directory d of three files.
-    static void makeThree()
-    {
-        for (const auto& name : {u"a"_s, u"b"_s, u"c"_s})
-            test::makeTree(QDir::currentPath(), u"%1/d/0=0|%1/d/1=1|%1/d/2=2"_s.arg(name));
-    }
 
 private Q_SLOTS:
     void init()
@@ -79,10 +76,10 @@ private Q_SLOTS:
     void endsWhenTold()
     {
         const auto& [name, walkFiles, walkEntries] = test::currentRow(walks);
-        makeThree();
+        test::makeTree(u"."_s, three);
         for (qsizetype limit = 1; limit <= 9; ++limit) {
-            QCOMPARE(shown(walkFiles, u"."_s, limit).size(), limit);
-            QCOMPARE(shown(walkEntries, u"."_s, limit).size(), limit);
+            QCOMPARE(shown(walkFiles, u"in"_s, limit).size(), limit);
+            QCOMPARE(shown(walkEntries, u"in"_s, limit).size(), limit);
         }
     }
 
@@ -102,14 +99,11 @@ private Q_SLOTS:
     void leavesOutWhatVanishes_data() { test::addRows(walks); }
     void leavesOutWhatVanishes()
     {
-        makeThree();
-        test::makeTree(QDir::currentPath(), u"first=0"_s);
+        test::makeTree(u"."_s, three + u"|in/first=0"_s);
         int found = 0;
-        std::get<1>(test::currentRow(walks))(u"."_s, [&](const platform::WalkedEntry&) {
-            if (found++ == 0) {
-                for (const auto& name : {u"a"_s, u"b"_s, u"c"_s})
-                    QDir(name).removeRecursively();
-            }
+        std::get<1>(test::currentRow(walks))(u"in"_s, [&](const platform::WalkedEntry&) {
+            if (found++ == 0)
+                QDir(u"in"_s).removeRecursively();
             return true;
         });
         QVERIFY2(found < 10, qPrintable(QString::number(found)));

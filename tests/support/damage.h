@@ -14,17 +14,15 @@ template <typename Use> void feedTruncated(const QByteArray& whole, Use use, qsi
         use(QByteArray(whole.constData(), size));
 }
 
-/// Calls `use` with `whole`, each byte once changed to each of `bytes`, and to some at random, the
-/// same each time.
-template <typename Use>
-void feedChanged(const QByteArray& whole, Use use,
-                 QByteArray bytes = QByteArray("\0\n\t :/-\x1f\x1e\xff", 10))
+/// Calls `use` with `whole`, each byte once changed to each of what often divides texts, and to some
+/// at random, the same each time.
+template <typename Use> void feedChanged(const QByteArray& whole, Use use)
 {
     QRandomGenerator random(1);
-    bytes.resize(bytes.size() + 6);
     for (qsizetype at = 0; at < whole.size(); ++at) {
-        for (qsizetype i = bytes.size() - 6; i < bytes.size(); ++i)
-            bytes[i] = static_cast<char>(random.bounded(256));
+        QByteArray bytes("\0\n\t :/-\x1f\x1e\xff", 10);
+        for (int i = 0; i < 6; ++i)
+            bytes.append(static_cast<char>(random.bounded(256)));
         for (const char byte : std::as_const(bytes)) {
             QByteArray changed(whole.constData(), whole.size());
             changed[at] = byte;

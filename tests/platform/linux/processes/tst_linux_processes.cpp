@@ -9,6 +9,7 @@
 #include "support/refusals.h"
 #include "support/system.h"
 
+#include <QRegularExpression>
 #include <QTcpServer>
 
 #include <sys/syscall.h>
@@ -18,8 +19,6 @@ using namespace Qt::StringLiterals;
 using test::Child;
 
 namespace {
-
-using Listing = QHash<qint64, QJsonObject>; ///< Process objects by PID.
 
 /// Puts an empty directory in the place of this process's /proc; false where that is refused.
 bool hideProc()
@@ -123,16 +122,6 @@ class TestLinuxProcesses : public QObject
 
     test::Client m_client;
 
-    static Listing byPid(const test::ToolReply& reply)
-    {
-        Listing listing;
-        for (const QJsonValue process : reply.json().value("processes"_L1).toArray())
-            listing.insert(process["pid"_L1].toInteger(), process.toObject());
-        return listing;
-    }
-
-    Listing listed() { return byPid(m_client.call(u"list_processes"_s)); }
-
     QString commandLine(qint64 pid)
     {
         const auto reply = m_client.call(u"get_process_command_line"_s, {{u"pid"_s, pid}});
@@ -142,12 +131,14 @@ class TestLinuxProcesses : public QObject
     /// A child of this process: "NAME|EXECUTABLE|COMMAND LINE", and its memory if that is little.
     QString described(qint64 pid)
     {
-        const QJsonObject process = listed().value(pid);
-        if (process["parent_pid"_L1] != ::getpid())
-            return u"no child"_s;
-        const qint64 memory = process["memory_bytes"_L1].toInteger();
-        return process["name"_L1].toString() + u'|' + process["exe_path"_L1].toString() + u'|' +
-               commandLine(pid) + (memory > 100'000 ? u""_s : u" of %1 bytes"_s.arg(memory));
+        const QRegularExpression child(u"^%1[|]%2[|]"_s.arg(pid).arg(::getpid()));
+        const QString row = m_client.call(u"list_processes"_s)
+                                .rows(u"processes"_s, "pid parent_pid memory_bytes name exe_path")
+                                .filter(child)
+                                .join(u" and "_s);
+        const qint64 memory = row.section(u'|', 2, 2).toLongLong();
+        return row.section(u'|', 3) + u'|' + commandLine(pid) +
+               (memory > 100'000 ? u""_s : u" of %1 bytes"_s.arg(memory));
     }
 
 private Q_SLOTS:
@@ -280,9 +271,10 @@ private Q_SLOTS:
         do {
             const test::ToolReply reply = m_client.call(u"list_processes"_s);
             QVERIFY2(!reply.isError, qPrintable(reply.text));
-            const Listing listing = byPid(reply);
-            QVERIFY(listing.contains(::getpid()));
-            QCOMPARE(reply.json()["total"_L1], listing.size()); // no PID twice
+            QStringList pids = reply.rows(u"processes"_s, "pid");
+            QVERIFY(pids.contains(QString::number(::getpid())));
+            QCOMPARE(pids.removeDuplicates(), 0);
+            QCOMPARE(reply.json()["total"_L1], pids.size());
         } while (!breeder.waitForFinished(0));
     }
 

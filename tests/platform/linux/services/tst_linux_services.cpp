@@ -226,7 +226,6 @@ auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-f
     systemctl enable c-also.service)|masked-runtime inactive
 enable -q c-far|-|enabled inactive
 auto c-also|+启动类型已改为自动|enabled inactive
-manual c-far|+启动类型已改为手动|disabled inactive
 auto c-named|+启动类型已改为自动|enabled inactive
 manual c-named|+启动类型已改为手动|disabled inactive
 auto c-thief|-设置启动类型失败: 启用它会同时改变其他单元: c-plain.service\

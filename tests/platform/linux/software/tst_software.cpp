@@ -62,7 +62,8 @@ QStringList lines(const QList<UninstallEntry>& entries)
 {
     QStringList all;
     for (const UninstallEntry& entry : entries)
-        all += line(entry, entry.uninstallString + u'|' + QString::number(entry.source));
+        all += line(entry, entry.uninstallString + u'|' + QString::number(entry.source) +
+                               entry.installLocation);
     return all;
 }
 
@@ -95,12 +96,6 @@ class TestInstalledSoftware : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void starterMayHaveIgnoredChildren()
-    {
-        static_cast<void>(std::signal(SIGCHLD, SIG_IGN));
-        QCOMPARE(linux_platform::runHelpers({{u"true"_s, {}}}, {})[0].error, QString());
-    }
-
     void init()
     {
         m_limits = {};
@@ -178,18 +173,15 @@ private Q_SLOTS:
             echo 'core  2        15   -         canonical**  base'
             echo 'a_b   1 beta   x1   -         -            -'
             echo 'cut   1')");
-        const auto entries = list();
-        QCOMPARE(m_error, QString());
-        QCOMPARE(lines(entries),
-                 QStringList({u"N\tn|1 b|o|1465|flatpak uninstall app/a.B/x86_64/stable|0"_s,
+        QCOMPARE(lines(list()).replaceInStrings(m_root->path(), u" in "_s),
+                 QStringList({u"N\tn|1 b|o|1465|flatpak uninstall app/a.B/x86_64/stable|0 in "
+                              "/var/lib/flatpak/app/a.B/x86_64/stable/active"_s,
                               u"x|1|o|1|flatpak uninstall runtime/x/i386/1|1"_s,
-                              u"n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2"_s,
-                              u"core|2|canonical|2|snap remove core|0"_s,
+                              u"n|v|o|1953125|flatpak uninstall --user app/a/i386/b|2 in "
+                              "/user/app/a/i386/b/active"_s,
+                              u"core|2|canonical|2|snap remove core|0 in /snap/core/current"_s,
                               u"a_b|1 beta||0|snap remove a_b|0"_s}));
-        QCOMPARE(entries[0].installLocation, path("var/lib/flatpak/app/a.B/x86_64/stable/active"));
-        QCOMPARE(entries[1].installLocation, QString());
-        QCOMPARE(entries[2].installLocation, path("user/app/a/i386/b/active"));
-        QCOMPARE(entries[3].installLocation, path("snap/core/current"));
+        QCOMPARE(m_error, QString());
     }
 
     void programMayFail_data() { test::addRows(failures); }
@@ -199,6 +191,7 @@ private Q_SLOTS:
         write("var/lib/snapd/state.json", "x");
         if (!body.isEmpty())
             writeProgram("snap", "echo $$ >$HOME/pid\n" + body);
+        static_cast<void>(std::signal(SIGCHLD, SIG_IGN)); // as who started the program may have
         // Only who is to be late gets little time: the machine may be busy.
         m_limits = {std::chrono::seconds(error == late ? 1 : 20), 99'999};
         const QDeadlineTimer deadline(30'000);

@@ -165,10 +165,9 @@ private Q_SLOTS:
 
     void init()
     {
+        QVERIFY(QDir().mkpath(u"/tmp/copies"_s) && QDir::setCurrent(u"/tmp/copies"_s));
         clear(homeTrash);
         qputenv("XDG_DATA_HOME", QFile::encodeName(home + "/data"_L1));
-        QVERIFY(QDir().mkpath(u"/tmp/copies"_s));
-        m_copies = UniqueFd(::open("/tmp/copies", O_RDONLY | O_CLOEXEC));
     }
 
     void cleanup() { QCOMPARE(removeTree(AT_FDCWD, "/tmp/copies"), 0); }
@@ -186,8 +185,6 @@ private Q_SLOTS:
             before[directory + u'/' + each] = describe(directory + u'/' + each);
         QCOMPARE(moved(before.keys()), u"yes: 已移到回收站 4 项"_s);
         checkTrash(trash);
-        QCOMPARE(QDir(trash + "/info"_L1).entryList(QDir::Files).size(), 4);
-        QVERIFY(shell("trash-list").contains(u' ' + directory + u'/' + names[0] + u'\n'));
 
         for (const auto& [path, described] : before.asKeyValueRange()) {
             QVERIFY(!QFileInfo(path).exists() && !QFileInfo(path).isSymLink());
@@ -315,7 +312,7 @@ private Q_SLOTS:
             for (;;)
                 ::utimensat(AT_FDCWD, "/tmp/changing", nullptr, 0);
         });
-        QCOMPARE(copyTree(AT_FDCWD, "/tmp/changing", m_copies.get(), "copy"), EBUSY);
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/changing", AT_FDCWD, "copy"), EBUSY);
         QCOMPARE(moved({changing}), kept(isInUse));
         QCOMPARE(QFileInfo(changing).size(), 100'000'000);
         checkTrash(homeTrash);
@@ -326,7 +323,7 @@ private Q_SLOTS:
     {
         const QString source = u"/tmp/source"_s;
         test::makeTree(source, u"same=1|grown=1|touched=1|open=1|leased=1|below/same=1|link>one"_s);
-        QCOMPARE(copyTree(AT_FDCWD, "/tmp/source", m_copies.get(), "copy"), 0);
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/source", AT_FDCWD, "copy"), 0);
         shell("cd $0; echo >>grown; echo >below/new; touch -d @1 touched; ln -sfn two link",
               {source});
         const UniqueFd open(::open("/tmp/source/open", O_RDONLY | O_CLOEXEC));
@@ -334,17 +331,16 @@ private Q_SLOTS:
         QCOMPARE(::fcntl(leased.get(), F_SETSIG, SIGURG), 0);
         QCOMPARE(::fcntl(leased.get(), F_SETLEASE, F_WRLCK), 0);
 
-        const RemovedOriginal removed =
-            removeOriginal(AT_FDCWD, "/tmp/source", m_copies.get(), "copy");
+        const RemovedOriginal removed = removeOriginal(AT_FDCWD, "/tmp/source", AT_FDCWD, "copy");
         QVERIFY(!removed.isGone && !removed.isUntouched);
         QCOMPARE(removed.error, EBUSY);
         QCOMPARE(shell("cd $0; find * ! -type d | sort | xargs", {source}),
                  u"below/new grown leased link open touched\n"_s);
 
-        QCOMPARE(copyTree(AT_FDCWD, "/tmp/source/grown", m_copies.get(), "grown"), 0);
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/source/grown", AT_FDCWD, "grown"), 0);
         {
             const test::FewDescriptors none(0);
-            QCOMPARE(removeOriginal(AT_FDCWD, "/tmp/source/grown", m_copies.get(), "grown").error,
+            QCOMPARE(removeOriginal(AT_FDCWD, "/tmp/source/grown", AT_FDCWD, "grown").error,
                      EMFILE);
         }
         QVERIFY(QFile::exists(source + "/grown"_L1));
@@ -404,7 +400,7 @@ private Q_SLOTS:
                                    {root});
         if (!made.isEmpty())
             QSKIP("no overlay here");
-        QCOMPARE(copyTree(AT_FDCWD, "/tmp/layers/all", m_copies.get(), "copy"), 0);
+        QCOMPARE(copyTree(AT_FDCWD, "/tmp/layers/all", AT_FDCWD, "copy"), 0);
         QCOMPARE(shell(describeCopy, {u"/tmp/copies/copy"_s}),
                  shell(describeCopy, {root + "/all"_L1}));
         QCOMPARE(shell("cd $0; umount all a b 2>&1", {root}), QString());
@@ -451,9 +447,6 @@ private Q_SLOTS:
             clear(source);
         }
     }
-
-private:
-    UniqueFd m_copies; ///< A directory for copies, /tmp/copies.
 };
 
 QTEST_GUILESS_MAIN(TestRecycleBin)
