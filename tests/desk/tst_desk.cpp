@@ -90,9 +90,7 @@ class DeskTest : public test::DeskSuite
 
     // clang-format off
     const test::Cases<Act, QByteArray, QByteArray, QByteArray> m_endings{
-        {"yes", [this] { yes(); }, "granted", "明确允许", "granted+"},
         {"yes, written first", [this] { watchDisk(), yes(); }, "granted", "明确允许", "granted+"},
-        {"no", [this] { no(); }, "refused", "明确拒绝", "refused+"},
         {"yes, then no", [this] { yes(), no(); }, "granted", "明确允许", "granted+"},
         {"another yes", [this] { m_desk->allow(m_id + 1), no(); }, "refused", "明确拒绝", "refused+"},
         {"yes in time", [this] { pass(120s - 1ms), yes(); }, "granted", "明确允许", "granted+"},

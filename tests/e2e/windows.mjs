@@ -88,12 +88,18 @@ test('every tool answers', async () => {
   assert.deepEqual(results.map(({ signature }) => signature), ['未签名', '未知']);
 });
 
-/** A person who waits until the answer may be given, and presses these keys. */
-async function press(...keys) {
-  await until('the question', question);
-  xdotool('windowfocus', '--sync', question().split('\n')[0]);
-  await sleep(3000);
-  keys.forEach((key) => xdotool('key', key));
+/** A person who waits until the answer may be given, and presses these keys; what is answered. */
+async function answered(call, keys) {
+  const press = async () => {
+    await until('the question', question);
+    xdotool('windowfocus', '--sync', question().split('\n')[0]);
+    await sleep(3000);
+    keys.forEach((key) => xdotool('key', key));
+    return call;
+  };
+  const answer = await Promise.race([call, press()]);
+  await until('its end', () => !question()); // Or its window would be taken for the next one's.
+  return answer;
 }
 const [allow, refuse] = [['shift+Tab', 'Return'], ['Return']];
 
@@ -102,15 +108,15 @@ test('a person answers', async () => {
   await until('the desk', () => xdotool('search', '--onlyvisible', '--name', '^Korvane'));
   for (const [keys, isGranted] of [[refuse, false], [allow, true]]) {
     const pid = await startVictim();
-    const answer = session.answer('kill_process', { pid, reason: '测试' });
-    const { isError, text } = await Promise.race([answer, press(...keys).then(() => answer)]);
+    const call = session.answer('kill_process', { pid, reason: '测试' });
+    const { isError, text } = await answered(call, keys);
     assert.equal(isError, !isGranted, text);
     assert.equal((await session.listProcesses()).has(pid), !isGranted);
   }
   writeFileSync(join(caches, 'wheel'), 'x'.repeat(5000));
   for (const [keys, isGranted] of [[refuse, false], [allow, true]]) {
-    const answer = session.answer('clean_junk', { category_ids: ['pip_cache'], reason: '测试' });
-    const { isError, text } = await Promise.race([answer, press(...keys).then(() => answer)]);
+    const call = session.answer('clean_junk', { category_ids: ['pip_cache'], reason: '测试' });
+    const { isError, text } = await answered(call, keys);
     assert.equal(isError, !isGranted, text);
     assert.deepEqual(readdirSync(caches), isGranted ? [] : ['wheel']);
   }

@@ -82,14 +82,6 @@ public:
     }
     bool isRunning() const { return isRunning(m_pid); }
 
-    /// Ends the child, which stays a zombie.
-    void end() const
-    {
-        siginfo_t info;
-        ::kill(m_pid, SIGKILL);
-        ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT);
-    }
-
     /// Waits for the child to end by itself; its exit code, or -1 where it was killed.
     int wait()
     {
@@ -104,8 +96,7 @@ public:
         if (m_pid <= 0)
             return;
         ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
+        wait();
     }
 
 private:

@@ -210,8 +210,6 @@ stop c-slow|+服务已停止|static inactive
 auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-far.service, c-mate.service\
     (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
 enable -q c-far|-|enabled inactive
-auto c-also|-设置启动类型失败: 启用它会同时改变其他单元: c-mate.service\
-    (可由用户自行运行 systemctl enable c-also.service)|disabled inactive
 enable -q c-mate|-|enabled inactive
 enable c-also|+启动类型已改为自动|enabled inactive
 manual c-also|-设置启动类型失败: 禁用它会同时改变其他单元: c-far.service, c-mate.service\
